@@ -1,0 +1,51 @@
+#include "calvane/graph/Sink.h"
+
+#include "quarn/core/Logger.h"
+#include "quarn/osa/Exception.h"
+
+namespace quarn::calvane {
+
+class Sink::SinkImpl {
+public:
+    explicit SinkImpl(IBufferHandler* handler) : bufferHandler(handler) {}
+
+    IBufferHandler* const bufferHandler;
+    IFormatHandler* formatHandler = nullptr;
+    BufferFormat format;
+};
+
+Sink::Sink(IBufferHandler* handler) : impl_(std::make_unique<SinkImpl>(handler)) {}
+
+Sink::~Sink() = default;
+
+void Sink::SetFormatHandler(IFormatHandler* handler) {
+    if (impl_->formatHandler != nullptr) {
+        throw osa::Exception("Can't switch FormatHandlers after one has already been specified");
+    }
+    impl_->formatHandler = handler;
+}
+
+void Sink::PushBuffer(Buffer* buffer) const {
+    if (impl_->bufferHandler != nullptr) {
+        impl_->bufferHandler->OnBuffer(this, buffer);
+        return;
+    }
+    const std::unique_ptr<Buffer> unwanted(buffer);
+    core::Logger::GetLogger("Sink")->Warning("Received a buffer but no listener was attached!");
+}
+
+void Sink::PushFormat(const BufferFormat& format) const {
+    if (impl_->formatHandler != nullptr) {
+        impl_->formatHandler->OnNewFormat(this, format);
+    }
+}
+
+const BufferFormat& Sink::GetFormat() const {
+    return impl_->format;
+}
+
+void Sink::SetFormat(const BufferFormat& format) {
+    impl_->format = format;
+}
+
+} // namespace quarn::calvane

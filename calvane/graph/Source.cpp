@@ -1,0 +1,89 @@
+#include "calvane/graph/Source.h"
+
+#include <algorithm>
+#include <vector>
+
+#include "quarn/osa/Exception.h"
+#include "quarn/osa/MutexAutoLock.h"
+
+namespace quarn::calvane {
+
+class Source::SourceImpl {
+public:
+    /// Call with the lock held.
+    bool IsConnectedTo(const Sink* sink) const {
+        return std::find(sinks.begin(), sinks.end(), sink) != sinks.end();
+    }
+
+    mutable osa::Mutex lock;
+    std::vector<Sink*> sinks; // In connection order.
+    BufferFormat format;
+};
+
+namespace {
+
+void AssertCompatible(const Sink& sink, const BufferFormat& format) {
+    if (!sink.GetFormat().IsCompatibleWith(format)) {
+        throw osa::Exception("Incompatible formats");
+    }
+}
+
+} // namespace
+
+Source::Source() : impl_(std::make_unique<SourceImpl>()) {}
+
+Source::~Source() = default;
+
+void Source::ConnectTo(Sink* sink) {
+    if (sink == nullptr) {
+        throw osa::Exception("A source cannot be connected to no sink (null)");
+    }
+    const osa::MutexAutoLock lock(impl_->lock);
+    if (impl_->IsConnectedTo(sink)) {
+        return;
+    }
+    AssertCompatible(*sink, impl_->format);
+    impl_->sinks.push_back(sink);
+    try {
+        sink->PushFormat(impl_->format);
+    } catch (...) {
+        impl_->sinks.pop_back();
+        throw;
+    }
+}
+
+bool Source::Disconnect(const Sink* sink) {
+    const osa::MutexAutoLock lock(impl_->lock);
+    const auto end = std::remove(impl_->sinks.begin(), impl_->sinks.end(), sink);
+    const bool connected = end != impl_->sinks.end();
+    impl_->sinks.erase(end, impl_->sinks.end());
+    return connected;
+}
+
+void Source::PushBuffer(Buffer* buffer) {
+    std::unique_ptr<Buffer> owned(buffer);
+    const osa::MutexAutoLock lock(impl_->lock);
+    if (impl_->sinks.empty()) {
+        return;
+    }
+    const auto last = impl_->sinks.end() - 1;
+    for (auto sink = impl_->sinks.begin(); sink != last; ++sink) {
+        (*sink)->PushBuffer(owned->Duplicate());
+    }
+    (*last)->PushBuffer(owned.release());
+}
+
+void Source::SetFormat(const BufferFormat& newFormat) {
+    const osa::MutexAutoLock lock(impl_->lock);
+    for (const Sink* sink : impl_->sinks) {
+        AssertCompatible(*sink, newFormat);
+        sink->PushFormat(newFormat);
+    }
+    impl_->format = newFormat;
+}
+
+const BufferFormat& Source::GetFormat() const {
+    return impl_->format;
+}
+
+} // namespace quarn::calvane
