@@ -1,0 +1,247 @@
+#include "calvane/config/DescriptionCheck.h"
+
+#include <dlfcn.h>
+#include <link.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cstdlib>
+#include <map>
+#include <memory>
+#include <new>
+#include <set>
+
+#include "calvane/config/DescriptionKeys.h"
+#include "calvane/config/NearestNameImpl.h"
+#include "calvane/config/PluginManager.h"
+#include "quarn/core/IniFile.h"
+#include "quarn/core/StringUtil.h"
+
+namespace quarn::calvane {
+
+namespace {
+
+using core::StringUtil;
+
+std::string Quote(const std::string& text) {
+    return '"' + text + '"';
+}
+
+bool IsReadable(const std::string& path) {
+    return access(path.c_str(), R_OK) == 0;
+}
+
+// The folders in which the dynamic linker looks for a bare name.
+std::vector<std::string> LinkerFolders() {
+    const std::unique_ptr<void, int (*)(void*)> program(dlopen(nullptr, RTLD_LAZY), &dlclose);
+    Dl_serinfo size{};
+    if (!program || dlinfo(program.get(), RTLD_DI_SERINFOSIZE, &size) != 0) {
+        return {};
+    }
+    const std::unique_ptr<void, void (*)(void*)> memory(std::malloc(size.dls_size), &std::free);
+    if (!memory) {
+        return {};
+    }
+    auto* const info = new (memory.get()) Dl_serinfo(size);
+    if (dlinfo(program.get(), RTLD_DI_SERINFOSIZE, info) != 0 ||
+        dlinfo(program.get(), RTLD_DI_SERINFO, info) != 0) {
+        return {};
+    }
+    std::vector<std::string> folders;
+    for (unsigned int i = 0; i != info->dls_cnt; ++i) {
+        folders.emplace_back(info->dls_serpath[i].dls_name);
+    }
+    return folders;
+}
+
+bool ModuleExists(const std::string& module) {
+    if (module.find('/') != std::string::npos) {
+        return IsReadable(module);
+    }
+    const std::vector<std::string> folders = LinkerFolders();
+    return std::any_of(folders.begin(), folders.end(),
+                       [&module](const std::string& folder) { return IsReadable(folder + "/" + module); });
+}
+
+/// Walks a description once and collects what it finds.
+class Checker {
+public:
+    explicit Checker(const core::IniFile& ini) : ini_(ini) {}
+
+    std::vector<DescriptionFinding> Check() {
+        used_.insert(keys::kFrameworkGroup);
+        if (!ini_.HasGroup(keys::kFrameworkGroup)) {
+            Add(0, true, keys::kFrameworkGroup, "", "Missing group [calvane]");
+        } else {
+            WarnAboutUnknownKeys(keys::kFrameworkGroup, {keys::kPipelines}, "");
+            for (const std::string& pipeline : ReadNames(keys::kFrameworkGroup, keys::kPipelines, true)) {
+                CheckPipeline(pipeline);
+            }
+        }
+        for (const std::string& group : ini_.GetGroups()) {
+            if (used_.count(group) == 0) {
+                Warn(group, "", "Nothing refers to this group");
+            }
+        }
+        std::stable_sort(findings_.begin(), findings_.end(),
+                         [](const auto& a, const auto& b) { return a.line < b.line; });
+        return findings_;
+    }
+
+private:
+    void CheckPipeline(const std::string& pipeline) {
+        if (!pipelines_.insert(pipeline).second) {
+            Complain(keys::kFrameworkGroup, keys::kPipelines, "Pipeline " + pipeline + " is named twice");
+            return;
+        }
+        if (!RequireGroup(pipeline, keys::kFrameworkGroup, keys::kPipelines, "pipeline")) {
+            return;
+        }
+        WarnAboutUnknownKeys(pipeline, {keys::kHead, keys::kThreadStackBytes, keys::kThreadPriority}, "");
+        CheckNumber<unsigned int>(pipeline, keys::kThreadStackBytes);
+        CheckNumber<signed char>(pipeline, keys::kThreadPriority);
+        const std::string head = ini_.GetValueOrDefault(pipeline, keys::kHead);
+        if (head.empty()) {
+            Complain(pipeline, keys::kHead,
+                     std::string("Missing ") + keys::kHead + " setting in " + pipeline + " group");
+            return;
+        }
+        const auto [other, isNew] = heads_.emplace(head, pipeline);
+        if (!isNew) {
+            Warn(pipeline, keys::kHead,
+                 "Plugin " + head + " also heads pipeline " + other->second + ": two threads would drive it");
+        }
+        CheckPlugin(head, pipeline, keys::kHead);
+    }
+
+    // Each plugin once; one that is met again on the way to itself closes a cycle.
+    void CheckPlugin(const std::string& plugin, const std::string& fromGroup, const std::string& fromKey) {
+        const auto onPath = std::find(path_.begin(), path_.end(), plugin);
+        if (onPath != path_.end()) {
+            std::string way;
+            for (auto step = onPath; step != path_.end(); ++step) {
+                way += *step + " -> ";
+            }
+            Complain(fromGroup, fromKey, "Plugin " + plugin + " is its own successor: " + way + plugin);
+            return;
+        }
+        if (!RequireGroup(plugin, fromGroup, fromKey, "plugin") || !plugins_.insert(plugin).second) {
+            return;
+        }
+        CheckType(plugin);
+        WarnAboutUnknownKeys(plugin, {keys::kPluginType, keys::kPluginModule, keys::kNext},
+                             keys::kFrameworkPrefix);
+        path_.push_back(plugin);
+        for (const auto& entry : ini_[plugin]) {
+            if (entry.first == keys::kNext || StringUtil::StartsWith(entry.first, keys::kNextPrefix)) {
+                for (const std::string& successor : ReadNames(plugin, entry.first, false)) {
+                    CheckPlugin(successor, plugin, entry.first);
+                }
+            }
+        }
+        path_.pop_back();
+    }
+
+    void CheckType(const std::string& plugin) {
+        const std::string type = ini_.GetValueOrDefault(plugin, keys::kPluginType);
+        const std::string module = ini_.GetValueOrDefault(plugin, keys::kPluginModule);
+        if (type.empty()) {
+            Complain(plugin, keys::kPluginType,
+                     std::string("Missing ") + keys::kPluginType + " setting for plugin " + plugin);
+        } else if (module.empty()) {
+            const std::vector<std::string> types = PluginManager::GetBuiltinTypes();
+            if (std::find(types.begin(), types.end(), type) == types.end()) {
+                Complain(plugin, keys::kPluginType,
+                         "No registered plugin with type " + type + SuggestName(type, types));
+            }
+        }
+        if (!module.empty() && !ModuleExists(module)) {
+            Complain(plugin, keys::kPluginModule, "Module " + Quote(module) + " cannot be found");
+        }
+    }
+
+    template <typename Number>
+    void CheckNumber(const std::string& pipeline, const char* key) {
+        Number number{};
+        if (ini_.HasValue(pipeline, key) && !StringUtil::TryParse(ini_.GetValue(pipeline, key), number)) {
+            Complain(pipeline, key,
+                     "Invalid value of " + Quote(ini_.GetValue(pipeline, key)) + " for setting " + key +
+                         " in pipeline " + pipeline);
+        }
+    }
+
+    /// The names that a value lists. Empty ones are complained about and left out.
+    std::vector<std::string> ReadNames(const std::string& group, const std::string& key, bool required) {
+        const std::string value = ini_.GetValueOrDefault(group, key);
+        if (value.empty()) {
+            if (required) {
+                Complain(group, key, "Missing " + key + " setting in " + group + " group");
+            }
+            return {};
+        }
+        std::vector<std::string> names = StringUtil::Split(value, ',');
+        const auto end = std::remove(names.begin(), names.end(), std::string());
+        if (end != names.end()) {
+            Complain(group, key, "A name is missing between the commas of " + Quote(value));
+            names.erase(end, names.end());
+        }
+        return names;
+    }
+
+    bool RequireGroup(const std::string& group, const std::string& fromGroup, const std::string& fromKey,
+                      const char* kind) {
+        used_.insert(group);
+        if (ini_.HasGroup(group)) {
+            return true;
+        }
+        Complain(fromGroup, fromKey,
+                 std::string("Missing configuration group for ") + kind + " " + group +
+                     SuggestName(group, ini_.GetGroups()));
+        return false;
+    }
+
+    // Keys of `group` that start with `prefix` and are none of `known`.
+    void WarnAboutUnknownKeys(const std::string& group, const std::vector<std::string>& known,
+                              const std::string& prefix) {
+        for (const auto& entry : ini_[group]) {
+            const std::string& key = entry.first;
+            const bool isKnown = std::find(known.begin(), known.end(), key) != known.end() ||
+                                 (!prefix.empty() && StringUtil::StartsWith(key, keys::kNextPrefix));
+            if (!isKnown && StringUtil::StartsWith(key, prefix)) {
+                Warn(group, key, "Setting " + key + " is unknown" + SuggestName(key, known));
+            }
+        }
+    }
+
+    void Complain(const std::string& group, const std::string& key, const std::string& text) {
+        Add(LineOf(group, key), true, group, key, text);
+    }
+    void Warn(const std::string& group, const std::string& key, const std::string& text) {
+        Add(LineOf(group, key), false, group, key, text);
+    }
+    void Add(unsigned int line, bool isError, const std::string& group, const std::string& key,
+             const std::string& text) {
+        findings_.push_back({line, isError, group, key, text});
+    }
+
+    unsigned int LineOf(const std::string& group, const std::string& key) const {
+        const unsigned int line = ini_.GetKeyLine(group, key);
+        return line != 0 ? line : ini_.GetGroupLine(group);
+    }
+
+    const core::IniFile& ini_;
+    std::vector<DescriptionFinding> findings_;
+    std::set<std::string> used_;
+    std::set<std::string> pipelines_;
+    std::set<std::string> plugins_;
+    std::map<std::string, std::string> heads_; // The head's name, then the first pipeline that names it.
+    std::vector<std::string> path_;
+};
+
+} // namespace
+
+std::vector<DescriptionFinding> CheckDescription(const core::IniFile& ini) {
+    return Checker(ini).Check();
+}
+
+} // namespace quarn::calvane

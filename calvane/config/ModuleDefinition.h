@@ -1,0 +1,31 @@
+#pragma once
+
+#include <cstdint>
+
+#include "calvane/Export.h"
+#include "calvane/config/IPluginConfiguration.h"
+#include "calvane/runtime/CalvaneEnv.h"
+
+/// The version of the framework that a module was built against, as the module exports it. The layout is part
+/// of the binary interface.
+struct CalvaneModuleDefinition {
+    std::uint16_t major;
+    std::uint16_t minor;
+    std::uint16_t patch;
+};
+
+/// Stands once in every module.
+#define CALVANE_DEFINE_MODULE()                                                                       \
+    extern "C" [[gnu::visibility("default")]] const CalvaneModuleDefinition gCalvaneModuleDefinition; \
+    const CalvaneModuleDefinition gCalvaneModuleDefinition = {                                        \
+        quarn::calvane::kVersionMajor, quarn::calvane::kVersionMinor, quarn::calvane::kVersionPatch}
+
+/// Exports a plugin type of a module under the name of its class, which must have a constructor that takes
+/// `CalvaneEnv*` and `const IPluginConfiguration&`. Stands outside any namespace; `Class` is the bare name,
+/// `Scope` what comes before it, for example `CALVANE_EXPORT_PLUGIN(maker::, Brighten)`.
+#define CALVANE_EXPORT_PLUGIN(Scope, Class)                                                                 \
+    extern "C" [[gnu::visibility("default")]] quarn::calvane::PipelinePlugin* CalvaneCreatePlugin__##Class( \
+        quarn::calvane::CalvaneEnv* env, const quarn::calvane::IPluginConfiguration& config) {              \
+        return new Scope Class(env, config);                                                                \
+    }                                                                                                       \
+    static_assert(true, "")
