@@ -1,0 +1,17 @@
+#pragma once
+
+#include <string>
+
+#include "calvane/Export.h"
+
+namespace quarn::calvane {
+
+/// Is told of failures that end a pipeline or a plugin's thread.
+class CALVANE_API IPipelineReporter {
+public:
+    /// `pipelineName`: the pipeline, or the plugin whose own thread failed. Called from any thread.
+    virtual void ReportFailure(const std::string& pipelineName, const std::string& message) = 0;
+    virtual ~IPipelineReporter() = default;
+};
+
+} // namespace quarn::calvane

@@ -1,0 +1,231 @@
+#include "calvane/runtime/PipelineManager.h"
+
+#include <algorithm>
+#include <exception>
+#include <list>
+#include <set>
+
+#include "calvane/config/DescriptionKeys.h"
+#include "calvane/config/PipelineLoader.h"
+#include "calvane/config/PluginManager.h"
+#include "calvane/graph/SettingException.h"
+#include "calvane/runtime/IPipelineReporter.h"
+#include "calvane/runtime/PipelineRunnerImpl.h"
+#include "quarn/core/IniFile.h"
+#include "quarn/core/Logger.h"
+#include "quarn/core/StringUtil.h"
+#include "quarn/osa/Exception.h"
+#include "quarn/osa/MutexAutoLock.h"
+
+namespace quarn::calvane {
+
+class PipelineManager::PipelineManagerImpl : public IPipelineReporter {
+public:
+    PipelineManagerImpl() : factory_(new PluginManager(this, false)), ownsFactory_(true) {}
+    PipelineManagerImpl(IPluginFactory* factory, bool ownsFactory)
+        : factory_(factory), ownsFactory_(ownsFactory) {}
+    PipelineManagerImpl(const PipelineManagerImpl&) = delete;
+    PipelineManagerImpl& operator=(const PipelineManagerImpl&) = delete;
+
+    void ReportFailure(const std::string& pipelineName, const std::string& message) override {
+        const osa::MutexAutoLock lock(lock_);
+        const std::string text = pipelineName + " shut down with fatal error: " + message;
+        logger_->Error("Initiating shutdown: %s", text.c_str());
+        failures_.push_back(text);
+        StopUnlocked();
+    }
+
+    ~PipelineManagerImpl() override {
+        try {
+            Stop();
+        } catch (const std::exception& error) {
+            LogDiscarded(error.what());
+        } catch (...) {
+            LogDiscarded("unknown error");
+        }
+        FreePipelines();
+        if (ownsFactory_) {
+            delete factory_;
+        }
+    }
+
+    void ConfigureFromIniFile(const core::IniFile& ini) {
+        const std::vector<std::string> names = ReadPipelineNames(ini);
+        logger_->Debug("Loading %u pipelines", static_cast<unsigned int>(names.size()));
+        DropRemainsOfFailedLoad(names);
+        PipelineLoader loader(factory_);
+        const size_t before = pipelines_.size();
+        try {
+            for (const std::string& name : names) {
+                pipelines_.push_back(std::make_unique<PipelineHead>(name, this, loader, ini));
+            }
+        } catch (...) {
+            for (auto head = std::next(pipelines_.begin(), static_cast<std::ptrdiff_t>(before));
+                 head != pipelines_.end(); ++head) {
+                remainsOfFailedLoad_.insert((*head)->GetName());
+            }
+            throw;
+        }
+    }
+
+    void PipelinesConstructed() {
+        for (const auto& head : pipelines_) {
+            head->PipelinesConstructed();
+        }
+    }
+
+    void Start() {
+        const osa::MutexAutoLock lock(lock_);
+        remainsOfFailedLoad_.clear();
+        for (const auto& head : pipelines_) {
+            head->Start();
+        }
+    }
+
+    void Stop() {
+        StopUnlocked();
+        WaitForFinish();
+    }
+
+    void StopUnlocked() {
+        for (const auto& head : pipelines_) {
+            head->Stop();
+        }
+    }
+
+    void WaitForFinish() {
+        for (const auto& head : pipelines_) {
+            head->Wait();
+        }
+        // Threads of plugins may still report.
+        const osa::MutexAutoLock lock(lock_);
+        if (!failures_.empty()) {
+            throw osa::Exception(failures_.front());
+        }
+    }
+
+    void Drain() {
+        for (const auto& head : pipelines_) {
+            head->Drain();
+        }
+    }
+
+    bool IsRunning() const {
+        return std::any_of(pipelines_.begin(), pipelines_.end(),
+                           [](const auto& head) { return head->IsRunning(); });
+    }
+
+    std::vector<PipelineStatus> GetStatus() const {
+        std::vector<PipelineStatus> all;
+        for (const auto& head : pipelines_) {
+            all.push_back(head->GetStatus());
+        }
+        return all;
+    }
+
+private:
+    static std::vector<std::string> ReadPipelineNames(const core::IniFile& ini) {
+        if (!ini.HasValue(keys::kFrameworkGroup, keys::kPipelines)) {
+            throw SettingException(keys::kFrameworkGroup, keys::kPipelines,
+                                   std::string("Missing ") + keys::kPipelines + " setting in " +
+                                       keys::kFrameworkGroup + " group");
+        }
+        std::vector<std::string> names =
+            core::StringUtil::Split(ini.GetValue(keys::kFrameworkGroup, keys::kPipelines), ',');
+        // Twice the same would be two threads in one generator.
+        std::set<std::string> seen;
+        for (const std::string& name : names) {
+            if (!seen.insert(name).second) {
+                throw SettingException(keys::kFrameworkGroup, keys::kPipelines,
+                                       "Pipeline " + name + " is named twice");
+            }
+        }
+        return names;
+    }
+
+    void DropRemainsOfFailedLoad(const std::vector<std::string>& names) {
+        for (const std::string& name : names) {
+            if (remainsOfFailedLoad_.erase(name) != 0) {
+                pipelines_.remove_if([&name](const auto& head) { return head->GetName() == name; });
+            }
+        }
+    }
+
+    void FreePipelines() {
+        // Taken out first: threads of plugins report failures, which walk the list, until their plugins go.
+        std::list<std::unique_ptr<PipelineHead>> released;
+        {
+            const osa::MutexAutoLock lock(lock_);
+            released.swap(pipelines_);
+        }
+        while (!released.empty()) {
+            released.pop_front();
+        }
+    }
+
+    void LogDiscarded(const char* text) const {
+        logger_->Error("~PipelineManagerImpl: discarding exception from Stop(): %s", text);
+    }
+
+    core::Logger* const logger_ = core::Logger::GetLogger("PipelineManager");
+    IPluginFactory* const factory_;
+    const bool ownsFactory_;
+    std::list<std::unique_ptr<PipelineHead>> pipelines_; // Changed only while loading, and at the end.
+    std::set<std::string> remainsOfFailedLoad_;
+
+    osa::Mutex lock_;
+    std::list<std::string> failures_; // In the order reported, never cleared.
+};
+
+PipelineManager::PipelineManager() : impl_(std::make_unique<PipelineManagerImpl>()) {}
+
+PipelineManager::PipelineManager(IPluginFactory* factory, bool ownsFactory)
+    : impl_(std::make_unique<PipelineManagerImpl>(factory, ownsFactory)) {}
+
+PipelineManager::~PipelineManager() = default;
+
+void PipelineManager::LoadFromIniFile(const core::IniFile& ini) {
+    impl_->ConfigureFromIniFile(ini);
+}
+
+void PipelineManager::PipelinesConstructed() {
+    impl_->PipelinesConstructed();
+}
+
+void PipelineManager::Start() {
+    impl_->Start();
+}
+
+void PipelineManager::Stop() {
+    impl_->Stop();
+}
+
+void PipelineManager::SignalShutdown() {
+    impl_->StopUnlocked();
+}
+
+void PipelineManager::WaitForFinish() {
+    impl_->WaitForFinish();
+}
+
+void PipelineManager::Drain() {
+    impl_->Drain();
+}
+
+bool PipelineManager::IsRunning() const {
+    return impl_->IsRunning();
+}
+
+std::vector<PipelineStatus> PipelineManager::GetStatus() const {
+    return impl_->GetStatus();
+}
+
+void PipelineManager::ReportFailure(const std::string& pipelineName, const std::string& message) {
+    impl_->ReportFailure(pipelineName, message);
+}
+
+IPipelineReporter* PipelineManager::GetReporter() {
+    return impl_.get();
+}
+
+} // namespace quarn::calvane
