@@ -1,0 +1,103 @@
+#include "calvane/plugins/FileSink.h"
+
+#include <cerrno>
+#include <memory>
+
+#include "calvane/config/IPluginConfiguration.h"
+#include "calvane/config/PluginManager.h"
+#include "calvane/graph/SettingException.h"
+#include "quarn/core/Logger.h"
+#include "quarn/core/StringUtil.h"
+#include "quarn/osa/Exception.h"
+#include "quarn/osa/FormatText.h"
+
+namespace quarn::calvane {
+
+namespace {
+
+const char* const kFileNameKey = "filename";
+const char* const kOpenModeKey = "openmode";
+
+std::ios_base::openmode ReadOpenMode(const IPluginConfiguration& config) {
+    try {
+        return FileSink::ParseOpenMode(config.GetStringOrDefault(kOpenModeKey, "truncate"));
+    } catch (const osa::Exception& error) {
+        throw SettingException(config.GetPluginName(), kOpenModeKey, error.what());
+    }
+}
+
+PipelinePlugin* CreateFileSink(CalvaneEnv*, const IPluginConfiguration& config) {
+    return new FileSink(config);
+}
+
+const PluginManager::PluginAutoRegister kRegistration("FileSink", &CreateFileSink);
+
+} // namespace
+
+FileSink::FileSink(const IPluginConfiguration& config)
+    : BasicSinkPlugin(config),
+      fileName_(config.GetStringOrDefault(kFileNameKey, "")),
+      openMode_(ReadOpenMode(config)),
+      startCount_(config.GetIntOrDefault("start.count", 0)),
+      endCount_(config.GetIntOrDefault("end.count", 0)) {
+    if (fileName_.empty()) {
+        ErrorInSetting(kFileNameKey, std::string("You must provide a valid setting for ") + kFileNameKey);
+    }
+    stream_.rdbuf()->pubsetbuf(nullptr, 0); // What is kept in this process is lost with it, and unnoticed.
+}
+
+FileSink::~FileSink() = default;
+
+void FileSink::OnBuffer(const Sink*, Buffer* buffer) {
+    const std::unique_ptr<Buffer> owned(buffer);
+    if (IsInRange()) {
+        Write(*owned);
+    }
+}
+
+std::ios_base::openmode FileSink::ParseOpenMode(const std::string& mode) {
+    const std::string lower = core::StringUtil::ToLower(mode);
+    if (lower == "truncate") {
+        return std::ios_base::out | std::ios_base::trunc | std::ios_base::binary;
+    }
+    if (lower == "append") {
+        return std::ios_base::out | std::ios_base::app | std::ios_base::binary;
+    }
+    throw osa::Exception("Invalid openmode: " + mode);
+}
+
+// Counts the buffer. Both bounds are exclusive, and equal bounds mean no range.
+bool FileSink::IsInRange() {
+    ++bufferCount_;
+    if (startCount_ == endCount_ || (startCount_ < bufferCount_ && bufferCount_ < endCount_)) {
+        return true;
+    }
+    if (bufferCount_ > endCount_ && stream_.is_open()) {
+        stream_.close();
+    }
+    return false;
+}
+
+void FileSink::Write(const Buffer& buffer) {
+    OpenUnlessOpen();
+    stream_.write(reinterpret_cast<const char*>(buffer.GetData()), buffer.GetLength());
+    if (!stream_) {
+        logger->Error("Writing %u bytes to %s failed: %s", buffer.GetLength(), fileName_.c_str(),
+                      osa::ErrnoText(errno).c_str());
+        stream_.clear();
+        throw osa::Exception("Failed to write file " + fileName_);
+    }
+}
+
+void FileSink::OpenUnlessOpen() {
+    if (!stream_.is_open()) {
+        logger->Information("Opening file %s", fileName_.c_str());
+        stream_.clear();
+        stream_.open(fileName_, openMode_);
+    }
+    if (!stream_) {
+        throw osa::Exception("Failed to open file " + fileName_);
+    }
+}
+
+} // namespace quarn::calvane

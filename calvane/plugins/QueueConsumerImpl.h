@@ -1,0 +1,78 @@
+#pragma once
+
+#include <atomic>
+#include <memory>
+#include <string>
+
+#include "calvane/buffer/Buffer.h"
+#include "calvane/graph/Source.h"
+#include "quarn/osa/Mutex.h"
+#include "quarn/osa/Semaphore.h"
+#include "quarn/osa/tMsgQueue.h"
+
+namespace quarn::core {
+class Logger;
+}
+
+namespace quarn::calvane {
+
+class IPipelineReporter;
+
+/// All that the thread of a queue plugin touches, so that it can outlive the plugin.
+///
+/// Threads:   Run on the thread itself; Accept from producers; the rest from the plugin's owner.
+/// Ownership: shared by the plugin and its thread. Buffers in the queue belong to it.
+class QueueConsumer {
+public:
+    /// `reporter` may be null.
+    QueueConsumer(std::string name, unsigned short queueLength, bool logTimeouts, core::Logger* logger,
+                  IPipelineReporter* reporter, std::shared_ptr<Source> source);
+    QueueConsumer(const QueueConsumer&) = delete;
+    QueueConsumer& operator=(const QueueConsumer&) = delete;
+
+    /// Before the thread starts.
+    void SetMonitorEntry(bool* entry) { monitorEntry_ = entry; }
+    const char* GetName() const { return name_.c_str(); }
+
+    /// Open while the thread takes buffers; a producer holds it while it hands one over.
+    osa::Semaphore& Gate() { return gate_; }
+    /// Queues `buffer`, which belongs to the queue if this does not throw. With the gate held.
+    void Accept(Buffer* buffer);
+
+    /// The thread's body.
+    void Run();
+
+    /// Tells the thread to end behind the buffers that are queued. Throws when the queue is full.
+    void SendStop() { queue_.SendMsg(nullptr); }
+    /// For a plugin that goes without having joined the thread: deletes what is queued and sees to it that
+    /// nothing is pushed, reported or kicked any more.
+    void Abandon();
+    /// Waits until every accepted buffer has been pushed or deleted.
+    void WaitUntilHandled() const;
+
+private:
+    Buffer* RetrieveNextBuffer();
+    bool Push(std::unique_ptr<Buffer> buffer);
+    void Report(const char* failure);
+    void ClearBuffers();
+    void KickMonitor();
+
+    const std::string name_;
+    const bool logTimeouts_;
+    core::Logger* const logger_;
+    const std::shared_ptr<Source> source_;
+    osa::Semaphore gate_{"QueueSem", 0, 1};
+    osa::Semaphore entered_{"QueueEntered", 0, 1};
+    osa::tMsgQueue<Buffer*> queue_;
+
+    osa::Mutex pushLock_{"QueuePush"}; // Held while anything outside this object is called.
+    IPipelineReporter* reporter_;
+    bool* monitorEntry_ = nullptr;
+    std::atomic<bool> abandoned_{false};
+
+    // Each written by one thread at a time: no atomic addition is needed.
+    std::atomic<unsigned int> accepted_{0};
+    std::atomic<unsigned int> handled_{0};
+};
+
+} // namespace quarn::calvane
