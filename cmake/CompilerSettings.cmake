@@ -1,0 +1,28 @@
+# Settings of every target of this build. A consumer of the installed libraries gets none of them.
+
+set(CMAKE_CXX_STANDARD 17)
+set(CMAKE_CXX_STANDARD_REQUIRED ON)
+set(CMAKE_CXX_EXTENSIONS OFF)
+set(CMAKE_CXX_VISIBILITY_PRESET hidden)
+set(CMAKE_VISIBILITY_INLINES_HIDDEN ON)
+set(CMAKE_POSITION_INDEPENDENT_CODE ON)
+
+# 64-bit file offsets and times on 32-bit targets too: without this a write at 5 GiB lands at 1 GiB.
+add_compile_definitions(_FILE_OFFSET_BITS=64 _TIME_BITS=64)
+
+add_compile_options(-Wall -Wextra -Wpedantic -Wshadow -Wconversion -Wsign-conversion
+                    -Wnon-virtual-dtor -Woverloaded-virtual -Wformat=2 -Wundef)
+if(CALVANE_WERROR)
+  add_compile_options(-Werror)
+endif()
+
+if(CALVANE_SANITIZE)
+  add_compile_options(-fsanitize=${CALVANE_SANITIZE} -fno-omit-frame-pointer -O1)
+  add_link_options(-fsanitize=${CALVANE_SANITIZE})
+  if(CALVANE_SANITIZE MATCHES "undefined")
+    add_compile_options(-fno-sanitize-recover=undefined)
+  endif()
+else()
+  # A library with an undefined symbol fails here and not when a device loads it.
+  add_link_options(LINKER:--no-undefined LINKER:--as-needed)
+endif()
