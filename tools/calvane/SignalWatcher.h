@@ -12,7 +12,7 @@ namespace calvane_program {
 ///
 /// Lifetime: make it before any other thread, since threads inherit which signals they leave to it. It
 ///           watches from Watch to End; what comes before Watch waits until then.
-class SignalWatcher : private quarn::osa::Runnable {
+class SignalWatcher final : private quarn::osa::Runnable {
 public:
     SignalWatcher();
     ~SignalWatcher() override;
