@@ -163,9 +163,7 @@ void LogRegistryImpl::Write(const std::string& logger, LogLevel level, const std
     }
     try {
         target_->log(spdlog::details::log_msg(logger, ToSpdlog(level), text));
-        if (level <= LogLevel::Warning) {
-            target_->flush();
-        }
+        target_->flush(); // Whoever follows the file sees each line, and a crash loses none.
         failed_ = false;
     } catch (const std::exception& failure) {
         ReportFailureUnlocked(failure.what());

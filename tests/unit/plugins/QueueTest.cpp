@@ -9,6 +9,7 @@
 #include "quarn/osa/Semaphore.h"
 #include "quarn/osa/Thread.h"
 #include "support/TestPlugins.h"
+#include "support/WaitUntil.h"
 
 using namespace quarn::calvane;
 using quarn::core::LogCapture;
@@ -146,9 +147,7 @@ TEST_F(QueuePluginTest, LeavesItsThreadBehindWhenItIsFullAndPushesNothingAnyMore
     queue.reset(); // Returns although the sink does not.
     EXPECT_EQ(1U, log.Count("Failed to shut down listener thread"));
     go.Release();
-    while (!log.Contains("QueuePlugin thread terminating")) {
-        quarn::osa::Thread::CurrentThread::MicroSleep(1000);
-    }
+    EXPECT_TRUE(WaitUntil([&log] { return log.Contains("QueuePlugin thread terminating"); }));
     EXPECT_EQ((Texts{"hold"}), collector.Get());
     EXPECT_TRUE(reporter.reports.Get().empty());
 }

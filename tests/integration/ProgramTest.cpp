@@ -1,0 +1,144 @@
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <csignal>
+
+#include "support/Program.h"
+#include "support/TempFolder.h"
+#include "support/WaitUntil.h"
+
+namespace {
+
+/// Writes a description and hands it to the program, in a folder of its own.
+class ProgramTest : public testing::Test {
+protected:
+    /// The exit status of `calvane ARGUMENTS`; what it wrote is in `out` and `err`.
+    int Calvane(const std::vector<std::string>& arguments) {
+        Program program("calvane", arguments, folder.Path());
+        const int status = program.Wait();
+        out = program.Out();
+        err = program.Err();
+        return status;
+    }
+    int Calvane(const std::string& command, const std::string& description) {
+        folder.Write("d.ini", description);
+        return Calvane({command, "d.ini"});
+    }
+    static bool StartsWith(const std::string& text, const std::string& start) {
+        return text.compare(0, start.size(), start) == 0;
+    }
+
+    TempFolder folder;
+    std::string out;
+    std::string err;
+};
+
+const std::string kCopy =
+    "[calvane]\nt.pipelines = copy\n[copy]\nt.pipeline.head = reader\n[reader]\nt.plugin.type = FileSource\n"
+    "t.pipeline.next = writer\nfilename = in\n[writer]\nt.plugin.type = FileSink\nfilename = ";
+
+const std::string kEndless =
+    "[calvane]\nt.pipelines = p\n[p]\nt.pipeline.head = reader\n[reader]\nt.plugin.type = FileSource\n"
+    "t.pipeline.next = queue\nfilename = in\nloop = 1\n[queue]\nt.plugin.type = QueuePlugin\n"
+    "t.pipeline.next = writer\n[writer]\nt.plugin.type = OverwriteFileSink\nfilename = latest\n";
+
+} // namespace
+
+TEST_F(ProgramTest, CopiesAFileAndSaysHowItEnded) {
+    const std::string content(100000, 'x');
+    folder.Write("in", content);
+    EXPECT_EQ(0, Calvane("run", kCopy + "out\n")) << err;
+    EXPECT_EQ("pipeline copy: out of data\n", out);
+    EXPECT_EQ("", err);
+    EXPECT_EQ(content, folder.Read("out"));
+}
+
+TEST_F(ProgramTest, NamesFileLineGroupAndKeyOfABadDescription) {
+    EXPECT_EQ(2, Calvane("run", kCopy + "out\nno equals sign\n"));
+    EXPECT_TRUE(StartsWith(err, "d.ini:12: ")) << err;
+    EXPECT_EQ(2, Calvane("run", "[calvane]\nt.pipelines = a\n[a]\n"));
+    EXPECT_EQ("d.ini:3: [a] t.pipeline.head: Missing t.pipeline.head setting in a group\n", err);
+    // What shows only when plugins are made.
+    EXPECT_EQ(2, Calvane("run", kCopy + "out\n"));
+    EXPECT_NE(std::string::npos, err.find("d.ini:8: [reader] filename: reader: Failed to open file in\n"))
+        << err;
+    EXPECT_EQ(2, Calvane({"run", "none.ini"}));
+    EXPECT_NE(std::string::npos, err.find("none.ini")) << err;
+    EXPECT_NE(std::string::npos, err.find("No such file")) << err;
+}
+
+TEST_F(ProgramTest, ChecksWithoutMakingAnythingUnlessTold) {
+    EXPECT_EQ(0, Calvane("check", kCopy + "out\nfilenam = x\n"));
+    EXPECT_EQ("d.ini: 0 errors, 0 warnings\n", out);
+    EXPECT_EQ(2, Calvane({"check", "--build", "d.ini"}));
+    EXPECT_EQ("d.ini: 1 error, 0 warnings\n", out);
+    EXPECT_EQ("d.ini:8: [reader] filename: reader: Failed to open file in\n", err);
+    folder.Write("in", "");
+    EXPECT_EQ(0, Calvane({"check", "--build", "d.ini"}));
+    EXPECT_EQ("d.ini: warning: writer: Setting filenam was never used.\n", err);
+    EXPECT_FALSE(folder.Has("out"));
+    EXPECT_EQ(2, Calvane("check", "[calvane]\nt.pipelines = a, b\n[c]\n"));
+    EXPECT_EQ("d.ini: 2 errors, 1 warning\n", out);
+}
+
+TEST_F(ProgramTest, RefusesBadCommandLinesInOneLine) {
+    const std::vector<std::vector<std::string>> wrong{{},
+                                                      {"frobnicate"},
+                                                      {"run"},
+                                                      {"run", "d.ini", "--frob"},
+                                                      {"run", "d.ini", "--log-file", "x", "--syslog"},
+                                                      {"run", "d.ini", "--log", "nonsense"},
+                                                      {"run", "d.ini", "--log-file", "no/such/folder"}};
+    folder.Write("d.ini", "");
+    for (const auto& arguments : wrong) {
+        EXPECT_EQ(2, Calvane(arguments));
+        EXPECT_EQ(1, std::count(err.begin(), err.end(), '\n')) << err;
+    }
+    EXPECT_EQ(0, Calvane({"--version"}));
+    EXPECT_EQ("calvane 1.3.0\n", out);
+    EXPECT_EQ(0, Calvane({"run", "--help"}));
+    EXPECT_NE(std::string::npos, out.find("Examples:"));
+    EXPECT_EQ(0, Calvane({"plugins"}));
+    EXPECT_EQ("FileSink\nFileSource\nOverwriteFileSink\nQueuePlugin\n", out);
+}
+
+TEST_F(ProgramTest, FailsWithTheFirstFailureOnStandardError) {
+    folder.Write("in", "x");
+    EXPECT_EQ(1, Calvane("run", kCopy + "no/such/folder\n"));
+    EXPECT_EQ("pipeline copy: failed: Failed to open file no/such/folder\n", out);
+    EXPECT_NE(std::string::npos,
+              err.find("calvane: copy shut down with fatal error: Failed to open file no/such/folder\n"))
+        << err;
+}
+
+TEST_F(ProgramTest, StopsInOrderOnASignalAndAtOnceOnTheSecond) {
+    folder.Write("in", std::string(5000, 'x'));
+    folder.Write("d.ini", kEndless);
+    for (const int signal : {SIGINT, SIGTERM}) {
+        Program program("calvane", {"run", "d.ini"}, folder.Path());
+        ASSERT_TRUE(WaitUntil([this] { return folder.Has("latest"); }));
+        program.Signal(signal);
+        EXPECT_EQ(0, program.Wait()) << program.Err();
+        EXPECT_EQ("pipeline p: stopped\n", program.Out());
+        unlink(folder.Path("latest").c_str());
+    }
+    // A sink that never returns: only the second signal helps.
+    ASSERT_EQ(0, mkfifo(folder.Path("pipe").c_str(), 0600));
+    folder.Write("d.ini", kCopy + "pipe\n");
+    Program stuck("calvane", {"run", "d.ini", "--log", "information", "--log-file", "log"}, folder.Path());
+    ASSERT_TRUE(
+        WaitUntil([this] { return folder.Read("log").find("Opening file pipe") != std::string::npos; }));
+    stuck.Signal(SIGTERM);
+    usleep(100000);
+    stuck.Signal(SIGTERM);
+    EXPECT_EQ(128 + SIGTERM, stuck.Wait());
+}
+
+TEST_F(ProgramTest, RunsTheDemonstration) {
+    setenv("PATH", (std::string(CALVANE_BIN_DIR) + ":" + getenv("PATH")).c_str(), 1);
+    Program demo(CALVANE_SOURCE_DIR "/examples/run-demo.sh", {folder.Path("demo")}, folder.Path());
+    EXPECT_EQ(0, demo.Wait()) << demo.Out() << demo.Err();
+    EXPECT_NE(std::string::npos, demo.Out().find("All copies are right."));
+}

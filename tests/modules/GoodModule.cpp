@@ -1,0 +1,54 @@
+// A module as an author writes one: a filter and a source, and two types that misbehave.
+
+#include <stdexcept>
+
+#include "calvane/config/ModuleDefinition.h"
+#include "calvane/graph/BasicFilterPlugin.h"
+#include "calvane/graph/SettingException.h"
+
+namespace test_module {
+
+using namespace quarn::calvane;
+
+/// Turns every byte of a buffer round.
+class Invert : public BasicFilterPlugin {
+public:
+    Invert(CalvaneEnv*, const IPluginConfiguration& config)
+        : BasicFilterPlugin(config), mask_(static_cast<unsigned char>(config.GetIntOrDefault("mask", 255))) {}
+    void OnBuffer(const Sink*, Buffer* buffer) override {
+        std::unique_ptr<Buffer> owned(buffer);
+        unsigned char* const bytes = owned->GetDataForWrite();
+        for (unsigned int i = 0; i != owned->GetLength(); ++i) {
+            bytes[i] ^= mask_;
+        }
+        source->PushBuffer(owned.release());
+    }
+
+private:
+    const unsigned char mask_;
+};
+
+class Thrower : public BasicFilterPlugin {
+public:
+    Thrower(CalvaneEnv*, const IPluginConfiguration& config) : BasicFilterPlugin(config) {
+        if (config.GetIntOrDefault("setting", 0) != 0) {
+            throw SettingException(config.GetPluginName(), "setting", "bad setting");
+        }
+        throw std::runtime_error("no camera");
+    }
+    void OnBuffer(const Sink*, Buffer* buffer) override { delete buffer; }
+};
+
+} // namespace test_module
+
+CALVANE_DEFINE_MODULE();
+CALVANE_EXPORT_PLUGIN(test_module::, Invert);
+CALVANE_EXPORT_PLUGIN(test_module::, Thrower);
+
+extern "C" [[gnu::visibility("default")]] quarn::calvane::PipelinePlugin* CalvaneCreatePlugin__Nothing(
+    quarn::calvane::CalvaneEnv*, const quarn::calvane::IPluginConfiguration&);
+
+quarn::calvane::PipelinePlugin* CalvaneCreatePlugin__Nothing(quarn::calvane::CalvaneEnv*,
+                                                             const quarn::calvane::IPluginConfiguration&) {
+    return nullptr;
+}

@@ -1,0 +1,28 @@
+#pragma once
+
+#include <sys/types.h>
+
+#include <string>
+#include <vector>
+
+/// Runs a program as a child and takes down what it writes.
+class Program {
+public:
+    /// Starts `bin/NAME` of this build, or `name` as it stands when it is a path, in `folder`.
+    Program(const std::string& name, const std::vector<std::string>& arguments, const std::string& folder);
+    ~Program();
+    Program(const Program&) = delete;
+    Program& operator=(const Program&) = delete;
+
+    void Signal(int number) const;
+    /// Waits for its end; the exit status, or 128 plus the signal that ended it.
+    int Wait();
+
+    // Whole after Wait.
+    std::string Out() const;
+    std::string Err() const;
+
+private:
+    const std::string output_; // Where both streams are kept.
+    pid_t child_ = -1;
+};
