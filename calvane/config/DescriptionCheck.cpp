@@ -16,6 +16,7 @@
 #include "calvane/config/PluginManager.h"
 #include "quarn/core/IniFile.h"
 #include "quarn/core/StringUtil.h"
+#include "quarn/osa/Thread.h"
 
 namespace quarn::calvane {
 
@@ -100,6 +101,7 @@ private:
         WarnAboutUnknownKeys(pipeline, {keys::kHead, keys::kThreadStackBytes, keys::kThreadPriority}, "");
         CheckNumber<unsigned int>(pipeline, keys::kThreadStackBytes);
         CheckNumber<signed char>(pipeline, keys::kThreadPriority);
+        WarnAboutPriority(pipeline);
         const std::string head = ini_.GetValueOrDefault(pipeline, keys::kHead);
         if (head.empty()) {
             Complain(pipeline, keys::kHead,
@@ -167,6 +169,14 @@ private:
             Complain(pipeline, key,
                      "Invalid value of " + Quote(ini_.GetValue(pipeline, key)) + " for setting " + key +
                          " in pipeline " + pipeline);
+        }
+    }
+
+    void WarnAboutPriority(const std::string& pipeline) {
+        signed char priority = 0;
+        if (StringUtil::TryParse(ini_.GetValueOrDefault(pipeline, keys::kThreadPriority), priority) &&
+            (priority < osa::Thread::kMostUrgentPriority || priority > osa::Thread::kLeastUrgentPriority)) {
+            Warn(pipeline, keys::kThreadPriority, "There is no such priority; the thread runs without it");
         }
     }
 

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <map>
+#include <set>
 #include <vector>
 
 #include "calvane/config/DescriptionKeys.h"
@@ -47,6 +48,7 @@ public:
         } catch (const std::exception& error) {
             logger_->Error("LoadPipeline failed: %s", error.what());
             DisconnectFromSurvivors(working);
+            namesMade_.clear();
             throw;
         }
         working.swap(container);
@@ -97,7 +99,9 @@ private:
             throw SettingException(name, keys::kPluginType,
                                    "No plugin was made for " + name + " of type " + config.GetPluginType());
         }
-        config.LogUnusedSettings();
+        if (namesMade_.insert(name).second) {
+            config.LogUnusedSettings();
+        } // Otherwise it is an instance that was made before and reads no settings again.
         return plugin.release();
     }
 
@@ -108,10 +112,14 @@ private:
                                    "Plugin " + plugin->GetName() + " has no input and cannot follow " +
                                        upstream.plugin->GetName());
         }
-        if (upstream.outputName != nullptr) {
-            upstream.plugin->ConnectToSink(*upstream.outputName, sink);
-        } else {
-            upstream.plugin->ConnectToSink(sink);
+        try {
+            if (upstream.outputName != nullptr) {
+                upstream.plugin->ConnectToSink(*upstream.outputName, sink);
+            } else {
+                upstream.plugin->ConnectToSink(sink);
+            }
+        } catch (const osa::Exception& error) {
+            throw SettingException(upstream.plugin->GetName(), upstream.key, error.what());
         }
         connections_.push_back({upstream.plugin, plugin, sink});
     }
@@ -145,6 +153,7 @@ private:
     IPluginFactory* const factory_;
     std::vector<std::string> path_; // From the head down to the plugin being built.
     std::vector<Connection> connections_;
+    std::set<std::string> namesMade_;
 };
 
 PipelineLoader::PipelineLoader(IPluginFactory* factory)

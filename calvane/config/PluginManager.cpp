@@ -13,6 +13,7 @@
 #include "quarn/core/StringBuilder.h"
 #include "quarn/osa/Exception.h"
 #include "quarn/osa/Module.h"
+#include "quarn/osa/MutexAutoLock.h"
 
 namespace quarn::calvane {
 
@@ -66,6 +67,14 @@ private:
     const std::string path_;
     const osa::Module module_;
 };
+
+// Keeps a module until the process ends.
+void KeepLoaded(std::unique_ptr<PluginModule> module) {
+    static auto* const lock = new osa::Mutex("KeptModules");
+    static auto* const kept = new std::vector<std::unique_ptr<PluginModule>>();
+    const osa::MutexAutoLock guard(*lock);
+    kept->push_back(std::move(module));
+}
 
 } // namespace
 
@@ -131,7 +140,7 @@ private:
         const std::string user = instances_->FindUser(path);
         if (!user.empty()) {
             logger->Warning("Module %s stays loaded: plugin %s is still in use", path.c_str(), user.c_str());
-            (void)module.release();
+            KeepLoaded(std::move(module));
             return;
         }
         logger->Debug("Unloading module %s", path.c_str());

@@ -7,20 +7,26 @@
 #include "quarn/core/Logger.h"
 #include "quarn/osa/MutexAutoLock.h"
 #include "quarn/osa/Thread.h"
+#include "quarn/osa/TimeStruct.h"
 
 namespace quarn::calvane {
 
 namespace {
 
 constexpr unsigned int kMessageWaitMs = 2000;
-constexpr unsigned int kPushUnderWayMs = 2000;
-constexpr unsigned int kDrainPollMicroseconds = 1000;
+constexpr unsigned int kPollMicroseconds = 1000;
+const osa::TimeStruct kPushUnderWayLimit(2, 0);
 
-/// Counts one more, also when what it stands around throws.
+// For counters that one thread at a time writes.
+void CountOneMore(std::atomic<unsigned int>& counter) {
+    counter.store(counter.load(std::memory_order_relaxed) + 1, std::memory_order_release);
+}
+
+/// Counts one more at the end of a block, however that is left.
 class CountAtEnd {
 public:
     explicit CountAtEnd(std::atomic<unsigned int>& counter) : counter_(counter) {}
-    ~CountAtEnd() { counter_.store(counter_.load(std::memory_order_relaxed) + 1, std::memory_order_release); }
+    ~CountAtEnd() { CountOneMore(counter_); }
     CountAtEnd(const CountAtEnd&) = delete;
     CountAtEnd& operator=(const CountAtEnd&) = delete;
 
@@ -42,7 +48,7 @@ QueueConsumer::QueueConsumer(std::string name, unsigned short queueLength, bool 
 
 void QueueConsumer::Accept(Buffer* buffer) {
     queue_.SendMsg(buffer);
-    const CountAtEnd count(accepted_);
+    CountOneMore(accepted_);
 }
 
 void QueueConsumer::Run() {
@@ -68,19 +74,23 @@ void QueueConsumer::Run() {
     logger_->Information("QueuePlugin thread terminating");
 }
 
+// Every accepted buffer is either discarded here or handled by the thread. When all are, the thread has seen
+// the flag, or is bound to, and touches nothing but this object any more.
 void QueueConsumer::Abandon() {
-    abandoned_ = true;
-    entered_.Lock(); // From here on the thread needs nothing of the plugin itself.
-    const bool idle = pushLock_.TryLock(kPushUnderWayMs);
-    if (!idle) {
-        logger_->Error("A plugin behind the queue does not return; its thread is left behind in it");
+    {
+        const osa::MutexAutoLock lock(reportLock_);
+        abandoned_ = true;
     }
-    Buffer* buffer = nullptr;
-    while (queue_.TryGetMsg(buffer, 0)) {
-        delete buffer;
-    }
-    if (idle) {
-        pushLock_.Unlock();
+    entered_.Lock(); // The thread has its own hold on this object now.
+    const unsigned int discarded = DiscardQueued();
+    const osa::TimeMonotonic start;
+    while (handled_.load(std::memory_order_acquire) + discarded !=
+           accepted_.load(std::memory_order_acquire)) {
+        if (osa::TimeMonotonic() - start > kPushUnderWayLimit) {
+            logger_->Error("A plugin behind the queue does not return; the thread is left behind in it");
+            break;
+        }
+        osa::Thread::CurrentThread::MicroSleep(kPollMicroseconds);
     }
     try {
         SendStop(); // Only wakes the thread; it would find out by itself.
@@ -91,7 +101,7 @@ void QueueConsumer::Abandon() {
 
 void QueueConsumer::WaitUntilHandled() const {
     while (handled_.load(std::memory_order_acquire) != accepted_.load(std::memory_order_acquire)) {
-        osa::Thread::CurrentThread::MicroSleep(kDrainPollMicroseconds);
+        osa::Thread::CurrentThread::MicroSleep(kPollMicroseconds);
     }
 }
 
@@ -106,14 +116,16 @@ Buffer* QueueConsumer::RetrieveNextBuffer() {
             logger_->Information("QueuePlugin timeout");
         }
     }
-    KickMonitor();
+    if (!abandoned_) {
+        MonitorThread::Kick(monitorEntry_);
+    }
     return buffer;
 }
 
 bool QueueConsumer::Push(std::unique_ptr<Buffer> buffer) {
     const CountAtEnd count(handled_);
-    const osa::MutexAutoLock lock(pushLock_);
     if (abandoned_) {
+        buffer.reset(); // Before it counts as handled.
         return false;
     }
     source_->PushBuffer(buffer.release());
@@ -121,7 +133,7 @@ bool QueueConsumer::Push(std::unique_ptr<Buffer> buffer) {
 }
 
 void QueueConsumer::Report(const char* failure) {
-    const osa::MutexAutoLock lock(pushLock_);
+    const osa::MutexAutoLock lock(reportLock_);
     if (abandoned_ || reporter_ == nullptr) {
         logger_->Error("The queue's thread ends: %s", failure);
         return;
@@ -131,18 +143,22 @@ void QueueConsumer::Report(const char* failure) {
 
 void QueueConsumer::ClearBuffers() {
     while (queue_.Size() != 0) {
-        const CountAtEnd count(handled_);
-        delete RetrieveNextBuffer();
+        std::unique_ptr<Buffer> buffer(RetrieveNextBuffer());
+        if (buffer) {
+            buffer.reset();
+            CountOneMore(handled_);
+        }
     }
 }
 
-void QueueConsumer::KickMonitor() {
-    if (monitorEntry_ != nullptr) {
-        const osa::MutexAutoLock lock(pushLock_);
-        if (!abandoned_) {
-            MonitorThread::Kick(monitorEntry_);
-        }
+// Returns how many buffers there were.
+unsigned int QueueConsumer::DiscardQueued() {
+    unsigned int discarded = 0;
+    for (Buffer* buffer = nullptr; queue_.TryGetMsg(buffer, 0);) {
+        discarded += buffer != nullptr ? 1 : 0;
+        delete buffer;
     }
+    return discarded;
 }
 
 } // namespace quarn::calvane

@@ -55,6 +55,7 @@ private:
     bool Push(std::unique_ptr<Buffer> buffer);
     void Report(const char* failure);
     void ClearBuffers();
+    unsigned int DiscardQueued();
     void KickMonitor();
 
     const std::string name_;
@@ -65,8 +66,8 @@ private:
     osa::Semaphore entered_{"QueueEntered", 0, 1};
     osa::tMsgQueue<Buffer*> queue_;
 
-    osa::Mutex pushLock_{"QueuePush"}; // Held while anything outside this object is called.
-    IPipelineReporter* reporter_;
+    osa::Mutex reportLock_{"QueueReport"}; // Held while the reporter is called, and to abandon.
+    IPipelineReporter* const reporter_;
     bool* monitorEntry_ = nullptr;
     std::atomic<bool> abandoned_{false};
 

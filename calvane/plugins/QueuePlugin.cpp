@@ -1,5 +1,6 @@
 #include "calvane/plugins/QueuePlugin.h"
 
+#include <algorithm>
 #include <cerrno>
 
 #include "calvane/config/IPluginConfiguration.h"
@@ -17,13 +18,11 @@ namespace {
 
 constexpr unsigned int kGateWaitMs = 500;
 constexpr int kStatisticsPeriod = 100;
-constexpr int kLowestPriority = -119;
-constexpr int kHighestPriority = 20;
 const char* const kPriorityKey = "thread.priority";
 
 signed char ReadPriority(const IPluginConfiguration& config) {
     const int priority = config.GetIntOrDefault(kPriorityKey, 0);
-    if (priority < kLowestPriority || priority > kHighestPriority) {
+    if (priority < osa::Thread::kMostUrgentPriority || priority > osa::Thread::kLeastUrgentPriority) {
         throw SettingException(config.GetPluginName(), kPriorityKey,
                                std::string("Invalid value of ") + kPriorityKey);
     }
@@ -59,7 +58,8 @@ QueuePlugin::QueuePlugin(CalvaneEnv* env, const IPluginConfiguration& config)
       env_(env),
       allowDrop_(config.GetIntOrDefault("allow.drop.on.write", 0) != 0) {
     const auto queueLength = static_cast<unsigned short>(config.GetIntOrDefault("queue.length", 500));
-    const auto stackBytes = static_cast<unsigned int>(config.GetIntOrDefault("thread.stack.bytes", 2048));
+    const auto stackBytes =
+        static_cast<unsigned int>(std::max(config.GetIntOrDefault("thread.stack.bytes", 2048), 0));
     const signed char priority = ReadPriority(config);
     const bool watched = config.GetIntOrDefault("procmon.timeout.seconds", 0) != 0;
     consumer_ =
@@ -130,8 +130,8 @@ void QueuePlugin::OnDrain() {
 void QueuePlugin::Enqueue(std::unique_ptr<Buffer>& buffer, bool& periodEnded) {
     const GateHolder gate(consumer_->Gate());
     const int received = received_.load(std::memory_order_relaxed) + 1;
-    received_.store(received, std::memory_order_relaxed);
     periodEnded = received == kStatisticsPeriod;
+    received_.store(periodEnded ? 0 : received, std::memory_order_relaxed);
     if (firstAfterGap_) {
         buffer->GetMetadata().SetValue("FirstAfterGap", 1);
     }
@@ -145,7 +145,6 @@ void QueuePlugin::CheckDropStats(bool periodEnded) {
         return;
     }
     const int dropped = dropped_.exchange(0);
-    received_.store(0, std::memory_order_relaxed);
     if (dropped > 0) {
         logger->Information("Dropped %d of last %d buffers", dropped, kStatisticsPeriod);
     }

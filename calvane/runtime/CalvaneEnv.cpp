@@ -129,10 +129,11 @@ void CalvaneEnv::DeleteMonitorEntry(bool* entry) {
 }
 
 CalvaneEnv::PluginComm* CalvaneEnv::AddCommObject(const std::string& name, PluginComm* object) {
+    std::unique_ptr<PluginComm> rejected; // Goes when the lock is free again.
     const osa::MutexAutoLock lock(impl_->lock);
     const auto [entry, added] = impl_->commObjects.emplace(name, object);
     if (!added && entry->second != object) {
-        delete object;
+        rejected.reset(object);
     }
     return entry->second;
 }

@@ -29,7 +29,11 @@ MonitorThread::MonitorThread(unsigned int periodMs)
 
 MonitorThread::~MonitorThread() {
     Stop();
-    thread_->Join();
+    try {
+        thread_->Join();
+    } catch (const std::exception&) {
+        // A static object goes while the watchdog itself ends the process: there is nothing to wait for.
+    }
 }
 
 bool* MonitorThread::AddMonitorEntry(const char* name) {

@@ -39,7 +39,7 @@ public:
     /// Directs all lines to standard error; so it is from the start.
     static void LogToStderr();
     /// Directs all lines to the end of the file at `path`, which is made if need be; its folder is not.
-    /// Warnings and errors are in the file when the call that logs them returns, other lines some time later.
+    /// A line is in the file when the call that logs it returns.
     /// Throws Exception with path and system error when the file cannot be opened; the target then stays.
     static void LogToFile(const std::string& path);
     /// Directs all messages to the system log under the name `ident`; Trace becomes a debug message there.

@@ -22,14 +22,20 @@ namespace quarn::osa {
 
 /// Lives as long as the Thread object and the running thread both need it.
 struct Thread::State {
+    State(const char* threadName, Runnable* body, size_t stack, int wantedPriority)
+        : name(threadName != nullptr ? threadName : ""),
+          runnable(body),
+          stackBytes(stack),
+          priority(wantedPriority) {}
+
     const std::string name;
     Runnable* const runnable;
     const size_t stackBytes;
     const int priority;
 
+    std::atomic<bool> started{false};
     std::mutex lock; // Held by a joiner until the thread has ended, so that a second one waits as well.
-    bool started = false;
-    bool joined = false;
+    bool joinable = false;
     pthread_t handle{};
 };
 
@@ -38,7 +44,6 @@ namespace {
 constexpr size_t kKernelNameBytes = 15;
 constexpr int kFirstNice = -20;
 constexpr int kLastNice = 19;
-constexpr int kMostUrgent = -119;
 
 thread_local const void* currentState = nullptr;
 
@@ -63,7 +68,7 @@ int ApplyPriority(int priority) {
     if (priority == 0) {
         return 0;
     }
-    if (priority > kLastNice + 1 || priority < kMostUrgent) {
+    if (priority > Thread::kLeastUrgentPriority || priority < Thread::kMostUrgentPriority) {
         return EINVAL;
     }
     return priority >= kFirstNice ? ApplyNice(priority) : ApplyRealTime(kFirstNice - priority);
@@ -80,38 +85,40 @@ void WarnOnceAboutPriority(const std::string& thread, int priority, int code) {
 
 size_t AllowedStackBytes(unsigned int wanted) {
     const auto page = static_cast<size_t>(sysconf(_SC_PAGESIZE));
-    const size_t bytes = std::max<size_t>(wanted, Thread::kMinimumStackBytes);
-    return (bytes + page - 1) / page * page;
+    return std::max<size_t>(wanted, Thread::kMinimumStackBytes) / page * page;
 }
 
 } // namespace
 
 Thread::Thread(const char* name, Runnable* runnable, unsigned int stackBytes, signed char priority)
-    : state_(new State{name != nullptr ? name : "", runnable, AllowedStackBytes(stackBytes), priority, {}}) {}
+    : state_(std::make_shared<State>(name, runnable, AllowedStackBytes(stackBytes), priority)) {}
 
 Thread::~Thread() {
     const std::lock_guard<std::mutex> lock(state_->lock);
-    if (state_->started && !state_->joined) {
+    if (state_->joinable) {
         pthread_detach(state_->handle);
     }
 }
 
 void Thread::Run() {
-    const std::lock_guard<std::mutex> lock(state_->lock);
-    if (state_->started) {
+    if (state_->started.exchange(true)) {
         throw Exception("Thread %s is already started", state_->name.c_str());
     }
+    const std::lock_guard<std::mutex> lock(state_->lock);
+    auto argument = std::make_unique<std::shared_ptr<State>>(state_);
     pthread_attr_t attributes;
     pthread_attr_init(&attributes);
-    pthread_attr_setstacksize(&attributes, state_->stackBytes);
-    auto argument = std::make_unique<std::shared_ptr<State>>(state_);
-    const int code = pthread_create(&state_->handle, &attributes, &Thread::Body, argument.get());
+    int code = pthread_attr_setstacksize(&attributes, state_->stackBytes);
+    if (code == 0) {
+        code = pthread_create(&state_->handle, &attributes, &Thread::Body, argument.get());
+    }
     pthread_attr_destroy(&attributes);
     if (code != 0) {
+        state_->started = false;
         throw Exception("Cannot start thread %s with a stack of %zu bytes: %s", state_->name.c_str(),
                         state_->stackBytes, ErrnoText(code).c_str());
     }
-    state_->started = true;
+    state_->joinable = true;
     (void)argument.release(); // The thread's own now.
 }
 
@@ -120,9 +127,9 @@ void Thread::Join() {
         throw Exception("Thread %s cannot wait for its own end", state_->name.c_str());
     }
     const std::lock_guard<std::mutex> lock(state_->lock);
-    if (state_->started && !state_->joined) {
+    if (state_->joinable) {
         pthread_join(state_->handle, nullptr);
-        state_->joined = true;
+        state_->joinable = false;
     }
 }
 

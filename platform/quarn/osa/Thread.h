@@ -24,6 +24,9 @@ public:
     static constexpr unsigned int kMinimumStackBytes = 256 * 1024;
 #endif
 
+    static constexpr int kMostUrgentPriority = -119;
+    static constexpr int kLeastUrgentPriority = 20;
+
     /// `name` is copied; `ps -L` shows its first 15 bytes. `stackBytes` is raised to kMinimumStackBytes.
     /// `priority`: 0 takes over the scheduling of the thread that calls Run; -20 to 20 are nice values, 20
     /// meaning 19; -21 to -119 are the real-time (SCHED_FIFO) priorities 1 to 99. Others, and those that the
