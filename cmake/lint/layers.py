@@ -12,7 +12,7 @@ import tempfile
 ROOT = pathlib.Path(__file__).resolve().parents[2]
 INCLUDE = re.compile(r'^\s*#\s*include\s*(["<])([^">]+)[">]')
 
-QUARN = {"quarn", "quarn/osa", "quarn/core", "quarn/msgbus", "quarn/settings"}
+QUARN = {"quarn", "quarn/stl", "quarn/osa", "quarn/core", "quarn/msgbus", "quarn/settings"}
 DRENN = {"drenn", "drenn/core", "drenn/api", "drenn/multi_track_recorder"}
 BUFFER = QUARN | {"calvane", "calvane/buffer"}
 GRAPH = BUFFER | {"calvane/graph"}
@@ -23,6 +23,7 @@ RECORDING = QUARN | DRENN | {"calvane", "calvane/recording", "calvane/services"}
 # Folder of a library (as it is written in an include) -> the folders whose headers it may include.
 STREETS = {
     "quarn": {"quarn"},
+    "quarn/stl": {"quarn", "quarn/stl"},
     "quarn/osa": {"quarn", "quarn/osa"},
     "quarn/core": {"quarn", "quarn/osa", "quarn/core"},
     "quarn/msgbus": {"quarn", "quarn/osa", "quarn/core", "quarn/msgbus"},
