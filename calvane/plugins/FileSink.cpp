@@ -80,7 +80,8 @@ bool FileSink::IsInRange() {
 
 void FileSink::Write(const Buffer& buffer) {
     OpenUnlessOpen();
-    stream_.write(reinterpret_cast<const char*>(buffer.GetData()), buffer.GetLength());
+    stream_.write(reinterpret_cast<const char*>(buffer.GetData()),
+                  static_cast<std::streamsize>(buffer.GetLength()));
     if (!stream_) {
         logger->Error("Writing %u bytes to %s failed: %s", buffer.GetLength(), fileName_.c_str(),
                       osa::ErrnoText(errno).c_str());

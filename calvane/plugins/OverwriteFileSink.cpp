@@ -39,7 +39,8 @@ OverwriteFileSink::~OverwriteFileSink() = default;
 void OverwriteFileSink::OnBuffer(const Sink*, Buffer* buffer) {
     const std::unique_ptr<Buffer> owned(buffer);
     std::ofstream stream(tempFileName_, std::ios_base::out | std::ios_base::binary);
-    stream.write(reinterpret_cast<const char*>(owned->GetData()), owned->GetLength());
+    stream.write(reinterpret_cast<const char*>(owned->GetData()),
+                 static_cast<std::streamsize>(owned->GetLength()));
     stream.close();
     // The next buffer makes up for one that could not be written or moved. Half of one must not take the
     // place of the last good one, though.

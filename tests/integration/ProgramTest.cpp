@@ -1,13 +1,17 @@
-#include <gtest/gtest.h>
+#include <gmock/gmock.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <csignal>
+#include <iterator>
+#include <sstream>
 
+#include "support/Emulation.h"
 #include "support/Program.h"
-#include "support/TempFolder.h"
 #include "support/WaitUntil.h"
+
+using testing::HasSubstr;
 
 namespace {
 
@@ -25,9 +29,6 @@ protected:
     int Calvane(const std::string& command, const std::string& description) {
         folder.Write("d.ini", description);
         return Calvane({command, "d.ini"});
-    }
-    static bool StartsWith(const std::string& text, const std::string& start) {
-        return text.compare(0, start.size(), start) == 0;
     }
 
     TempFolder folder;
@@ -57,16 +58,14 @@ TEST_F(ProgramTest, CopiesAFileAndSaysHowItEnded) {
 
 TEST_F(ProgramTest, NamesFileLineGroupAndKeyOfABadDescription) {
     EXPECT_EQ(2, Calvane("run", kCopy + "out\nno equals sign\n"));
-    EXPECT_TRUE(StartsWith(err, "d.ini:12: ")) << err;
+    EXPECT_THAT(err, testing::StartsWith("d.ini:12: "));
     EXPECT_EQ(2, Calvane("run", "[calvane]\nt.pipelines = a\n[a]\n"));
     EXPECT_EQ("d.ini:3: [a] t.pipeline.head: Missing t.pipeline.head setting in a group\n", err);
     // What shows only when plugins are made.
     EXPECT_EQ(2, Calvane("run", kCopy + "out\n"));
-    EXPECT_NE(std::string::npos, err.find("d.ini:8: [reader] filename: reader: Failed to open file in\n"))
-        << err;
+    EXPECT_THAT(err, HasSubstr("d.ini:8: [reader] filename: reader: Failed to open file in\n"));
     EXPECT_EQ(2, Calvane({"run", "none.ini"}));
-    EXPECT_NE(std::string::npos, err.find("none.ini")) << err;
-    EXPECT_NE(std::string::npos, err.find("No such file")) << err;
+    EXPECT_THAT(err, HasSubstr("none.ini: No such file"));
 }
 
 TEST_F(ProgramTest, ChecksWithoutMakingAnythingUnlessTold) {
@@ -79,38 +78,34 @@ TEST_F(ProgramTest, ChecksWithoutMakingAnythingUnlessTold) {
     EXPECT_EQ(0, Calvane({"check", "--build", "d.ini"}));
     EXPECT_EQ("d.ini: warning: writer: Setting filenam was never used.\n", err);
     EXPECT_FALSE(folder.Has("out"));
-    EXPECT_EQ(2, Calvane("check", "[calvane]\nt.pipelines = a, b\n[c]\n"));
-    EXPECT_EQ("d.ini: 2 errors, 1 warning\n", out);
 }
 
 TEST_F(ProgramTest, RefusesBadCommandLinesInOneLine) {
-    const std::vector<std::vector<std::string>> wrong{{},
-                                                      {"frobnicate"},
-                                                      {"run"},
-                                                      {"run", "d.ini", "--frob"},
-                                                      {"run", "d.ini", "--log-file", "x", "--syslog"},
-                                                      {"run", "d.ini", "--log", "nonsense"},
-                                                      {"run", "d.ini", "--log-file", "no/such/folder"}};
+    const std::string wrong[] = {"frobnicate",
+                                 "run",
+                                 "run d.ini --frob",
+                                 "run d.ini --log-file x --syslog",
+                                 "run d.ini --log nonsense",
+                                 "run d.ini --log-file no/such/folder"};
     folder.Write("d.ini", "");
-    for (const auto& arguments : wrong) {
-        EXPECT_EQ(2, Calvane(arguments));
+    for (const std::string& line : wrong) {
+        std::istringstream words(line);
+        EXPECT_EQ(2, Calvane({std::istream_iterator<std::string>(words), {}}));
         EXPECT_EQ(1, std::count(err.begin(), err.end(), '\n')) << err;
     }
     EXPECT_EQ(0, Calvane({"--version"}));
     EXPECT_EQ("calvane 1.3.0\n", out);
-    EXPECT_EQ(0, Calvane({"run", "--help"}));
-    EXPECT_NE(std::string::npos, out.find("Examples:"));
     EXPECT_EQ(0, Calvane({"plugins"}));
-    EXPECT_EQ("FileSink\nFileSource\nOverwriteFileSink\nQueuePlugin\n", out);
+    EXPECT_EQ("FileSink\nFileSource\nIdentityPlugin\nOverwriteFileSink\nQueuePlugin\nStatsCollectorPlugin\n",
+              out);
 }
 
 TEST_F(ProgramTest, FailsWithTheFirstFailureOnStandardError) {
     folder.Write("in", "x");
     EXPECT_EQ(1, Calvane("run", kCopy + "no/such/folder\n"));
     EXPECT_EQ("pipeline copy: failed: Failed to open file no/such/folder\n", out);
-    EXPECT_NE(std::string::npos,
-              err.find("calvane: copy shut down with fatal error: Failed to open file no/such/folder\n"))
-        << err;
+    EXPECT_THAT(err,
+                HasSubstr("calvane: copy shut down with fatal error: Failed to open file no/such/folder\n"));
 }
 
 TEST_F(ProgramTest, StopsInOrderOnASignalAndAtOnceOnTheSecond) {
@@ -137,8 +132,9 @@ TEST_F(ProgramTest, StopsInOrderOnASignalAndAtOnceOnTheSecond) {
 }
 
 TEST_F(ProgramTest, RunsTheDemonstration) {
+    SKIP_WHEN_EMULATED("the script would have to know of the emulator");
     setenv("PATH", (std::string(CALVANE_BIN_DIR) + ":" + getenv("PATH")).c_str(), 1);
     Program demo(CALVANE_SOURCE_DIR "/examples/run-demo.sh", {folder.Path("demo")}, folder.Path());
     EXPECT_EQ(0, demo.Wait()) << demo.Out() << demo.Err();
-    EXPECT_NE(std::string::npos, demo.Out().find("All copies are right."));
+    EXPECT_THAT(demo.Out(), HasSubstr("All copies are right."));
 }

@@ -10,22 +10,18 @@ namespace test_module {
 
 using namespace quarn::calvane;
 
-/// Turns every byte of a buffer round.
+/// Turns the lowest bit of every byte round.
 class Invert : public BasicFilterPlugin {
 public:
-    Invert(CalvaneEnv*, const IPluginConfiguration& config)
-        : BasicFilterPlugin(config), mask_(static_cast<unsigned char>(config.GetIntOrDefault("mask", 255))) {}
+    Invert(CalvaneEnv*, const IPluginConfiguration& config) : BasicFilterPlugin(config) {}
     void OnBuffer(const Sink*, Buffer* buffer) override {
         std::unique_ptr<Buffer> owned(buffer);
         unsigned char* const bytes = owned->GetDataForWrite();
         for (unsigned int i = 0; i != owned->GetLength(); ++i) {
-            bytes[i] ^= mask_;
+            bytes[i] ^= 1;
         }
         source->PushBuffer(owned.release());
     }
-
-private:
-    const unsigned char mask_;
 };
 
 class Thrower : public BasicFilterPlugin {

@@ -1,55 +1,44 @@
 #include "support/Program.h"
 
 #include <fcntl.h>
-#include <gtest/gtest.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <csignal>
-#include <fstream>
+#include <iterator>
 #include <sstream>
-#include <stdexcept>
 
 namespace {
 
-std::string NewOutput() {
-    std::string pattern = testing::TempDir() + "calvane-output-XXXXXX";
-    const int file = mkstemp(pattern.data());
-    if (file < 0) {
-        throw std::runtime_error("no temporary file at " + pattern);
-    }
-    close(file);
-    return pattern;
+void Redirect(int stream, const std::string& path) {
+    dup2(open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600), stream);
 }
 
-std::string Content(const std::string& path) {
-    std::ostringstream content;
-    content << std::ifstream(path).rdbuf();
-    return content.str();
-}
-
-void Redirect(const std::string& path, int stream) {
-    const int file = open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
-    dup2(file, stream);
+// The words that start a program of this build before its own name.
+std::vector<std::string> Emulator() {
+    std::istringstream words(CALVANE_EMULATOR);
+    return {std::istream_iterator<std::string>(words), std::istream_iterator<std::string>()};
 }
 
 } // namespace
 
 Program::Program(const std::string& name, const std::vector<std::string>& arguments,
-                 const std::string& folder)
-    : output_(NewOutput()) {
+                 const std::string& folder) {
     const std::string path = name.find('/') == std::string::npos ? CALVANE_BIN_DIR "/" + name : name;
-    std::vector<char*> all{const_cast<char*>(path.c_str())};
-    for (const std::string& argument : arguments) {
-        all.push_back(const_cast<char*>(argument.c_str()));
+    std::vector<std::string> words = Emulator();
+    words.push_back(path);
+    words.insert(words.end(), arguments.begin(), arguments.end());
+    std::vector<char*> all;
+    for (std::string& word : words) {
+        all.push_back(word.data());
     }
     all.push_back(nullptr);
     child_ = fork();
     if (child_ == 0) {
-        Redirect(output_, STDOUT_FILENO);
-        Redirect(output_ + ".err", STDERR_FILENO);
+        Redirect(STDOUT_FILENO, streams_.Path("out"));
+        Redirect(STDERR_FILENO, streams_.Path("err"));
         if (chdir(folder.c_str()) == 0) {
-            execv(path.c_str(), all.data());
+            execvp(all[0], all.data());
         }
         _exit(127);
     }
@@ -57,11 +46,9 @@ Program::Program(const std::string& name, const std::vector<std::string>& argume
 
 Program::~Program() {
     if (child_ > 0) {
-        kill(child_, SIGKILL);
+        Signal(SIGKILL);
         Wait();
     }
-    unlink(output_.c_str());
-    unlink((output_ + ".err").c_str());
 }
 
 void Program::Signal(int number) const {
@@ -73,12 +60,4 @@ int Program::Wait() {
     waitpid(child_, &status, 0);
     child_ = -1;
     return WIFSIGNALED(status) ? 128 + WTERMSIG(status) : WEXITSTATUS(status);
-}
-
-std::string Program::Out() const {
-    return Content(output_);
-}
-
-std::string Program::Err() const {
-    return Content(output_ + ".err");
 }

@@ -5,7 +5,6 @@
 #include <atomic>
 #include <cstring>
 #include <string>
-#include <vector>
 
 #include "calvane/buffer/Buffer.h"
 #include "calvane/buffer/IBufferData.h"
@@ -13,27 +12,21 @@
 /// Memory that counts how many of its kind exist.
 class CountedMemory : public quarn::calvane::IBufferData {
 public:
-    explicit CountedMemory(unsigned int length) : CountedMemory(std::vector<unsigned char>(length)) {}
-    explicit CountedMemory(std::vector<unsigned char> bytes)
-        : IBufferData(AddressOf(bytes), static_cast<unsigned int>(bytes.size())), bytes_(std::move(bytes)) {
+    explicit CountedMemory(const std::string& text)
+        : IBufferData(new unsigned char[text.size() + 1], static_cast<unsigned int>(text.size())) {
+        std::memcpy(GetWritablePtr(), text.data(), text.size());
         ++alive;
     }
-    ~CountedMemory() override { --alive; }
-
-    static inline std::atomic<int> alive{0};
-
-private:
-    static unsigned char* AddressOf(std::vector<unsigned char>& bytes) {
-        bytes.reserve(1); // No bytes have an address too.
-        return bytes.data();
+    ~CountedMemory() override {
+        delete[] GetPtr();
+        --alive;
     }
 
-    const std::vector<unsigned char> bytes_; // Moving a vector keeps its bytes where they are.
+    static inline std::atomic<int> alive{0};
 };
 
 inline quarn::calvane::Buffer* MakeBuffer(const std::string& text) {
-    return new quarn::calvane::Buffer(
-        new CountedMemory(std::vector<unsigned char>(text.begin(), text.end())));
+    return new quarn::calvane::Buffer(new CountedMemory(text));
 }
 
 inline std::string TextOf(const quarn::calvane::Buffer& buffer) {

@@ -6,15 +6,14 @@
 
 #include "calvane/config/IPluginConfiguration.h"
 
+using Settings = std::map<std::string, std::string>;
+
 /// A plugin's configuration that a test writes down in place.
 class TestConfig : public quarn::calvane::IPluginConfiguration {
 public:
-    explicit TestConfig(std::string name, std::map<std::string, std::string> settings = {},
-                        std::string type = "Test", std::string module = {})
-        : name_(std::move(name)),
-          type_(std::move(type)),
-          module_(std::move(module)),
-          settings_(std::move(settings)) {}
+    explicit TestConfig(const std::string& name, const Settings& settings = {},
+                        const std::string& type = "Test", const std::string& module = {})
+        : name_(name), type_(type), module_(module), settings_(settings) {}
 
     std::string GetPluginModule() const override { return module_; }
     std::string GetPluginType() const override { return type_; }
@@ -24,8 +23,7 @@ public:
         return found != settings_.end() ? found->second : defaultValue;
     }
     int GetIntOrDefault(const char* key, int defaultValue) const override {
-        const auto found = settings_.find(key);
-        return found != settings_.end() ? std::stoi(found->second) : defaultValue;
+        return std::stoi(GetStringOrDefault(key, std::to_string(defaultValue).c_str()));
     }
     void GetKeys(std::vector<std::string>& keys) const override {
         for (const auto& entry : settings_) {
@@ -37,5 +35,5 @@ private:
     const std::string name_;
     const std::string type_;
     const std::string module_;
-    const std::map<std::string, std::string> settings_;
+    const Settings settings_;
 };

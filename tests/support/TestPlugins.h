@@ -7,18 +7,22 @@
 #include <memory>
 #include <mutex>
 #include <string>
-#include <vector>
 
 #include "calvane/config/IPluginFactory.h"
 #include "calvane/graph/BasicFilterPlugin.h"
 #include "calvane/graph/BasicSinkPlugin.h"
 #include "calvane/graph/BasicSourcePlugin.h"
+#include "calvane/graph/MultiOutputFilterPlugin.h"
 #include "calvane/runtime/IPipelineReporter.h"
-#include "quarn/osa/Exception.h"
+#include "quarn/core/IniFile.h"
+#include "quarn/core/LogCapture.h"
 #include "support/TestBuffers.h"
 #include "support/TestConfig.h"
+#include "support/ThrownText.h"
 
 using PluginPtr = quarn::calvane::PluginReference;
+using quarn::core::IniFile;
+using quarn::core::LogCapture;
 
 /// Calls a function for every buffer and deletes it.
 class TestSink : public quarn::calvane::BasicSinkPlugin {
@@ -46,14 +50,14 @@ public:
         const std::lock_guard<std::mutex> lock(lock_);
         texts_.push_back(text);
     }
-    std::vector<std::string> Get() const {
+    Texts Get() const {
         const std::lock_guard<std::mutex> lock(lock_);
         return texts_;
     }
 
 private:
     mutable std::mutex lock_;
-    std::vector<std::string> texts_;
+    Texts texts_;
 };
 
 class TestFilter : public quarn::calvane::BasicFilterPlugin {
@@ -62,6 +66,20 @@ public:
     void OnBuffer(const quarn::calvane::Sink*, quarn::calvane::Buffer* buffer) override {
         source->PushBuffer(buffer);
     }
+};
+
+/// Gives its output "a" a duplicate of every buffer, and then "b" the buffer itself.
+class TestSplitter : public quarn::calvane::MultiOutputFilterPlugin {
+public:
+    explicit TestSplitter(const std::string& name) : MultiOutputFilterPlugin(TestConfig(name)) {}
+    void OnBuffer(const quarn::calvane::Sink*, quarn::calvane::Buffer* buffer) override {
+        a_->PushBuffer(buffer->Duplicate());
+        b_->PushBuffer(buffer);
+    }
+
+private:
+    const std::unique_ptr<quarn::calvane::Source> a_{CreateSource("a")};
+    const std::unique_ptr<quarn::calvane::Source> b_{CreateSource("b")};
 };
 
 /// Calls a function to generate; what that returns tells whether to be called again.
@@ -73,8 +91,6 @@ public:
         : BasicSourcePlugin(TestConfig(name)), generator_(std::move(generator)) {}
     bool OnGenerateBuffer(quarn::osa::TimeStruct& next) override { return generator_(*source, next); }
 
-    quarn::calvane::Source& GetSource() { return *source; }
-
 private:
     const Generator generator_;
 };
@@ -85,16 +101,10 @@ public:
     using Maker = std::function<quarn::calvane::PipelinePlugin*(const quarn::calvane::IPluginConfiguration&)>;
     quarn::calvane::PipelinePlugin* CreatePlugin(
         const quarn::calvane::IPluginConfiguration& config) override {
-        created.push_back(config.GetPluginName());
-        const auto found = makers.find(config.GetPluginType());
-        if (found == makers.end()) {
-            throw quarn::osa::Exception("no maker for " + config.GetPluginType());
-        }
-        return found->second(config);
+        return makers.at(config.GetPluginType())(config);
     }
 
     std::map<std::string, Maker> makers;
-    std::vector<std::string> created;
 };
 
 /// Keeps what is reported.
@@ -105,14 +115,3 @@ public:
     }
     Collector reports;
 };
-
-/// Runs `action` and returns the text of the Exception that it throws, or "nothing was thrown".
-template <typename ExceptionType = quarn::osa::Exception>
-std::string ThrownText(const std::function<void()>& action) {
-    try {
-        action();
-    } catch (const ExceptionType& error) {
-        return error.what();
-    }
-    return "nothing was thrown";
-}

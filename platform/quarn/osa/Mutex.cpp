@@ -6,10 +6,13 @@
 #include "quarn/osa/Deadline.h"
 #include "quarn/osa/FormatText.h"
 #include "quarn/osa/LockException.h"
+#include "quarn/osa/Spin.h"
 
 namespace quarn::osa {
 
 namespace {
+
+constexpr unsigned int kAttempts = 100;
 
 class MutexAttributes {
 public:
@@ -68,6 +71,15 @@ bool Mutex::TryLock(unsigned int timeoutMs) {
         Fail("lock", code);
     }
     return true;
+}
+
+void Mutex::LockContended() {
+    if (SpinUntil(kAttempts, [this] { return pthread_mutex_trylock(&mutex_) == 0; })) {
+        return;
+    }
+    if (const int code = pthread_mutex_lock(&mutex_); code != 0) {
+        Fail("lock", code);
+    }
 }
 
 // Kernels before 5.14 cannot wait for a priority-inheriting lock on the monotonic clock, and the clock that

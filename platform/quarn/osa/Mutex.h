@@ -24,8 +24,8 @@ public:
 
     /// Waits without limit.
     void Lock() {
-        if (const int code = pthread_mutex_lock(&mutex_); code != 0) {
-            Fail("lock", code);
+        if (pthread_mutex_trylock(&mutex_) != 0) {
+            LockContended();
         }
     }
     /// Waits for at most `timeoutMs` milliseconds of the monotonic clock; 0 does not wait, kNoTimeout waits
@@ -42,6 +42,7 @@ public:
 
 private:
     [[noreturn]] void Fail(const char* action, int code) const;
+    void LockContended();
     bool PollLock(unsigned int timeoutMs);
 
     const char* const name_;

@@ -6,8 +6,15 @@
 #include "quarn/osa/FormatText.h"
 #include "quarn/osa/Futex.h"
 #include "quarn/osa/LockException.h"
+#include "quarn/osa/Spin.h"
 
 namespace quarn::osa {
+
+namespace {
+
+constexpr unsigned int kAttempts = 200;
+
+} // namespace
 
 // No wake-up is lost: a waiter announces itself before it looks at the count for the last time, a releaser
 // raises the count before it looks for waiters, and both orders are sequentially consistent. While the count
@@ -58,6 +65,9 @@ bool Semaphore::TakeWithoutWaiting() {
 }
 
 bool Semaphore::TakeWaiting(unsigned int timeoutMs) {
+    if (SpinUntil(kAttempts, [this] { return TakeWithoutWaiting(); })) {
+        return true;
+    }
     timespec deadline{};
     const bool limited = timeoutMs != kNoTimeout;
     if (limited) {

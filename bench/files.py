@@ -1,0 +1,85 @@
+"""From file to file: `calvane run` beside dd and GStreamer, whole processes."""
+import filecmp
+import os
+import shutil
+import sys
+import tempfile
+
+from measure import Samples, elapsed
+
+MIB = 1024 * 1024
+DESCRIPTION = """[calvane]
+t.pipelines = copy
+
+[copy]
+t.pipeline.head = reader
+
+[reader]
+t.plugin.type = FileSource
+t.pipeline.next = writer
+filename = {source}
+buffer.blocksize.bytes = {block}
+
+[writer]
+t.plugin.type = FileSink
+filename = {target}
+"""
+
+
+class FileRows:
+    """Copies a file of 256 MiB in blocks of 64 KiB, and one of 64 MiB in blocks of 1 KiB, in memory and on disk."""
+
+    SIZES = [(64 * 1024, 256 * MIB, 1.1, 0.9), (1024, 64 * MIB, None, None)]  # Block, file, limits: dd, GStreamer.
+    MEMORY = "/dev/shm"
+
+    def __init__(self, calvane, gst, quick):
+        self._calvane, self._gst, self._quick = calvane, gst, quick
+
+    def measure(self, rounds):
+        rows = []
+        for place, folder in (("in memory", self.MEMORY), ("on disk", os.environ.get("TMPDIR", "/var/tmp"))):
+            if not os.path.isdir(folder) or shutil.disk_usage(folder).free < 1024 * MIB:
+                print(f"{folder} has not got a free GiB: no files {place}.")
+                continue
+            for block, length, dd_limit, gst_limit in self.SIZES:
+                with tempfile.TemporaryDirectory(prefix="calvane-bench-", dir=folder) as here:
+                    rows += self._rows(here, place, rounds, block, length, (dd_limit, gst_limit))
+        return rows
+
+    def _rows(self, here, place, rounds, block, length, limits):
+        source, target = os.path.join(here, "source"), os.path.join(here, "target")
+        with open(source, "wb") as file:
+            for _ in range(length // MIB):
+                file.write(os.urandom(MIB))
+        os.sync()  # Nothing of this goes on while we measure.
+        commands = self._commands(here, source, target, block)
+        samples = Samples()
+        for _ in range(rounds):
+            times = {name: self._copy(command, source, target) for name, command in commands.items()}
+            for name in list(times)[1:]:
+                samples.add(name, times["calvane"] * 1e3, times[name] * 1e3)
+        self._copy(commands["calvane"], source, target, keep=True)
+        if not filecmp.cmp(source, target, shallow=False):
+            sys.exit(f"bench: what `calvane run` has copied in {here} is not the same")
+        return [(f"file to file, {block // 1024} KiB blocks, {length // MIB} MiB {place}; {name}",
+                 *samples.medians(name), "ms", limit) for name, limit in zip(list(commands)[1:], limits)]
+
+    def _commands(self, here, source, target, block):
+        description = os.path.join(here, "copy.ini")
+        with open(description, "w", encoding="utf-8") as file:
+            file.write(DESCRIPTION.format(source=source, target=target, block=block))
+        commands = {"calvane": [self._calvane, "run", description],
+                    "dd": ["dd", f"if={source}", f"of={target}", f"bs={block}", "status=none"]}
+        if self._gst:
+            commands["filesrc ! filesink"] = [self._gst, "-q", "filesrc", f"location={source}", f"blocksize={block}",
+                                              "!", "filesink", f"location={target}"]
+        return commands
+
+    @staticmethod
+    def _copy(command, source, target, keep=False):
+        wall, _cpu = elapsed(command)
+        if os.path.getsize(target) != os.path.getsize(source):
+            sys.exit(f"bench: {' '.join(command)} has not copied all of {source}")
+        if not keep:
+            os.remove(target)
+        return wall

@@ -1,0 +1,127 @@
+#!/usr/bin/env python3
+"""Sets the framework's figures beside those of other programs, measured in the same minutes on the same machine.
+
+Runs are interleaved: every round measures everything once, and a figure is the median of its rounds. What
+another program takes for one buffer is the slope between runs of two lengths, so that its start does not count.
+"""
+import argparse
+import os
+import platform
+import shutil
+import sys
+
+from files import FileRows
+from measure import OthersWatch, Samples, bench_figures, elapsed
+
+GST = "gst-launch-1.0"
+FAKE_SINK = "fakesink sync=false silent=true"
+GST_PIPELINES = {
+    "base": f"! {FAKE_SINK}",
+    "identity": "! identity silent=true " * 10 + f"! {FAKE_SINK}",
+    "queue 200": f"! queue max-size-buffers=200 ! {FAKE_SINK}",
+    "queue 5": f"! queue max-size-buffers=5 ! {FAKE_SINK}",
+    # Without async=false the pipeline waits for all sinks to have a buffer, which one thread cannot give them.
+    "tee": "! tee name=t " + f"t. ! {FAKE_SINK} async=false " * 3,
+}
+
+
+def gst_command(pipeline, buffers):
+    source = f"fakesrc num-buffers={buffers} sizetype=fixed sizemax=64 silent=true "
+    return [GST, "-q"] + (source + GST_PIPELINES[pipeline]).split()
+
+
+def gst_round(counts):
+    """For each pipeline: nanoseconds per buffer on the wall clock, and of processor time."""
+    figures = {}
+    for name in GST_PIPELINES:
+        short, long = (elapsed(gst_command(name, count)) for count in counts)
+        figures[name], figures[name + " cpu"] = (
+            (b - a) * 1e9 / (counts[1] - counts[0]) for a, b in zip(short, long))
+    return figures
+
+
+# What, our figure, theirs (of one round each), and the highest ratio that is wanted (None: only to be known).
+PATH_ROWS = [
+    ("one pass-through plugin, in a chain of ten; identity",
+     lambda o: (o["PassThrough/10"] - o["PassThrough/0"]) / 10, lambda t: (t["identity"] - t["base"]) / 10, 0.2),
+    ("generate, push, consume; fakesrc ! fakesink",
+     lambda o: o["GeneratePushConsume"], lambda t: t["base"], 0.5),
+    ("fan-out to three sinks, whole path; tee",
+     lambda o: o["FanOut/3"], lambda t: t["tee"], 0.5),
+    ("fan-out to three sinks, more than to one; tee",
+     lambda o: o["FanOut/3"] - o["GeneratePushConsume"], lambda t: t["tee"] - t["base"], None),
+]
+for depth in ("200", "5"):
+    PATH_ROWS += [
+        (f"queue hand-off, extra, {depth} on the way; queue",
+         lambda o, d=depth: o["QueueHandOff/" + d] - o["GeneratePushConsume"],
+         lambda t, d=depth: t["queue " + d] - t["base"], 0.5),
+        (f"queue, {depth} on the way, whole path; queue",
+         lambda o, d=depth: o["QueueHandOff/" + d], lambda t, d=depth: t["queue " + d], None),
+        (f"queue, {depth} on the way, whole path, processor time; queue",
+         lambda o, d=depth: o[f"QueueHandOff/{d} cpu"], lambda t, d=depth: t[f"queue {d} cpu"], None),
+    ]
+
+
+def path_rows(bench, rounds, quick, with_gst):
+    """The rows of PATH_ROWS, and the last round's figures of ours that are no times."""
+    counts = (50_000, 250_000) if quick else (100_000, 600_000)
+    samples = Samples()
+    for _ in range(rounds):
+        ours, facts = bench_figures(bench, "^(PassThrough|Generate|FanOut|Queue)", 0.1 if quick else 0.3)
+        theirs = gst_round(counts) if with_gst else None
+        for what, our_figure, their_figure, _limit in PATH_ROWS:
+            samples.add(what, our_figure(ours), their_figure(theirs) if theirs else None)
+    rows = [(what, *samples.medians(what), "ns", limit) for what, _ours, _theirs, limit in PATH_ROWS]
+    return rows, facts
+
+
+def fact_rows(bench, facts):
+    _times, idle = bench_figures(bench, "^IdlePipelines", 0)
+    memory, threads = (idle["IdlePipelines/24"][key] for key in ("kib_per_pipeline", "threads_per_pipeline"))
+    rows = [(f"allocations per buffer: {name}", facts[name]["allocations"], None, "", None)
+            for name in ("PassThrough/10", "GeneratePushConsume", "FanOut/3", "QueueHandOff/200")]
+    return rows + [("one of 24 idle pipelines with a queue: memory", memory, None, "KiB", None),
+                   ("one of 24 idle pipelines with a queue: threads", threads, None, "", None)]
+
+
+def print_table(rows):
+    print("| what; beside what | ours | theirs | ratio | must be | met |")
+    print("|---|---:|---:|---:|---:|---|")
+    for what, ours, theirs, unit, limit in rows:
+        show = lambda figure: "-" if figure is None else f"{figure:.{1 if figure < 100 else 0}f} {unit}".strip()
+        # A difference below zero, or within noise of it, has no ratio.
+        ratio = ours / theirs if theirs is not None and theirs > 0 else None
+        met = "-" if limit is None or ratio is None else "yes" if ratio <= limit else "NO"
+        print(f"| {what} | {show(ours)} | {show(theirs)} | {'-' if ratio is None else f'{ratio:.2f}'} |"
+              f" {'-' if limit is None else f'{limit} x'} | {met} |")
+
+
+def main():
+    parser = argparse.ArgumentParser(description=__doc__.splitlines()[0])
+    parser.add_argument("--build", default="build/bench", help="folder of the build")
+    parser.add_argument("--quick", action="store_true", help="under a minute; the figures are rougher")
+    parser.add_argument("--rounds", type=int, help="how often to measure (9; quick: 3)")
+    options = parser.parse_args()
+    rounds = options.rounds or (3 if options.quick else 9)
+    binaries = os.path.abspath(os.path.join(options.build, "bin"))
+    bench = os.path.join(binaries, "calvane_bench")
+
+    with_gst = shutil.which(GST) is not None
+    if with_gst:
+        elapsed(gst_command("base", 1))  # The first run after an installation looks at all its plugins.
+    else:
+        print(f"{GST} is not installed (./dev setup --bench): the rows above the files have nothing beside them, "
+              "and those of filesrc ! filesink are left out.")
+
+    with OthersWatch() as others:
+        rows, facts = path_rows(bench, rounds, options.quick, with_gst)
+        rows += FileRows(os.path.join(binaries, "calvane"), GST if with_gst else None, options.quick).measure(rounds)
+        rows += fact_rows(bench, facts)
+    print(f"{platform.system()} {platform.release()} {platform.machine()}, {os.cpu_count()} processors, "
+          f"medians of {rounds} rounds; other programs used {others.share:.0%} of the machine meanwhile")
+    print_table(rows)
+
+
+if __name__ == "__main__":
+    sys.exit(main())

@@ -1,0 +1,23 @@
+#!/usr/bin/env bash
+# Makes the sysroot of the armhf build: Debian 12's armhf packages, extracted and not installed. The mirror is the
+# one that this machine's own apt uses. Usage: armhf-sysroot.sh FOLDER
+set -euo pipefail
+
+readonly PACKAGES=libc6-dev,libstdc++-12-dev,libspdlog-dev,libcli11-dev,libgtest-dev,libgmock-dev
+folder=$1
+stamp=$folder/packages
+
+if [[ -f $stamp && $(<"$stamp") == "$PACKAGES" ]]; then
+    exit 0
+fi
+# Only this one: with all of apt's own set-up its indexes may be out of step with each other.
+mirror=$(apt-get indextargets --format "\$(REPO_URI)" 'Codename: bookworm' 'Created-By: Packages' | sort -u | head -n 1)
+if [[ -z $mirror ]]; then
+    echo "armhf-sysroot.sh: apt knows no mirror of Debian bookworm; run apt-get update" >&2
+    exit 1
+fi
+echo "Making the armhf sysroot in $folder"
+rm -rf "$folder"
+mkdir -p "$folder"
+mmdebstrap --quiet --variant=extract --architectures=armhf --include="$PACKAGES" bookworm "$folder" "$mirror"
+echo "$PACKAGES" > "$stamp"
