@@ -43,7 +43,7 @@ protected:
     TempFolder folder;
     CalvaneEnv env;
     std::string last;
-    const ExpectNoBuffersLeft check;
+    ExpectNoBuffersLeft check;
 };
 
 } // namespace

@@ -38,7 +38,7 @@ protected:
         held.Lock();
     }
 
-    const ExpectNoBuffersLeft check; // The last to go.
+    ExpectNoBuffersLeft check; // The last to go.
     TestReporter reporter;
     CalvaneEnv env{&reporter, false};
     Semaphore held{"held", 0, 1};
