@@ -54,14 +54,13 @@ const PluginManager::PluginAutoRegister kRegistration("QueuePlugin", &CreateQueu
 } // namespace
 
 QueuePlugin::QueuePlugin(CalvaneEnv* env, const IPluginConfiguration& config)
-    : BasicFilterPlugin(config),
-      env_(env),
-      allowDrop_(config.GetIntOrDefault("allow.drop.on.write", 0) != 0) {
+    : BasicFilterPlugin(config), env_(env) {
     const auto queueLength = static_cast<unsigned short>(config.GetIntOrDefault("queue.length", 500));
     const auto stackBytes =
         static_cast<unsigned int>(std::max(config.GetIntOrDefault("thread.stack.bytes", 2048), 0));
     const signed char priority = ReadPriority(config);
     const bool watched = config.GetIntOrDefault("procmon.timeout.seconds", 0) != 0;
+    allowDrop_ = config.GetIntOrDefault("allow.drop.on.write", 0) != 0;
     consumer_ =
         std::make_shared<QueueConsumer>(config.GetPluginName(), queueLength, watched, logger,
                                         env != nullptr ? env->GetPipelineReporter() : nullptr, source);

@@ -54,7 +54,7 @@ private:
     void CheckDropStats(bool periodEnded);
 
     CalvaneEnv* const env_;
-    const bool allowDrop_;
+    bool allowDrop_; // Not changed after construction.
     std::shared_ptr<QueueConsumer> consumer_;
     std::unique_ptr<osa::Thread> thread_;
     bool* monitorEntry_ = nullptr;

@@ -76,7 +76,7 @@ TEST_F(ProgramTest, ChecksWithoutMakingAnythingUnlessTold) {
     EXPECT_EQ("d.ini:8: [reader] filename: reader: Failed to open file in\n", err);
     folder.Write("in", "");
     EXPECT_EQ(0, Calvane({"check", "--build", "d.ini"}));
-    EXPECT_EQ("d.ini: warning: writer: Setting filenam was never used.\n", err);
+    EXPECT_EQ("d.ini:12: warning: [writer] filenam: writer: Setting filenam was never used.\n", err);
     EXPECT_FALSE(folder.Has("out"));
 }
 

@@ -1,4 +1,4 @@
-// A module as an author writes one: a filter and a source, and two types that misbehave.
+// A module as an author writes one: a filter, and two types that misbehave.
 
 #include <stdexcept>
 
@@ -10,18 +10,22 @@ namespace test_module {
 
 using namespace quarn::calvane;
 
-/// Turns the lowest bit of every byte round.
+/// Turns bits of every byte round.
 class Invert : public BasicFilterPlugin {
 public:
-    Invert(CalvaneEnv*, const IPluginConfiguration& config) : BasicFilterPlugin(config) {}
+    Invert(CalvaneEnv*, const IPluginConfiguration& config)
+        : BasicFilterPlugin(config), mask_(static_cast<unsigned char>(config.GetIntOrDefault("mask", 1))) {}
     void OnBuffer(const Sink*, Buffer* buffer) override {
         std::unique_ptr<Buffer> owned(buffer);
         unsigned char* const bytes = owned->GetDataForWrite();
         for (unsigned int i = 0; i != owned->GetLength(); ++i) {
-            bytes[i] ^= 1;
+            bytes[i] ^= mask_;
         }
         source->PushBuffer(owned.release());
     }
+
+private:
+    const unsigned char mask_;
 };
 
 class Thrower : public BasicFilterPlugin {

@@ -13,6 +13,18 @@ namespace calvane_program {
 
 namespace {
 
+// Where the setting stands that a warning calls unused; nowhere for other warnings.
+Place FindUnusedSetting(const quarn::core::IniFile& ini, const std::string& warning) {
+    for (const std::string& group : ini.GetGroups()) {
+        for (const auto& entry : ini[group]) {
+            if (warning == group + ": Setting " + entry.first + " was never used.") {
+                return {group, entry.first};
+            }
+        }
+    }
+    return {};
+}
+
 // What the plugins and the loader warn about while they are made belongs to the findings; their errors come
 // as exceptions.
 bool Build(const quarn::core::IniFile& ini, unsigned int& warnings) {
@@ -20,7 +32,7 @@ bool Build(const quarn::core::IniFile& ini, unsigned int& warnings) {
     const bool good = DescribedPipelines(ini).Load();
     for (const auto& line : log.GetLines()) {
         if (line.level == quarn::core::LogLevel::Warning) {
-            PrintError(ini.GetFileName() + ": warning: " + line.text);
+            PrintError(Locate(ini, FindUnusedSetting(ini, line.text), line.text, "warning: "));
             ++warnings;
         }
     }
