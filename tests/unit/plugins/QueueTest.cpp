@@ -141,6 +141,13 @@ TEST_F(QueuePluginTest, WaitsForAPushUnderWayWhenItIsFull) {
     later.join();
 }
 
+TEST_F(QueuePluginTest, GoesEvenIfItNeverHasRoom) {
+    Make({{"queue.length", "65536"}, {"allow.drop.on.write", "1"}}); // 0, taken modulo 65536
+    Push("x");
+    queue.reset(); // Not even the message to stop fits.
+    EXPECT_TRUE(collector.Get().empty());
+}
+
 TEST_F(QueuePluginTest, ServesSeveralProducersAtOnce) {
     constexpr size_t kAll = 4 * 500;
     const LogCapture log(quarn::core::LogLevel::Information);
