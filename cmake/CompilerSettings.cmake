@@ -20,7 +20,7 @@ if(CALVANE_SANITIZE)
   add_compile_options(-fsanitize=${CALVANE_SANITIZE} -fno-omit-frame-pointer -O1)
   add_link_options(-fsanitize=${CALVANE_SANITIZE})
   # What the sanitizers put in makes g++ 12 see uninitialised members in the standard library's own headers.
-  add_compile_options(-Wno-error=maybe-uninitialized)
+  add_compile_options($<$<CXX_COMPILER_ID:GNU>:-Wno-error=maybe-uninitialized>)
   if(CALVANE_SANITIZE MATCHES "undefined")
     add_compile_options(-fno-sanitize-recover=undefined)
   endif()

@@ -4,8 +4,8 @@
 
 namespace quarn::osa {
 
-/// Calls `attempt` up to `attempts` times, a few hundred nanoseconds apart at most, until it returns true; not
-/// at all where there is only one processor, since nothing changes there while this thread runs. Returns
+/// Calls `attempt` up to `attempts` times, a few hundred nanoseconds apart at most, until it returns true;
+/// not at all where there is only one processor, since nothing changes there while this thread runs. Returns
 /// whether it did.
 ///
 /// Going to sleep and being woken costs microseconds, which is what two threads that hand buffers to each
