@@ -37,7 +37,9 @@ TEST(Mutex, TimesOutWhileAnotherThreadHoldsIt) {
 
 TEST(Mutex, TellsAThreadThatItLocksTwiceOrUnlocksWhatItDoesNotHold) {
     Mutex mutex("mine");
+#if !defined(__SANITIZE_THREAD__) // That reports the misuse before the mutex can.
     EXPECT_THAT(ThrownText<LockException>([&] { mutex.Unlock(); }), testing::HasSubstr("\"mine\""));
+#endif
     mutex.Lock();
     EXPECT_THAT(ThrownText<LockException>([&] { mutex.Lock(); }), testing::HasSubstr("\"mine\""));
     mutex.Unlock();
