@@ -4,6 +4,7 @@
 #include <utility>
 
 #include "calvane/buffer/AddressChecks.h"
+#include "calvane/buffer/RecyclerImpl.h"
 #include "quarn/osa/Exception.h"
 #include "quarn/osa/InterlockedObj.h"
 
@@ -13,29 +14,6 @@ namespace {
 
 const char* const kNoPointer = "Could not get a pointer to this buffer";
 const char* const kBeyondView = "Tried to create a SubBuffer that extends beyond the current buffer";
-
-/// The memory and the number of buffers that look at it.
-class BufferShared {
-public:
-    explicit BufferShared(std::unique_ptr<core::IMemoryHandle> memory) : handle(std::move(memory)) {}
-
-    BufferShared* AddUser() {
-        lock.Increment(refCount);
-        return this;
-    }
-    void RemoveUser() {
-        if (lock.Decrement(refCount) == 0) {
-            delete this;
-        }
-    }
-    bool HasOneUser() const { return lock.Read(refCount) == 1; }
-
-    const std::unique_ptr<core::IMemoryHandle> handle;
-
-private:
-    int refCount = 1;
-    osa::InterlockedObj lock;
-};
 
 std::unique_ptr<core::IMemoryHandle> CheckHandle(std::unique_ptr<core::IMemoryHandle> handle) {
     if (!handle) {
@@ -53,32 +31,66 @@ T* Advance(T* start, unsigned int offset) {
 
 } // namespace
 
-class Buffer::BufferImpl {
+/// One view on a memory. The first view of a memory also holds what all its views share: the handle and the
+/// number of views. So it stays, emptied, until the last of them is gone.
+class Buffer::BufferImpl final {
 public:
-    BufferImpl(std::unique_ptr<core::IMemoryHandle> handle, const BufferFormat* initialFormat)
-        : length(handle->GetLength()), format(initialFormat != nullptr ? *initialFormat : BufferFormat()) {
-        shared = new BufferShared(std::move(handle));
-    }
+    BufferImpl(std::unique_ptr<core::IMemoryHandle> memory, const BufferFormat* initialFormat)
+        : first_(this),
+          handle_(std::move(memory)),
+          length(handle_->GetLength()),
+          format(initialFormat != nullptr ? *initialFormat : BufferFormat()) {}
     BufferImpl(const BufferImpl& other)
-        : offset(other.offset),
+        : first_(other.first_),
+          offset(other.offset),
           length(other.length),
+          timestamp(other.timestamp),
           format(other.format),
-          metadata(other.metadata),
-          timestamp(other.timestamp) {
-        shared = other.shared->AddUser(); // Last, since nothing may throw behind it.
+          metadata(other.metadata) {
+        first_->lock_.Increment(first_->viewCount_); // Last, since nothing may throw behind it.
     }
     BufferImpl& operator=(const BufferImpl&) = delete;
-    ~BufferImpl() { shared->RemoveUser(); }
+    ~BufferImpl() { handle_.reset(); } // Before what the view says of it.
 
-    core::IMemoryHandle& Handle() const { return *shared->handle; }
+    static void* operator new(std::size_t bytes) { return TakeRecycled(Recycled::View, bytes); }
+    static void operator delete(void* place) noexcept { GiveRecycled(Recycled::View, place); }
 
-    BufferShared* shared = nullptr;
+    /// Instead of deletion.
+    static void Release(BufferImpl* view) noexcept {
+        BufferImpl* const first = view->first_;
+        if (view == first && !first->IsOnlyView()) {
+            BufferFormat().swap(view->format);
+            BufferMetadata().swap(view->metadata);
+        }
+        // Where there is one view only, nobody else can make another.
+        if (first->IsOnlyView() || first->lock_.Decrement(first->viewCount_) == 0) {
+            delete first;
+        }
+        if (view != first) {
+            delete view;
+        }
+    }
+
+    core::IMemoryHandle& Handle() const { return *first_->handle_; }
+    bool IsOnlyView() const { return first_->lock_.Read(first_->viewCount_) == 1; }
+
+private:
+    BufferImpl* const first_;
+    std::unique_ptr<core::IMemoryHandle> handle_; // Of the first view only, and so the next two.
+    int viewCount_ = 1;
+    osa::InterlockedObj lock_;
+
+public:
     unsigned int offset = 0;
-    unsigned int length = 0;
+    unsigned int length;
+    osa::TimeStruct timestamp;
     BufferFormat format;
     BufferMetadata metadata;
-    osa::TimeStruct timestamp;
 };
+
+void Buffer::ReleaseImpl::operator()(BufferImpl* impl) const noexcept {
+    BufferImpl::Release(impl);
+}
 
 Buffer::Buffer(core::IMemoryHandle* handle)
     : impl_(new BufferImpl(CheckHandle(std::unique_ptr<core::IMemoryHandle>(handle)), nullptr)) {}
@@ -92,6 +104,18 @@ Buffer::Buffer(BufferImpl* impl) : impl_(impl) {}
 
 Buffer::~Buffer() = default;
 
+void* Buffer::operator new(std::size_t bytes) {
+    return bytes == sizeof(Buffer) ? TakeRecycled(Recycled::Buffer, bytes) : ::operator new(bytes);
+}
+
+void Buffer::operator delete(void* place, std::size_t bytes) noexcept {
+    if (bytes == sizeof(Buffer)) {
+        GiveRecycled(Recycled::Buffer, place);
+    } else {
+        ::operator delete(place);
+    }
+}
+
 Buffer* Buffer::Duplicate() const {
     return new Buffer(*this);
 }
@@ -100,7 +124,7 @@ Buffer* Buffer::CreateSubBuffer(unsigned int offset, unsigned int length) const 
     if (offset > impl_->length || length > impl_->length - offset) {
         throw osa::Exception(kBeyondView);
     }
-    auto view = std::make_unique<BufferImpl>(*impl_);
+    ImplPtr view(new BufferImpl(*impl_));
     view->offset += offset;
     view->length = length;
     auto* buffer = new Buffer(view.get());
@@ -145,7 +169,7 @@ unsigned int Buffer::GetPhysAddrForWrite() {
 }
 
 bool Buffer::IsWritable() const {
-    return impl_->shared->HasOneUser();
+    return impl_->IsOnlyView();
 }
 
 bool Buffer::IsAddressable() const {

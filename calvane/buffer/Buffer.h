@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstddef>
 #include <memory>
 
 #include "calvane/Export.h"
@@ -27,6 +28,13 @@ public:
     Buffer(const Buffer& other);
     Buffer& operator=(const Buffer&) = delete;
     virtual ~Buffer();
+
+    /// Buffers come and go all the time, so their memory is kept for the next one. What derives from Buffer
+    /// comes from the heap.
+    static void* operator new(std::size_t bytes);
+    static void* operator new(std::size_t, void* place) noexcept { return place; }
+    static void operator delete(void* place, std::size_t bytes) noexcept;
+    static void operator delete(void*, void*) noexcept {}
 
     /// A copy on the heap; the caller owns it.
     Buffer* Duplicate() const;
@@ -69,7 +77,12 @@ private:
     explicit Buffer(BufferImpl* impl);
     void AssertWritable() const;
 
-    std::unique_ptr<BufferImpl> impl_;
+    struct ReleaseImpl {
+        void operator()(BufferImpl* impl) const noexcept;
+    };
+    using ImplPtr = std::unique_ptr<BufferImpl, ReleaseImpl>;
+
+    ImplPtr impl_;
 };
 
 } // namespace quarn::calvane

@@ -3,12 +3,14 @@
 #include <algorithm>
 #include <vector>
 
+#include "quarn/osa/CacheLine.h"
 #include "quarn/osa/Exception.h"
 #include "quarn/osa/MutexAutoLock.h"
 
 namespace quarn::calvane {
 
-class Source::SourceImpl {
+// On cache lines of its own: what lies beside it may belong to another thread.
+class alignas(osa::kCacheLineBytes) Source::SourceImpl {
 public:
     /// Call with the lock held.
     bool IsConnectedTo(const Sink* sink) const {

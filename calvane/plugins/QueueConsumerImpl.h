@@ -6,6 +6,7 @@
 
 #include "calvane/buffer/Buffer.h"
 #include "calvane/graph/Source.h"
+#include "quarn/osa/CacheLine.h"
 #include "quarn/osa/Mutex.h"
 #include "quarn/osa/Semaphore.h"
 #include "quarn/osa/tMsgQueue.h"
@@ -62,8 +63,8 @@ private:
     const bool logTimeouts_;
     core::Logger* const logger_;
     const std::shared_ptr<Source> source_;
-    osa::Semaphore gate_{"QueueSem", 0, 1};
     osa::Semaphore entered_{"QueueEntered", 0, 1};
+    alignas(osa::kCacheLineBytes) osa::Semaphore gate_{"QueueSem", 0, 1}; // Producers change it all the time.
     osa::tMsgQueue<Buffer*> queue_;
 
     osa::Mutex reportLock_{"QueueReport"}; // Held while the reporter is called, and to abandon.
@@ -72,8 +73,8 @@ private:
     std::atomic<bool> abandoned_{false};
 
     // Each written by one thread at a time: no atomic addition is needed.
-    std::atomic<unsigned int> accepted_{0};
-    std::atomic<unsigned int> handled_{0};
+    alignas(osa::kCacheLineBytes) std::atomic<unsigned int> accepted_{0};
+    alignas(osa::kCacheLineBytes) std::atomic<unsigned int> handled_{0};
 };
 
 } // namespace quarn::calvane

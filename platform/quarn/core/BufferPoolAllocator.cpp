@@ -4,23 +4,36 @@
 #include <climits>
 #include <cstdint>
 #include <memory>
+#include <mutex>
 #include <new>
 #include <utility>
 
 #include "quarn/core/BasicMemoryHandle.h"
 #include "quarn/osa/CacheLine.h"
 #include "quarn/osa/Exception.h"
-#include "quarn/osa/Semaphore.h"
+#include "quarn/osa/Futex.h"
+#include "quarn/osa/Mutex.h"
+#include "quarn/osa/MutexAutoLock.h"
+#include "quarn/osa/Spin.h"
 
 namespace quarn::core {
 
-/// The slab, a place for the handle of each block, and the list of the free blocks.
+namespace {
+
+constexpr unsigned int kAttempts = 16;
+
+} // namespace
+
+/// The slab, a place for the handle of each block, and two lists of free blocks.
 ///
-/// The free blocks are a stack of block numbers. Its top carries a count of changes, so that a thread that
-/// was held up between reading the top and replacing it finds out when the same number has come back
-/// meanwhile. The semaphore counts the free blocks; whoever has taken one from it finds a block on the stack.
+/// Whoever gives a block back puts it on one list; whoever takes one takes it from the other, and gets all
+/// that has come back when that one is empty. So a thread that takes and one that gives back seldom touch the
+/// same memory, and a list that only grows or is taken whole needs no protection against a block that comes
+/// and goes between two looks at it.
 ///
-/// Lifetime: a count of users, which are the allocator and every block that is out. The last one deletes it.
+/// Lifetime: a count of users, which are the allocator and every block. A block that is free when the
+/// allocator
+///           goes leaves with it, and each other one when it comes back. The last one deletes it all.
 class BufferPoolAllocator::State {
 public:
     State(std::unique_ptr<IMemoryHandle> slab, unsigned int stride, unsigned int blockCount);
@@ -29,7 +42,8 @@ public:
 
     /// Null when all blocks are out and `wait` is not set.
     IMemoryHandle* Take(unsigned int length, bool wait);
-    void Leave();
+    /// The allocator goes.
+    void Close();
 
     unsigned int GetBlockCount() const { return blockCount_; }
 
@@ -37,13 +51,17 @@ private:
     class BlockHandle;
     struct Slot;
 
+    // The head of a list is the number of a block or one of these.
     static constexpr uint32_t kNone = UINT32_MAX;
-    static constexpr uint64_t kOneChange = uint64_t{1} << 32;
+    static constexpr uint32_t kAwaited = UINT32_MAX - 1; // None, and a thread sleeps until one comes.
+    static constexpr uint32_t kClosed = UINT32_MAX - 2;
 
     ~State();
-    void Push(uint32_t number);
-    uint32_t Pop();
-    void GiveBack(const Slot* slot);
+    bool TakeOverReturned();
+    void WaitForReturned();
+    unsigned int Length(uint32_t first) const;
+    void GiveBack(Slot* slot);
+    void Leave(unsigned int users);
 
     const std::unique_ptr<IMemoryHandle> slab_;
     unsigned char* const start_;
@@ -52,9 +70,12 @@ private:
     const unsigned int blockCount_;
     const std::unique_ptr<Slot[]> slots_;
 
-    osa::Semaphore freeBlocks_;
-    std::atomic<uint64_t> top_{kNone}; // Low half: number of the top block; high half: changes.
-    std::atomic<unsigned int> users_{1};
+    // A lock that inherits priority costs twice as much; threads that share a pool should not differ there.
+    alignas(osa::kCacheLineBytes) std::mutex takers_;
+    uint32_t available_; // The head of the list that blocks are taken from.
+
+    alignas(osa::kCacheLineBytes) std::atomic<uint32_t> returned_{kNone}; // The head of the other one.
+    alignas(osa::kCacheLineBytes) std::atomic<unsigned int> users_;
 };
 
 /// Lives in a slot. `delete` runs its destructor and then the operator below, which gives the slot back: not
@@ -76,11 +97,11 @@ private:
 struct alignas(osa::kCacheLineBytes) BufferPoolAllocator::State::Slot {
     alignas(BlockHandle) unsigned char place[sizeof(BlockHandle)]; // First: its address is the slot's.
     State* pool;
-    std::atomic<uint32_t> next;
+    uint32_t next; // In the list that the block is on.
 };
 
 void BufferPoolAllocator::State::BlockHandle::operator delete(void* place) {
-    const Slot* slot = static_cast<Slot*>(place);
+    Slot* slot = static_cast<Slot*>(place);
     slot->pool->GiveBack(slot);
 }
 
@@ -92,53 +113,82 @@ BufferPoolAllocator::State::State(std::unique_ptr<IMemoryHandle> slab, unsigned 
       stride_(stride),
       blockCount_(blockCount),
       slots_(new Slot[blockCount]),
-      freeBlocks_("BufferPool", blockCount, blockCount) {
-    for (uint32_t number = blockCount; number-- > 0;) {
+      available_(0),
+      users_(blockCount + 1) {
+    for (uint32_t number = 0; number != blockCount; ++number) {
         slots_[number].pool = this;
-        Push(number);
+        slots_[number].next = number + 1 != blockCount ? number + 1 : kNone;
     }
 }
 
 BufferPoolAllocator::State::~State() = default;
 
-void BufferPoolAllocator::State::Push(uint32_t number) {
-    uint64_t top = top_.load(std::memory_order_relaxed);
-    uint64_t changed = 0;
-    do {
-        slots_[number].next.store(static_cast<uint32_t>(top), std::memory_order_relaxed);
-        changed = (top / kOneChange + 1) * kOneChange + number;
-    } while (!top_.compare_exchange_weak(top, changed, std::memory_order_release, std::memory_order_relaxed));
-}
-
-uint32_t BufferPoolAllocator::State::Pop() {
-    uint64_t top = top_.load(std::memory_order_acquire);
-    uint64_t changed = 0;
-    do {
-        const uint32_t next = slots_[static_cast<uint32_t>(top)].next.load(std::memory_order_relaxed);
-        changed = (top / kOneChange + 1) * kOneChange + next;
-    } while (!top_.compare_exchange_weak(top, changed, std::memory_order_acquire, std::memory_order_acquire));
-    return static_cast<uint32_t>(top);
-}
-
 IMemoryHandle* BufferPoolAllocator::State::Take(unsigned int length, bool wait) {
-    if (!freeBlocks_.TryLock(wait ? osa::kNoTimeout : 0)) {
-        return nullptr;
+    const std::lock_guard<std::mutex> lock(takers_);
+    if (available_ == kNone && !TakeOverReturned()) {
+        if (!wait) {
+            return nullptr;
+        }
+        WaitForReturned();
     }
-    users_.fetch_add(1, std::memory_order_relaxed);
-    const uint32_t number = Pop();
+    const uint32_t number = available_;
+    available_ = slots_[number].next;
+    if (available_ != kNone) {
+        __builtin_prefetch(&slots_[available_], 1); // Far away, as another thread has given it back.
+    }
     const unsigned int offset = number * stride_;
     return ::new (slots_[number].place) BlockHandle(*slab_, start_ != nullptr ? start_ + offset : nullptr,
                                                     physAddr_ != 0 ? physAddr_ + offset : 0, length);
 }
 
-void BufferPoolAllocator::State::GiveBack(const Slot* slot) {
-    Push(static_cast<uint32_t>(slot - slots_.get()));
-    freeBlocks_.Release();
-    Leave();
+bool BufferPoolAllocator::State::TakeOverReturned() {
+    const uint32_t head = returned_.exchange(kNone, std::memory_order_acquire);
+    available_ = head != kAwaited ? head : kNone;
+    return available_ != kNone;
 }
 
-void BufferPoolAllocator::State::Leave() {
-    if (users_.fetch_sub(1, std::memory_order_acq_rel) == 1) {
+void BufferPoolAllocator::State::WaitForReturned() {
+    const auto returned = [this] { return returned_.load(std::memory_order_relaxed) != kNone; };
+    osa::SpinUntil(kAttempts, returned);
+    while (!TakeOverReturned()) {
+        uint32_t head = kNone;
+        if (returned_.compare_exchange_strong(head, kAwaited, std::memory_order_relaxed)) {
+            osa::FutexWait(returned_, kAwaited, nullptr);
+        }
+    }
+}
+
+void BufferPoolAllocator::State::GiveBack(Slot* slot) {
+    const auto number = static_cast<uint32_t>(slot - slots_.get());
+    uint32_t head = returned_.load(std::memory_order_relaxed);
+    do {
+        if (head == kClosed) {
+            Leave(1);
+            return;
+        }
+        slot->next = head != kAwaited ? head : kNone;
+    } while (
+        !returned_.compare_exchange_weak(head, number, std::memory_order_release, std::memory_order_relaxed));
+    if (head == kAwaited) {
+        osa::FutexWakeOne(returned_); // Its address only: all this may be gone by now.
+    }
+}
+
+void BufferPoolAllocator::State::Close() {
+    const uint32_t returned = returned_.exchange(kClosed, std::memory_order_acq_rel);
+    Leave(Length(available_) + Length(returned) + 1);
+}
+
+unsigned int BufferPoolAllocator::State::Length(uint32_t first) const {
+    unsigned int blocks = 0;
+    for (uint32_t number = first; number < blockCount_; number = slots_[number].next) {
+        ++blocks;
+    }
+    return blocks;
+}
+
+void BufferPoolAllocator::State::Leave(unsigned int users) {
+    if (users_.fetch_sub(users, std::memory_order_acq_rel) == users) {
         delete this;
     }
 }
@@ -169,7 +219,7 @@ BufferPoolAllocator::BufferPoolAllocator(IMemoryAllocator* parent, unsigned int 
       }()) {}
 
 BufferPoolAllocator::~BufferPoolAllocator() {
-    state_->Leave();
+    state_->Close();
 }
 
 IMemoryHandle* BufferPoolAllocator::Allocate(unsigned int length) {

@@ -7,12 +7,11 @@ namespace quarn::core {
 
 /// A fixed number of equal blocks, cut out of one slab of another allocator's memory.
 ///
-/// Neither Allocate nor the deletion of a handle goes to the heap, and neither takes a lock.
+/// Neither Allocate nor the deletion of a handle goes to the heap, and the deletion takes no lock.
 ///
 /// Threads:   any; a block may be given back on another thread than the one that took it.
 /// Errors:    osa::Exception for a pool without blocks or of 4 GiB and more, for a request that is larger
-/// than a
-///            block, and, in a pool that does not wait, when all blocks are out.
+///            than a block, and, in a pool that does not wait, when all blocks are out.
 /// Lifetime:  blocks may outlive the pool, and pool and blocks may outlive the parent. The slab is given back
 ///            with the last of them. No thread may be inside Allocate when the pool is deleted.
 class QUARN_API BufferPoolAllocator : public IMemoryAllocator {

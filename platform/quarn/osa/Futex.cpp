@@ -5,6 +5,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <climits>
 
 namespace quarn::osa {
 
@@ -20,6 +21,10 @@ constexpr long kFutexCall = SYS_futex;
 static_assert(sizeof(time_t) == 8, "times must be 64-bit: compile with _TIME_BITS=64");
 static_assert(sizeof(std::atomic<uint32_t>) == sizeof(uint32_t), "a futex word is a plain 32-bit integer");
 
+void Wake(const std::atomic<uint32_t>& word, int threads) {
+    syscall(kFutexCall, &word, FUTEX_WAKE_PRIVATE, threads, nullptr, nullptr, 0);
+}
+
 } // namespace
 
 bool FutexWait(const std::atomic<uint32_t>& word, uint32_t expected, const timespec* deadline) {
@@ -30,7 +35,11 @@ bool FutexWait(const std::atomic<uint32_t>& word, uint32_t expected, const times
 }
 
 void FutexWakeOne(const std::atomic<uint32_t>& word) {
-    syscall(kFutexCall, &word, FUTEX_WAKE_PRIVATE, 1, nullptr, nullptr, 0);
+    Wake(word, 1);
+}
+
+void FutexWakeAll(const std::atomic<uint32_t>& word) {
+    Wake(word, INT_MAX);
 }
 
 } // namespace quarn::osa

@@ -10,7 +10,8 @@ namespace quarn::osa {
 /// limit). Returns false when the deadline passed; true says nothing about the word, so look again.
 bool FutexWait(const std::atomic<uint32_t>& word, uint32_t expected, const timespec* deadline);
 
-/// Wakes one thread that sleeps on `word`.
+/// Wakes one thread that sleeps on `word`, or all.
 void FutexWakeOne(const std::atomic<uint32_t>& word);
+void FutexWakeAll(const std::atomic<uint32_t>& word);
 
 } // namespace quarn::osa

@@ -12,7 +12,7 @@ namespace quarn::osa {
 
 namespace {
 
-constexpr unsigned int kAttempts = 200;
+constexpr unsigned int kAttempts = 16;
 
 } // namespace
 

@@ -1,21 +1,33 @@
 #pragma once
 
+#include <algorithm>
+#include <atomic>
 #include <cerrno>
-#include <deque>
-#include <string>
+#include <cstddef>
+#include <cstdint>
+#include <memory>
+#include <mutex>
+#include <new>
+#include <type_traits>
 #include <utility>
 
+#include "quarn/osa/ArrivalCount.h"
+#include "quarn/osa/CacheLine.h"
 #include "quarn/osa/Exception.h"
 #include "quarn/osa/LockException.h"
 #include "quarn/osa/Mutex.h"
 #include "quarn/osa/MutexAutoLock.h"
-#include "quarn/osa/Semaphore.h"
+#include "quarn/osa/TimeStruct.h"
 
 namespace quarn::osa {
 
 /// A bounded first-in first-out queue that hands messages from one thread to another.
 ///
-/// Threads:   SendMsg from any producer; TryGetMsg and GetMsg from any consumer; Size from anywhere.
+/// The two ends have nothing in common but two counts. Each end remembers what it last saw of the other and
+/// looks again only when that does not suffice, so that two threads at work do not fetch the same memory from
+/// each other with every message.
+///
+/// Threads:   SendMsg from any producer; TryGetMsg and GetMsg from any consumer; the rest from anywhere.
 /// Ownership: holds messages by value. What a message points to is not deleted with the queue.
 /// Errors:    SendMsg throws Exception "Message Queue Is Full" and leaves the queue unchanged.
 template <typename T>
@@ -23,30 +35,57 @@ class tMsgQueue {
 public:
     /// `maxCount`: how many messages fit; 0 makes a queue that is always full. `name` is not copied.
     tMsgQueue(const char* name, unsigned short maxCount)
-        : mutex_(name), semaphore_(name, 0, maxCount), maxCount_(maxCount) {}
-    virtual ~tMsgQueue() = default;
+        : maxCount_(maxCount), slotMask_(SlotsFor(maxCount) - 1), consumers_(name) {
+        // Not value-initialised: memory behind places that are never used is never touched.
+        slots_.reset(new Slot[std::size_t{slotMask_} + 1]);
+    }
+    virtual ~tMsgQueue() {
+        for (uint32_t position = taken_; position != sent_.Get(); ++position) {
+            At(position)->~T();
+        }
+    }
     tMsgQueue(const tMsgQueue&) = delete;
     tMsgQueue& operator=(const tMsgQueue&) = delete;
 
     void SendMsg(const T& msg) {
-        {
-            const MutexAutoLock lock(mutex_);
-            if (maxCount_ <= queue_.size()) {
+        const std::lock_guard<std::mutex> lock(producers_);
+        const uint32_t sent = sent_.Get();
+        // What was last seen is never more than what has been taken: the difference is too large, if
+        // anything.
+        if (sent - takenSeen_ >= maxCount_) {
+            takenSeen_ = taken_.load(std::memory_order_acquire);
+            if (sent - takenSeen_ >= maxCount_) {
+                RaiseHighWaterMark(maxCount_);
                 throw Exception("Message Queue Is Full");
             }
-            queue_.push_back(msg);
         }
-        semaphore_.Release();
+        ::new (slots_[sent & slotMask_].place) T(msg);
+        sent_.RaiseTo(sent + 1);
     }
 
     /// Waits for at most `timeout` milliseconds (kNoTimeout: without limit); false when no message came.
     bool TryGetMsg(T& out, unsigned int timeout) {
-        if (!semaphore_.TryLock(timeout)) {
+        if (!consumers_.TryLock(0) && !LockWithin(timeout)) {
             return false;
         }
-        const MutexAutoLock lock(mutex_); // The semaphore has promised that there is a message.
-        out = std::move(queue_.front());
-        queue_.pop_front();
+        const Unlocker unlocker(consumers_);
+        const uint32_t taken = taken_.load(std::memory_order_relaxed);
+        if (taken == sentSeen_) {
+            if (!sent_.WaitWhile(taken, timeout)) {
+                return false;
+            }
+            sentSeen_ = sent_.Get();
+            RaiseHighWaterMark(sentSeen_ - taken);
+        }
+        T* const first = At(taken);
+        if constexpr (std::is_pointer_v<T>) {
+            if (taken + 1 != sentSeen_) {
+                __builtin_prefetch(*At(taken + 1)); // What it points to was last touched by the other thread.
+            }
+        }
+        out = std::move(*first);
+        first->~T();
+        taken_.store(taken + 1, std::memory_order_release);
         return true;
     }
 
@@ -59,15 +98,81 @@ public:
     }
 
     int Size() const {
-        const MutexAutoLock lock(mutex_);
-        return static_cast<int>(queue_.size());
+        const uint32_t taken = taken_.load(std::memory_order_acquire);
+        return static_cast<int>(sent_.Get() - taken);
+    }
+
+    /// The largest number of messages that were found in the queue: by a consumer that looked for more, by a
+    /// producer without room, or by this call.
+    int HighWaterMark() const {
+        RaiseHighWaterMark(static_cast<uint32_t>(Size()));
+        return static_cast<int>(highWaterMark_.load(std::memory_order_relaxed));
     }
 
 private:
-    mutable Mutex mutex_;
-    std::deque<T> queue_; // Oldest first.
-    Semaphore semaphore_; // Counts the messages that can be taken.
+    struct Slot {
+        alignas(T) unsigned char place[sizeof(T)];
+    };
+
+    /// Unlocks a mutex that is locked already.
+    class Unlocker {
+    public:
+        explicit Unlocker(Mutex& mutex) : mutex_(mutex) {}
+        ~Unlocker() { mutex_.Unlock(); }
+        Unlocker(const Unlocker&) = delete;
+        Unlocker& operator=(const Unlocker&) = delete;
+
+    private:
+        Mutex& mutex_;
+    };
+
+    static uint32_t SlotsFor(unsigned short maxCount) {
+        uint32_t slots = 1;
+        while (slots < maxCount) {
+            slots *= 2;
+        }
+        return slots;
+    }
+
+    void RaiseHighWaterMark(uint32_t count) const {
+        uint32_t mark = highWaterMark_.load(std::memory_order_relaxed);
+        while (mark < count &&
+               !highWaterMark_.compare_exchange_weak(mark, count, std::memory_order_relaxed)) {
+        }
+    }
+
+    T* At(uint32_t position) {
+        return std::launder(reinterpret_cast<T*>(slots_[position & slotMask_].place));
+    }
+
+    // Another consumer waits. Takes what that costs off the time that is left.
+    bool LockWithin(unsigned int& timeout) {
+        const TimeMonotonic start;
+        if (!consumers_.TryLock(timeout)) {
+            return false;
+        }
+        if (timeout != kNoTimeout) {
+            const TimeStruct waited = TimeMonotonic() - start;
+            timeout -= std::min(timeout, waited.seconds * 1000 + waited.microseconds / 1000);
+        }
+        return true;
+    }
+
     const unsigned short maxCount_;
+    const uint32_t slotMask_;
+    std::unique_ptr<Slot[]> slots_; // A ring; the oldest message stands at taken_.
+
+    // Held for a few instructions and seldom waited for; a lock that inherits priority costs twice as much.
+    alignas(kCacheLineBytes) std::mutex producers_;
+    uint32_t takenSeen_ = 0;
+
+    alignas(kCacheLineBytes) ArrivalCount sent_;
+
+    alignas(kCacheLineBytes) Mutex consumers_;
+    uint32_t sentSeen_ = 0;
+    mutable std::atomic<uint32_t> highWaterMark_{0};
+
+    alignas(kCacheLineBytes) std::atomic<uint32_t> taken_{0}; // Written by the consumer that has the lock.
 };
 
 } // namespace quarn::osa

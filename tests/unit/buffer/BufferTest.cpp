@@ -1,7 +1,9 @@
 #include "calvane/buffer/Buffer.h"
 
+#include <atomic>
 #include <stdexcept>
 
+#include "support/RunInThreads.h"
 #include "support/TestPlugins.h"
 
 using namespace quarn::calvane;
@@ -91,6 +93,30 @@ TEST(Buffer, DeletesTheMemoryOnceWithItsLastUserOrWhenItCannotBeMade) {
     buffer.reset();
     EXPECT_EQ("bc", TextOf(*view));
     EXPECT_EQ("no length", ThrownText<std::runtime_error>([] { Buffer unmade(new FailingMemory()); }));
+}
+
+// Memory of deleted buffers goes round between threads, some of which end while they still have a buffer.
+TEST(Buffer, MayBeMadeAndDeletedOnAnyThread) {
+    const ExpectNoBuffersLeft check;
+    constexpr int kThreads = 3;
+    for (int round = 0; round != 10; ++round) {
+        std::vector<std::vector<BufferPtr>> given(kThreads);
+        for (int i = 0; i != 100 * kThreads; ++i) {
+            given[static_cast<size_t>(i % kThreads)].emplace_back(MakeBuffer(std::to_string(i)));
+        }
+        std::atomic<int> wrong{0};
+        RunInThreads(kThreads, [&](int self) {
+            thread_local BufferPtr last;
+            auto& mine = given[static_cast<size_t>(self)];
+            for (int i = self; !mine.empty(); i += kThreads) {
+                const BufferPtr copy(mine.front()->Duplicate());
+                last = std::move(mine.front());
+                mine.erase(mine.begin());
+                wrong += TextOf(*copy) == std::to_string(i) && TextOf(*last) == TextOf(*copy) ? 0 : 1;
+            }
+        });
+        EXPECT_EQ(0, wrong);
+    }
 }
 
 TEST(BufferFormat, ComparesExactlyAndMatchesOneSidedly) {

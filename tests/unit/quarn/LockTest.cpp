@@ -1,5 +1,6 @@
 #include <gmock/gmock.h>
 
+#include <algorithm>
 #include <atomic>
 
 #include "quarn/osa/LockException.h"
@@ -87,4 +88,38 @@ TEST(MessageQueue, IsBoundedAndFirstInFirstOut) {
     EXPECT_TRUE(queue.GetMsg(message, 0) && message == 2);
     EXPECT_FALSE(queue.TryGetMsg(message, 5));
     EXPECT_EQ("Lock Timeout", ThrownText<LockException>([&] { queue.GetMsg(message, 5); }));
+}
+
+TEST(MessageQueue, LosesAndRepeatsNothingBetweenManyThreads) {
+    constexpr int kProducers = 2;
+    constexpr int kMessages = 20000; // Of each producer, numbered.
+    tMsgQueue<int> queue("numbers", 7);
+    std::atomic<int> left{kProducers * kMessages};
+    std::atomic<int> outOfOrder{0};
+    std::vector<std::atomic<int>> seen(kProducers * kMessages);
+    RunInThreads(kProducers + 2, [&](int self) {
+        for (int sent = 0; self < kProducers && sent != kMessages;) {
+            try {
+                queue.SendMsg(self * kMessages + sent);
+                ++sent;
+            } catch (const Exception&) {
+                std::this_thread::yield(); // Full.
+            }
+        }
+        std::vector<int> last(kProducers, -1);
+        int message = 0;
+        while (self >= kProducers && left > 0) {
+            if (queue.TryGetMsg(message, 1)) {
+                int& before = last[static_cast<size_t>(message / kMessages)];
+                outOfOrder += message > before ? 0 : 1;
+                before = message;
+                ++seen[static_cast<size_t>(message)];
+                --left;
+            }
+        }
+    });
+    EXPECT_TRUE(std::all_of(seen.begin(), seen.end(), [](const auto& times) { return times == 1; }));
+    EXPECT_EQ(0, outOfOrder);
+    EXPECT_EQ(0, queue.Size());
+    EXPECT_EQ(7, queue.HighWaterMark());
 }

@@ -108,5 +108,29 @@ TEST(BufferPoolAllocator, NeverGivesOneBlockToTwoThreads) {
     EXPECT_EQ(clashes, 0);
 }
 
+// The last blocks come back on other threads at the very moment when the pool goes.
+TEST(BufferPoolAllocator, GivesItsSlabBackOnceHoweverItGoes) {
+    constexpr unsigned int kBlocks = 4;
+    bool slabAlive = false;
+    SlabSource parent(slabAlive);
+    for (int round = 0; round != 500; ++round) {
+        auto pool = std::make_unique<BufferPoolAllocator>(&parent, 64, kBlocks, true);
+        std::vector<Handle> blocks;
+        for (unsigned int block = 0; block != kBlocks; ++block) {
+            blocks.emplace_back(pool->Allocate(64));
+        }
+        RunInThreads(3, [&](int self) {
+            if (self == 0) {
+                pool.reset();
+            } else {
+                blocks[static_cast<size_t>(self)].reset();
+            }
+        });
+        EXPECT_TRUE(slabAlive);
+        blocks.clear();
+        ASSERT_FALSE(slabAlive);
+    }
+}
+
 } // namespace
 } // namespace quarn::core
