@@ -8,8 +8,7 @@ namespace quarn::calvane {
 /// Base of an application's own values in a buffer's metadata.
 ///
 /// Threads:   Clone and RemoveRef from any thread. What a reference-counted item holds is shared by buffers
-/// on
-///            several threads and is the item's own business to protect.
+///            on several threads and is the item's own business to protect.
 /// Ownership: the creator holds one reference and hands it over to BufferMetadata::SetValue. Give a reference
 ///            back with RemoveRef, never with delete.
 class CALVANE_API IBufferMetadataItem {

@@ -152,7 +152,7 @@ void* TakeSlowly(unsigned int kind, std::size_t bytes) {
             return Pop(cache.used);
         }
     }
-    return ::operator new(osa::RoundUpToCacheLine(bytes), kAlignment);
+    return ::operator new(static_cast<std::size_t>(osa::RoundUpToCacheLine(bytes)), kAlignment);
 }
 
 void GiveSlowly(unsigned int kind, void* block) noexcept {

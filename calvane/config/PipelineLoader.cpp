@@ -5,6 +5,7 @@
 #include <set>
 #include <vector>
 
+#include "calvane/config/ConnectionTapsImpl.h"
 #include "calvane/config/DescriptionKeys.h"
 #include "calvane/config/IPluginFactory.h"
 #include "calvane/config/IniPluginConfig.h"
@@ -30,7 +31,7 @@ struct Upstream {
 
 class PipelineLoader::PipelineLoaderImpl {
 public:
-    explicit PipelineLoaderImpl(IPluginFactory* factory) : factory_(factory) {}
+    PipelineLoaderImpl(IPluginFactory* factory, ConnectionTaps* taps) : factory_(factory), taps_(taps) {}
 
     void LoadPipeline(PluginContainer& container, const core::IniFile& ini,
                       const std::string& pipelineGroup) {
@@ -106,11 +107,15 @@ private:
     }
 
     void Connect(const Upstream& upstream, PipelinePlugin* plugin) {
-        Sink* const sink = plugin->GetSink();
+        Sink* sink = plugin->GetSink();
         if (sink == nullptr) {
             throw SettingException(upstream.plugin->GetName(), upstream.key,
                                    "Plugin " + plugin->GetName() + " has no input and cannot follow " +
                                        upstream.plugin->GetName());
+        }
+        if (taps_ != nullptr) {
+            const std::string output = upstream.outputName != nullptr ? *upstream.outputName : "";
+            sink = taps_->SinkFor({upstream.plugin->GetName(), output, plugin->GetName()}, sink);
         }
         try {
             if (upstream.outputName != nullptr) {
@@ -151,13 +156,14 @@ private:
 
     core::Logger* const logger_ = core::Logger::GetLogger("PipelineLoader");
     IPluginFactory* const factory_;
+    ConnectionTaps* const taps_;
     std::vector<std::string> path_; // From the head down to the plugin being built.
     std::vector<Connection> connections_;
     std::set<std::string> namesMade_;
 };
 
-PipelineLoader::PipelineLoader(IPluginFactory* factory)
-    : impl_(std::make_unique<PipelineLoaderImpl>(factory)) {}
+PipelineLoader::PipelineLoader(IPluginFactory* factory, ConnectionTaps* taps)
+    : impl_(std::make_unique<PipelineLoaderImpl>(factory, taps)) {}
 
 PipelineLoader::~PipelineLoader() = default;
 

@@ -11,6 +11,7 @@ class IniFile;
 
 namespace quarn::calvane {
 
+class ConnectionTaps;
 class IPluginFactory;
 class PluginContainer;
 
@@ -25,7 +26,8 @@ class PluginContainer;
 ///            pipelines share are disconnected from those that are gone.
 class CALVANE_API PipelineLoader {
 public:
-    explicit PipelineLoader(IPluginFactory* factory);
+    /// `taps` may be null; otherwise they stay the caller's, too.
+    explicit PipelineLoader(IPluginFactory* factory, ConnectionTaps* taps = nullptr);
     ~PipelineLoader();
     PipelineLoader(const PipelineLoader&) = delete;
     PipelineLoader& operator=(const PipelineLoader&) = delete;

@@ -7,6 +7,7 @@ namespace quarn::calvane {
 BasicFilterPlugin::BasicFilterPlugin(const IPluginConfiguration& config)
     : PipelinePlugin(config), sinks_(new Sink(this)), source(std::make_shared<Source>()) {
     SetConnectToSinkHandler(this);
+    DeclareOutput("");
     SetGetSinkHandler(&sinks_);
 }
 

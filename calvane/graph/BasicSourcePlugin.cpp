@@ -7,6 +7,7 @@ namespace quarn::calvane {
 BasicSourcePlugin::BasicSourcePlugin(const IPluginConfiguration& config)
     : PipelinePlugin(config), source(std::make_unique<Source>()) {
     SetConnectToSinkHandler(this);
+    DeclareOutput("");
     SetGenerateBufferHandler(this);
 }
 

@@ -10,13 +10,11 @@ namespace quarn::calvane {
 /// Relays one source into another: what the forwarded source pushes or announces, the destination pushes and
 /// announces on. Either end can be exchanged while the relay exists.
 ///
-/// Threads:   the setters while the graph is built, or while the forwarded source is idle. Buffers pass on
-/// the
-///            pushing thread, under the forwarded source's lock and then the destination's.
+/// Threads:   the setters while the graph is built, or while the forwarded source is idle. Buffers pass
+///            on the pushing thread, under the forwarded source's lock and then the destination's.
 /// Ownership: both sources stay their plugins'. Call SetForwardedSource(nullptr) before the relay goes.
-/// Errors:    a setter throws what connecting or announcing throws ("Incompatible formats"); the relay is
-/// then
-///            as it was before.
+/// Errors:    a setter throws what connecting or announcing throws ("Incompatible formats"); the relay
+///            is then as it was before.
 class CALVANE_API ForwardSource {
 public:
     /// Both ends unset: buffers are deleted while there is no destination.

@@ -25,7 +25,9 @@ bool MultiOutputFilterPlugin::OnDisconnectSink(const Sink* sink) {
 }
 
 Source* MultiOutputFilterPlugin::CreateSource(const std::string& name) {
-    return sources_.CreateSource(name);
+    Source* const source = sources_.CreateSource(name);
+    DeclareOutput(name);
+    return source;
 }
 
 } // namespace quarn::calvane

@@ -25,7 +25,9 @@ bool MultiOutputSourcePlugin::OnDisconnectSink(const Sink* sink) {
 }
 
 Source* MultiOutputSourcePlugin::CreateSource(const std::string& name) {
-    return sources_.CreateSource(name);
+    Source* const source = sources_.CreateSource(name);
+    DeclareOutput(name);
+    return source;
 }
 
 } // namespace quarn::calvane

@@ -51,6 +51,8 @@ public:
     IConnectToSinkHandler* connectToSinkHandler = nullptr;
     IGetSinkHandler* getSinkHandler = nullptr;
     IDrainHandler* drainHandler = nullptr;
+    IQueueStatisticsHandler* queueStatisticsHandler = nullptr;
+    std::vector<std::string> outputNames;
     osa::InterlockedObj refLock;
     int refCount = 1;
 };
@@ -96,6 +98,10 @@ bool PipelinePlugin::DisconnectSink(const Sink* sink) {
     return impl_->connectToSinkHandler->OnDisconnectSink(sink);
 }
 
+const std::vector<std::string>& PipelinePlugin::GetOutputNames() const {
+    return impl_->outputNames;
+}
+
 bool PipelinePlugin::GenerateBuffer(osa::TimeStruct& next) {
     if (impl_->generateBufferHandler == nullptr) {
         logger->Warning("IGenerateBufferHandler not implemented!");
@@ -108,6 +114,14 @@ void PipelinePlugin::Drain() {
     if (impl_->drainHandler != nullptr) {
         impl_->drainHandler->OnDrain();
     }
+}
+
+bool PipelinePlugin::GetQueueStatistics(QueueStatistics& statistics) const {
+    if (impl_->queueStatisticsHandler == nullptr) {
+        return false;
+    }
+    statistics = impl_->queueStatisticsHandler->OnGetQueueStatistics();
+    return true;
 }
 
 void PipelinePlugin::SetGenerateBufferHandler(IGenerateBufferHandler* handler) {
@@ -124,6 +138,14 @@ void PipelinePlugin::SetGetSinkHandler(IGetSinkHandler* handler) {
 
 void PipelinePlugin::SetDrainHandler(IDrainHandler* handler) {
     impl_->drainHandler = handler;
+}
+
+void PipelinePlugin::DeclareOutput(const std::string& name) {
+    impl_->outputNames.push_back(name);
+}
+
+void PipelinePlugin::SetQueueStatisticsHandler(IQueueStatisticsHandler* handler) {
+    impl_->queueStatisticsHandler = handler;
 }
 
 void PipelinePlugin::Error(const std::string& message) const {

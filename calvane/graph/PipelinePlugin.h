@@ -2,8 +2,10 @@
 
 #include <memory>
 #include <string>
+#include <vector>
 
 #include "calvane/Export.h"
+#include "calvane/graph/QueueStatistics.h"
 #include "calvane/graph/Sink.h"
 #include "quarn/osa/TimeStruct.h"
 
@@ -62,6 +64,14 @@ public:
         virtual ~IDrainHandler() = default;
     };
 
+    /// Tells how a plugin that queues buffers is doing.
+    class CALVANE_API IQueueStatisticsHandler {
+    public:
+        /// Any thread.
+        virtual QueueStatistics OnGetQueueStatistics() const = 0;
+        virtual ~IQueueStatisticsHandler() = default;
+    };
+
     /// Called once, when all pipelines exist and none runs.
     virtual void PipelinesConstructed() {}
     /// Only Destroy deletes a plugin.
@@ -85,16 +95,25 @@ public:
     void ConnectToSink(const std::string& sourceName, Sink* sink);
     /// Returns whether an output was connected to `sink`.
     bool DisconnectSink(const Sink* sink);
+    /// The outputs that the plugin has declared, in that order; the empty name stands for the only output of
+    /// a plugin that names none.
+    const std::vector<std::string>& GetOutputNames() const;
     /// See IGenerateBufferHandler. A plugin that produces nothing logs a warning and is out of data.
     bool GenerateBuffer(osa::TimeStruct& next);
     /// Waits, without limit, until the plugin has handed on everything that it had accepted. Plugins that
     /// keep nothing return at once. Any thread but the plugin's own.
     void Drain();
 
+    /// Returns false and leaves `statistics` alone when the plugin has no queue. Any thread.
+    bool GetQueueStatistics(QueueStatistics& statistics) const;
+
     void SetGenerateBufferHandler(IGenerateBufferHandler* handler);
     void SetConnectToSinkHandler(IConnectToSinkHandler* handler);
     void SetGetSinkHandler(IGetSinkHandler* handler);
     void SetDrainHandler(IDrainHandler* handler);
+    void SetQueueStatisticsHandler(IQueueStatisticsHandler* handler);
+    /// Lets others know of an output. The base classes beside this one do so themselves; it connects nothing.
+    void DeclareOutput(const std::string& name);
 
     /// Logs `message` and throws it as an Exception, with the plugin's name and ": " before it.
     [[noreturn]] void Error(const std::string& message) const;

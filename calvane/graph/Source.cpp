@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <vector>
 
+#include "calvane/graph/FormatCheckImpl.h"
 #include "quarn/osa/CacheLine.h"
 #include "quarn/osa/Exception.h"
 #include "quarn/osa/MutexAutoLock.h"
@@ -21,16 +22,6 @@ public:
     std::vector<Sink*> sinks; // In connection order.
     BufferFormat format;
 };
-
-namespace {
-
-void AssertCompatible(const Sink& sink, const BufferFormat& format) {
-    if (!sink.GetFormat().IsCompatibleWith(format)) {
-        throw osa::Exception("Incompatible formats");
-    }
-}
-
-} // namespace
 
 Source::Source() : impl_(std::make_unique<SourceImpl>()) {}
 

@@ -40,6 +40,7 @@ QueueConsumer::QueueConsumer(std::string name, unsigned short queueLength, bool 
                              core::Logger* logger, IPipelineReporter* reporter,
                              std::shared_ptr<Source> source)
     : name_(std::move(name)),
+      queueLength_(queueLength),
       logTimeouts_(logTimeouts),
       logger_(logger),
       source_(std::move(source)),
@@ -49,6 +50,11 @@ QueueConsumer::QueueConsumer(std::string name, unsigned short queueLength, bool 
 void QueueConsumer::Accept(Buffer* buffer) {
     queue_.SendMsg(buffer);
     CountOneMore(accepted_);
+}
+
+QueueStatistics QueueConsumer::GetStatistics() const {
+    return {queueLength_, static_cast<uint32_t>(queue_.Size()), static_cast<uint32_t>(queue_.HighWaterMark()),
+            0};
 }
 
 void QueueConsumer::Run() {

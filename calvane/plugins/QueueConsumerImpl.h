@@ -5,6 +5,7 @@
 #include <string>
 
 #include "calvane/buffer/Buffer.h"
+#include "calvane/graph/QueueStatistics.h"
 #include "calvane/graph/Source.h"
 #include "quarn/osa/CacheLine.h"
 #include "quarn/osa/Mutex.h"
@@ -40,6 +41,9 @@ public:
     /// Queues `buffer`, which belongs to the queue if this does not throw. With the gate held.
     void Accept(Buffer* buffer);
 
+    /// All but what was dropped. Any thread.
+    QueueStatistics GetStatistics() const;
+
     /// The thread's body.
     void Run();
 
@@ -60,6 +64,7 @@ private:
     void KickMonitor();
 
     const std::string name_;
+    const unsigned short queueLength_;
     const bool logTimeouts_;
     core::Logger* const logger_;
     const std::shared_ptr<Source> source_;

@@ -66,6 +66,7 @@ QueuePlugin::QueuePlugin(CalvaneEnv* env, const IPluginConfiguration& config)
                                         env != nullptr ? env->GetPipelineReporter() : nullptr, source);
     thread_ = std::make_unique<osa::Thread>(consumer_->GetName(), this, stackBytes, priority);
     SetDrainHandler(this);
+    SetQueueStatisticsHandler(this);
     logger->Debug("Created QueuePlugin");
     if (env_ != nullptr && watched) {
         monitorEntry_ = env_->AddMonitorEntry(consumer_->GetName());
@@ -105,6 +106,7 @@ void QueuePlugin::OnBuffer(const Sink*, Buffer* buffer) {
         Enqueue(owned, periodEnded);
     } catch (...) {
         owned.reset();
+        ++droppedEver_;
         if (!allowDrop_) {
             Error("Receiving thread is not running");
         }
@@ -123,6 +125,12 @@ void QueuePlugin::Stop() {}
 
 void QueuePlugin::OnDrain() {
     consumer_->WaitUntilHandled();
+}
+
+QueueStatistics QueuePlugin::OnGetQueueStatistics() const {
+    QueueStatistics statistics = consumer_->GetStatistics();
+    statistics.dropped = droppedEver_;
+    return statistics;
 }
 
 // `periodEnded` is set for the producer whose buffer is the last of a period, dropped or not.

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <atomic>
+#include <cstdint>
 #include <memory>
 #include <string>
 
@@ -36,7 +37,8 @@ class QueueConsumer;
 ///            nothing is pushed any more, so what lies downstream may go next unless it hangs for good.
 class CALVANE_API QueuePlugin : public BasicFilterPlugin,
                                 public osa::Runnable,
-                                private PipelinePlugin::IDrainHandler {
+                                private PipelinePlugin::IDrainHandler,
+                                private PipelinePlugin::IQueueStatisticsHandler {
 public:
     /// `env` may be null: there is then no watchdog, and failures are only logged.
     QueuePlugin(CalvaneEnv* env, const IPluginConfiguration& config);
@@ -50,6 +52,7 @@ public:
 
 private:
     void OnDrain() override;
+    QueueStatistics OnGetQueueStatistics() const override;
     void Enqueue(std::unique_ptr<Buffer>& buffer, bool& periodEnded);
     void CheckDropStats(bool periodEnded);
 
@@ -62,7 +65,8 @@ private:
     // Changed by producers, with and without the gate in their hands.
     std::atomic<bool> firstAfterGap_{false};
     std::atomic<int> received_{0};
-    std::atomic<int> dropped_{0};
+    std::atomic<int> dropped_{0}; // Since the last line in the log.
+    std::atomic<std::uint64_t> droppedEver_{0};
 };
 
 } // namespace quarn::calvane

@@ -5,6 +5,7 @@
 #include <list>
 #include <set>
 
+#include "calvane/config/ConnectionTapsImpl.h"
 #include "calvane/config/DescriptionKeys.h"
 #include "calvane/config/PipelineLoader.h"
 #include "calvane/config/PluginManager.h"
@@ -49,11 +50,13 @@ public:
         }
     }
 
+    void AddConnectionTap(IConnectionTap* tap) { taps_.Add(tap); }
+
     void ConfigureFromIniFile(const core::IniFile& ini) {
         const std::vector<std::string> names = ReadPipelineNames(ini);
         logger_->Debug("Loading %u pipelines", static_cast<unsigned int>(names.size()));
         DropRemainsOfFailedLoad(names);
-        PipelineLoader loader(factory_);
+        PipelineLoader loader(factory_, &taps_);
         const size_t before = pipelines_.size();
         try {
             for (const std::string& name : names) {
@@ -123,6 +126,21 @@ public:
         return all;
     }
 
+    std::vector<QueueStatus> GetQueueStatus() const {
+        std::vector<QueueStatus> queues;
+        std::set<const PipelinePlugin*> seen;
+        for (const auto& head : pipelines_) {
+            for (PipelinePlugin* plugin : head->GetPlugins()) {
+                QueueStatistics statistics{};
+                if (plugin != nullptr && seen.insert(plugin).second &&
+                    plugin->GetQueueStatistics(statistics)) {
+                    queues.push_back({plugin->GetName(), statistics});
+                }
+            }
+        }
+        return queues;
+    }
+
 private:
     static std::vector<std::string> ReadPipelineNames(const core::IniFile& ini) {
         if (!ini.HasValue(keys::kFrameworkGroup, keys::kPipelines)) {
@@ -170,6 +188,7 @@ private:
     core::Logger* const logger_ = core::Logger::GetLogger("PipelineManager");
     IPluginFactory* const factory_;
     const bool ownsFactory_;
+    ConnectionTaps taps_;
     std::list<std::unique_ptr<PipelineHead>> pipelines_; // Changed only while loading, and at the end.
     std::set<std::string> remainsOfFailedLoad_;
 
@@ -183,6 +202,10 @@ PipelineManager::PipelineManager(IPluginFactory* factory, bool ownsFactory)
     : impl_(std::make_unique<PipelineManagerImpl>(factory, ownsFactory)) {}
 
 PipelineManager::~PipelineManager() = default;
+
+void PipelineManager::AddConnectionTap(IConnectionTap* tap) {
+    impl_->AddConnectionTap(tap);
+}
 
 void PipelineManager::LoadFromIniFile(const core::IniFile& ini) {
     impl_->ConfigureFromIniFile(ini);
@@ -218,6 +241,10 @@ bool PipelineManager::IsRunning() const {
 
 std::vector<PipelineStatus> PipelineManager::GetStatus() const {
     return impl_->GetStatus();
+}
+
+std::vector<QueueStatus> PipelineManager::GetQueueStatus() const {
+    return impl_->GetQueueStatus();
 }
 
 void PipelineManager::ReportFailure(const std::string& pipelineName, const std::string& message) {

@@ -13,6 +13,7 @@ class IniFile;
 
 namespace quarn::calvane {
 
+class IConnectionTap;
 class IPipelineReporter;
 class IPluginFactory;
 
@@ -38,6 +39,9 @@ public:
     PipelineManager(const PipelineManager&) = delete;
     PipelineManager& operator=(const PipelineManager&) = delete;
 
+    /// Has every connection that is loaded from now on go through `tap`, which stays the caller's and outlives
+    /// this manager. Several taps lie one behind the other, the last one added first.
+    void AddConnectionTap(IConnectionTap* tap);
     /// Adds the pipelines that "t.pipelines" of the group "calvane" names. When one fails, those before it
     /// stay; a later call that names such a pipeline again replaces it, so that a corrected description can
     /// be loaded. The file is not needed afterwards.
@@ -58,6 +62,8 @@ public:
     bool IsRunning() const;
     /// Every pipeline in the order loaded.
     std::vector<PipelineStatus> GetStatus() const;
+    /// Every plugin that has a queue, once, in the order loaded.
+    std::vector<QueueStatus> GetQueueStatus() const;
 
     /// Records a failure, logs "Initiating shutdown: ..." and asks all pipelines to stop.
     void ReportFailure(const std::string& pipelineName, const std::string& message);

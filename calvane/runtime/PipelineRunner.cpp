@@ -129,7 +129,7 @@ void PipelineHead::Start() {
 }
 
 void PipelineHead::Drain() {
-    for (PipelinePlugin* plugin : runner_.GetContainer().GetPlugins()) {
+    for (PipelinePlugin* plugin : GetPlugins()) {
         if (plugin != nullptr) {
             plugin->Drain();
         }

@@ -65,6 +65,7 @@ public:
 
     const std::string& GetName() const { return runner_.GetName(); }
     PipelineStatus GetStatus() const { return runner_.GetStatus(); }
+    const std::vector<PipelinePlugin*>& GetPlugins() { return runner_.GetContainer().GetPlugins(); }
     void PipelinesConstructed() { runner_.GetContainer().PipelinesConstructed(); }
     void Start();
     void Stop() { runner_.Stop(); }

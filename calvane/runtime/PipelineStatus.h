@@ -2,6 +2,8 @@
 
 #include <string>
 
+#include "calvane/graph/QueueStatistics.h"
+
 namespace quarn::calvane {
 
 /// How far a pipeline has come.
@@ -18,6 +20,12 @@ struct PipelineStatus {
     std::string name;
     PipelineState state;
     std::string failure; ///< The exception's text when it failed, otherwise empty.
+};
+
+/// What is known of the queue of one plugin at one moment.
+struct QueueStatus {
+    std::string name; ///< The plugin's.
+    QueueStatistics statistics;
 };
 
 } // namespace quarn::calvane

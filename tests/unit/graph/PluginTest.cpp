@@ -31,6 +31,8 @@ TEST(PluginBases, AcceptOnlyTheConnectionsOfTheirKind) {
               ThrownText([&] { splitter->ConnectToSink("none", input); }));
     EXPECT_EQ("A source named a already exists",
               ThrownText([&] { static_cast<TestSplitter&>(*splitter).CreateSource("a"); }));
+    EXPECT_EQ((Texts{"a", "b"}), splitter->GetOutputNames());
+    EXPECT_EQ((Texts{""}), filter->GetOutputNames());
 }
 
 TEST(PluginBases, DisconnectASinkFromOneNamedOutputAtATime) {

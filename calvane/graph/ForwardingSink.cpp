@@ -1,0 +1,22 @@
+#include "calvane/graph/ForwardingSink.h"
+
+#include "calvane/graph/FormatCheckImpl.h"
+
+namespace quarn::calvane {
+
+ForwardingSink::ForwardingSink(Sink* next) : sink_(this), next_(next) {
+    sink_.SetFormatHandler(this);
+}
+
+ForwardingSink::~ForwardingSink() = default;
+
+void ForwardingSink::OnBuffer(const Sink*, Buffer* buffer) {
+    Forward(buffer);
+}
+
+void ForwardingSink::OnNewFormat(const Sink*, const BufferFormat& format) {
+    AssertCompatible(*next_, format); // Its requirement may have changed since it was connected.
+    next_->PushFormat(format);
+}
+
+} // namespace quarn::calvane
