@@ -16,6 +16,10 @@ if(CALVANE_WERROR)
   add_compile_options(-Werror)
 endif()
 
+if(CALVANE_BUILD_FUZZERS)
+  # So that the fuzzer sees which ways through the libraries an input takes.
+  add_compile_options(-fsanitize=fuzzer-no-link)
+endif()
 if(CALVANE_SANITIZE)
   add_compile_options(-fsanitize=${CALVANE_SANITIZE} -fno-omit-frame-pointer -O1)
   add_link_options(-fsanitize=${CALVANE_SANITIZE})

@@ -1,21 +1,18 @@
 #include "calvane/config/DescriptionCheck.h"
 
-#include <dlfcn.h>
-#include <link.h>
-#include <unistd.h>
-
 #include <algorithm>
-#include <cstdlib>
 #include <map>
-#include <memory>
-#include <new>
 #include <set>
 
 #include "calvane/config/DescriptionKeys.h"
-#include "calvane/config/NearestNameImpl.h"
+#include "calvane/config/ModuleFile.h"
+#include "calvane/config/ModuleSearch.h"
+#include "calvane/config/NearestName.h"
 #include "calvane/config/PluginManager.h"
+#include "calvane/runtime/CalvaneEnv.h"
 #include "quarn/core/IniFile.h"
 #include "quarn/core/StringUtil.h"
+#include "quarn/osa/Exception.h"
 #include "quarn/osa/Thread.h"
 
 namespace quarn::calvane {
@@ -26,42 +23,6 @@ using core::StringUtil;
 
 std::string Quote(const std::string& text) {
     return '"' + text + '"';
-}
-
-bool IsReadable(const std::string& path) {
-    return access(path.c_str(), R_OK) == 0;
-}
-
-// The folders in which the dynamic linker looks for a bare name.
-std::vector<std::string> LinkerFolders() {
-    const std::unique_ptr<void, int (*)(void*)> program(dlopen(nullptr, RTLD_LAZY), &dlclose);
-    Dl_serinfo size{};
-    if (!program || dlinfo(program.get(), RTLD_DI_SERINFOSIZE, &size) != 0) {
-        return {};
-    }
-    const std::unique_ptr<void, void (*)(void*)> memory(std::malloc(size.dls_size), &std::free);
-    if (!memory) {
-        return {};
-    }
-    auto* const info = new (memory.get()) Dl_serinfo(size);
-    if (dlinfo(program.get(), RTLD_DI_SERINFOSIZE, info) != 0 ||
-        dlinfo(program.get(), RTLD_DI_SERINFO, info) != 0) {
-        return {};
-    }
-    std::vector<std::string> folders;
-    for (unsigned int i = 0; i != info->dls_cnt; ++i) {
-        folders.emplace_back(info->dls_serpath[i].dls_name);
-    }
-    return folders;
-}
-
-bool ModuleExists(const std::string& module) {
-    if (module.find('/') != std::string::npos) {
-        return IsReadable(module);
-    }
-    const std::vector<std::string> folders = LinkerFolders();
-    return std::any_of(folders.begin(), folders.end(),
-                       [&module](const std::string& folder) { return IsReadable(folder + "/" + module); });
 }
 
 /// Walks a description once and collects what it finds.
@@ -151,14 +112,33 @@ private:
             Complain(plugin, keys::kPluginType,
                      std::string("Missing ") + keys::kPluginType + " setting for plugin " + plugin);
         } else if (module.empty()) {
-            const std::vector<std::string> types = PluginManager::GetBuiltinTypes();
-            if (std::find(types.begin(), types.end(), type) == types.end()) {
-                Complain(plugin, keys::kPluginType,
-                         "No registered plugin with type " + type + SuggestName(type, types));
-            }
+            RequireType(plugin, type, PluginManager::GetBuiltinTypes(), "No registered plugin with type ");
         }
-        if (!module.empty() && !ModuleExists(module)) {
-            Complain(plugin, keys::kPluginModule, "Module " + Quote(module) + " cannot be found");
+        if (!module.empty()) {
+            CheckModule(plugin, module, type);
+        }
+    }
+
+    // As far as its file tells.
+    void CheckModule(const std::string& plugin, const std::string& module, const std::string& type) {
+        try {
+            const std::string path = FindModule(module);
+            const ModuleFile& file = modules_.try_emplace(path, path).first->second;
+            const ModuleFile::Version& version = file.GetVersion();
+            CalvaneEnv::AssertVersionCompatible(file.GetPath(), version.major, version.minor, version.patch);
+            if (!type.empty()) {
+                RequireType(plugin, type, file.GetTypes(),
+                            "Module " + file.GetPath() + " exports no plugin with type ");
+            }
+        } catch (const osa::Exception& error) {
+            Complain(plugin, keys::kPluginModule, error.what());
+        }
+    }
+
+    void RequireType(const std::string& plugin, const std::string& type,
+                     const std::vector<std::string>& types, const std::string& complaint) {
+        if (std::find(types.begin(), types.end(), type) == types.end()) {
+            Complain(plugin, keys::kPluginType, complaint + type + SuggestName(type, types));
         }
     }
 
@@ -246,6 +226,7 @@ private:
     std::set<std::string> plugins_;
     std::map<std::string, std::string> heads_; // The head's name, then the first pipeline that names it.
     std::vector<std::string> path_;
+    std::map<std::string, ModuleFile> modules_; // Those read so far, by path.
 };
 
 } // namespace

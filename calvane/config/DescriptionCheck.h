@@ -21,10 +21,10 @@ struct DescriptionFinding {
 };
 
 /// Reads a description without making a plugin or loading a module, and tells all that is wrong with it, in
-/// the order of the lines: groups, keys and values that are missing, unknown built-in types, modules that
-/// cannot be found, plugins that are their own successors, values of the framework's own keys that do not
-/// parse; and as warnings, groups that nothing refers to, keys that the framework does not know, and plugins
-/// that head two pipelines.
+/// the order of the lines: groups, keys and values that are missing, unknown types, modules that cannot be
+/// found or do not fit, as far as their files tell, plugins that are their own successors, values of the
+/// framework's own keys that do not parse; and as warnings, groups that nothing refers to, keys that the
+/// framework does not know, and plugins that head two pipelines.
 CALVANE_API std::vector<DescriptionFinding> CheckDescription(const core::IniFile& ini);
 
 } // namespace quarn::calvane

@@ -1,7 +1,8 @@
+#include "calvane/config/NearestName.h"
+
 #include <algorithm>
 #include <numeric>
 
-#include "calvane/config/NearestNameImpl.h"
 #include "quarn/core/StringUtil.h"
 
 namespace quarn::calvane {

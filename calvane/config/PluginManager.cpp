@@ -1,11 +1,14 @@
 #include "calvane/config/PluginManager.h"
 
 #include <cstdint>
+#include <filesystem>
 #include <limits>
 #include <map>
 #include <utility>
 
 #include "calvane/config/DefaultPluginConfiguration.h"
+#include "calvane/config/ModuleNamesImpl.h"
+#include "calvane/config/ModuleSearch.h"
 #include "calvane/config/PluginInstancesImpl.h"
 #include "calvane/graph/SettingException.h"
 #include "calvane/runtime/CalvaneEnv.h"
@@ -20,8 +23,6 @@ namespace quarn::calvane {
 namespace {
 
 const char* const kLoggerName = "PluginManager";
-const char* const kDefinitionSymbol = "gCalvaneModuleDefinition";
-const char* const kEntryPointPrefix = "CalvaneCreatePlugin__";
 
 using Registry = std::map<std::string, PluginFactoryFunction>;
 
@@ -39,6 +40,8 @@ public:
         const auto* version = static_cast<const uint16_t*>(module_.FindSymPtr(kDefinitionSymbol));
         CalvaneEnv::AssertVersionCompatible(path, version[0], version[1], version[2]);
     }
+
+    const std::string& GetPath() const { return path_; }
 
     PipelinePlugin* Create(const std::string& type, CalvaneEnv* env,
                            const IPluginConfiguration& config) const {
@@ -68,6 +71,9 @@ private:
     const osa::Module module_;
 };
 
+/// Modules by their real file.
+using ModuleCollection = std::map<std::string, std::unique_ptr<PluginModule>>;
+
 // Keeps a module until the process ends.
 void KeepLoaded(std::unique_ptr<PluginModule> module) {
     static auto* const lock = new osa::Mutex("KeptModules");
@@ -87,8 +93,8 @@ public:
 
     ~PluginManagerImpl() {
         env_.reset();
-        for (auto& [path, module] : modules_) {
-            Unload(path, std::move(module));
+        for (auto& [file, module] : modules_) {
+            Unload(file, std::move(module));
         }
     }
 
@@ -100,44 +106,54 @@ public:
             return existing;
         }
         logger_->Trace("Attempting to load plugin %s from module %s", type.c_str(), module.c_str());
-        PluginReference plugin(module.empty() ? CreateBuiltin(type, config)
-                                              : LoadModule(module).Create(type, env_.get(), config));
-        if (!plugin) {
-            return nullptr;
-        }
-        if (module.empty()) {
-            logger_->Debug("Successfully created built-in %s plugin: \"%s\".", type.c_str(), name.c_str());
-        } else {
-            logger_->Debug("Successfully created %s plugin from module %s: \"%s\".", type.c_str(),
-                           module.c_str(), name.c_str());
-        }
-        instances_->Register(name, module, *plugin, env_);
-        return plugin.release();
+        return module.empty() ? CreateBuiltin(type, name, config)
+                              : CreateFromModule(module, type, name, config);
     }
 
     bool HasInstance(const std::string& name) const { return instances_->Contains(name); }
 
 private:
-    PipelinePlugin* CreateBuiltin(const std::string& type, const IPluginConfiguration& config) {
+    PipelinePlugin* CreateBuiltin(const std::string& type, const std::string& name,
+                                  const IPluginConfiguration& config) {
         const auto found = BuiltinRegistry().find(type);
         if (found == BuiltinRegistry().end()) {
             throw osa::Exception("No registered plugin with type " + type);
         }
-        return found->second(env_.get(), config);
+        PluginReference plugin(found->second(env_.get(), config));
+        if (!plugin) {
+            return nullptr;
+        }
+        logger_->Debug("Successfully created built-in %s plugin: \"%s\".", type.c_str(), name.c_str());
+        instances_->Register(name, "", *plugin, env_);
+        return plugin.release();
     }
 
-    const PluginModule& LoadModule(const std::string& path) {
-        auto found = modules_.find(path);
+    PipelinePlugin* CreateFromModule(const std::string& module, const std::string& type,
+                                     const std::string& name, const IPluginConfiguration& config) {
+        const auto& [file, loaded] = LoadModule(module);
+        PluginReference plugin(loaded->Create(type, env_.get(), config));
+        logger_->Debug("Successfully created %s plugin from module %s: \"%s\".", type.c_str(),
+                       loaded->GetPath().c_str(), name.c_str());
+        instances_->Register(name, file, *plugin, env_);
+        return plugin.release();
+    }
+
+    // Links and other ways to name the same file lead to one module.
+    const ModuleCollection::value_type& LoadModule(const std::string& module) {
+        const std::string path = FindModule(module);
+        const std::string file = std::filesystem::canonical(path).string();
+        auto found = modules_.find(file);
         if (found == modules_.end()) {
             logger_->Debug("Loading module %s", path.c_str());
-            found = modules_.emplace(path, std::make_unique<PluginModule>(path)).first;
+            found = modules_.emplace(file, std::make_unique<PluginModule>(path)).first;
         }
-        return *found->second;
+        return *found;
     }
 
-    void Unload(const std::string& path, std::unique_ptr<PluginModule> module) const {
+    void Unload(const std::string& file, std::unique_ptr<PluginModule> module) const {
         core::Logger* const logger = core::Logger::GetLogger(kLoggerName);
-        const std::string user = instances_->FindUser(path);
+        const std::string path = module->GetPath();
+        const std::string user = instances_->FindUser(file);
         if (!user.empty()) {
             logger->Warning("Module %s stays loaded: plugin %s is still in use", path.c_str(), user.c_str());
             KeepLoaded(std::move(module));
@@ -147,7 +163,7 @@ private:
     }
 
     core::Logger* const logger_ = core::Logger::GetLogger(kLoggerName);
-    std::map<std::string, std::unique_ptr<PluginModule>> modules_;
+    ModuleCollection modules_;
     std::shared_ptr<CalvaneEnv> env_;
     const std::shared_ptr<PluginInstances> instances_;
 };

@@ -16,14 +16,15 @@ class IPipelineReporter;
 using PluginFactoryFunction = PipelinePlugin* (*)(CalvaneEnv* env, const IPluginConfiguration& config);
 
 /// The factory of plugins: of built-in types, which register themselves before main, and of types that
-/// modules export. It gives out one instance per name and loads every module once.
+/// modules export. It gives out one instance per name and loads every module once, however it is named.
+/// FindModule says where a module lies; errors and log lines name the path that it found first.
 ///
 /// Threads:   CreatePlugin and LoadBuiltinPlugin from one thread at a time; plugins may be released on any.
 /// Ownership: the caller owns one reference of every plugin. The manager owns none: a plugin that is gone is
 ///            not found by its name any more.
-/// Errors:    Exception with the texts named in the operations; a failure leaves no trace but a loaded
-/// module. Lifetime:  plugins may be released before or after the manager is destroyed. The environment lives
-/// until
+/// Errors:    Exception with the texts named in the operations; a failure leaves no trace but a
+///            loaded module.
+/// Lifetime:  plugins may be released before or after the manager is destroyed. The environment lives until
 ///            the last of them is gone, and so does, up to the end of the process, a module that still has
 ///            plugins. The reporter must outlive them all.
 class CALVANE_API PluginManager : public IPluginFactory {

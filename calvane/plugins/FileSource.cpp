@@ -39,13 +39,14 @@ FileSource::FileSource(CalvaneEnv* env, const IPluginConfiguration& config)
       loop_(config.GetIntOrDefault("loop", 0) != 0),
       blockSize_(config.GetIntOrDefault(kBlockSizeKey, 1024)),
       remaining_(config.GetIntOrDefault("buffer.total", -1)) {
+    // All settings are read before the first can be found wrong, so that whoever asks learns of all.
+    fileName_ = config.GetStringOrDefault(kFileNameKey, "");
+    const int maxCount = config.GetIntOrDefault(kMaxCountKey, 5);
     if (blockSize_ <= 0) {
         ErrorInSetting(kBlockSizeKey, "Invalid blocksize");
     }
-    fileName_ = config.GetStringOrDefault(kFileNameKey, "");
     Open(fileName_);
     core::IMemoryAllocator* const parent = env->GetDefaultAllocator(core::AllocatorProps::kAddressable);
-    const int maxCount = config.GetIntOrDefault(kMaxCountKey, 5);
     if (maxCount <= 0) {
         ErrorInSetting(kMaxCountKey, std::string("Invalid ") + kMaxCountKey);
     }

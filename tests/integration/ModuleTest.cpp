@@ -1,6 +1,8 @@
 #include <dlfcn.h>
 #include <gmock/gmock.h>
 
+#include "calvane/config/DescriptionCheck.h"
+#include "calvane/config/ModuleFile.h"
 #include "calvane/config/PluginManager.h"
 #include "support/TempFolder.h"
 #include "support/TestPlugins.h"
@@ -89,4 +91,79 @@ TEST(Module, StaysLoadedWhileItsPluginsOutliveTheManager) {
     EXPECT_EQ(1U, log.Count("Module " + kGood + " stays loaded: plugin p is still in use"));
     EXPECT_EQ("p", plugin->GetName());
     plugin.reset();
+}
+
+TEST(Module, IsLoadedOnceHoweverItIsNamed) {
+    const TempFolder folder;
+    std::filesystem::create_symlink(kGood, folder.Path("link.so"));
+    setenv("CALVANE_PLUGIN_PATH", (folder.Path() + ":" + kFolder).c_str(), 1);
+    const LogCapture log;
+    PluginManager plugins;
+    PluginPtr(Create(plugins, "GoodModule.so", "Invert")).reset();
+    PluginPtr(Create(plugins, "link.so", "Invert")).reset();
+    PluginPtr(Create(plugins, kGood, "Invert")).reset();
+    EXPECT_EQ(1U, log.Count("Loading module " + kGood));
+    EXPECT_FALSE(log.Contains("Loading module " + folder.Path("link.so")));
+    EXPECT_THAT(ThrownText([&] { Create(plugins, "none.so", "Invert"); }),
+                StartsWith("Module \"none.so\" cannot be found in " + folder.Path() + ", " + kFolder + ", "));
+    unsetenv("CALVANE_PLUGIN_PATH");
+}
+
+TEST(ModuleFile, TellsWhatAModuleIsWithoutLoadingIt) {
+    const ModuleFile good(kGood);
+    EXPECT_EQ((Texts{"Invert", "Nothing", "Thrower"}), good.GetTypes());
+    EXPECT_EQ(3, good.GetVersion().minor);
+    EXPECT_EQ(4, ModuleFile(kFolder + "/TooNewModule.so").GetVersion().minor);
+    EXPECT_FALSE(IsLoaded(kGood));
+
+    const TempFolder folder;
+    const std::string zero = kFolder + "/ZeroVersionModule.so";
+    const std::string noModule = kFolder + "/NoModule.so";
+    const std::map<std::string, std::string> reasons{
+        {noModule, "Cannot find symbol gCalvaneModuleDefinition in module " + noModule},
+        {zero, "Cannot load module " + zero + ": it holds no value of gCalvaneModuleDefinition"},
+        {"/dev/null", "Cannot load module /dev/null: it is not a regular file"},
+        {folder.Path("none"), "Cannot load module " + folder.Path("none") + ": No such file or directory"}};
+    for (const auto& [path, reason] : reasons) {
+        EXPECT_EQ(reason, ThrownText([path = path] { const ModuleFile file(path); }));
+    }
+}
+
+TEST(ModuleFile, RefusesOtherProcessorsAndFilesCutShort) {
+    std::ifstream stream(kGood, std::ios_base::binary);
+    const std::string whole{std::istreambuf_iterator<char>(stream), std::istreambuf_iterator<char>()};
+    const auto refusal = [](const std::string& bytes) {
+        return ThrownText([&bytes] { ModuleFile::FromBytes(bytes, "m"); });
+    };
+    const auto with = [&whole](size_t place, char byte) {
+        std::string changed = whole;
+        changed.at(place) = byte;
+        return changed;
+    };
+    ASSERT_EQ("nothing was thrown", refusal(whole));
+    const std::string start = "Cannot load module m: it is ";
+    EXPECT_EQ(start + "not an ELF file", refusal(""));
+    EXPECT_EQ(start + "cut short", refusal(whole.substr(0, 40)));
+    EXPECT_THAT(refusal(with(4, 3)), StartsWith(start + "built for another kind of processor (word size"));
+    EXPECT_THAT(refusal(with(18, 8)),
+                StartsWith(start + "built for another kind of processor (ELF machine 8, not"));
+    EXPECT_EQ(start + "no shared object (ELF type 2)", refusal(with(16, 2)));
+}
+
+TEST(DescriptionCheck, LooksIntoModules) {
+    const auto finding = [](const std::string& module, const std::string& type) {
+        const auto findings =
+            CheckDescription(IniFile::FromText("[calvane]\nt.pipelines = p\n[p]\nt.pipeline.head = a\n[a]\n"
+                                               "t.plugin.type = " +
+                                               type + "\nt.plugin.module = " + module + "\n"));
+        return findings.empty() ? "" : findings[0].key + ": " + findings[0].text;
+    };
+    const std::string tooNew = kFolder + "/TooNewModule.so";
+    EXPECT_EQ("", finding(kGood, "Invert"));
+    EXPECT_EQ(
+        "t.plugin.type: Module " + kGood + " exports no plugin with type Inverted (did you mean \"Invert\"?)",
+        finding(kGood, "Inverted"));
+    EXPECT_THAT(finding(tooNew, "Any"),
+                StartsWith("t.plugin.module: " + tooNew + " expects version 1.4.0 of calvane, which is"));
+    EXPECT_THAT(finding(kFolder, "Any"), testing::EndsWith(" is not a regular file"));
 }

@@ -5,6 +5,8 @@
 #include <algorithm>
 #include <csignal>
 #include <iterator>
+#include <map>
+#include <nlohmann/json.hpp>
 #include <sstream>
 
 #include "support/Emulation.h"
@@ -129,6 +131,54 @@ TEST_F(ProgramTest, StopsInOrderOnASignalAndAtOnceOnTheSecond) {
     usleep(100000);
     stuck.Signal(SIGTERM);
     EXPECT_EQ(128 + SIGTERM, stuck.Wait());
+}
+
+TEST_F(ProgramTest, NeverHidesWhatAQueueDrops) {
+    folder.Write("in", std::string(10000, 'x')); // Ten blocks, and room for none.
+    const std::string dropping = std::string(kCopy).replace(kCopy.find("= writer"), 8, "= queue") +
+                                 "out\n[queue]\nt.plugin.type = QueuePlugin\nqueue.length = 0\n"
+                                 "allow.drop.on.write = 1\nt.pipeline.next = writer\n";
+    EXPECT_EQ(0, Calvane("run", dropping)) << err;
+    EXPECT_EQ("pipeline copy: out of data\nqueue queue: dropped 10 buffers\n", out);
+    EXPECT_EQ(0, Calvane({"run", "d.ini", "--stats", "60"})) << err;
+    EXPECT_THAT(out, HasSubstr(" plugin reader: out "));
+    EXPECT_THAT(out, HasSubstr(", in all 10 and 10.0kB; out 0/s 0B/s, in all 0 and 0B; queue 0 of 0, at most "
+                               "0; dropped 10, in all 10\n"));
+    EXPECT_THAT(out, HasSubstr(" plugin writer: in 0/s 0B/s, in all 0 and 0B\n"));
+    EXPECT_EQ(2, Calvane({"run", "d.ini", "--stats", "0"}));
+}
+
+TEST_F(ProgramTest, TracesEveryPushByThreadAndPlugin) {
+    folder.Write("in", std::string(9000 * 1024, 'x'));
+    const std::string queued = std::string(kCopy).replace(kCopy.find("= writer"), 8, "= queue") +
+                               "out\n[queue]\nt.plugin.type = QueuePlugin\nt.pipeline.next = writer\n";
+    folder.Write("d.ini", queued);
+    ASSERT_EQ(0, Calvane({"run", "d.ini", "--trace", "trace.json"})) << err;
+    std::map<std::string, std::string> threads;
+    std::map<std::string, int> pushes; // By thread, sender, receiver and bytes.
+    std::map<std::string, double> ends;
+    for (const auto& event : nlohmann::json::parse(folder.Read("trace.json"))) {
+        if (event["name"] == "thread_name") {
+            threads[event["tid"].dump()] = event["args"]["name"];
+        } else if (event.value("cat", "") == "push") {
+            ++pushes[event["tid"].dump() + " " + event["args"]["from"].get<std::string>() + ">" +
+                     event["name"].get<std::string>() + " " + event["args"]["bytes"].dump()];
+            double& end = ends[event["tid"].dump()];
+            EXPECT_GE(event["ts"].get<double>() + 0.001, end); // One after the other, in this description.
+            end = event["ts"].get<double>() + event["dur"].get<double>();
+        }
+    }
+    std::map<std::string, int> named;
+    for (const auto& [push, count] : pushes) {
+        named[threads[push.substr(0, push.find(' '))] + push.substr(push.find(' '))] = count;
+    }
+    EXPECT_EQ(
+        (std::map<std::string, int>{{"copy reader>queue 1024", 9000}, {"queue queue>writer 1024", 9000}}),
+        named);
+    EXPECT_EQ(2, Calvane({"run", "d.ini", "--trace", "no/such/folder"}));
+    EXPECT_EQ("Cannot create the trace file no/such/folder: No such file or directory\n", err);
+    EXPECT_EQ(1, Calvane({"run", "d.ini", "--trace", "/dev/full"}));
+    EXPECT_THAT(err, HasSubstr("The trace file /dev/full is incomplete: No space left on device\n"));
 }
 
 TEST_F(ProgramTest, RunsTheDemonstration) {

@@ -5,6 +5,8 @@ A comment before a fenced block says what it is:
   <!-- from PATH -->           an excerpt of that file of the repository, word for word
   <!-- check: NAME exit N -->  a description that `calvane check NAME` answers with that exit status; a text block
                                right behind it is what the program writes to standard error
+  <!-- output of: calvane ARGUMENTS -->
+                               all that this command, run in the folder of the repository, writes to standard output
 Any other ini block is a description that can be loaded. Links inside the repository must lead somewhere."""
 
 import collections
@@ -18,6 +20,7 @@ ROOT = pathlib.Path(__file__).resolve().parents[2]
 SKIPPED_FOLDERS = {"build", ".git", ".cache"}
 FROM = re.compile(r"<!-- from (\S+) -->")
 CHECK = re.compile(r"<!-- check: (\S+) exit (\d+) -->")
+OUTPUT = re.compile(r"<!-- output of: calvane (.+) -->")
 LINK = re.compile(r"\[[^\]]*\]\(([^)\s]+)\)")
 
 # `expected` is the text block right behind this one, or None.
@@ -74,10 +77,19 @@ def check_description(block, calvane, name, status):
     return faults
 
 
+def check_output(block, calvane, arguments):
+    run = subprocess.run([calvane, *arguments.split()], cwd=ROOT, capture_output=True, text=True, check=False)
+    if run.returncode != 0 or run.stdout != block.text:
+        return [f"{block.where}: calvane {arguments} ends with {run.returncode} and writes\n{run.stdout}{run.stderr}"]
+    return []
+
+
 def check_block(block, calvane):
     excerpt, check = FROM.fullmatch(block.mark), CHECK.fullmatch(block.mark)
     if excerpt:
         return check_excerpt(block, excerpt.group(1))
+    if output := OUTPUT.fullmatch(block.mark):
+        return check_output(block, calvane, output.group(1))
     if block.mark and not check:
         return [f"{block.where}: this comment means nothing: {block.mark}"]
     if block.language == "cpp":

@@ -9,6 +9,8 @@ struct RunOptions {
     std::string logLevels = "*=warning";
     std::string logFile; ///< Empty: the standard error stream, unless `syslog` is set.
     bool syslog = false;
+    double statsSeconds = 0; ///< 0: no statistics while running.
+    std::string traceFile;   ///< Empty: no trace.
 };
 
 /// Runs the pipelines of a description to their end and tells how each ended. Returns the exit status.

@@ -4,20 +4,14 @@
 #include "calvane/CheckCommand.h"
 #include "calvane/ExitStatus.h"
 #include "calvane/Findings.h"
+#include "calvane/GraphCommand.h"
+#include "calvane/PluginsCommand.h"
 #include "calvane/RunCommand.h"
-#include "calvane/config/PluginManager.h"
 #include "calvane/runtime/CalvaneEnv.h"
 
 namespace {
 
 using namespace calvane_program;
-
-int PrintBuiltinTypes() {
-    for (const std::string& type : quarn::calvane::PluginManager::GetBuiltinTypes()) {
-        std::cout << type << "\n";
-    }
-    return kDone;
-}
 
 void DefineRun(CLI::App& program, RunOptions& options) {
     CLI::App* const run = program.add_subcommand("run", "Run the pipelines of a description to their end");
@@ -29,11 +23,18 @@ void DefineRun(CLI::App& program, RunOptions& options) {
     CLI::Option* const logFile =
         run->add_option("--log-file", options.logFile, "Append the log to this file");
     run->add_flag("--syslog", options.syslog, "Send the log to syslog")->excludes(logFile);
+    run->add_option("--stats", options.statsSeconds,
+                    "Print every so many seconds what each plugin and queue did")
+        ->type_name("SECONDS")
+        ->check(CLI::Range(0.1, 86400.0));
+    run->add_option("--trace", options.traceFile, "Write a timeline of every push to this file, for Perfetto")
+        ->type_name("FILE");
     run->footer(
         "SIGINT and SIGTERM stop all pipelines in order; a second one ends the process at once.\n"
         "Exit status: 0 done, 1 failed while running, 2 bad description or command line.\n"
         "Examples:\n"
         "  calvane run camera.ini\n"
+        "  calvane run camera.ini --stats 2 --trace camera.json\n"
         "  calvane run camera.ini --log 'PipelineLoader=debug,*=information' --log-file camera.log");
 }
 
@@ -47,6 +48,33 @@ void DefineCheck(CLI::App& program, std::string& file, bool& build) {
         "Examples:\n"
         "  calvane check camera.ini\n"
         "  calvane check --build camera.ini");
+}
+
+void DefinePlugins(CLI::App& program, PluginsOptions& options) {
+    CLI::App* const plugins =
+        program.add_subcommand("plugins", "List plugin types, or tell what one takes and gives");
+    plugins->add_option("TYPE", options.type, "Tell of this type");
+    plugins->add_option("--module", options.module, "Of this module, as t.plugin.module names it")
+        ->type_name("PATH");
+    plugins->add_flag("--json", options.json, "Print JSON");
+    plugins->footer(
+        "Listing loads nothing. To tell of a type, one plugin is made without any setting, and let go "
+        "again.\n"
+        "Exit status: 0 done, 2 no such type or module.\n"
+        "Examples:\n"
+        "  calvane plugins\n"
+        "  calvane plugins FileSource\n"
+        "  calvane plugins --module camera.so --json");
+}
+
+void DefineGraph(CLI::App& program, std::string& file) {
+    CLI::App* const graph = program.add_subcommand("graph", "Draw the graph of a description (DOT)");
+    graph->add_option("FILE", file, "The description (INI)")->required();
+    graph->footer(
+        "Makes no plugin and loads no module. There is a frame for each thread.\n"
+        "Exit status: 0 done, 2 bad description.\n"
+        "Example:\n"
+        "  calvane graph camera.ini | dot -Tsvg -o camera.svg");
 }
 
 // The parser itself would only say that a command is required.
@@ -68,8 +96,10 @@ int RunProgram(int argc, char** argv) {
     std::string checkFile;
     bool build = false;
     DefineCheck(program, checkFile, build);
-    program.add_subcommand("plugins", "List the built-in plugin types")
-        ->footer("Example:\n  calvane plugins");
+    PluginsOptions pluginsOptions;
+    DefinePlugins(program, pluginsOptions);
+    std::string graphFile;
+    DefineGraph(program, graphFile);
 
     try {
         program.parse(argc, argv);
@@ -82,7 +112,10 @@ int RunProgram(int argc, char** argv) {
     if (program.got_subcommand("run")) {
         return Run(runOptions);
     }
-    return program.got_subcommand("check") ? Check(checkFile, build) : PrintBuiltinTypes();
+    if (program.got_subcommand("check")) {
+        return Check(checkFile, build);
+    }
+    return program.got_subcommand("graph") ? Graph(graphFile) : Plugins(pluginsOptions);
 }
 
 } // namespace

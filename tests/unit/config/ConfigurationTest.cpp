@@ -60,7 +60,7 @@ TEST(DescriptionCheck, ReportsAllThatIsWrongInTheOrderOfLines) {
         "8 error [two] thread.priority: Invalid value of \"128\" for setting thread.priority in pipeline two",
         "10 error [a] t.plugin.type: No registered plugin with type FileSorce (did you mean \"FileSource\"?)",
         "11 error [a] t.pipeline.next: Missing configuration group for plugin nowhere",
-        "15 error [b] t.plugin.module: Module \"/no/such.so\" cannot be found",
+        "15 error [b] t.plugin.module: Module \"/no/such.so\" cannot be found: No such file or directory",
         "16 error [c] t.plugin.type: Missing t.plugin.type setting for plugin c",
         "20 error [d] t.pipeline.next.out: Plugin c is its own successor: c -> d -> c",
         "21 warning [left-over] : Nothing refers to this group"};

@@ -1,0 +1,120 @@
+#include "calvane/config/ModuleFile.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+
+#include "calvane/config/ElfFileImpl.h"
+#include "calvane/config/ModuleNamesImpl.h"
+#include "quarn/osa/Exception.h"
+#include "quarn/osa/FormatText.h"
+
+namespace quarn::calvane {
+
+namespace {
+
+constexpr uint64_t kMaxBytes = uint64_t{256} << 20U;
+
+[[noreturn]] void Fail(const std::string& path, const std::string& why) {
+    throw osa::Exception("Cannot load module " + path + ": " + why);
+}
+
+class Descriptor {
+public:
+    // Opening a pipe must not wait for somebody to write.
+    explicit Descriptor(const std::string& path)
+        : number(open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK)) {}
+    ~Descriptor() {
+        if (number >= 0) {
+            close(number);
+        }
+    }
+    Descriptor(const Descriptor&) = delete;
+    Descriptor& operator=(const Descriptor&) = delete;
+
+    const int number;
+};
+
+std::string ReadWholeFile(const std::string& path) {
+    const Descriptor file(path);
+    struct stat status {};
+    if (file.number < 0 || fstat(file.number, &status) != 0) {
+        Fail(path, osa::ErrnoText(errno));
+    }
+    if (!S_ISREG(status.st_mode)) {
+        Fail(path, "it is not a regular file");
+    }
+    if (static_cast<uint64_t>(status.st_size) > kMaxBytes) {
+        Fail(path, "it is larger than any module");
+    }
+    std::string bytes(static_cast<size_t>(status.st_size), '\0');
+    size_t have = 0;
+    while (have < bytes.size()) {
+        const ssize_t count = read(file.number, bytes.data() + have, bytes.size() - have);
+        if (count < 0 && errno != EINTR) {
+            Fail(path, osa::ErrnoText(errno));
+        }
+        if (count == 0) { // Somebody has cut it meanwhile.
+            break;
+        }
+        have += count > 0 ? static_cast<size_t>(count) : 0;
+    }
+    bytes.resize(have);
+    return bytes;
+}
+
+const ElfFile::Symbol* FindDefinition(const std::vector<ElfFile::Symbol>& symbols) {
+    const auto found = std::find_if(symbols.begin(), symbols.end(), [](const ElfFile::Symbol& symbol) {
+        return symbol.name == kDefinitionSymbol;
+    });
+    return found != symbols.end() ? &*found : nullptr;
+}
+
+ModuleFile::Version ReadVersion(const ElfFile& file, const ElfFile::Symbol& definition) {
+    std::array<uint16_t, 3> numbers{};
+    if (!file.ReadLoaded(definition.address, numbers.data(), sizeof numbers)) {
+        throw osa::Exception("it holds no value of " + definition.name);
+    }
+    return {numbers[0], numbers[1], numbers[2]};
+}
+
+std::vector<std::string> PickTypes(const std::vector<ElfFile::Symbol>& symbols) {
+    const std::string prefix = kEntryPointPrefix;
+    std::vector<std::string> types;
+    for (const ElfFile::Symbol& symbol : symbols) {
+        if (symbol.name.size() > prefix.size() && symbol.name.compare(0, prefix.size(), prefix) == 0) {
+            types.push_back(symbol.name.substr(prefix.size()));
+        }
+    }
+    std::sort(types.begin(), types.end());
+    return types;
+}
+
+} // namespace
+
+ModuleFile::ModuleFile(const std::string& path) : ModuleFile(ReadWholeFile(path), path) {}
+
+ModuleFile::ModuleFile(const std::string& bytes, const std::string& name) : path_(name) {
+    try {
+        const ElfFile file(bytes);
+        const std::vector<ElfFile::Symbol> symbols = file.ReadExportedSymbols();
+        if (const ElfFile::Symbol* const definition = FindDefinition(symbols)) {
+            version_ = ReadVersion(file, *definition);
+            types_ = PickTypes(symbols);
+            return;
+        }
+    } catch (const osa::Exception& error) {
+        Fail(path_, error.what());
+    }
+    throw osa::Exception(std::string("Cannot find symbol ") + kDefinitionSymbol + " in module " + path_);
+}
+
+ModuleFile ModuleFile::FromBytes(const std::string& bytes, const std::string& name) {
+    return {bytes, name};
+}
+
+} // namespace quarn::calvane

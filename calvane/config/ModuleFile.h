@@ -1,0 +1,48 @@
+#pragma once
+
+#include <string>
+#include <vector>
+
+#include "calvane/Export.h"
+
+namespace quarn::calvane {
+
+/// What the file of a module tells of itself. It is read and not loaded: none of its code runs, and no byte
+/// of it is trusted.
+///
+/// The file is looked at the way the dynamic linker does: through the program headers and the dynamic
+/// section. So a stripped module tells as much as any other. Whether the libraries that it needs are there,
+/// and have what it wants of them, shows only when it is loaded.
+///
+/// Threads: any; nothing changes after construction.
+/// Errors:  construction throws Exception: "Cannot load module PATH: " and the reason for what cannot be read
+///          or is no shared object for this processor; "Cannot find symbol gCalvaneModuleDefinition in module
+///          PATH" for a shared object that is no module.
+class CALVANE_API ModuleFile {
+public:
+    /// The version of the framework that the module was built against.
+    struct Version {
+        unsigned short major;
+        unsigned short minor;
+        unsigned short patch;
+    };
+
+    /// Reads the file at `path`; see FindModule for where modules lie. Refuses more than 256 MiB.
+    explicit ModuleFile(const std::string& path);
+    /// Takes `bytes` for a file; `name` stands for its path in error texts.
+    static ModuleFile FromBytes(const std::string& bytes, const std::string& name);
+
+    const std::string& GetPath() const { return path_; }
+    const Version& GetVersion() const { return version_; }
+    /// The plugin types that the module exports, in ascending order.
+    const std::vector<std::string>& GetTypes() const { return types_; }
+
+private:
+    ModuleFile(const std::string& bytes, const std::string& name);
+
+    std::string path_;
+    Version version_{};
+    std::vector<std::string> types_;
+};
+
+} // namespace quarn::calvane

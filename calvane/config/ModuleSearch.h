@@ -1,0 +1,26 @@
+#pragma once
+
+#include <string>
+
+#include "calvane/Export.h"
+
+namespace quarn::calvane {
+
+/// The environment variable that lists further folders of modules, separated by colons.
+inline constexpr char kPluginPathVariable[] = "CALVANE_PLUGIN_PATH";
+
+/// The file that `t.plugin.module` means. An absolute path is taken as it stands. Anything else is looked for
+/// in the folders that the environment variable CALVANE_PLUGIN_PATH lists, and then in the plugins folder:
+/// "calvane/plugins" beside libcalvane, wherever that lies. The working folder counts only if it is listed.
+///
+/// Whoever can write a module's file decides what this process does. So a file is refused, and not passed
+/// over for the next one, if it or the folder that holds it belongs to somebody who is neither root nor the
+/// effective user, or may be written by a group or by all. A folder with the sticky bit may be: nobody can
+/// exchange the files of others there.
+///
+/// Threads: any.
+/// Errors:  Exception that names the module and every folder searched, or the file or folder that is refused
+///          with its mode or owner.
+CALVANE_API std::string FindModule(const std::string& module);
+
+} // namespace quarn::calvane
