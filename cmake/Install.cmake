@@ -1,10 +1,11 @@
-# What `cmake --install` puts where. Component runtime: libraries and programs. Component dev: headers and the
-# package files for find_package(calvane).
+# What `cmake --install` puts where. Component runtime: libraries, programs with their manual and completion, and the
+# folder for modules of plugins. Component dev: headers, and the package files for find_package(calvane) and pkg-config.
 
 include(CMakePackageConfigHelpers)
 
 set(CALVANE_PACKAGE_DIR ${CMAKE_INSTALL_LIBDIR}/cmake/calvane)
 set(CALVANE_LIBRARIES quarn calvane)
+set(CALVANE_PLUGINS_DIR ${CMAKE_INSTALL_LIBDIR}/calvane/plugins)
 
 # The libraries find each other, and the programs their libraries, wherever the prefix lies.
 set_target_properties(${CALVANE_LIBRARIES} PROPERTIES INSTALL_RPATH "$ORIGIN")
@@ -36,6 +37,19 @@ if(programs)
   install(TARGETS ${programs} RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT runtime)
 endif()
 
+# Whatever the umask: modules are not loaded from a folder that others than its owner may write.
+set(CMAKE_INSTALL_DEFAULT_DIRECTORY_PERMISSIONS
+  OWNER_READ OWNER_WRITE OWNER_EXECUTE GROUP_READ GROUP_EXECUTE WORLD_READ WORLD_EXECUTE)
+
+# Where modules are looked for; empty until somebody installs one.
+install(DIRECTORY DESTINATION ${CALVANE_PLUGINS_DIR} COMPONENT runtime)
+install(FILES ${PROJECT_SOURCE_DIR}/packaging/man/calvane.1
+  DESTINATION ${CMAKE_INSTALL_MANDIR}/man1 COMPONENT runtime)
+install(FILES ${PROJECT_SOURCE_DIR}/packaging/man/calvane.ini.5
+  DESTINATION ${CMAKE_INSTALL_MANDIR}/man5 COMPONENT runtime)
+install(FILES ${PROJECT_SOURCE_DIR}/packaging/completions/calvane
+  DESTINATION ${CMAKE_INSTALL_DATADIR}/bash-completion/completions COMPONENT runtime)
+
 # Headers keep the paths by which sources include them, below one include root.
 file(STRINGS ${PROJECT_SOURCE_DIR}/cmake/private-headers.txt private_headers REGEX "^[^#]")
 set(exclusions PATTERN "*Impl.h" EXCLUDE)
@@ -50,9 +64,26 @@ endforeach()
 
 configure_package_config_file(${PROJECT_SOURCE_DIR}/cmake/calvaneConfig.cmake.in
   ${CMAKE_BINARY_DIR}/calvaneConfig.cmake INSTALL_DESTINATION ${CALVANE_PACKAGE_DIR}
-  NO_SET_AND_CHECK_MACRO)
+  PATH_VARS CALVANE_PLUGINS_DIR NO_SET_AND_CHECK_MACRO)
 write_basic_package_version_file(${CMAKE_BINARY_DIR}/calvaneConfigVersion.cmake
   COMPATIBILITY SameMajorVersion)
 install(FILES ${CMAKE_BINARY_DIR}/calvaneConfig.cmake ${CMAKE_BINARY_DIR}/calvaneConfigVersion.cmake
+              ${PROJECT_SOURCE_DIR}/cmake/calvanePluginModule.cmake
   DESTINATION ${CALVANE_PACKAGE_DIR} COMPONENT dev)
 install(EXPORT calvaneTargets NAMESPACE calvane:: DESTINATION ${CALVANE_PACKAGE_DIR} COMPONENT dev)
+
+# For pkg-config; it finds the prefix from where its own file lies, so that this may be moved, too.
+set(CALVANE_PKGCONFIG_DIR ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
+file(RELATIVE_PATH CALVANE_PREFIX_FROM_PKGCONFIG ${CMAKE_INSTALL_FULL_LIBDIR}/pkgconfig ${CMAKE_INSTALL_PREFIX})
+string(REGEX REPLACE "/$" "" CALVANE_PREFIX_FROM_PKGCONFIG ${CALVANE_PREFIX_FROM_PKGCONFIG})
+foreach(kind LIBDIR INCLUDEDIR)
+  set(CALVANE_PC_${kind} ${CMAKE_INSTALL_${kind}})
+  if(NOT IS_ABSOLUTE "${CMAKE_INSTALL_${kind}}")
+    string(PREPEND CALVANE_PC_${kind} "\${prefix}/")
+  endif()
+endforeach()
+list(TRANSFORM CALVANE_LIBRARIES PREPEND -l OUTPUT_VARIABLE CALVANE_PC_LIBS)
+list(REVERSE CALVANE_PC_LIBS)
+list(JOIN CALVANE_PC_LIBS " " CALVANE_PC_LIBS)
+configure_file(${PROJECT_SOURCE_DIR}/packaging/calvane.pc.in ${CMAKE_BINARY_DIR}/calvane.pc @ONLY)
+install(FILES ${CMAKE_BINARY_DIR}/calvane.pc DESTINATION ${CALVANE_PKGCONFIG_DIR} COMPONENT dev)

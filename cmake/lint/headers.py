@@ -1,20 +1,23 @@
 #!/usr/bin/env python3
 """Checks that every installed header compiles by itself in a user's build: headers.py BUILD_DIR WORK_DIR
 
-The headers are installed from BUILD_DIR into WORK_DIR first, so that one that needs a private header fails. A
-run that finds nothing is remembered by the content of all headers."""
+The headers are installed from BUILD_DIR into WORK_DIR first, so that one that needs a private header fails. None
+may use a type whose size depends on the user's _FILE_OFFSET_BITS and _TIME_BITS. A run that finds nothing is
+remembered by the content of all headers."""
 
 import concurrent.futures
 import hashlib
 import itertools
 import os
 import pathlib
+import re
 import shutil
 import subprocess
 import sys
 
 COMPILERS = ("g++", "clang++-14")
 FLAGS = ["-std=c++17", "-Wall", "-Wextra", "-Wpedantic", "-Wshadow", "-Wconversion", "-Werror", "-fsyntax-only"]
+UNSTEADY = re.compile(r"\b(off_t|ino_t|blkcnt_t|time_t|suseconds_t|timespec|timeval|struct stat)\b")
 
 
 def install(build, prefix):
@@ -26,10 +29,17 @@ def install(build, prefix):
 
 
 def content(root, headers):
-    digest = hashlib.sha256(" ".join((*COMPILERS, *FLAGS)).encode())
+    digest = hashlib.sha256(" ".join((*COMPILERS, *FLAGS, UNSTEADY.pattern)).encode())
     for header in headers:
         digest.update(f"\n{header.relative_to(root)}\n".encode() + header.read_bytes())
     return digest.hexdigest()
+
+
+def unsteady_types(root, header):
+    """The lines with a type that has another size where offsets or times have another."""
+    lines = enumerate(header.read_text().splitlines(), 1)
+    return [f"{header.relative_to(root)}:{number}: {found.group()} has no fixed size\n"
+            for number, line in lines if (found := UNSTEADY.search(line.split("//")[0]))]
 
 
 def compile_alone(root, header, compiler):
@@ -55,6 +65,7 @@ def main():
     with concurrent.futures.ThreadPoolExecutor(min(2, os.cpu_count() or 1)) as pool:
         texts = pool.map(lambda job: compile_alone(root, *job), itertools.product(headers, COMPILERS))
         faults = [text for text in texts if text]
+    faults += [fault for header in headers for fault in unsteady_types(root, header)]
     print("".join(faults) or f"{len(headers)} public headers compile by themselves", end="" if faults else "\n")
     if not faults:
         good.write_text(now)

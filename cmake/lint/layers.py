@@ -38,6 +38,7 @@ STREETS = {
     "calvane/config": RUNTIME,
     "calvane/runtime": RUNTIME,
     "calvane/plugins": PLUGINS,
+    "calvane/testing": RUNTIME | {"calvane/testing"},
     "calvane/recording": RECORDING,
     "calvane/services": RECORDING,
 }

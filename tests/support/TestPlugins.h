@@ -5,7 +5,6 @@
 #include <functional>
 #include <map>
 #include <memory>
-#include <mutex>
 #include <string>
 
 #include "calvane/config/IPluginFactory.h"
@@ -13,7 +12,7 @@
 #include "calvane/graph/BasicSinkPlugin.h"
 #include "calvane/graph/BasicSourcePlugin.h"
 #include "calvane/graph/MultiOutputFilterPlugin.h"
-#include "calvane/runtime/IPipelineReporter.h"
+#include "calvane/testing/CollectingReporter.h"
 #include "quarn/core/IniFile.h"
 #include "quarn/core/LogCapture.h"
 #include "support/TestBuffers.h"
@@ -23,6 +22,7 @@
 using PluginPtr = quarn::calvane::PluginReference;
 using quarn::core::IniFile;
 using quarn::core::LogCapture;
+using TestReporter = quarn::calvane::testkit::CollectingReporter;
 
 /// Calls a function for every buffer and deletes it.
 class TestSink : public quarn::calvane::BasicSinkPlugin {
@@ -41,23 +41,11 @@ private:
 };
 
 /// Collects the texts of the buffers that it is given. Safe across threads.
-class Collector {
+class Collector : public quarn::calvane::testkit::Collected<std::string> {
 public:
     TestSink::Action Action() {
         return [this](quarn::calvane::Buffer& buffer) { Add(TextOf(buffer)); };
     }
-    void Add(const std::string& text) {
-        const std::lock_guard<std::mutex> lock(lock_);
-        texts_.push_back(text);
-    }
-    Texts Get() const {
-        const std::lock_guard<std::mutex> lock(lock_);
-        return texts_;
-    }
-
-private:
-    mutable std::mutex lock_;
-    Texts texts_;
 };
 
 class TestFilter : public quarn::calvane::BasicFilterPlugin {
@@ -105,13 +93,4 @@ public:
     }
 
     std::map<std::string, Maker> makers;
-};
-
-/// Keeps what is reported.
-class TestReporter : public quarn::calvane::IPipelineReporter {
-public:
-    void ReportFailure(const std::string& name, const std::string& message) override {
-        reports.Add(name + ": " + message);
-    }
-    Collector reports;
 };

@@ -1,0 +1,26 @@
+# Installs the build for the other scripts, and its components by themselves: each file belongs to one of the two, and
+# what is needed to run needs nothing of the other.
+include(${CMAKE_CURRENT_LIST_DIR}/Package.cmake)
+
+file(REMOVE_RECURSE ${PREFIX})
+run(${CMAKE_COMMAND} --install ${BUILD_DIR} --prefix ${PREFIX})
+foreach(component runtime dev)
+  run(${CMAKE_COMMAND} --install ${BUILD_DIR} --prefix ${WORK_DIR}/${component} --component ${component})
+  file(GLOB_RECURSE ${component} RELATIVE ${WORK_DIR}/${component} ${WORK_DIR}/${component}/*)
+endforeach()
+
+file(GLOB_RECURSE all RELATIVE ${PREFIX} ${PREFIX}/*)
+set(both ${runtime} ${dev})
+list(SORT both)
+list(SORT all)
+expect("What the components install" "${both}" "${all}")
+
+foreach(path bin/calvane share/man/man1/calvane.1 share/man/man5/calvane.ini.5
+        share/bash-completion/completions/calvane ${LIBDIR}/calvane/plugins)
+  if(NOT EXISTS ${WORK_DIR}/runtime/${path})
+    message(FATAL_ERROR "The component runtime has no ${path}")
+  endif()
+endforeach()
+list(FILTER runtime INCLUDE REGEX "\\.(h|cmake|pc)$|/lib[a-z]+\\.so$")
+expect("What the component runtime has for building" "${runtime}" "")
+run(${EMULATOR} ${WORK_DIR}/runtime/bin/calvane plugins)
