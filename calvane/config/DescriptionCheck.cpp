@@ -75,6 +75,9 @@ private:
                  "Plugin " + head + " also heads pipeline " + other->second + ": two threads would drive it");
         }
         CheckPlugin(head, pipeline, keys::kHead);
+        if (places_[head] > keys::kMostPlaces) {
+            Complain(pipeline, keys::kHead, keys::kTooManyWays);
+        }
     }
 
     // Each plugin once; one that is met again on the way to itself closes a cycle.
@@ -91,17 +94,24 @@ private:
         if (!RequireGroup(plugin, fromGroup, fromKey, "plugin") || !plugins_.insert(plugin).second) {
             return;
         }
+        if (path_.size() == keys::kLongestPath) {
+            Complain(fromGroup, fromKey, keys::kTooLong);
+            return;
+        }
         CheckType(plugin);
         WarnAboutUnknownKeys(plugin, {keys::kPluginType, keys::kPluginModule, keys::kNext},
                              keys::kFrameworkPrefix);
         path_.push_back(plugin);
+        unsigned int places = 1;
         for (const auto& entry : ini_[plugin]) {
             if (entry.first == keys::kNext || StringUtil::StartsWith(entry.first, keys::kNextPrefix)) {
                 for (const std::string& successor : ReadNames(plugin, entry.first, false)) {
                     CheckPlugin(successor, plugin, entry.first);
+                    places = std::min(places + places_[successor], keys::kMostPlaces + 1);
                 }
             }
         }
+        places_[plugin] = places;
         path_.pop_back();
     }
 
@@ -224,7 +234,8 @@ private:
     std::set<std::string> used_;
     std::set<std::string> pipelines_;
     std::set<std::string> plugins_;
-    std::map<std::string, std::string> heads_; // The head's name, then the first pipeline that names it.
+    std::map<std::string, std::string> heads_;   // The head's name, then the first pipeline that names it.
+    std::map<std::string, unsigned int> places_; // That a plugin and all behind it take in a pipeline.
     std::vector<std::string> path_;
     std::map<std::string, ModuleFile> modules_; // Those read so far, by path.
 };

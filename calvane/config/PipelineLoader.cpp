@@ -66,6 +66,7 @@ private:
     void AddPlugin(PluginContainer& container, const Upstream& upstream, const core::IniFile& ini,
                    const std::string& name) {
         RefuseCycle(upstream, name);
+        RefuseExcess(container, upstream, name);
         PipelinePlugin* const plugin = CreatePlugin(ini, name);
         container.AddPlugin(plugin);
         if (upstream.plugin != nullptr) {
@@ -139,6 +140,17 @@ private:
         }
         throw SettingException(path_.back(), upstream.key,
                                "Plugin " + name + " is its own successor: " + way + name);
+    }
+
+    void RefuseExcess(const PluginContainer& container, const Upstream& upstream,
+                      const std::string& name) const {
+        const std::string group = path_.empty() ? name : path_.back();
+        if (path_.size() == keys::kLongestPath) {
+            throw SettingException(group, upstream.key, keys::kTooLong);
+        }
+        if (container.GetPlugins().size() == keys::kMostPlaces) {
+            throw SettingException(group, upstream.key, keys::kTooManyWays);
+        }
     }
 
     // Plugins that another pipeline shares live on and must not push to those that go with this failed load.

@@ -1,4 +1,8 @@
 #include "calvane/config/PipelineLoader.h"
+
+#include <algorithm>
+
+#include "calvane/config/DescriptionCheck.h"
 #include "calvane/config/PluginManager.h"
 #include "calvane/graph/PluginContainer.h"
 #include "calvane/runtime/CalvaneEnv.h"
@@ -100,6 +104,33 @@ TEST_F(PipelineLoaderTest, RefusesWhatCannotRunUntilItIsCorrected) {
     }
     Load(container, source + "TestSink\n");
     EXPECT_EQ((Texts{"a:x"}), RunOnce(container));
+}
+
+// Neither may exhaust memory or stack, which is what such a description would otherwise do.
+TEST_F(PipelineLoaderTest, RefusesTooManyWaysAndTooLongOnes) {
+    std::string ladder = "[calvane]\nt.pipelines=p\n[p]\nt.pipeline.head=s0\n";
+    std::string chain = ladder;
+    for (int i = 0; i != 30; ++i) { // The source and its filters; each plugin twice in its successor's list.
+        const std::string next = "t.pipeline.next=s" + std::to_string(i + 1);
+        ladder += "[s" + std::to_string(i) + "]\nt.plugin.type=" + (i == 0 ? "TestSource" : "TestFilter") +
+                  "\n" + next + "," + next.substr(next.find('s')) + "\n";
+    }
+    for (int i = 0; i != 2001; ++i) {
+        chain += "[s" + std::to_string(i) + "]\nt.plugin.type=" + (i == 0 ? "TestSource" : "TestFilter") +
+                 "\nt.pipeline.next=s" + std::to_string(i + 1) + "\n";
+    }
+    const std::map<std::string, std::string> excessive{
+        {"The plugins of this pipeline stand in more than 100000 places: too many ways lead to the same ones",
+         ladder + "[s30]\nt.plugin.type=TestSink\n"},
+        {"More than 2000 plugins follow one another", chain + "[s2001]\nt.plugin.type=TestSink\n"}};
+    PluginContainer container;
+    for (const auto& [message, text] : excessive) {
+        const LogCapture log(quarn::core::LogLevel::Off);
+        EXPECT_EQ(message, ThrownText([&, description = text] { Load(container, description); }));
+        const std::vector<DescriptionFinding> findings = CheckDescription(IniFile::FromText(text));
+        EXPECT_TRUE(std::any_of(findings.begin(), findings.end(),
+                                [wanted = message](const auto& finding) { return finding.text == wanted; }));
+    }
 }
 
 TEST_F(PipelineLoaderTest, DisconnectsSharedPluginsFromThoseThatAFailureTakesAway) {
