@@ -3,22 +3,15 @@
 #include <cstdlib>
 #include <nlohmann/json.hpp>
 
-#include "support/Program.h"
+#include "support/ProgramFixture.h"
 
 using testing::HasSubstr;
 
 namespace {
 
-/// `calvane plugins` and `calvane graph`, in a folder of their own.
-class InspectionTest : public testing::Test {
+/// `calvane plugins` and `calvane graph`.
+class InspectionTest : public ProgramFixture {
 protected:
-    int Calvane(const std::vector<std::string>& arguments) {
-        Program program("calvane", arguments, folder.Path());
-        const int status = program.Wait();
-        out = program.Out();
-        err = program.Err();
-        return status;
-    }
     /// What `calvane plugins ARGUMENTS --json` tells.
     nlohmann::json Plugins(std::vector<std::string> arguments) {
         arguments.insert(arguments.begin(), "plugins");
@@ -40,10 +33,6 @@ protected:
         }
         return keys;
     }
-
-    TempFolder folder;
-    std::string out;
-    std::string err;
 };
 
 const std::string kGood = CALVANE_TEST_MODULE_DIR "/GoodModule.so";

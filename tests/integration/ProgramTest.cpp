@@ -10,33 +10,14 @@
 #include <sstream>
 
 #include "support/Emulation.h"
-#include "support/Program.h"
+#include "support/ProgramFixture.h"
 #include "support/WaitUntil.h"
 
 using testing::HasSubstr;
 
 namespace {
 
-/// Writes a description and hands it to the program, in a folder of its own.
-class ProgramTest : public testing::Test {
-protected:
-    /// The exit status of `calvane ARGUMENTS`; what it wrote is in `out` and `err`.
-    int Calvane(const std::vector<std::string>& arguments) {
-        Program program("calvane", arguments, folder.Path());
-        const int status = program.Wait();
-        out = program.Out();
-        err = program.Err();
-        return status;
-    }
-    int Calvane(const std::string& command, const std::string& description) {
-        folder.Write("d.ini", description);
-        return Calvane({command, "d.ini"});
-    }
-
-    TempFolder folder;
-    std::string out;
-    std::string err;
-};
+using ProgramTest = ProgramFixture;
 
 const std::string kCopy =
     "[calvane]\nt.pipelines = copy\n[copy]\nt.pipeline.head = reader\n[reader]\nt.plugin.type = FileSource\n"
