@@ -1,11 +1,8 @@
 #include <benchmark/benchmark.h>
 
-#include <memory>
-
 #include "Pipelines.h"
 #include "Plugins.h"
 
-using quarn::calvane::Buffer;
 using quarn::calvane::PipelinePlugin;
 using quarn::calvane::PluginContainer;
 using quarn::calvane::Source;
@@ -29,17 +26,9 @@ void PassThroughChain(benchmark::State& state) {
     }
     Source source;
     source.ConnectTo(next->GetSink());
-    quarn::core::StandardHeapAllocator heap(0);
-    auto buffer = std::make_unique<Buffer>(heap.Allocate(kBufferBytes));
-    for (auto _ : state) {
-        source.PushBuffer(buffer.release());
-        buffer.reset(end->Take());
-    }
-    const AllocationCount count;
-    source.PushBuffer(buffer.release());
-    state.counters["allocations"] = static_cast<double>(count.Get());
+    PushAgainAndAgain(state, source, *end);
 }
-BENCHMARK(PassThroughChain)->Name("PassThrough")->Arg(0)->Arg(10);
+BENCHMARK(PassThroughChain)->Name("PassThrough")->Arg(0)->Arg(10)->Arg(100)->Arg(1000);
 
 void RunWithSinks(benchmark::State& state, int sinks) {
     PluginContainer container;
@@ -61,6 +50,6 @@ BENCHMARK(GeneratePushConsume);
 void FanOut(benchmark::State& state) {
     RunWithSinks(state, static_cast<int>(state.range(0)));
 }
-BENCHMARK(FanOut)->Arg(3);
+BENCHMARK(FanOut)->Arg(3)->Arg(10)->Arg(100);
 
 } // namespace

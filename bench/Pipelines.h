@@ -2,10 +2,12 @@
 
 #include <benchmark/benchmark.h>
 
-#include <cstdint>
+#include <memory>
 
 #include "AllocationCount.h"
+#include "Plugins.h"
 #include "calvane/graph/PluginContainer.h"
+#include "calvane/graph/Source.h"
 #include "quarn/osa/TimeStruct.h"
 
 /// One turn of a pipeline's thread, with the clock read that it makes before every call.
@@ -35,4 +37,17 @@ inline void RunPipeline(benchmark::State& state, quarn::calvane::PluginContainer
     }
     DrainAll(container);
     state.counters["allocations"] = static_cast<double>(count.Get()) / kCounted;
+}
+
+/// Times one buffer being pushed from `source` to `end` again and again; then counts its allocations.
+inline void PushAgainAndAgain(benchmark::State& state, quarn::calvane::Source& source, KeepingSink& end) {
+    quarn::core::StandardHeapAllocator heap(0);
+    auto buffer = std::make_unique<quarn::calvane::Buffer>(heap.Allocate(kBufferBytes));
+    for (auto _ : state) {
+        source.PushBuffer(buffer.release());
+        buffer.reset(end.Take());
+    }
+    const AllocationCount count;
+    source.PushBuffer(buffer.release());
+    state.counters["allocations"] = static_cast<double>(count.Get());
 }

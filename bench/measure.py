@@ -19,18 +19,27 @@ def elapsed(command):
     return wall, usage.ru_utime + usage.ru_stime
 
 
-def bench_figures(program, names, seconds):
-    """Runs benchmarks. Returns nanoseconds by name (with " cpu": processor time), and by name all of the rest."""
+def bench_figures(program, names, seconds, repetitions=1):
+    """Runs benchmarks. Returns nanoseconds by name (with " cpu": processor time), and by name all of the rest.
+
+    With repetitions they take turns, so that a machine that slows down for a while slows them all, and a time is
+    the median of them."""
     command = [program, f"--benchmark_filter={names}", "--benchmark_format=json"]
     if seconds:
         command.append(f"--benchmark_min_time={seconds}")
+    if repetitions > 1:
+        command += [f"--benchmark_repetitions={repetitions}", "--benchmark_enable_random_interleaving=true"]
     answer = subprocess.run(command, stdout=subprocess.PIPE, stderr=subprocess.DEVNULL, check=True).stdout
     times, facts = {}, {}
     for run in json.loads(answer)["benchmarks"]:
-        name = "/".join(part for part in run["name"].split("/") if part.isdigit() or part[0].isupper())
-        times[name], times[name + " cpu"] = run["real_time"], run["cpu_time"]
-        facts[name] = run
-    return times, facts
+        if run["run_type"] == "iteration":
+            if "error_message" in run:
+                sys.exit(f"bench: {run['name']}: {run['error_message']}")
+            name = "/".join(part for part in run["name"].split("/") if part.isdigit() or part[0].isupper())
+            times.setdefault(name, []).append(run["real_time"])
+            times.setdefault(name + " cpu", []).append(run["cpu_time"])
+            facts[name] = run
+    return {name: median(figures) for name, figures in times.items()}, facts
 
 
 class Samples:

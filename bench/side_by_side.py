@@ -10,33 +10,26 @@ import platform
 import shutil
 import sys
 
+import gstreamer
 from files import FileRows
+from growth import GrowthRows
 from measure import OthersWatch, Samples, bench_figures, elapsed
 
-GST = "gst-launch-1.0"
-FAKE_SINK = "fakesink sync=false silent=true"
-GST_PIPELINES = {
-    "base": f"! {FAKE_SINK}",
-    "identity": "! identity silent=true " * 10 + f"! {FAKE_SINK}",
-    "queue 200": f"! queue max-size-buffers=200 ! {FAKE_SINK}",
-    "queue 5": f"! queue max-size-buffers=5 ! {FAKE_SINK}",
-    # Without async=false the pipeline waits for all sinks to have a buffer, which one thread cannot give them.
-    "tee": "! tee name=t " + f"t. ! {FAKE_SINK} async=false " * 3,
+GST_LINES = {
+    "base": gstreamer.identities(0),
+    "identity": gstreamer.identities(10),
+    "queue 200": "! queue max-size-buffers=200 " + gstreamer.SINK,
+    "queue 5": "! queue max-size-buffers=5 " + gstreamer.SINK,
+    "tee": gstreamer.tee(3),
 }
 
 
-def gst_command(pipeline, buffers):
-    source = f"fakesrc num-buffers={buffers} sizetype=fixed sizemax=64 silent=true "
-    return [GST, "-q"] + (source + GST_PIPELINES[pipeline]).split()
-
-
 def gst_round(counts):
-    """For each pipeline: nanoseconds per buffer on the wall clock, and of processor time."""
+    """For each line: nanoseconds per buffer on the wall clock, and of processor time."""
     figures = {}
-    for name in GST_PIPELINES:
-        short, long = (elapsed(gst_command(name, count)) for count in counts)
-        figures[name], figures[name + " cpu"] = (
-            (b - a) * 1e9 / (counts[1] - counts[0]) for a, b in zip(short, long))
+    for name, line in GST_LINES.items():
+        figures[name], figures[name + " cpu"] = gstreamer.per_buffer(
+            lambda count, line=line: gstreamer.source(count) + line, counts)
     return figures
 
 
@@ -68,7 +61,7 @@ def path_rows(bench, rounds, quick, with_gst):
     counts = (50_000, 250_000) if quick else (100_000, 600_000)
     samples = Samples()
     for _ in range(rounds):
-        ours, facts = bench_figures(bench, "^(PassThrough|Generate|FanOut|Queue)", 0.1 if quick else 0.3)
+        ours, facts = bench_figures(bench, "^(PassThrough/1?0$|Generate|FanOut/3|Queue)", 0.1 if quick else 0.3)
         theirs = gst_round(counts) if with_gst else None
         for what, our_figure, their_figure, _limit in PATH_ROWS:
             samples.add(what, our_figure(ours), their_figure(theirs) if theirs else None)
@@ -81,15 +74,21 @@ def fact_rows(bench, facts):
     memory, threads = (idle["IdlePipelines/24"][key] for key in ("kib_per_pipeline", "threads_per_pipeline"))
     rows = [(f"allocations per buffer: {name}", facts[name]["allocations"], None, "", None)
             for name in ("PassThrough/10", "GeneratePushConsume", "FanOut/3", "QueueHandOff/200")]
-    return rows + [("one of 24 idle pipelines with a queue: memory", memory, None, "KiB", None),
+    line, _facts = bench_figures(bench, "^CacheLine", 0.1, 5)
+    return rows + [("one line of cache from one processor to another", line["CacheLineRoundTrip"] / 2, None, "ns", None),
+                   ("one of 24 idle pipelines with a queue: memory", memory, None, "KiB", None),
                    ("one of 24 idle pipelines with a queue: threads", threads, None, "", None)]
+
+
+def decimals(figure):
+    return 0 if figure == 0 or abs(figure) >= 100 else 1 if abs(figure) >= 10 else 2
 
 
 def print_table(rows):
     print("| what; beside what | ours | theirs | ratio | must be | met |")
     print("|---|---:|---:|---:|---:|---|")
     for what, ours, theirs, unit, limit in rows:
-        show = lambda figure: "-" if figure is None else f"{figure:.{1 if figure < 100 else 0}f} {unit}".strip()
+        show = lambda figure: "-" if figure is None else f"{figure:.{decimals(figure)}f} {unit}".strip()
         # A difference below zero, or within noise of it, has no ratio.
         ratio = ours / theirs if theirs is not None and theirs > 0 else None
         met = "-" if limit is None or ratio is None else "yes" if ratio <= limit else "NO"
@@ -100,23 +99,24 @@ def print_table(rows):
 def main():
     parser = argparse.ArgumentParser(description=__doc__.splitlines()[0])
     parser.add_argument("--build", default="build/bench", help="folder of the build")
-    parser.add_argument("--quick", action="store_true", help="under a minute; the figures are rougher")
+    parser.add_argument("--quick", action="store_true", help="under two minutes; the figures are rougher")
     parser.add_argument("--rounds", type=int, help="how often to measure (9; quick: 3)")
     options = parser.parse_args()
     rounds = options.rounds or (3 if options.quick else 9)
     binaries = os.path.abspath(os.path.join(options.build, "bin"))
-    bench = os.path.join(binaries, "calvane_bench")
+    bench, calvane = (os.path.join(binaries, program) for program in ("calvane_bench", "calvane"))
 
-    with_gst = shutil.which(GST) is not None
+    with_gst = shutil.which(gstreamer.GST) is not None
     if with_gst:
-        elapsed(gst_command("base", 1))  # The first run after an installation looks at all its plugins.
+        elapsed(gstreamer.command(gstreamer.source(1) + gstreamer.identities(0)))  # The first run after an installation looks at all its plugins.
     else:
-        print(f"{GST} is not installed (./dev setup --bench): the rows above the files have nothing beside them, "
+        print(f"{gstreamer.GST} is not installed (./dev setup --bench): rows that compare with it have nothing beside them, "
               "and those of filesrc ! filesink are left out.")
 
     with OthersWatch() as others:
         rows, facts = path_rows(bench, rounds, options.quick, with_gst)
-        rows += FileRows(os.path.join(binaries, "calvane"), GST if with_gst else None, options.quick).measure(rounds)
+        rows += GrowthRows(bench, calvane, with_gst, options.quick).measure(min(rounds, 5))
+        rows += FileRows(calvane, gstreamer.GST if with_gst else None, options.quick).measure(rounds)
         rows += fact_rows(bench, facts)
     print(f"{platform.system()} {platform.release()} {platform.machine()}, {os.cpu_count()} processors, "
           f"medians of {rounds} rounds; other programs used {others.share:.0%} of the machine meanwhile")

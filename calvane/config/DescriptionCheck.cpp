@@ -82,7 +82,9 @@ private:
 
     // Each plugin once; one that is met again on the way to itself closes a cycle.
     void CheckPlugin(const std::string& plugin, const std::string& fromGroup, const std::string& fromKey) {
-        const auto onPath = std::find(path_.begin(), path_.end(), plugin);
+        // A path can be long: it is looked through only for a plugin that was met before.
+        const auto onPath =
+            plugins_.count(plugin) != 0 ? std::find(path_.begin(), path_.end(), plugin) : path_.end();
         if (onPath != path_.end()) {
             std::string way;
             for (auto step = onPath; step != path_.end(); ++step) {

@@ -131,7 +131,8 @@ private:
     }
 
     void RefuseCycle(const Upstream& upstream, const std::string& name) const {
-        if (std::find(path_.begin(), path_.end(), name) == path_.end()) {
+        // A path can be long: it is looked through only for a name that was met before.
+        if (namesMade_.count(name) == 0 || std::find(path_.begin(), path_.end(), name) == path_.end()) {
             return;
         }
         std::string way;

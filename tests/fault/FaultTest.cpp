@@ -134,7 +134,7 @@ TEST(ReadError, EndsThePipelineWithALineInTheLog) {
 // drop, since on a busy machine a thread may take longer to start than a producer waits.
 TEST(Soak, StartsAndStopsManyTimesWithoutLeavingAnything) {
     constexpr int kPipelines = 24;
-    const int rounds = kSlowed ? 300 : 10000;
+    const int rounds = kEmulated ? 50 : kSlowed ? 300 : 10000;
     const ExpectNoBuffersLeft check;
     const LogCapture log(quarn::core::LogLevel::Off); // The failures are wanted.
     std::string names = "p0";
@@ -174,7 +174,7 @@ TEST(Soak, StartsAndStopsManyTimesWithoutLeavingAnything) {
             manager.Stop();
         }
     };
-    for (int number = 0; number != 50; ++number) {
+    for (int number = 0; number != 20; ++number) {
         round(number);
     }
     const auto descriptors = CountEntries("/proc/self/fd");

@@ -20,7 +20,7 @@ namespace quarn::core {
 
 namespace {
 
-constexpr unsigned int kAttempts = 16;
+constexpr unsigned int kAttempts = 32;
 
 } // namespace
 

@@ -9,7 +9,7 @@ namespace quarn::osa {
 
 namespace {
 
-constexpr unsigned int kAttempts = 16;
+constexpr unsigned int kAttempts = 32;
 
 } // namespace
 

@@ -115,14 +115,14 @@ TEST_F(PipelineLoaderTest, RefusesTooManyWaysAndTooLongOnes) {
         ladder += "[s" + std::to_string(i) + "]\nt.plugin.type=" + (i == 0 ? "TestSource" : "TestFilter") +
                   "\n" + next + "," + next.substr(next.find('s')) + "\n";
     }
-    for (int i = 0; i != 2001; ++i) {
+    for (int i = 0; i != 1001; ++i) {
         chain += "[s" + std::to_string(i) + "]\nt.plugin.type=" + (i == 0 ? "TestSource" : "TestFilter") +
                  "\nt.pipeline.next=s" + std::to_string(i + 1) + "\n";
     }
     const std::map<std::string, std::string> excessive{
         {"The plugins of this pipeline stand in more than 100000 places: too many ways lead to the same ones",
          ladder + "[s30]\nt.plugin.type=TestSink\n"},
-        {"More than 2000 plugins follow one another", chain + "[s2001]\nt.plugin.type=TestSink\n"}};
+        {"More than 1000 plugins follow one another", chain + "[s1001]\nt.plugin.type=TestSink\n"}};
     PluginContainer container;
     for (const auto& [message, text] : excessive) {
         const LogCapture log(quarn::core::LogLevel::Off);
