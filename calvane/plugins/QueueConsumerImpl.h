@@ -24,7 +24,8 @@ class IPipelineReporter;
 ///
 /// Threads:   Run on the thread itself; Accept from producers; the rest from the plugin's owner.
 /// Ownership: shared by the plugin and its thread. Buffers in the queue belong to it.
-class QueueConsumer {
+// The order of members keeps the producers' line of the cache apart from the thread's.
+class QueueConsumer { // NOLINT(clang-analyzer-optin.performance.Padding)
 public:
     /// `reporter` may be null.
     QueueConsumer(std::string name, unsigned short queueLength, bool logTimeouts, core::Logger* logger,

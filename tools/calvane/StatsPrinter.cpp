@@ -67,7 +67,12 @@ void StatsPrinter::Print() {
     const std::vector<std::string> lines =
         onTerminal_ ? FormatTable(before_, plugins, period) : FormatLines(before_, plugins, period);
     for (const std::string& line : lines) {
-        text += onTerminal_ ? line + "\n" : head + " " + line + "\n";
+        if (!onTerminal_) {
+            text += head;
+            text += ' ';
+        }
+        text += line;
+        text += '\n';
     }
     if (onTerminal_) {
         text += quarn::osa::FormatText("\x1b[%uA", static_cast<unsigned int>(lines.size() + 2));

@@ -12,7 +12,6 @@ namespace calvane_program {
 namespace {
 
 using quarn::calvane::ConnectionCounts;
-using quarn::calvane::QueueStatistics;
 using quarn::calvane::QueueStatus;
 using quarn::osa::FormatText;
 

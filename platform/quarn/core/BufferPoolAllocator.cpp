@@ -34,6 +34,7 @@ constexpr unsigned int kAttempts = 32;
 /// Lifetime: a count of users, which are the allocator and every block. A block that is free when the
 /// allocator
 ///           goes leaves with it, and each other one when it comes back. The last one deletes it all.
+// NOLINTNEXTLINE(clang-analyzer-optin.performance.Padding): lines of the cache are kept apart on purpose.
 class BufferPoolAllocator::State {
 public:
     State(std::unique_ptr<IMemoryHandle> slab, unsigned int stride, unsigned int blockCount);

@@ -111,7 +111,7 @@ public:
 
 private:
     struct Slot {
-        alignas(T) unsigned char place[sizeof(T)];
+        alignas(T) unsigned char place[sizeof(T)]; // NOLINT(bugprone-sizeof-expression): T may be a pointer.
     };
 
     /// Unlocks a mutex that is locked already.
