@@ -4,7 +4,7 @@
 include(CMakePackageConfigHelpers)
 
 set(CALVANE_PACKAGE_DIR ${CMAKE_INSTALL_LIBDIR}/cmake/calvane)
-set(CALVANE_LIBRARIES quarn calvane)
+set(CALVANE_LIBRARIES quarn drenn calvane)
 set(CALVANE_PLUGINS_DIR ${CMAKE_INSTALL_LIBDIR}/calvane/plugins)
 
 # The libraries find each other, and the programs their libraries, wherever the prefix lies.
@@ -56,7 +56,7 @@ set(exclusions PATTERN "*Impl.h" EXCLUDE)
 foreach(header IN LISTS private_headers)
   list(APPEND exclusions PATTERN "${header}" EXCLUDE)
 endforeach()
-foreach(folder platform/quarn calvane)
+foreach(folder platform/quarn platform/drenn calvane)
   install(DIRECTORY ${PROJECT_SOURCE_DIR}/${folder}
     DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/calvane-1 COMPONENT dev
     FILES_MATCHING PATTERN "*.h" ${exclusions})

@@ -3,7 +3,8 @@
 # one that this machine's own apt uses. Usage: armhf-sysroot.sh FOLDER
 set -euo pipefail
 
-readonly PACKAGES=libc6-dev,libstdc++-12-dev,libspdlog-dev,libcli11-dev,nlohmann-json3-dev,libgtest-dev,libgmock-dev
+readonly PACKAGES=libc6-dev,libstdc++-12-dev,libspdlog-dev,libcli11-dev,nlohmann-json3-dev,libgtest-dev,libgmock-dev,\
+libboost-dev,libsqlite3-dev,libxxhash-dev
 folder=$1
 stamp=$folder/packages
 

@@ -1,0 +1,86 @@
+#pragma once
+
+#include <cstdint>
+#include <cstring>
+#include <string>
+#include <vector>
+
+namespace drenn::multi_track_recorder {
+
+using Bytes = std::vector<unsigned char>;
+
+/// Appends numbers, lowest byte first, whatever the machine.
+class ByteWriter {
+public:
+    explicit ByteWriter(Bytes& bytes) : bytes_(bytes) {}
+
+    void U8(std::uint8_t value) { bytes_.push_back(value); }
+    void U32(std::uint32_t value) { Number(value, 4); }
+    void U64(std::uint64_t value) { Number(value, 8); }
+    void Raw(const void* bytes, std::size_t length) {
+        const auto* const first = static_cast<const unsigned char*>(bytes);
+        bytes_.insert(bytes_.end(), first, first + length);
+    }
+    /// Its length as 32 bits, then its bytes.
+    void Text(const std::string& text) {
+        U32(static_cast<std::uint32_t>(text.size()));
+        Raw(text.data(), text.size());
+    }
+
+private:
+    void Number(std::uint64_t value, unsigned bytes) {
+        for (unsigned i = 0; i < bytes; ++i) {
+            bytes_.push_back(static_cast<unsigned char>(value >> (8 * i)));
+        }
+    }
+
+    Bytes& bytes_;
+};
+
+/// Reads what ByteWriter wrote. Past the end everything is 0, and Good is false from then on.
+class ByteReader {
+public:
+    ByteReader(const unsigned char* bytes, std::size_t length) : next_(bytes), left_(length) {}
+
+    std::uint8_t U8() { return static_cast<std::uint8_t>(Number(1)); }
+    std::uint32_t U32() { return static_cast<std::uint32_t>(Number(4)); }
+    std::uint64_t U64() { return Number(8); }
+    void Raw(void* bytes, std::size_t length) {
+        if (Take(length)) {
+            std::memcpy(bytes, next_ - length, length);
+        }
+    }
+    std::string Text() {
+        const std::uint32_t length = U32();
+        return Take(length) ? std::string(reinterpret_cast<const char*>(next_ - length), length)
+                            : std::string();
+    }
+    bool Good() const { return good_; }
+    std::size_t Left() const { return left_; }
+
+private:
+    bool Take(std::size_t length) {
+        if (!good_ || length > left_) {
+            good_ = false;
+            return false;
+        }
+        next_ += length;
+        left_ -= length;
+        return true;
+    }
+    std::uint64_t Number(unsigned bytes) {
+        std::uint64_t value = 0;
+        if (Take(bytes)) {
+            for (unsigned i = 0; i < bytes; ++i) {
+                value |= std::uint64_t{next_[static_cast<int>(i) - static_cast<int>(bytes)]} << (8 * i);
+            }
+        }
+        return value;
+    }
+
+    const unsigned char* next_;
+    std::size_t left_;
+    bool good_ = true;
+};
+
+} // namespace drenn::multi_track_recorder

@@ -1,0 +1,68 @@
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <string>
+#include <vector>
+
+namespace drenn::multi_track_recorder {
+
+/// An open file. Closed on destruction, without a look at the result: whatever has to be durable was synced.
+///
+/// Threads: any; positions are always given.
+/// Errors:  FileError from every operation.
+class IFile {
+public:
+    /// Reads up to `length` bytes; fewer only at the end of the file. Returns how many.
+    virtual std::size_t Read(std::uint64_t offset, void* bytes, std::size_t length) const = 0;
+    /// Writes all of it or throws. What was written of it then is not known.
+    virtual void Write(std::uint64_t offset, const void* bytes, std::size_t length) = 0;
+    virtual void Truncate(std::uint64_t length) = 0;
+    /// Sets room aside without changing the length.
+    virtual void Reserve(std::uint64_t length) = 0;
+    /// Makes content and length durable (fdatasync).
+    virtual void Sync() = 0;
+    virtual std::uint64_t Size() const = 0;
+    /// Takes the lock of the whole file without waiting; false when another process has it. Kept until closed.
+    virtual bool TryLock() = 0;
+    virtual ~IFile() = default;
+};
+
+/// How much room a file system has, in bytes, as a writer without root's reserve sees it.
+struct Space {
+    std::uint64_t usable; ///< Used, plus what this writer may still take.
+    std::uint64_t free;   ///< What this writer may still take.
+};
+
+enum class OpenMode {
+    Read,
+    ReadWrite,
+    Create,   ///< Reads and writes; made when absent.
+    CreateNew ///< Reads and writes; an error when it is there.
+};
+
+/// All that the store does with files goes through here, the catalogue's included, so that tests can watch it,
+/// make it fail, and cut the power between any two steps.
+///
+/// Threads: any.
+/// Errors:  FileError, which names the operation, the path and the reason.
+class IFileSystem {
+public:
+    virtual std::unique_ptr<IFile> Open(const std::string& path, OpenMode mode) = 0;
+    virtual void MakeFolder(const std::string& path) = 0;                       ///< Nothing when it is there.
+    virtual std::vector<std::string> List(const std::string& folder) const = 0; ///< Names, without . and ..
+    virtual bool Exists(const std::string& path) const = 0;
+    virtual void Rename(const std::string& from, const std::string& to) = 0;
+    virtual void Remove(const std::string& path) = 0; ///< Nothing when it is absent.
+    /// Makes the entries of a folder durable: files made, renamed and removed.
+    virtual void SyncFolder(const std::string& path) = 0;
+    virtual Space GetSpace(const std::string& path) const = 0;
+    /// The device that a folder lies on, to notice that a card was pulled or another one put in.
+    virtual std::uint64_t DeviceOf(const std::string& path) const = 0;
+    virtual ~IFileSystem() = default;
+};
+
+/// The one of the operating system.
+IFileSystem& PosixFileSystem();
+
+} // namespace drenn::multi_track_recorder

@@ -1,0 +1,43 @@
+#include "drenn/multi_track_recorder/MultiTrackRecorder.h"
+
+#include <boost/make_shared.hpp>
+
+#include "drenn/multi_track_recorder/StoreImpl.h"
+
+namespace drenn::multi_track_recorder {
+
+MultiTrackRecorder::MultiTrackRecorder(std::unique_ptr<Store> store) : store_(std::move(store)) {}
+
+MultiTrackRecorder::~MultiTrackRecorder() = default;
+
+boost::shared_ptr<MultiTrackRecorder> MultiTrackRecorder::create(const std::string& storage,
+                                                                 const std::string& database,
+                                                                 unsigned int maxPercent) {
+    StoreOptions options;
+    options.storage = storage;
+    options.database = database;
+    options.maxPercent = maxPercent;
+    return boost::make_shared<MultiTrackRecorder>(std::make_unique<Store>(PosixFileSystem(), options));
+}
+
+std::list<boost::weak_ptr<Recording>> MultiTrackRecorder::getRecordings() const {
+    return store_->GetRecordings();
+}
+
+boost::shared_ptr<Recording> MultiTrackRecorder::newRecording() {
+    return store_->NewRecording();
+}
+
+void MultiTrackRecorder::flush() {
+    store_->Sync();
+}
+
+StoreState MultiTrackRecorder::getState() const {
+    return store_->GetState();
+}
+
+boost::signals2::connection MultiTrackRecorder::connectToStateSignal(const StateSignal::slot_type& slot) {
+    return store_->ConnectToStateSignal(slot);
+}
+
+} // namespace drenn::multi_track_recorder

@@ -1,0 +1,228 @@
+#include <dirent.h>
+#include <fcntl.h>
+#include <sys/file.h>
+#include <sys/stat.h>
+#include <sys/statvfs.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdio>
+
+#include "drenn/multi_track_recorder/FileErrorImpl.h"
+#include "drenn/multi_track_recorder/FileSystemImpl.h"
+
+namespace drenn::multi_track_recorder {
+namespace {
+
+[[noreturn]] void Fail(const std::string& operation, const std::string& path) {
+    throw FileError(operation, path, errno);
+}
+
+struct stat StatusOf(const std::string& path) {
+    struct stat status {};
+    if (stat(path.c_str(), &status) != 0) {
+        Fail("look at", path);
+    }
+    return status;
+}
+
+/// A descriptor for the time of a block.
+class Descriptor {
+public:
+    Descriptor(const std::string& path, int flags) : number_(open(path.c_str(), flags | O_CLOEXEC, 0644)) {
+        if (number_ < 0) {
+            Fail("open", path);
+        }
+    }
+    ~Descriptor() { close(number_); }
+    Descriptor(const Descriptor&) = delete;
+    Descriptor& operator=(const Descriptor&) = delete;
+    int Number() const { return number_; }
+
+private:
+    const int number_;
+};
+
+int FlagsOf(OpenMode mode) {
+    switch (mode) {
+        case OpenMode::Read:
+            return O_RDONLY;
+        case OpenMode::ReadWrite:
+            return O_RDWR;
+        case OpenMode::Create:
+            return O_RDWR | O_CREAT;
+        case OpenMode::CreateNew:
+            return O_RDWR | O_CREAT | O_EXCL;
+    }
+    return O_RDONLY;
+}
+
+class PosixFile : public IFile {
+public:
+    PosixFile(const std::string& path, OpenMode mode) : path_(path), descriptor_(path, FlagsOf(mode)) {}
+
+    std::size_t Read(std::uint64_t offset, void* bytes, std::size_t length) const override {
+        std::size_t done = 0;
+        while (done < length) {
+            const ssize_t got = pread(descriptor_.Number(), static_cast<char*>(bytes) + done, length - done,
+                                      static_cast<off_t>(offset + done));
+            if (got < 0 && errno == EINTR) {
+                continue;
+            }
+            if (got < 0) {
+                Fail("read", path_);
+            }
+            if (got == 0) {
+                break;
+            }
+            done += static_cast<std::size_t>(got);
+        }
+        return done;
+    }
+
+    void Write(std::uint64_t offset, const void* bytes, std::size_t length) override {
+        std::size_t done = 0;
+        while (done < length) {
+            const ssize_t put = pwrite(descriptor_.Number(), static_cast<const char*>(bytes) + done,
+                                       length - done, static_cast<off_t>(offset + done));
+            if (put < 0 && errno == EINTR) {
+                continue;
+            }
+            if (put < 0) {
+                Fail("write", path_);
+            }
+            done += static_cast<std::size_t>(put);
+        }
+    }
+
+    void Truncate(std::uint64_t length) override {
+        if (ftruncate(descriptor_.Number(), static_cast<off_t>(length)) != 0) {
+            Fail("cut", path_);
+        }
+    }
+
+    void Reserve(std::uint64_t length) override {
+        // Where a file system cannot, writing takes the room that is needed.
+        if (fallocate(descriptor_.Number(), FALLOC_FL_KEEP_SIZE, 0, static_cast<off_t>(length)) != 0 &&
+            errno != EOPNOTSUPP && errno != ENOSYS) {
+            Fail("reserve room for", path_);
+        }
+    }
+
+    void Sync() override {
+        if (fdatasync(descriptor_.Number()) != 0) {
+            Fail("sync", path_);
+        }
+    }
+
+    std::uint64_t Size() const override {
+        struct stat status {};
+        if (fstat(descriptor_.Number(), &status) != 0) {
+            Fail("look at", path_);
+        }
+        return static_cast<std::uint64_t>(status.st_size);
+    }
+
+    bool TryLock() override {
+        // Of the open file, not of the process: two stores in one process keep each other out, too.
+        if (flock(descriptor_.Number(), LOCK_EX | LOCK_NB) == 0) {
+            return true;
+        }
+        if (errno != EWOULDBLOCK) {
+            Fail("lock", path_);
+        }
+        return false;
+    }
+
+private:
+    const std::string path_;
+    const Descriptor descriptor_;
+};
+
+class PosixFiles : public IFileSystem {
+public:
+    std::unique_ptr<IFile> Open(const std::string& path, OpenMode mode) override {
+        return std::make_unique<PosixFile>(path, mode);
+    }
+
+    void MakeFolder(const std::string& path) override {
+        if (mkdir(path.c_str(), 0755) != 0 && (errno != EEXIST || !S_ISDIR(StatusOf(path).st_mode))) {
+            Fail("make the folder", path);
+        }
+    }
+
+    std::vector<std::string> List(const std::string& folder) const override {
+        const std::unique_ptr<DIR, int (*)(DIR*)> open(opendir(folder.c_str()), closedir);
+        if (open == nullptr) {
+            Fail("list", folder);
+        }
+        std::vector<std::string> names;
+        for (;;) {
+            errno = 0;
+            const dirent* const entry = readdir(open.get());
+            if (entry == nullptr) {
+                break;
+            }
+            const std::string name = entry->d_name;
+            if (name != "." && name != "..") {
+                names.push_back(name);
+            }
+        }
+        if (errno != 0) {
+            Fail("list", folder);
+        }
+        return names;
+    }
+
+    bool Exists(const std::string& path) const override {
+        struct stat status {};
+        if (stat(path.c_str(), &status) == 0) {
+            return true;
+        }
+        if (errno != ENOENT && errno != ENOTDIR) {
+            Fail("look at", path);
+        }
+        return false;
+    }
+
+    void Rename(const std::string& from, const std::string& to) override {
+        if (std::rename(from.c_str(), to.c_str()) != 0) {
+            Fail("rename to " + to + " what is", from);
+        }
+    }
+
+    void Remove(const std::string& path) override {
+        if (unlink(path.c_str()) != 0 && errno != ENOENT) {
+            Fail("remove", path);
+        }
+    }
+
+    void SyncFolder(const std::string& path) override {
+        const Descriptor folder(path, O_RDONLY | O_DIRECTORY);
+        if (fsync(folder.Number()) != 0) {
+            Fail("sync", path);
+        }
+    }
+
+    Space GetSpace(const std::string& path) const override {
+        struct statvfs figures {};
+        if (statvfs(path.c_str(), &figures) != 0) {
+            Fail("ask for the free space of", path);
+        }
+        const std::uint64_t block = figures.f_frsize;
+        const std::uint64_t used = (figures.f_blocks - figures.f_bfree) * block;
+        const std::uint64_t free = figures.f_bavail * block;
+        return {used + free, free};
+    }
+
+    std::uint64_t DeviceOf(const std::string& path) const override { return StatusOf(path).st_dev; }
+};
+
+} // namespace
+
+IFileSystem& PosixFileSystem() {
+    static PosixFiles files;
+    return files;
+}
+
+} // namespace drenn::multi_track_recorder

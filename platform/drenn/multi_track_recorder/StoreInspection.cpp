@@ -1,0 +1,127 @@
+#include "drenn/multi_track_recorder/StoreInspection.h"
+
+#include <map>
+#include <stdexcept>
+
+#include "drenn/multi_track_recorder/OpeningImpl.h"
+#include "drenn/multi_track_recorder/RebuilderImpl.h"
+#include "drenn/multi_track_recorder/SqliteVfsImpl.h"
+#include "drenn/multi_track_recorder/StoreVerifierImpl.h"
+#include "drenn/multi_track_recorder/SurvivorsImpl.h"
+
+namespace drenn::multi_track_recorder {
+namespace {
+
+/// Keeps other processes out for as long as it lives.
+std::unique_ptr<IFile> LockStore(IFileSystem& files, const StoreFolders& folders, OpenMode mode) {
+    if (mode == OpenMode::Read && !files.Exists(folders.Lock())) {
+        return nullptr; // Nobody can have it.
+    }
+    auto lock = files.Open(folders.Lock(), mode);
+    if (!lock->TryLock()) {
+        throw std::runtime_error("The store at " + folders.storage + " is open in another process");
+    }
+    return lock;
+}
+
+bool IsWhole(const StoreFolders& folders, const char* vfs) {
+    try {
+        Catalogue catalogue(folders.Catalogue(), vfs, Catalogue::Mode::ReadOnly);
+        const bool isMade = catalogue.GetId() != StoreId{};
+        catalogue.Load();
+        return isMade && catalogue.Check().empty();
+    } catch (const std::exception&) {
+        return false;
+    }
+}
+
+void AddTracks(const CatalogueContent& content, StoreFacts& facts) {
+    std::map<std::uint32_t, Survivors> survivors;
+    for (const ExtentRow& extent : content.extents) {
+        survivors[extent.track].Append({extent.firstSerial, extent.firstSerial + extent.count});
+    }
+    for (const ErasedRow& row : content.erased) {
+        survivors[row.track].Erase(row.range);
+    }
+    for (const RecordingRow& recording : content.recordings) {
+        facts.recordings.push_back({recording.id, recording.info, {}});
+        for (const TrackRow& track : content.tracks) {
+            if (track.recording == recording.id) {
+                survivors[track.id].Erase({0, track.firstSerial});
+                facts.recordings.back().tracks.push_back({track.id,
+                                                          track.sparse,
+                                                          {track.formatName, track.formatVersion},
+                                                          survivors[track.id].Size()});
+            }
+        }
+    }
+}
+
+} // namespace
+
+StoreInspection::StoreInspection(const std::string& folder)
+    : storage_(folder + "/data"), database_(folder + "/database") {
+    if (!PosixFileSystem().Exists(storage_)) {
+        throw std::runtime_error("There is no store at " + folder + ": " + storage_ + " is missing");
+    }
+}
+
+StoreFacts StoreInspection::Describe() const {
+    IFileSystem& files = PosixFileSystem();
+    const StoreFolders folders{storage_, database_};
+    const auto lock = LockStore(files, folders, OpenMode::Read);
+    if (!files.Exists(folders.Catalogue())) {
+        throw std::runtime_error("There is no store: " + folders.Catalogue() + " is missing");
+    }
+    const SqliteVfs vfs(files);
+    Catalogue catalogue(folders.Catalogue(), vfs.Name(), Catalogue::Mode::ReadOnly);
+    const CatalogueContent content = catalogue.Load();
+    StoreFacts facts;
+    facts.id = ToText(catalogue.GetId());
+    AddTracks(content, facts);
+    for (const SegmentRow& segment : content.segments) {
+        ++facts.segments;
+        facts.bytes += segment.length;
+    }
+    std::map<std::uint32_t, std::uint32_t> next;
+    for (const SegmentKey& key : content.nextSegments) {
+        next[key.lane] = key.sequence;
+    }
+    for (const SegmentKey& key : ListSegments(files, storage_)) {
+        facts.unsealed += key.sequence >= next[key.lane] ? 1U : 0U;
+    }
+    return facts;
+}
+
+std::vector<std::string> StoreInspection::Verify() const {
+    return VerifyStore(PosixFileSystem(), storage_, database_);
+}
+
+std::vector<std::string> StoreInspection::Rebuild() const {
+    IFileSystem& files = PosixFileSystem();
+    const StoreFolders folders{storage_, database_};
+    files.MakeFolder(database_); // It may be lost with the catalogue.
+    const auto lock = LockStore(files, folders, OpenMode::Create);
+    const SqliteVfs vfs(files);
+    const std::string catalogue = folders.Catalogue();
+    if (files.Exists(catalogue) && IsWhole(folders, vfs.Name())) {
+        throw std::runtime_error("The catalogue " + catalogue + " is whole; there is nothing to rebuild");
+    }
+    const std::string made = catalogue + ".new";
+    for (const char* suffix : {"", "-wal", "-journal"}) {
+        files.Remove(made + suffix);
+    }
+    Rebuilder rebuilder(files, folders);
+    std::vector<std::string> lost = rebuilder.Write(made, vfs.Name());
+    for (const char* suffix : {"-wal", "-journal", ""}) {
+        if (files.Exists(catalogue + suffix)) {
+            files.Rename(catalogue + suffix, catalogue + ".damaged" + suffix);
+        }
+    }
+    files.Rename(made, catalogue);
+    files.SyncFolder(database_);
+    WriteIdentity(files, folders, rebuilder.Id());
+    return lost;
+}
+
+} // namespace drenn::multi_track_recorder

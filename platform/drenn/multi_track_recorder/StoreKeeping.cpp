@@ -1,0 +1,269 @@
+#include <algorithm>
+
+#include "drenn/multi_track_recorder/StoreImpl.h"
+#include "quarn/core/Logger.h"
+
+namespace drenn::multi_track_recorder {
+namespace {
+
+constexpr std::uint32_t kKeepMs = 500;
+constexpr std::uint64_t kReserveBytes = 1ULL << 20U;
+constexpr std::uint64_t kMostHeadroom = 8ULL << 20U;
+
+} // namespace
+
+void Store::RunKeeper() {
+    while (WaitFor(kKeepMs, wakeKeeper_)) {
+        try {
+            Keep();
+        } catch (const std::exception& error) {
+            context_->logger.Error("%s", error.what());
+        }
+    }
+}
+
+void Store::Keep() {
+    try {
+        const std::lock_guard<std::mutex> lock(keeperMutex_);
+        CheckCard();
+        if (GetState() == StoreState::Good) {
+            RemoveDead();
+            MakeRoom();
+            KeepReserve();
+        }
+    } catch (const std::exception&) {
+        RaiseStates();
+        throw;
+    }
+    RaiseStates();
+}
+
+void Store::RaiseStates() {
+    std::vector<StoreState> states;
+    {
+        const std::lock_guard<std::mutex> lock(wakeMutex_);
+        states.swap(states_);
+    }
+    for (const StoreState state : states) {
+        try {
+            stateSignal_(state);
+        } catch (const std::exception& error) {
+            context_->logger.Error("A slot of the state signal failed: %s", error.what());
+        }
+    }
+}
+
+void Store::CheckCard() {
+    if (GetState() == StoreState::NoCard || GetState() == StoreState::OtherCard) {
+        FindCard();
+        return;
+    }
+    StoreState state = StoreState::Good;
+    try {
+        if (files_.DeviceOf(options_.storage) != device_ || !files_.Exists(folders_.Identity())) {
+            state = StoreState::NoCard;
+        } else if (ReadIdentity(files_, folders_.Identity()) != context_->id) {
+            state = StoreState::OtherCard;
+        }
+    } catch (const std::exception&) {
+        state = StoreState::NoCard;
+    }
+    if (state != StoreState::Good) {
+        LoseCard(state);
+    }
+}
+
+/// Closes every file, so that what is left of the card can be unmounted.
+void Store::LoseCard(StoreState state) {
+    context_->logger.Warning("The card of %s is away", options_.storage.c_str());
+    context_->SetState(state);
+    for (Lane* lane : Lanes()) {
+        lane->Detach();
+    }
+    context_->cache.DropAll();
+    context_->SetCatalogue(nullptr);
+    lock_ = nullptr;
+}
+
+void Store::FindCard() {
+    try {
+        if (!files_.Exists(folders_.Identity())) {
+            context_->SetState(StoreState::NoCard);
+            return;
+        }
+        if (ReadIdentity(files_, folders_.Identity()) != context_->id) {
+            context_->SetState(StoreState::OtherCard);
+            return;
+        }
+        OpenedStore opened = Open();
+        device_ = files_.DeviceOf(options_.storage);
+        lock_ = std::move(opened.lock);
+        context_->SetCatalogue(opened.catalogue);
+        Build(opened);
+        context_->logger.Information("The card of %s is back", options_.storage.c_str());
+        context_->SetState(StoreState::Good);
+    } catch (const std::exception& error) {
+        context_->logger.Debug("The card of %s cannot be used yet: %s", options_.storage.c_str(),
+                               error.what());
+    }
+}
+
+void Store::PrepareRoom() {
+    // Making room takes locks of tracks, one at a time; who holds one leaves it to the keeper.
+    if (TrackImpl::LocksHeld() > 0) {
+        Wake(wakeKeeper_);
+        return;
+    }
+    const std::lock_guard<std::mutex> lock(keeperMutex_);
+    MakeRoom();
+}
+
+/// Erases the oldest segments until the used share, with what is about to come, is below the limit.
+void Store::MakeRoom() {
+    for (;;) {
+        const Space space = files_.GetSpace(options_.storage);
+        const std::uint64_t used = space.usable - space.free;
+        const std::uint64_t limit = space.usable / 100 * options_.maxPercent;
+        const std::uint64_t coming = context_->memory + std::min(kMostHeadroom, space.usable / 32);
+        if (used + coming <= limit) {
+            isOverfull_ = false;
+            return;
+        }
+        std::shared_ptr<Segment> oldest = OldestSegment(false);
+        if (oldest == nullptr && SealBulk()) {
+            oldest = OldestSegment(false);
+        }
+        if (oldest == nullptr) {
+            oldest = OldestSegment(true);
+        }
+        if (oldest == nullptr) {
+            if (!isOverfull_) {
+                context_->logger.Warning("%s is above %u percent, and nothing of the store is left to erase",
+                                         options_.storage.c_str(), options_.maxPercent);
+            }
+            isOverfull_ = true;
+            return;
+        }
+        EraseSegment(oldest);
+        RemoveDead();
+    }
+}
+
+/// The sealed segment that was begun first, of those that are next in their lanes.
+std::shared_ptr<Segment> Store::OldestSegment(bool sparse) {
+    std::shared_ptr<Segment> oldest;
+    for (Lane* lane : Lanes()) {
+        if (lane->IsSparse() != sparse) {
+            continue;
+        }
+        for (const auto& segment : lane->SealedSegments()) {
+            if (!segment->isRemoving) {
+                oldest = oldest == nullptr || segment->time < oldest->time ? segment : oldest;
+                break;
+            }
+        }
+    }
+    return oldest;
+}
+
+/// Whether there is a sealed segment of bulk data after having sealed what was being written.
+bool Store::SealBulk() {
+    for (Lane* lane : Lanes()) {
+        if (!lane->IsSparse()) {
+            lane->Seal();
+        }
+    }
+    return OldestSegment(false) != nullptr;
+}
+
+/// Each track forgets its records under its own lock; then one transaction takes them all.
+void Store::EraseSegment(const std::shared_ptr<Segment>& segment) {
+    std::vector<std::pair<std::shared_ptr<TrackContent>, std::uint64_t>> ends;
+    for (const auto& recording : Recordings()) {
+        for (const auto& track : recording->Tracks()) {
+            const std::shared_ptr<TrackContent>& content = track->Content();
+            const std::uint64_t end = content->EndIn(*segment);
+            if (end > 0) {
+                track->EraseOldest(end);
+                ends.emplace_back(content, end);
+            }
+        }
+    }
+    context_->Transact([&](Catalogue::Transaction& transaction) {
+        std::vector<ErasedRanges> erased;
+        for (const auto& [content, end] : ends) {
+            const std::lock_guard<std::mutex> lock(content->mutex);
+            erased.push_back(content->erased);
+            erased.back().Add({0, end});
+            transaction.SetErased(content->id, erased.back().FirstSerial(), erased.back().Ranges());
+        }
+        transaction.SetRemoving(segment->key);
+        transaction.Commit();
+        segment->isRemoving = true;
+        for (std::size_t i = 0; i < ends.size(); ++i) {
+            const std::lock_guard<std::mutex> lock(ends[i].first->mutex);
+            ends[i].first->SetErased(erased[i]);
+        }
+    });
+}
+
+/// Removes the files of dead segments, in the order that lets a crash come at any point.
+void Store::RemoveDead() {
+    std::vector<std::pair<Lane*, SegmentKey>> dead;
+    for (Lane* lane : Lanes()) {
+        MarkDead(*lane);
+        for (const auto& segment : lane->SealedSegments()) {
+            if (segment->isRemoving) {
+                dead.emplace_back(lane, segment->key);
+            }
+        }
+    }
+    if (dead.empty()) {
+        return;
+    }
+    for (const auto& [lane, key] : dead) {
+        context_->cache.Drop(key);
+        files_.Remove(context_->PathOf(key));
+    }
+    files_.SyncFolder(options_.storage);
+    context_->Transact([&, &all = dead](Catalogue::Transaction& transaction) {
+        for (const auto& [lane, key] : all) {
+            transaction.Forget(key);
+        }
+        transaction.Commit();
+    });
+    for (const auto& [lane, key] : dead) {
+        lane->Forget(key);
+    }
+}
+
+/// Segments that died while they were the newest of their lane.
+void Store::MarkDead(Lane& lane) {
+    if (lane.DeadSegments().empty()) {
+        return;
+    }
+    context_->Transact([&](Catalogue::Transaction& transaction) {
+        const std::vector<std::shared_ptr<Segment>> dead = lane.DeadSegments();
+        for (const auto& segment : dead) {
+            transaction.SetRemoving(segment->key);
+        }
+        transaction.Commit();
+        for (const auto& segment : dead) {
+            segment->isRemoving = true;
+        }
+    });
+}
+
+/// Room that is held back for the transactions that erase.
+void Store::KeepReserve() {
+    try {
+        if (!files_.Exists(context_->ReservePath()) &&
+            files_.GetSpace(options_.database).free > 4 * kReserveBytes) {
+            files_.Open(context_->ReservePath(), OpenMode::Create)->Reserve(kReserveBytes);
+        }
+    } catch (const FileError& error) {
+        context_->logger.Warning("%s; there is no room held back", error.what());
+    }
+}
+
+} // namespace drenn::multi_track_recorder

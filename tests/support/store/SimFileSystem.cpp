@@ -1,0 +1,367 @@
+#include "support/store/SimFileSystem.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+#include <random>
+
+#include "drenn/multi_track_recorder/FileErrorImpl.h"
+
+using namespace drenn::multi_track_recorder;
+using Kind = DiskOperation::Kind;
+
+namespace {
+
+constexpr std::size_t kSectorBytes = 512;
+
+std::string FolderOf(const std::string& path) {
+    return path.substr(0, path.rfind('/'));
+}
+
+void WriteAt(DiskImage::Bytes& file, std::uint64_t position, const unsigned char* bytes, std::size_t length) {
+    const auto begin = static_cast<std::size_t>(position);
+    if (file.size() < begin + length) {
+        file.resize(begin + length);
+    }
+    std::copy(bytes, bytes + length, file.begin() + static_cast<std::ptrdiff_t>(begin));
+}
+
+bool ChangesNames(const DiskOperation& operation) {
+    return operation.kind == Kind::Create || operation.kind == Kind::Rename || operation.kind == Kind::Remove;
+}
+
+bool IsSyncedBy(const DiskOperation& operation, const DiskOperation& sync) {
+    return sync.kind == Kind::SyncFolder ? ChangesNames(operation) && FolderOf(operation.path) == sync.path
+                                         : !ChangesNames(operation) && operation.inode == sync.inode;
+}
+
+} // namespace
+
+void DiskImage::Apply(const DiskOperation& operation) {
+    switch (operation.kind) {
+        case Kind::Write:
+            WriteAt(Change(operation.inode), operation.position, operation.bytes.data(),
+                    operation.bytes.size());
+            break;
+        case Kind::Truncate:
+            Change(operation.inode).resize(static_cast<std::size_t>(operation.position));
+            break;
+        case Kind::Create:
+            names[operation.path] = operation.inode;
+            files.try_emplace(operation.inode, std::make_shared<Bytes>());
+            break;
+        case Kind::Rename:
+            names.erase(operation.path);
+            names[operation.target] = operation.inode;
+            files.try_emplace(operation.inode, std::make_shared<Bytes>());
+            break;
+        case Kind::Remove:
+            names.erase(operation.path);
+            break;
+        case Kind::SyncFile:
+        case Kind::SyncFolder:
+            break;
+    }
+}
+
+DiskImage::Bytes& DiskImage::Change(unsigned int inode) {
+    std::shared_ptr<const Bytes>& file = files[inode];
+    if (!file || file.use_count() > 1) {
+        file = file ? std::make_shared<Bytes>(*file) : std::make_shared<Bytes>();
+    }
+    return const_cast<Bytes&>(*file); // This image's alone, and made as something that changes.
+}
+
+class SimFileSystem::SimFile : public IFile {
+public:
+    SimFile(SimFileSystem& disk, unsigned int inode, std::string path)
+        : disk_(disk), inode_(inode), path_(std::move(path)), counted_(disk.openFiles_) {}
+    ~SimFile() override {
+        const std::lock_guard<std::mutex> lock(disk_.lock_);
+        if (hasLock_) {
+            disk_.locked_.erase(inode_);
+        }
+    }
+
+    std::size_t Read(std::uint64_t offset, void* bytes, std::size_t length) const override {
+        const std::lock_guard<std::mutex> lock(disk_.lock_);
+        disk_.Check("read", path_);
+        const DiskImage::Bytes& content = *disk_.image_.files.at(inode_);
+        if (offset >= content.size()) {
+            return 0;
+        }
+        const std::size_t got = std::min(length, content.size() - static_cast<std::size_t>(offset));
+        std::memcpy(bytes, content.data() + offset, got);
+        return got;
+    }
+    void Write(std::uint64_t offset, const void* bytes, std::size_t length) override {
+        const std::lock_guard<std::mutex> lock(disk_.lock_);
+        const auto* begin = static_cast<const unsigned char*>(bytes);
+        const auto write = [&](std::size_t count) {
+            disk_.Do({Kind::Write, inode_, path_, "", offset, {begin, begin + count}});
+        };
+        const std::uint64_t size = disk_.image_.files.at(inode_)->size();
+        const std::uint64_t growth = offset + length > size ? offset + length - size : 0;
+        try {
+            disk_.Check("write", path_);
+            if (disk_.Used() + growth > disk_.capacity_) {
+                throw FileError("write", path_, ENOSPC);
+            }
+        } catch (const FileError&) {
+            if (disk_.present_ && disk_.Used() + growth / 2 <= disk_.capacity_) {
+                write(length / 2);
+            }
+            throw;
+        }
+        write(length);
+    }
+    void Truncate(std::uint64_t length) override {
+        const std::lock_guard<std::mutex> lock(disk_.lock_);
+        disk_.Check("truncate", path_);
+        disk_.Do({Kind::Truncate, inode_, path_, "", length, {}});
+    }
+    void Reserve(std::uint64_t) override {
+        const std::lock_guard<std::mutex> lock(disk_.lock_);
+        disk_.Check("reserve", path_);
+    }
+    void Sync() override {
+        const std::lock_guard<std::mutex> lock(disk_.lock_);
+        disk_.Check("sync", path_);
+        disk_.Do({Kind::SyncFile, inode_, path_, "", 0, {}});
+    }
+    std::uint64_t Size() const override {
+        const std::lock_guard<std::mutex> lock(disk_.lock_);
+        disk_.Check("size", path_);
+        return disk_.image_.files.at(inode_)->size();
+    }
+    bool TryLock() override {
+        const std::lock_guard<std::mutex> lock(disk_.lock_);
+        disk_.Check("lock", path_);
+        hasLock_ = hasLock_ || disk_.locked_.insert(inode_).second;
+        return hasLock_;
+    }
+
+private:
+    SimFileSystem& disk_;
+    const unsigned int inode_;
+    const std::string path_;
+    const std::shared_ptr<int> counted_;
+    bool hasLock_ = false;
+};
+
+SimFileSystem::SimFileSystem(DiskImage image) : image_(std::move(image)) {
+    for (const auto& [path, inode] : image_.names) {
+        folders_.insert(FolderOf(path));
+        lastInode_ = std::max(lastInode_, inode);
+    }
+}
+
+void SimFileSystem::StopTracing() {
+    const std::lock_guard<std::mutex> lock(lock_);
+    tracing_ = false;
+}
+
+void SimFileSystem::SetFault(Fault fault) {
+    const std::lock_guard<std::mutex> lock(lock_);
+    fault_ = std::move(fault);
+}
+
+void SimFileSystem::SetCapacity(std::uint64_t bytes) {
+    const std::lock_guard<std::mutex> lock(lock_);
+    capacity_ = bytes;
+}
+
+void SimFileSystem::SetDevice(std::uint64_t device) {
+    const std::lock_guard<std::mutex> lock(lock_);
+    device_ = device;
+}
+
+void SimFileSystem::SetPresent(bool present) {
+    const std::lock_guard<std::mutex> lock(lock_);
+    present_ = present;
+}
+
+std::vector<DiskOperation> SimFileSystem::GetTrace() const {
+    const std::lock_guard<std::mutex> lock(lock_);
+    return trace_;
+}
+
+std::size_t SimFileSystem::GetTraceLength() const {
+    const std::lock_guard<std::mutex> lock(lock_);
+    return trace_.size();
+}
+
+DiskImage SimFileSystem::GetImage() const {
+    const std::lock_guard<std::mutex> lock(lock_);
+    return image_;
+}
+
+std::unique_ptr<IFile> SimFileSystem::Open(const std::string& path, OpenMode mode) {
+    const std::lock_guard<std::mutex> lock(lock_);
+    Check("open", path);
+    const auto found = image_.names.find(path);
+    const bool exists = found != image_.names.end();
+    if (exists && mode == OpenMode::CreateNew) {
+        throw FileError("create", path, EEXIST);
+    }
+    if (!exists && (mode == OpenMode::Read || mode == OpenMode::ReadWrite)) {
+        throw FileError("open", path, ENOENT);
+    }
+    const unsigned int inode = exists ? found->second : ++lastInode_;
+    if (!exists) {
+        Do({Kind::Create, inode, path, "", 0, {}});
+    }
+    return std::make_unique<SimFile>(*this, inode, path);
+}
+
+void SimFileSystem::MakeFolder(const std::string& path) {
+    const std::lock_guard<std::mutex> lock(lock_);
+    Check("make folder", path);
+    folders_.insert(path); // At once durable: the store makes folders only once.
+}
+
+std::vector<std::string> SimFileSystem::List(const std::string& folder) const {
+    const std::lock_guard<std::mutex> lock(lock_);
+    Check("list", folder);
+    std::vector<std::string> names;
+    for (const auto& entry : image_.names) {
+        if (FolderOf(entry.first) == folder) {
+            names.push_back(entry.first.substr(folder.size() + 1));
+        }
+    }
+    return names;
+}
+
+bool SimFileSystem::Exists(const std::string& path) const {
+    const std::lock_guard<std::mutex> lock(lock_);
+    return present_ && (image_.names.count(path) != 0 || folders_.count(path) != 0);
+}
+
+void SimFileSystem::Rename(const std::string& from, const std::string& to) {
+    const std::lock_guard<std::mutex> lock(lock_);
+    Check("rename", from);
+    if (image_.names.count(from) == 0) {
+        throw FileError("rename", from, ENOENT);
+    }
+    Do({Kind::Rename, image_.names.at(from), from, to, 0, {}});
+}
+
+void SimFileSystem::Remove(const std::string& path) {
+    const std::lock_guard<std::mutex> lock(lock_);
+    Check("remove", path);
+    if (const auto found = image_.names.find(path); found != image_.names.end()) {
+        Do({Kind::Remove, found->second, path, "", 0, {}});
+    }
+}
+
+void SimFileSystem::SyncFolder(const std::string& path) {
+    const std::lock_guard<std::mutex> lock(lock_);
+    Check("sync folder", path);
+    Do({Kind::SyncFolder, 0, path, "", 0, {}});
+}
+
+Space SimFileSystem::GetSpace(const std::string& path) const {
+    const std::lock_guard<std::mutex> lock(lock_);
+    Check("get space", path);
+    return {capacity_, capacity_ - std::min(capacity_, Used())};
+}
+
+std::uint64_t SimFileSystem::DeviceOf(const std::string& path) const {
+    const std::lock_guard<std::mutex> lock(lock_);
+    Check("get device", path);
+    return device_;
+}
+
+// With the lock held, as the next two.
+void SimFileSystem::Check(const char* operation, const std::string& path) const {
+    if (!present_) {
+        throw FileError(operation, path, ENOENT);
+    }
+    if (const int error = fault_ ? fault_(operation, path) : 0; error != 0) {
+        throw FileError(operation, path, error);
+    }
+}
+
+void SimFileSystem::Do(DiskOperation operation) {
+    image_.Apply(operation);
+    if (tracing_) {
+        trace_.push_back(std::move(operation));
+    }
+}
+
+std::uint64_t SimFileSystem::Used() const {
+    std::uint64_t used = 0;
+    for (const auto& [path, inode] : image_.names) {
+        used += image_.files.at(inode)->size();
+    }
+    return used;
+}
+
+PowerCuts::PowerCuts(std::vector<DiskOperation> trace, DiskImage start)
+    : trace_(std::move(trace)), durable_(std::move(start)) {}
+
+std::size_t PowerCuts::ForEach(unsigned int imagesEach, unsigned int seed,
+                               const std::function<void(std::size_t moment, const DiskImage& image)>& check) {
+    std::vector<DiskOperation> pending;
+    std::size_t images = 0;
+    for (std::size_t moment = 0; moment <= trace_.size(); ++moment) {
+        // Nothing pending, nothing to vary.
+        const unsigned int variants = pending.empty() ? 1 : imagesEach;
+        for (unsigned int variant = 0; variant != variants; ++variant, ++images) {
+            check(moment, Settle(pending, variant, seed + static_cast<unsigned int>(images)));
+        }
+        if (moment == trace_.size()) {
+            break;
+        }
+        const DiskOperation& next = trace_[moment];
+        if (next.kind == Kind::SyncFile || next.kind == Kind::SyncFolder) {
+            MakeDurable(pending, next);
+        } else {
+            pending.push_back(next);
+        }
+    }
+    return images;
+}
+
+DiskImage PowerCuts::Settle(const std::vector<DiskOperation>& pending, unsigned int variant,
+                            unsigned int seed) const {
+    DiskImage image = durable_;
+    if (variant == 0) {
+        return image;
+    }
+    std::mt19937 random(seed);
+    const auto chance = [&random](unsigned int of) { return random() % of == 0; };
+    for (const DiskOperation& operation : pending) {
+        if (variant != 1 && chance(2)) {
+            continue; // Never got there.
+        }
+        if (variant == 1 || operation.kind != Kind::Write || chance(2)) {
+            image.Apply(operation);
+        } else { // Some of its sectors; the length already counts all.
+            DiskImage::Bytes& file = image.Change(operation.inode);
+            file.resize(
+                std::max(file.size(), static_cast<std::size_t>(operation.position) + operation.bytes.size()));
+            std::size_t begin = 0;
+            while (begin != operation.bytes.size()) {
+                const std::size_t at = static_cast<std::size_t>(operation.position) + begin;
+                const std::size_t length =
+                    std::min(kSectorBytes - at % kSectorBytes, operation.bytes.size() - begin);
+                if (chance(2)) {
+                    WriteAt(file, at, operation.bytes.data() + begin, length);
+                }
+                begin += length;
+            }
+        }
+    }
+    return image;
+}
+
+void PowerCuts::MakeDurable(std::vector<DiskOperation>& pending, const DiskOperation& sync) {
+    const auto synced = [&sync](const DiskOperation& operation) { return IsSyncedBy(operation, sync); };
+    for (const DiskOperation& operation : pending) {
+        if (synced(operation)) {
+            durable_.Apply(operation);
+        }
+    }
+    pending.erase(std::remove_if(pending.begin(), pending.end(), synced), pending.end());
+}

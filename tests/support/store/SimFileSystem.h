@@ -1,0 +1,116 @@
+#pragma once
+
+#include <cstdint>
+#include <functional>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <set>
+#include <string>
+#include <vector>
+
+#include "drenn/multi_track_recorder/FileSystemImpl.h"
+
+/// One change of a disk, or one sync.
+struct DiskOperation {
+    enum class Kind { Write, Truncate, Create, Rename, Remove, SyncFile, SyncFolder };
+
+    Kind kind;
+    unsigned int inode = 0;           ///< Of the file concerned; none for SyncFolder.
+    std::string path;                 ///< Where it is, or the folder.
+    std::string target;               ///< Of Rename.
+    std::uint64_t position = 0;       ///< Of Write; of Truncate the new length.
+    std::vector<unsigned char> bytes; ///< Of Write.
+};
+
+/// Files by path and their content.
+class DiskImage {
+public:
+    using Bytes = std::vector<unsigned char>;
+
+    std::map<std::string, unsigned int> names;                  // Path to inode.
+    std::map<unsigned int, std::shared_ptr<const Bytes>> files; // Shared between images until changed.
+
+    void Apply(const DiskOperation& operation);
+    /// The content of a file, to be changed.
+    Bytes& Change(unsigned int inode);
+};
+
+/// A disk in memory behind the store's interface to files. It writes a trace of all that changes it, and fails
+/// where a test wants it to.
+///
+/// Threads: any.
+class SimFileSystem : public drenn::multi_track_recorder::IFileSystem {
+public:
+    /// Asked before every operation with what is done ("write", "sync", ...) and where. What it returns, unless
+    /// 0, is the errno that the operation fails with. A write that fails is half done.
+    using Fault = std::function<int(const char* operation, const std::string& path)>;
+
+    explicit SimFileSystem(DiskImage image = {});
+
+    /// Traces take memory: long runs do without.
+    void StopTracing();
+    void SetFault(Fault fault);
+    /// Bytes that files may take in all; a write beyond fails with ENOSPC.
+    void SetCapacity(std::uint64_t bytes);
+    /// What DeviceOf gives; and whether the card is there at all: without it everything fails with ENOENT or EIO.
+    void SetDevice(std::uint64_t device);
+    void SetPresent(bool present);
+
+    std::vector<DiskOperation> GetTrace() const;
+    std::size_t GetTraceLength() const;
+    DiskImage GetImage() const;
+    unsigned int CountOpenFiles() const { return static_cast<unsigned int>(openFiles_.use_count() - 1); }
+
+    std::unique_ptr<drenn::multi_track_recorder::IFile> Open(
+        const std::string& path, drenn::multi_track_recorder::OpenMode mode) override;
+    void MakeFolder(const std::string& path) override;
+    std::vector<std::string> List(const std::string& folder) const override;
+    bool Exists(const std::string& path) const override;
+    void Rename(const std::string& from, const std::string& to) override;
+    void Remove(const std::string& path) override;
+    void SyncFolder(const std::string& path) override;
+    drenn::multi_track_recorder::Space GetSpace(const std::string& path) const override;
+    std::uint64_t DeviceOf(const std::string& path) const override;
+
+private:
+    class SimFile;
+
+    void Check(const char* operation, const std::string& path) const;
+    void Do(DiskOperation operation);
+    std::uint64_t Used() const;
+
+    mutable std::mutex lock_;
+    Fault fault_;
+    DiskImage image_;
+    std::set<std::string> folders_;
+    std::set<unsigned int> locked_;
+    std::vector<DiskOperation> trace_;
+    bool tracing_ = true;
+    std::uint64_t capacity_ = std::uint64_t{1} << 40;
+    std::uint64_t device_ = 1;
+    bool present_ = true;
+    unsigned int lastInode_ = 0;
+    std::shared_ptr<int> openFiles_ = std::make_shared<int>();
+};
+
+/// What may be left of a disk when the power goes, for every moment of a trace. Of what was not synced by then any
+/// part may be there: of writes any sectors, in any order, or zeros in their place; of names any changes.
+class PowerCuts {
+public:
+    explicit PowerCuts(std::vector<DiskOperation> trace, DiskImage start = {});
+
+    /// Calls `check` for every moment, with its number (operations that were done before it) and a number of
+    /// images, the first without anything that was not synced, the second with all of it, the others at random.
+    /// Returns how many images there were.
+    std::size_t ForEach(unsigned int imagesEach, unsigned int seed,
+                        const std::function<void(std::size_t moment, const DiskImage& image)>& check);
+
+private:
+    DiskImage Settle(const std::vector<DiskOperation>& pending, unsigned int variant,
+                     unsigned int seed) const;
+    void MakeDurable(std::vector<DiskOperation>& pending, const DiskOperation& sync);
+
+    const std::vector<DiskOperation> trace_;
+    DiskImage durable_;
+};

@@ -1,0 +1,354 @@
+#include "support/store/Workload.h"
+
+#include <algorithm>
+#include <cstring>
+
+using namespace drenn::multi_track_recorder;
+
+namespace {
+
+constexpr char kRecordingInfo[] = "model,serial";
+constexpr unsigned int kMostTracks = 5;
+
+std::vector<unsigned char> NumberBlob(unsigned int track, unsigned int number) {
+    std::vector<unsigned char> blob(16, 0xa5);
+    std::memcpy(blob.data(), &track, sizeof track);
+    std::memcpy(blob.data() + 8, &number, sizeof number);
+    return blob;
+}
+
+// The number that a record tells, or nothing sensible.
+unsigned int NumberOf(const BlobRecord& record) {
+    unsigned int number = ~0U;
+    if (!record.blobs().empty() && record.blobs()[0].size() == 16) {
+        std::memcpy(&number, record.blobs()[0].data() + 8, sizeof number);
+    }
+    return number;
+}
+
+bool Holds(const BlobRecord& record, const TestRecord& expected) {
+    const auto blobs = expected.Blobs();
+    return record.blobs().size() == blobs.size() &&
+           std::equal(blobs.begin(), blobs.end(), record.blobs().begin(), [](const auto& a, const Blob& b) {
+               return a.size() == b.size() && (a.empty() || std::memcmp(a.data(), b.data(), a.size()) == 0);
+           });
+}
+
+std::string Name(unsigned int track, unsigned int number) {
+    return "track " + std::to_string(track) + " record " + std::to_string(number);
+}
+
+// What is wrong with one track of an opened store.
+void CheckTrack(std::size_t moment, unsigned int number, Track& track, const TrackLife& life,
+                std::vector<std::string>& faults) {
+    std::vector<bool> present(life.records.size());
+    unsigned int next = 0;
+    for (unsigned int index = 0; index != track.size(); ++index) {
+        BlobRecord record;
+        track.seekg(index);
+        track >> record;
+        const unsigned int found = NumberOf(record);
+        if (found >= life.records.size() || found < next || !Holds(record, {number, found})) {
+            faults.push_back(Name(number, found) + " at index " + std::to_string(index) + " is wrong");
+            return;
+        }
+        std::string info;
+        track.seekg(index);
+        track.getInfo(info);
+        if (info != life.records[found].info) {
+            faults.push_back(Name(number, found) + " has the info \"" + info + "\"");
+        }
+        present[found] = true;
+        next = found + 1;
+    }
+    bool missing = false; // A record that nobody began to erase; none behind it may be there.
+    for (unsigned int i = 0; i != life.records.size(); ++i) {
+        const RecordLife& record = life.records[i];
+        if (present[i] && moment >= record.erased) {
+            faults.push_back(Name(number, i) + " came back");
+        }
+        if (!present[i] && moment >= record.durable && moment <= record.eraseBegun) {
+            faults.push_back(Name(number, i) + " is lost");
+        }
+        if (present[i] && missing) {
+            faults.push_back(Name(number, i) + " is there although one before it is not");
+        }
+        missing = missing || (!present[i] && moment <= record.eraseBegun);
+    }
+}
+
+} // namespace
+
+std::vector<std::vector<unsigned char>> TestRecord::Blobs() const {
+    std::vector<std::vector<unsigned char>> blobs{NumberBlob(track, number)};
+    std::minstd_rand random(track * 1000003 + number + 1);
+    const unsigned int more = static_cast<unsigned int>(random()) % 3;
+    for (unsigned int blob = 0; blob != more; ++blob) {
+        std::vector<unsigned char> bytes(static_cast<size_t>(random()) % (random() % 8 == 0 ? 3000 : 60));
+        std::generate(bytes.begin(), bytes.end(), [&] { return static_cast<unsigned char>(random()); });
+        blobs.push_back(std::move(bytes));
+    }
+    return blobs;
+}
+
+StoreOptions Workload::SmallStore() {
+    StoreOptions options;
+    options.storage = "/card/data";
+    options.database = "/card/database";
+    options.maxPercent = 80;
+    options.segmentBytes = 32 * 1024;
+    options.background = false;
+    return options;
+}
+
+Workload::Workload(SimFileSystem& disk, const StoreOptions& options, unsigned int seed)
+    : disk_(disk), options_(options), random_(seed) {
+    Open();
+    recording_ = store_->NewRecording();
+    recording_->setInfo<std::string>(kRecordingInfo);
+    NewTrack();
+}
+
+Workload::~Workload() {
+    tracks_.clear();
+}
+
+void Workload::Open() {
+    store_ = std::make_unique<Store>(disk_, options_);
+}
+
+void Workload::Step() {
+    OpenTrack& open = *tracks_[Random(static_cast<unsigned int>(tracks_.size()))];
+    const unsigned int kind = Random(1000);
+    if (kind < 700) {
+        Append(open);
+    } else if (kind < 800) {
+        Compare(open, Random(static_cast<unsigned int>(open.present.size()) + 1));
+    } else if (kind < 850) {
+        store_->Commit();
+    } else if (kind < 900) {
+        Sync();
+    } else if (kind < 940) {
+        store_->Keep();
+    } else if (kind < 965) {
+        SetInfo(open);
+    } else if (kind < 990) {
+        Erase(open);
+    } else if (tracks_.size() < kMostTracks) {
+        NewTrack();
+    } else {
+        EraseTrack(open);
+    }
+    FinishErasures();
+}
+
+void Workload::Reopen() {
+    Sync();
+
+    std::map<unsigned int, std::unique_ptr<OpenTrack>> known;
+    for (auto& open : tracks_) {
+        open->connection.disconnect();
+        open->track.reset();
+        const unsigned int id = lives_[open->number].id;
+        known[id] = std::move(open);
+    }
+    tracks_.clear();
+    recording_.reset();
+    store_.reset();
+    Open();
+    for (const auto& recording : store_->GetRecordings()) {
+        recording_ = recording.lock();
+    }
+    for (const auto& weak : recording_->getTracks()) {
+        TrackPtr track = weak.lock();
+        auto found = known.find(track->getId());
+        if (found == known.end()) {
+            Fault("there is an unknown track " + std::to_string(track->getId()));
+            continue;
+        }
+        const unsigned int number = found->second->number;
+        found->second->track = track;
+        found->second->connection = track->connectToEraseRangeSignal(
+            [this, number](unsigned int first, unsigned int last) { OnErase(number, first, last); });
+        tracks_.push_back(std::move(found->second));
+        known.erase(found);
+    }
+    if (!known.empty()) {
+        Fault("tracks are lost");
+    }
+    CompareAll();
+}
+
+void Workload::CompareAll() {
+    std::string info;
+    recording_->getInfo(info);
+    if (info != kRecordingInfo) {
+        Fault("the recording's info is \"" + info + "\"");
+    }
+    for (const auto& open : tracks_) {
+        for (unsigned int index = 0; index <= open->present.size(); ++index) {
+            Compare(*open, index);
+        }
+    }
+}
+
+void Workload::NewTrack() {
+    const auto number = static_cast<unsigned int>(lives_.size());
+    auto open = std::make_unique<OpenTrack>();
+    open->number = number;
+    open->track = recording_->newTrack(number % 4 == 1 ? TrackClass::Sparse : TrackClass::Bulk);
+    lives_.push_back(
+        {open->track->getId(), disk_.GetTraceLength(), RecordLife::kNever, RecordLife::kNever, {}});
+    open->track->setFormat({std::to_string(number), 1});
+    open->connection = open->track->connectToEraseRangeSignal(
+        [this, number](unsigned int first, unsigned int last) { OnErase(number, first, last); });
+    tracks_.push_back(std::move(open));
+}
+
+void Workload::EraseTrack(OpenTrack& open) {
+    TrackLife& life = lives_[open.number];
+    life.eraseBegun = disk_.GetTraceLength();
+    recording_->eraseTrack(life.id);
+    life.erased = disk_.GetTraceLength();
+    FinishErasures();
+    tracks_.erase(
+        std::find_if(tracks_.begin(), tracks_.end(), [&open](const auto& t) { return t.get() == &open; }));
+}
+
+void Workload::Append(OpenTrack& open) {
+    std::vector<RecordLife>& records = lives_[open.number].records;
+    const TestRecord next{open.number, static_cast<unsigned int>(records.size())};
+    const auto blobs = next.Blobs();
+    BlobRecord record;
+    for (const auto& blob : blobs) {
+        record.add(Blob(blob.data(), blob.size()));
+    }
+    records.push_back({open.info, RecordLife::kNever, RecordLife::kNever, RecordLife::kNever});
+    *open.track << record;
+    open.present.push_back(next.number);
+    Compare(open, static_cast<unsigned int>(open.present.size()) - 1);
+}
+
+void Workload::SetInfo(OpenTrack& open) {
+    open.info = "info " + std::to_string(random_());
+    open.track->setInfo(open.info);
+}
+
+// A prefix, a suffix, everything or something in between.
+void Workload::Erase(OpenTrack& open) {
+    const auto size = static_cast<unsigned int>(open.present.size());
+    unsigned int first = Random(size + 1);
+    unsigned int last = first + Random(size + 1 - first);
+    switch (Random(6)) {
+        case 0:
+            first = 0;
+            break;
+        case 1:
+            last = size;
+            break;
+        case 2:
+            first = 0;
+            last = size;
+            break;
+        default:
+            last = std::min(last, first + 3);
+            break;
+    }
+    open.track->eraseRange(first, last);
+}
+
+void Workload::Sync() {
+    store_->Sync();
+    const std::size_t now = disk_.GetTraceLength();
+    for (TrackLife& life : lives_) {
+        for (auto record = life.records.rbegin(); record != life.records.rend(); ++record) {
+            if (record->durable != RecordLife::kNever) {
+                break; // And so are all before it.
+            }
+            record->durable = now;
+        }
+    }
+}
+
+// The records must still be readable.
+void Workload::OnErase(unsigned int number, unsigned int first, unsigned int last) {
+    const auto open = std::find_if(tracks_.begin(), tracks_.end(),
+                                   [number](const auto& track) { return track->number == number; });
+    if (open == tracks_.end() || last > (*open)->present.size() || first >= last) {
+        Fault("an erasure of " + std::to_string(first) + " to " + std::to_string(last) + " was told");
+        return;
+    }
+    std::vector<unsigned int>& present = (*open)->present;
+    Compare(**open, first);
+    Compare(**open, last - 1);
+    const std::size_t now = disk_.GetTraceLength();
+    for (unsigned int index = first; index != last; ++index) {
+        lives_[number].records[present[index]].eraseBegun = now;
+        erasing_.emplace_back(number, present[index]);
+    }
+    const auto begin = present.begin();
+    present.erase(begin + static_cast<std::ptrdiff_t>(first), begin + static_cast<std::ptrdiff_t>(last));
+}
+
+void Workload::FinishErasures() {
+    const std::size_t now = disk_.GetTraceLength();
+    for (const auto& [track, number] : erasing_) {
+        lives_[track].records[number].erased = now;
+    }
+    erasing_.clear();
+}
+
+// At the end nothing may be read.
+void Workload::Compare(OpenTrack& open, unsigned int index) {
+    const bool inside = index < open.present.size();
+    BlobRecord record;
+    bool outOfRange = false;
+    std::string info;
+    open.track->lock();
+    open.track->seekg(index);
+    try {
+        open.track->getInfo(info);
+        *open.track >> record;
+    } catch (const std::out_of_range&) {
+        outOfRange = true;
+    } catch (const std::exception& error) {
+        Fault(error.what());
+    }
+    open.track->unlock();
+    if (outOfRange == inside) {
+        Fault("track " + std::to_string(open.number) + " ends at the wrong index");
+    } else if (inside && (!Holds(record, {open.number, open.present[index]}) ||
+                          info != lives_[open.number].records[open.present[index]].info)) {
+        Fault(Name(open.number, open.present[index]) + " is not what was appended");
+    }
+}
+
+void Workload::Fault(const std::string& text) {
+    faults_.push_back(text);
+}
+
+std::vector<std::string> CheckAt(std::size_t moment, Store& store, const std::vector<TrackLife>& lives) {
+    std::vector<std::string> faults;
+    std::map<unsigned int, boost::shared_ptr<Track>> byId;
+    std::list<boost::shared_ptr<Recording>> recordings;
+    for (const auto& weak : store.GetRecordings()) {
+        recordings.push_back(weak.lock());
+        for (const auto& track : recordings.back()->getTracks()) {
+            byId[track.lock()->getId()] = track.lock();
+        }
+    }
+    for (unsigned int number = 0; number != lives.size(); ++number) {
+        const TrackLife& life = lives[number];
+        const auto found = byId.find(life.id);
+        if (found == byId.end()) {
+            if (moment >= life.made && moment <= life.eraseBegun) {
+                faults.push_back("track " + std::to_string(number) + " is lost");
+            }
+        } else if (moment >= life.erased) {
+            faults.push_back("track " + std::to_string(number) + " came back");
+        } else {
+            CheckTrack(moment, number, *found->second, life, faults);
+        }
+    }
+    return faults;
+}

@@ -1,0 +1,72 @@
+#include <gtest/gtest.h>
+
+#include <fstream>
+#include <sstream>
+#include <stdexcept>
+
+#include "drenn/multi_track_recorder/PendingBlockImpl.h"
+#include "drenn/multi_track_recorder/SegmentReaderImpl.h"
+
+using namespace drenn::multi_track_recorder;
+
+namespace {
+
+constexpr std::uint64_t kSalt = 0x0123456789ABCDEF;
+constexpr std::uint64_t kTime = 1700000000000000;
+const StoreId kStore{0, 1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12, 13, 14, 15};
+
+void Add(const PendingBlock& block, Bytes& segment) {
+    block.Encode(static_cast<std::uint32_t>(segment.size()), kSalt, kTime, segment);
+    for (const PendingBlock::Span& span : block.Payloads()) {
+        ByteWriter(segment).Raw(span.bytes, span.length);
+    }
+}
+
+LaneState State() {
+    LaneState state;
+    state.recording = 1;
+    state.recordingInfo = "M,1";
+    state.tracks.push_back({3, "0", 1, 8, 10, 9, "info", {{9, 10}}});
+    return state;
+}
+
+/// All kinds of blocks; `length`: of the valid part.
+Bytes MakeSegment(std::uint64_t& length) {
+    Bytes segment = Encode(SegmentHeader{2, 7, kStore, kSalt});
+    Add(PendingBlock(BlockKind::State, 0, 0, EncodeBody(State())), segment);
+    PendingBlock records(3, 10);
+    BlobRecord record;
+    record.add({"sixteen bytes...", 16});
+    record.add({"payload", 7});
+    records.Append(record);
+    records.Append(BlobRecord());
+    const auto offset = static_cast<std::uint32_t>(segment.size());
+    Add(records, segment);
+    Add(PendingBlock(BlockKind::Info, 3, 12, {'n', 'e', 'w'}), segment);
+    Add(PendingBlock(BlockKind::Erased, 3, 11, {12, 0, 0, 0, 0, 0, 0, 0}), segment);
+    length = segment.size();
+    const Bytes footer = EncodeFooter({{3, 2, 10, offset}}, kSalt);
+    segment.insert(segment.end(), footer.begin(), footer.end());
+    return segment;
+}
+
+// What is written is what docs/reference/segment-format.md says, and stays readable.
+TEST(SegmentFormat, IsThatOfTheGoldenFile) {
+    std::uint64_t length = 0;
+    const Bytes made = MakeSegment(length);
+    const std::string path = std::string(CALVANE_SOURCE_DIR) + "/tests/unit/drenn/golden.seg";
+    std::ostringstream golden;
+    golden << std::ifstream(path, std::ios::binary).rdbuf();
+    EXPECT_TRUE(golden.str() == std::string(made.begin(), made.end())) << path;
+
+    Segment segment({2, 7}, path);
+    segment.length = length;
+    SegmentCache cache(PosixFileSystem(), kStore);
+    BlobRecord record;
+    cache.Get(segment)->Read(3, 10, record);
+    ASSERT_EQ(record.blobs().size(), 2U);
+    EXPECT_EQ(std::string(reinterpret_cast<const char*>(record.blobs()[1].data()), 7), "payload");
+    EXPECT_THROW(cache.Get(segment)->Read(3, 12, record), std::runtime_error);
+}
+
+} // namespace
