@@ -43,7 +43,7 @@ set(CMAKE_INSTALL_DEFAULT_DIRECTORY_PERMISSIONS
 
 # Where modules are looked for; empty until somebody installs one.
 install(DIRECTORY DESTINATION ${CALVANE_PLUGINS_DIR} COMPONENT runtime)
-install(FILES ${PROJECT_SOURCE_DIR}/packaging/man/calvane.1
+install(FILES ${PROJECT_SOURCE_DIR}/packaging/man/calvane.1 ${PROJECT_SOURCE_DIR}/packaging/man/calvane-store.1
   DESTINATION ${CMAKE_INSTALL_MANDIR}/man1 COMPONENT runtime)
 install(FILES ${PROJECT_SOURCE_DIR}/packaging/man/calvane.ini.5
   DESTINATION ${CMAKE_INSTALL_MANDIR}/man5 COMPONENT runtime)

@@ -8,7 +8,8 @@ using testing::IsEmpty;
 
 namespace {
 
-constexpr std::uint64_t kCapacity = std::uint64_t{2200} * 1024; // Half of it is held back; the ring turns all the time.
+constexpr std::uint64_t kCapacity =
+    std::uint64_t{2200} * 1024; // Half of it is held back; the ring turns all the time.
 
 #if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__) || defined(__arm__)
 constexpr unsigned int kSteps = 40000; // Sanitizers and emulators are slow.

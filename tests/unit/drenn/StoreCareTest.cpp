@@ -117,19 +117,25 @@ TEST(StoreCare, AFullCardGivesUpTheOldestBulkDataFirst) {
     auto bulk = test.NewTrack();
     auto sparse = test.NewTrack(TestStore::TrackClass::Sparse);
     AppendText(*sparse, "history");
-    std::string first;
-    bulk->connectToEraseRangeSignal(
-        [&](unsigned from, unsigned) { first += TextAt(*bulk, from).substr(0, 3) + " "; });
     for (unsigned i = 100; i < 160; ++i) {
         AppendText(*bulk, std::to_string(i) + std::string(5000, '.'));
         test.store->Sync();
     }
     ASSERT_GT(Segments(test).size(), 4U);
-    test.store = nullptr;
     test.options.maxPercent = 1; // Whatever there is on this machine is more.
     test.Open();
     bulk = test.GetTrack(0);
+    sparse = test.GetTrack(1);
+    std::vector<std::string> given;
+    for (const auto& track : {bulk, sparse}) {
+        track->connectToEraseRangeSignal([&given, &track = *track](unsigned first, unsigned last) {
+            EXPECT_EQ(first, 0U);
+            given.push_back(TextAt(track, 0).substr(0, 3) + "-" + TextAt(track, last - 1).substr(0, 3));
+        });
+    }
     test.store->Keep();
+    EXPECT_THAT(given,
+                ElementsAre("100-110", "111-121", "122-132", "133-143", "144-154", "155-159", "his-his"));
     EXPECT_EQ(bulk->size(), 0U);
     EXPECT_EQ(test.GetTrack(1)->size(), 0U);
     EXPECT_EQ(Segments(test).size(), 0U);
