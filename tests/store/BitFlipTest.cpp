@@ -104,5 +104,5 @@ TEST(BitFlip, NeverMakesTheStoreReturnAWrongByte) {
             }
         }
     }
-    EXPECT_GT(flips, 1000U);
+    EXPECT_GT(flips, 500U);
 }
