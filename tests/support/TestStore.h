@@ -40,7 +40,7 @@ public:
         const auto recording = recordings.empty() ? store->NewRecording() : recordings.front().lock();
         return recording->newTrack(trackClass);
     }
-    boost::shared_ptr<Track> GetTrack(unsigned place = 0) {
+    boost::shared_ptr<Track> GetTrack(int place = 0) {
         return std::next(store->GetRecordings().front().lock()->getTracks().begin(), place)->lock();
     }
 
