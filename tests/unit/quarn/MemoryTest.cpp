@@ -98,7 +98,7 @@ TEST(BufferPoolAllocator, NeverGivesOneBlockToTwoThreads) {
     BufferPoolAllocator pool(&heap, sizeof(int), 3, true);
     std::atomic<int> clashes{0};
     RunInThreads(4, [&](int self) {
-        for (int round = 0; round != 20000; ++round) {
+        for (int round = 0; round != 4000; ++round) {
             const Handle block(pool.Allocate(sizeof self));
             std::memcpy(block->GetWritablePtr(), &self, sizeof self);
             std::this_thread::yield();
