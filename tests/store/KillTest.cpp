@@ -12,6 +12,7 @@
 
 #include "drenn/multi_track_recorder/StoreVerifierImpl.h"
 #include "support/TempFolder.h"
+#include "support/WaitUntil.h"
 #include "support/store/Workload.h"
 
 using namespace drenn::multi_track_recorder;
@@ -74,6 +75,9 @@ TEST(Kill, LosesNothingThatWasFlushed) {
                 (void)!write(STDERR_FILENO, error.what(), std::strlen(error.what()));
                 _exit(1);
             }
+        }
+        if (round % 2 == 0) { // In the other rounds it is killed while it opens the store, too.
+            WaitUntil([&told, before = told.flushed.load()] { return told.flushed != before; });
         }
         usleep(2000 + static_cast<useconds_t>(random() % 40000));
         kill(writer, SIGKILL);
