@@ -11,8 +11,8 @@
 namespace drenn::multi_track_recorder {
 namespace {
 
-constexpr std::size_t kRelieveBytes = 32U * 1024 * 1024;
-constexpr std::size_t kMostMemory = 128U * 1024 * 1024;
+constexpr std::size_t kRelieveBytes = std::size_t{32} * 1024 * 1024;
+constexpr std::size_t kMostMemory = std::size_t{128} * 1024 * 1024;
 
 thread_local int locksHeld = 0;
 
