@@ -10,8 +10,8 @@ set(CMAKE_POSITION_INDEPENDENT_CODE ON)
 # 64-bit file offsets and times on 32-bit targets too: without this a write at 5 GiB lands at 1 GiB.
 add_compile_definitions(_FILE_OFFSET_BITS=64 _TIME_BITS=64)
 
-add_compile_options(-Wall -Wextra -Wpedantic -Wshadow -Wconversion -Wsign-conversion
-                    -Wnon-virtual-dtor -Woverloaded-virtual -Wformat=2 -Wundef)
+add_compile_options(-Wall -Wextra -Wpedantic -Wshadow -Wconversion -Wsign-conversion -Wformat=2 -Wundef
+                    $<$<COMPILE_LANGUAGE:CXX>:-Wnon-virtual-dtor> $<$<COMPILE_LANGUAGE:CXX>:-Woverloaded-virtual>)
 if(CALVANE_WERROR)
   add_compile_options(-Werror)
 endif()

@@ -25,7 +25,8 @@ std::vector<std::string> Emulator() {
 Program::Program(const std::string& name, const std::vector<std::string>& arguments,
                  const std::string& folder) {
     const std::string path = name.find('/') == std::string::npos ? CALVANE_BIN_DIR "/" + name : name;
-    std::vector<std::string> words = Emulator();
+    const bool ofSystem = path.rfind("/usr/", 0) == 0;
+    std::vector<std::string> words = ofSystem ? std::vector<std::string>() : Emulator();
     words.push_back(path);
     words.insert(words.end(), arguments.begin(), arguments.end());
     std::vector<char*> all;

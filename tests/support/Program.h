@@ -10,7 +10,8 @@
 /// Runs a program as a child and takes down what it writes.
 class Program {
 public:
-    /// Starts `bin/NAME` of this build, or `name` as it stands when it is a path, in `folder`.
+    /// Starts `bin/NAME` of this build, or `name` as it stands when it is a path, in `folder`. What lies below
+    /// /usr/ is of this machine and needs no emulator.
     Program(const std::string& name, const std::vector<std::string>& arguments, const std::string& folder);
     ~Program();
 

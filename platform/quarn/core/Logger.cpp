@@ -104,6 +104,12 @@ void Logger::Log(LogLevel level, const char* format, ...) {
     va_end(arguments);
 }
 
+void Logger::VLog(LogLevel level, const char* format, va_list arguments) {
+    if (IsEnabled(level)) {
+        Write(level, format, arguments);
+    }
+}
+
 void Logger::Write(LogLevel level, const char* format, va_list arguments) const {
     const int callersErrno = errno;
     LogRegistryImpl::GetInstance().Write(name_, level, osa::FormatTextV(format, arguments));

@@ -57,6 +57,7 @@ public:
     [[gnu::format(printf, 2, 3)]] void Trace(const char* format, ...);
     /// `level` is that of the message and not Off.
     [[gnu::format(printf, 3, 4)]] void Log(LogLevel level, const char* format, ...);
+    [[gnu::format(printf, 3, 0)]] void VLog(LogLevel level, const char* format, va_list arguments);
 
     Logger(const Logger&) = delete;
     Logger& operator=(const Logger&) = delete;

@@ -1,0 +1,200 @@
+#include <poll.h>
+#include <sdbus-c++/sdbus-c++.h>
+#include <sys/eventfd.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+#include <utility>
+
+#include "quarn/core/Logger.h"
+#include "quarn/msgbus/BusLinkImpl.h"
+#include "quarn/osa/Exception.h"
+
+namespace quarn::msgbus {
+namespace {
+
+constexpr std::chrono::milliseconds kFirstPause{100};
+constexpr std::chrono::milliseconds kLongestPause{10'000};
+constexpr std::chrono::seconds kCallTimeout{5};   // For what is asked of the bus itself.
+constexpr unsigned int kStackBytes = 1024 * 1024; // Whatever services do with a call runs on it.
+
+const char* Variable(const char* name) {
+    const char* const value = std::getenv(name);
+    return value == nullptr ? "" : value;
+}
+
+std::string BusName() {
+    const std::string bus = Variable("DRENN_BUS");
+    if (!bus.empty()) {
+        return bus;
+    }
+    return *Variable("DBUS_SESSION_BUS_ADDRESS") != '\0' ? "session" : "system";
+}
+
+std::unique_ptr<sdbus::IConnection> OpenBus(const std::string& bus) {
+    if (bus == "session") {
+        return sdbus::createSessionBusConnection();
+    }
+    return bus == "system" ? sdbus::createSystemBusConnection()
+                           : sdbus::createSessionBusConnectionWithAddress(bus);
+}
+
+} // namespace
+
+BusLink::BusLink(const std::string& name, IBusLinkClient& client)
+    : logger_(core::Logger::GetLogger(name)),
+      name_(name),
+      client_(client),
+      wake_(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)),
+      pause_(kFirstPause) {
+    if (wake_ < 0) {
+        throw osa::Exception("Cannot make an event descriptor: %s", std::strerror(errno));
+    }
+}
+
+BusLink::~BusLink() {
+    BusLink::Stop();
+    close(wake_);
+}
+
+void BusLink::Connect() {
+    Open();
+    StartThread();
+}
+
+void BusLink::ConnectInBackground(const std::string& consequence) {
+    consequence_ = "; " + consequence;
+    StartThread();
+}
+
+void BusLink::StartThread() {
+    thread_ = std::make_unique<osa::Thread>(name_.c_str(), this, kStackBytes, 0);
+    thread_->Run();
+}
+
+void BusLink::Stop() {
+    stopping_ = true;
+    eventfd_write(wake_, 1);
+    if (thread_ != nullptr) {
+        thread_->Join();
+        thread_ = nullptr;
+    }
+    Close();
+}
+
+bool BusLink::Post(Work work) {
+    const std::lock_guard<std::mutex> guard(lock_);
+    if (!connected_ || posted_.size() >= kMostPosted) {
+        ++dropped_;
+        return false;
+    }
+    posted_.push_back(std::move(work));
+    eventfd_write(wake_, 1);
+    return true;
+}
+
+void BusLink::Run() {
+    while (!stopping_) {
+        if (connection_ == nullptr) {
+            TryOpen();
+            continue;
+        }
+        try {
+            Serve();
+        } catch (const std::exception& problem) {
+            logger_->Warning("The bus was lost (%s); connecting again", problem.what());
+            Close();
+        }
+    }
+}
+
+void BusLink::TryOpen() {
+    try {
+        Open();
+        if (failureLogged_) {
+            logger_->Information("Connected to the bus");
+        }
+        failureLogged_ = false;
+        pause_ = kFirstPause;
+    } catch (const std::exception& problem) {
+        logger_->Log(failureLogged_ ? core::LogLevel::Debug : core::LogLevel::Warning, "%s%s", problem.what(),
+                     consequence_.c_str());
+        failureLogged_ = true;
+        Wait(-1, 0, static_cast<int>(pause_.count()));
+        pause_ = std::min(pause_ * 2, kLongestPause);
+    }
+}
+
+void BusLink::Open() {
+    const std::string bus = BusName();
+    try {
+        connection_ = OpenBus(bus);
+        connection_->setMethodCallTimeout(kCallTimeout);
+        client_.OnConnected(*connection_);
+    } catch (const sdbus::Error& problem) {
+        Close();
+        throw osa::Exception("Cannot use the bus (" + bus + "): " + problem.getMessage());
+    } catch (...) {
+        Close();
+        throw;
+    }
+    const std::lock_guard<std::mutex> guard(lock_);
+    connected_ = true;
+}
+
+void BusLink::Close() {
+    {
+        const std::lock_guard<std::mutex> guard(lock_);
+        connected_ = false;
+        dropped_ += posted_.size();
+        posted_.clear();
+    }
+    if (connection_ != nullptr) {
+        client_.OnLost();
+        connection_ = nullptr;
+    }
+}
+
+void BusLink::Serve() {
+    while (!stopping_) {
+        DoPosted();
+        if (!connection_->processPendingRequest()) {
+            const auto data = connection_->getEventLoopPollData();
+            Wait(data.fd, data.events, data.getPollTimeout());
+        }
+    }
+}
+
+void BusLink::DoPosted() {
+    for (;;) {
+        Work work;
+        {
+            const std::lock_guard<std::mutex> guard(lock_);
+            if (posted_.empty()) {
+                return;
+            }
+            work = std::move(posted_.front());
+            posted_.pop_front();
+        }
+        try {
+            work(*connection_);
+        } catch (...) {
+            ++dropped_;
+            throw;
+        }
+    }
+}
+
+/// Until there is something to do, or for so long; -1 is for ever.
+void BusLink::Wait(int descriptor, short events, int milliseconds) const {
+    std::array<pollfd, 2> waits{{{wake_, POLLIN, 0}, {descriptor, events, 0}}};
+    poll(waits.data(), waits.size(), milliseconds);
+    eventfd_t count = 0;
+    eventfd_read(wake_, &count);
+}
+
+} // namespace quarn::msgbus

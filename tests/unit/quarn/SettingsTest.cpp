@@ -1,0 +1,171 @@
+#include <gtest/gtest.h>
+#include <sys/mman.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <array>
+#include <atomic>
+#include <csignal>
+#include <filesystem>
+#include <functional>
+#include <memory>
+#include <numeric>
+#include <vector>
+
+#include "quarn/settings/QuarnSettingsClient.h"
+#include "support/TempFolder.h"
+#include "support/ThrownText.h"
+#include "support/WaitUntil.h"
+
+namespace {
+
+using quarn::settings::QuarnSettingsClient;
+using quarn::settings::Setting;
+using quarn::settings::SettingTypeException;
+
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__) || defined(__arm__)
+constexpr bool kSlowBuild = true;
+#else
+constexpr bool kSlowBuild = false;
+#endif
+
+class SettingsTest : public testing::Test {
+protected:
+    const TempFolder folder;
+    const std::string path = folder.Path("sub/settings.db");
+};
+
+TEST_F(SettingsTest, AValueCountsBeforeADefaultWhateverTheOrder) {
+    QuarnSettingsClient settings(path.c_str());
+    EXPECT_EQ(settings.Get("a"), std::nullopt);
+    settings.Set("a", 1);
+    settings.SetDefault("a", 2);
+    settings.SetDefault("b", std::string("default"));
+    EXPECT_EQ(settings.GetInt("a"), 1);
+    EXPECT_EQ(settings.GetString("b"), "default");
+    settings.Set("b", std::string());
+    EXPECT_EQ(settings.GetString("b"), "") << "an empty text is a value";
+    settings.Set("c", std::int64_t{1} << 60);
+    EXPECT_EQ(QuarnSettingsClient(path.c_str()).GetInt("c"), std::int64_t{1} << 60);
+    EXPECT_EQ(ThrownText<SettingTypeException>([&] { settings.GetString("a"); }), "Setting a is not a text");
+}
+
+TEST_F(SettingsTest, ABadDatabaseIsAnErrorThatNamesIt) {
+    std::filesystem::create_directory(folder.Path("sub"));
+    folder.Write("sub/settings.db", std::string(5000, 'x'));
+    EXPECT_EQ(ThrownText([&] { QuarnSettingsClient(path.c_str()).Get("a"); }),
+              "Cannot use the settings database " + path + ": file is not a database");
+    const std::string below = path + "/below.db";
+    EXPECT_NE(ThrownText([&] { QuarnSettingsClient(below.c_str()).Get("a"); }).find(below),
+              std::string::npos);
+}
+
+/// Another process, made before this one opens the database; it works when it is told to.
+class Writer {
+public:
+    explicit Writer(const std::function<void()>& work) {
+        EXPECT_EQ(pipe(gate_.data()), 0);
+        child_ = fork();
+        if (child_ == 0) {
+            char byte = 0;
+            close(gate_[1]);
+            if (read(gate_[0], &byte, 1) == 1) {
+                work();
+            }
+            _exit(0);
+        }
+        close(gate_[0]);
+    }
+    ~Writer() {
+        close(gate_[1]);
+        End();
+    }
+    void Go() const { EXPECT_EQ(write(gate_[1], "!", 1), 1); }
+    void Kill() const { kill(child_, SIGKILL); }
+    /// What waitpid says of it.
+    int End() {
+        int status = -1;
+        if (child_ > 0) {
+            waitpid(child_, &status, 0);
+            child_ = -1;
+        }
+        return status;
+    }
+
+private:
+    std::array<int, 2> gate_{};
+    pid_t child_ = -1;
+};
+
+TEST_F(SettingsTest, AChangeByAnotherProcessIsSeenAndTold) {
+    Writer writer([&] { QuarnSettingsClient(path.c_str()).Set("n", 7); });
+    QuarnSettingsClient settings(path.c_str());
+    settings.Set("n", 0);
+    std::atomic<int> told{0};
+    const int watch = settings.Subscribe(
+        "n", [&](const std::string& key) { told = static_cast<int>(settings.GetInt(key).value_or(-2)); });
+    settings.Subscribe("other", [&](const std::string&) { told = -1; });
+    writer.Go();
+    EXPECT_TRUE(WaitUntil([&] { return told == 7; }));
+    EXPECT_EQ(settings.GetInt("n"), 7);
+    settings.Unsubscribe(watch);
+    settings.Set("n", 8);
+    settings.Set("other", 1);
+    EXPECT_TRUE(WaitUntil([&] { return told == -1; }));
+}
+
+// Each writer counts in a setting of its own; what it was told to be set must be there, and no more than it began.
+TEST_F(SettingsTest, NothingIsLostOrHalfWhenWritersAreKilled) {
+    constexpr int kWriters = 4;
+    constexpr int kKills = kSlowBuild ? 2 : 8;
+    constexpr std::int64_t kWrites = kSlowBuild ? 100 : 1000;
+    struct Shared {
+        std::array<std::atomic<std::int64_t>, kWriters> done;
+        std::array<std::atomic<std::int64_t>, kWriters> begun;
+    };
+    auto* const shared = static_cast<Shared*>(
+        mmap(nullptr, sizeof(Shared), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0));
+    ASSERT_NE(shared, MAP_FAILED);
+    const auto total = [&] {
+        return std::accumulate(shared->done.begin(), shared->done.end(), std::int64_t{0});
+    };
+    const auto work = [&](std::size_t number) {
+        QuarnSettingsClient settings(path.c_str());
+        for (;;) {
+            const std::int64_t value = ++shared->begun[number];
+            settings.Set("writer." + std::to_string(number), std::string(200, 'x') + std::to_string(value));
+            shared->done[number] = value;
+        }
+    };
+    for (int kill = 1; kill <= kKills; ++kill) {
+        std::vector<std::unique_ptr<Writer>> writers;
+        for (std::size_t number = 0; number != kWriters; ++number) {
+            writers.push_back(std::make_unique<Writer>([&work, number] { work(number); }));
+            writers.back()->Go();
+        }
+        ASSERT_TRUE(WaitUntil([&] { return total() >= kWrites * kill / kKills; }));
+        for (const auto& writer : writers) {
+            writer->Kill();
+        }
+        for (const auto& writer : writers) {
+            writer->End();
+        }
+        // In another process, too: SQLite does not survive the forks to come.
+        Writer reader([&] {
+            const QuarnSettingsClient settings(path.c_str());
+            bool right = true;
+            for (std::size_t number = 0; number != kWriters; ++number) {
+                const std::string text = settings.GetString("writer." + std::to_string(number)).value_or("");
+                const std::int64_t value = text.size() > 200 ? std::stoll(text.substr(200)) : 0;
+                right = right && text.find_first_not_of('x') == (value == 0 ? std::string::npos : 200) &&
+                        value >= shared->done[number] && value <= shared->begun[number];
+            }
+            _exit(right ? 0 : 1);
+        });
+        reader.Go();
+        EXPECT_EQ(reader.End(), 0) << "after kill " << kill;
+    }
+    munmap(shared, sizeof(Shared));
+}
+
+} // namespace
