@@ -13,7 +13,7 @@ ROOT = pathlib.Path(__file__).resolve().parents[2]
 INCLUDE = re.compile(r'^\s*#\s*include\s*(["<])([^">]+)[">]')
 
 QUARN = {"quarn", "quarn/stl", "quarn/osa", "quarn/core", "quarn/msgbus", "quarn/settings"}
-DRENN = {"drenn", "drenn/core", "drenn/api", "drenn/multi_track_recorder"}
+DRENN = {"drenn", "drenn/core", "drenn/api", "drenn/api/generated", "drenn/multi_track_recorder"}
 BUFFER = QUARN | {"calvane", "calvane/buffer"}
 GRAPH = BUFFER | {"calvane/graph"}
 RUNTIME = GRAPH | {"calvane/config", "calvane/runtime"}

@@ -4,7 +4,7 @@
 #include <memory>
 #include <string>
 
-#include "quarn/msgbus/BusLinkImpl.h"
+#include "quarn/msgbus/BusLink.h"
 
 namespace drenn::api {
 

@@ -11,7 +11,7 @@
 #include <utility>
 
 #include "quarn/core/Logger.h"
-#include "quarn/msgbus/BusLinkImpl.h"
+#include "quarn/msgbus/BusLink.h"
 #include "quarn/osa/Exception.h"
 
 namespace quarn::msgbus {

@@ -9,7 +9,7 @@
 #include <vector>
 
 #include "quarn/core/Logger.h"
-#include "quarn/msgbus/BusLinkImpl.h"
+#include "quarn/msgbus/BusLink.h"
 #include "quarn/msgbus/SubscriptionsImpl.h"
 #include "quarn/osa/Exception.h"
 
