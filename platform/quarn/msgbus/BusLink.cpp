@@ -35,15 +35,20 @@ std::string BusName() {
     return *Variable("DBUS_SESSION_BUS_ADDRESS") != '\0' ? "session" : "system";
 }
 
-std::unique_ptr<sdbus::IConnection> OpenBus(const std::string& bus) {
-    if (bus == "session") {
-        return sdbus::createSessionBusConnection();
-    }
-    return bus == "system" ? sdbus::createSystemBusConnection()
-                           : sdbus::createSessionBusConnectionWithAddress(bus);
-}
-
 } // namespace
+
+std::unique_ptr<sdbus::IConnection> BusLink::OpenBus() {
+    const std::string bus = BusName();
+    try {
+        if (bus == "session") {
+            return sdbus::createSessionBusConnection();
+        }
+        return bus == "system" ? sdbus::createSystemBusConnection()
+                               : sdbus::createSessionBusConnectionWithAddress(bus);
+    } catch (const sdbus::Error& problem) {
+        throw osa::Exception("Cannot use the bus (" + bus + "): " + problem.getMessage());
+    }
+}
 
 BusLink::BusLink(const std::string& name, IBusLinkClient& client)
     : logger_(core::Logger::GetLogger(name)),
@@ -130,14 +135,13 @@ void BusLink::TryOpen() {
 }
 
 void BusLink::Open() {
-    const std::string bus = BusName();
+    connection_ = OpenBus();
     try {
-        connection_ = OpenBus(bus);
         connection_->setMethodCallTimeout(kCallTimeout);
         client_.OnConnected(*connection_);
     } catch (const sdbus::Error& problem) {
         Close();
-        throw osa::Exception("Cannot use the bus (" + bus + "): " + problem.getMessage());
+        throw osa::Exception("Cannot use the bus (" + BusName() + "): " + problem.getMessage());
     } catch (...) {
         Close();
         throw;

@@ -47,6 +47,10 @@ public:
 
     static constexpr std::size_t kMostPosted = 256;
 
+    /// Opens the bus that the environment says, for a client that works by itself. Throws osa::Exception that names
+    /// the bus and the reason.
+    static std::unique_ptr<sdbus::IConnection> OpenBus();
+
     /// Logs under `name`. `client` must live until Stop has returned.
     BusLink(const std::string& name, IBusLinkClient& client);
     ~BusLink() override;

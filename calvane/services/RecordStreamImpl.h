@@ -1,0 +1,86 @@
+#pragma once
+
+#include <atomic>
+#include <boost/date_time/posix_time/posix_time_types.hpp>
+#include <boost/shared_ptr.hpp>
+#include <boost/signals2/connection.hpp>
+#include <cstdint>
+#include <list>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <vector>
+
+#include "calvane/recording/RecordingTrack.h"
+#include "quarn/osa/Runnable.h"
+#include "quarn/osa/Thread.h"
+
+namespace drenn::multi_track_recorder {
+class Track;
+}
+
+namespace quarn::calvane {
+
+/// Sends the records of a track between two times into a socket, each as a frame; docs/reference/bus-interfaces.md
+/// describes them. It waits as long as nobody reads, with one record in memory and no lock held.
+///
+/// Threads:  one of its own reads and writes. Erasing moves its place on the thread that erases, which holds the
+///           track's lock then, as the reading does.
+/// Lifetime: ends by itself behind the last record, when the reader goes, and when it is destroyed.
+class RecordStream : public osa::Runnable {
+public:
+    using Ptime = boost::posix_time::ptime;
+
+    /// Takes `socket` over.
+    RecordStream(RecordingTrack& track, const Ptime& from, const Ptime& to, int socket);
+    ~RecordStream() override;
+    RecordStream(const RecordStream&) = delete;
+    RecordStream& operator=(const RecordStream&) = delete;
+
+    bool hasEnded() const { return _ended; }
+
+private:
+    enum class FrameKind : std::uint8_t { Record = 0, Erased = 1, End = 2, Failed = 3 };
+
+    void Run() override;
+    void Stop() override;
+    void disconnect();
+    void sendAll();
+    bool readNext();
+    void onEraseRange(unsigned int first, unsigned int last);
+    void putFrame(FrameKind kind, unsigned int flags, const Ptime& time, const void* data, std::size_t size);
+    bool sendFrame();
+    bool waitWritable() const;
+
+    RecordingTrack& _track;
+    const boost::shared_ptr<drenn::multi_track_recorder::Track> _store;
+    const Ptime _to;
+    const int _socket;
+    const int _stop; // An eventfd.
+    std::atomic<bool> _ended{false};
+
+    // Guarded by the track's lock.
+    unsigned int _next = 0; // The index of the record to be read.
+    Ptime _lastTime;        // Nothing before this time is left to be sent.
+    bool _erased = false;   // What was to be sent next is gone.
+
+    std::vector<unsigned char> _frame; // The thread's own.
+    boost::signals2::connection _connection;
+    osa::Thread _thread;
+};
+
+/// The streams that are open.
+///
+/// Threads: one at a time.
+class RecordStreams {
+public:
+    static constexpr std::size_t kMost = 16;
+
+    /// Returns the end to read from, the caller's to close. Throws std::runtime_error when kMost are open.
+    int open(RecordingTrack& track, const RecordStream::Ptime& from, const RecordStream::Ptime& to);
+
+private:
+    std::list<RecordStream> _streams;
+};
+
+} // namespace quarn::calvane

@@ -1,0 +1,203 @@
+#include "calvane/services/RecordingDataAccessImpl.h"
+
+#include <algorithm>
+#include <stdexcept>
+#include <string>
+
+#include "calvane/recording/RecordingManager.h"
+#include "calvane/recording/TrackLockImpl.h"
+#include "calvane/services/RecordStreamImpl.h"
+#include "calvane/services/ServiceTimeImpl.h"
+#include "drenn/multi_track_recorder/Track.h"
+
+namespace quarn::calvane {
+namespace {
+
+using boost::posix_time::ptime;
+using drenn::api::CoverageInterval;
+using drenn::api::PayloadRecord;
+using drenn::api::ServiceCursor;
+using drenn::api::ServiceTime;
+using ServiceEvent = drenn::api::HistoryEvent;
+
+/// The recorder, with what is too old for it erased.
+RecordingManager& currentRecorder() {
+    RecordingManager* const recorder = RecordingManager::instance();
+    recorder->enforceMaxRetentionTime();
+    return *recorder;
+}
+
+track_type dataTrack(unsigned int type) {
+    if (type > METADATA_TRACK) {
+        throw std::out_of_range("There is no track of type " + std::to_string(type) +
+                                "; 0 is video, 1 audio, 2 metadata");
+    }
+    return static_cast<track_type>(type);
+}
+
+void checkSpan(const ptime& from, const ptime& to) {
+    if (to < from) {
+        throw std::invalid_argument("The end of the span lies before its begin");
+    }
+}
+
+HistoryCursor fromService(const ServiceCursor& cursor) {
+    return {timeFromService(cursor.time), cursor.passed};
+}
+
+ServiceCursor toService(const HistoryCursor& cursor) {
+    return {serviceFromTime(cursor.time), cursor.passed};
+}
+
+ServiceEvent toService(const HistoryEvent& event) {
+    ServiceEvent result;
+    result.time = serviceFromTime(event.time);
+    result.eventType = event.isOfTrack ? 1 : 0;
+    result.present = event.present ? 1 : 0;
+    result.trackType = event.isOfTrack ? static_cast<unsigned int>(event.track) : 0;
+    return result;
+}
+
+std::vector<ServiceEvent> toService(const std::vector<HistoryEvent>& events) {
+    std::vector<ServiceEvent> result;
+    result.reserve(events.size());
+    for (const HistoryEvent& event : events) {
+        result.push_back(toService(event));
+    }
+    return result;
+}
+
+/// Reads the record at `index` in one piece.
+PayloadRecord readPayload(drenn::multi_track_recorder::Track& track, unsigned int index, ptime& time) {
+    drenn::multi_track_recorder::BlobRecord record;
+    track.seekg(index);
+    track >> record;
+    const unsigned char* data = nullptr;
+    unsigned int size = 0;
+    RecordHeader header;
+    if (!RecordingManager::getPlaybackInfo(record, data, size, header)) {
+        throw std::runtime_error("Parse error in recorded data");
+    }
+    time = timeFromTicks(header.ticks);
+    if (size > RecordingDataAccessImpl::kLongestReplyRecord) {
+        throw std::runtime_error("A record of " + std::to_string(size) +
+                                 " bytes is too long for a reply; read it with openRecords");
+    }
+    return {serviceFromTime(time), {data, data + size}};
+}
+
+/// Where the cursor points to. Of what it has passed, nothing may be left.
+unsigned int indexOf(const RecordingTrack& track, const HistoryCursor& cursor) {
+    const unsigned int size = track.getTrack()->size();
+    unsigned int index = track.getFirstIndexNotBefore(cursor.time);
+    for (unsigned int passed = 0; passed != cursor.passed && index < size; ++passed, ++index) {
+        if (track.getTimestampAtIndex(index) != cursor.time) {
+            break;
+        }
+    }
+    return index;
+}
+
+} // namespace
+
+RecordingDataAccessImpl::RecordingDataAccessImpl(void* logCookie)
+    : DrennApiRecordingDataAccessTargetImplBase(logCookie), _streams(std::make_unique<RecordStreams>()) {}
+
+RecordingDataAccessImpl::~RecordingDataAccessImpl() = default;
+
+unsigned int RecordingDataAccessImpl::getFirstRecordingHistoryEventTime(unsigned int* sec,
+                                                                        unsigned int* usec) {
+    const RecordingTrack& history = currentRecorder().getTrack(RecordingManager::kHistoryTrack);
+    ptime first;
+    ptime last;
+    ServiceTime time;
+    if (history.getRecordingTimePeriod(first, last)) {
+        time = serviceFromTime(first);
+    }
+    *sec = time.sec;
+    *usec = time.usec;
+    return 0;
+}
+
+unsigned int RecordingDataAccessImpl::getRecordingHistoryEvent(const ServiceCursor& from, ServiceEvent* event,
+                                                               ServiceCursor* next) {
+    const HistoryPage page = currentRecorder().getHistoryEvent(fromService(from));
+    if (page.events.empty()) {
+        throw std::out_of_range("No history event at this time or later");
+    }
+    *event = toService(page.events.front());
+    *next = toService(page.next);
+    return 0;
+}
+
+unsigned int RecordingDataAccessImpl::getMetadata(const ServiceCursor& from, const ServiceTime& to,
+                                                  std::vector<PayloadRecord>* records, ServiceCursor* next,
+                                                  unsigned char* more) {
+    const RecordingTrack& metadata = currentRecorder().getTrack(METADATA_TRACK);
+    HistoryCursor cursor = fromService(from);
+    const ptime last = timeFromService(to);
+    checkSpan(cursor.time, last);
+    drenn::multi_track_recorder::Track& track = *metadata.getTrack();
+    const TrackLock lock(track);
+    const ReadPositionKeeper keeper(track);
+    std::size_t bytes = 0;
+    *more = 0;
+    for (unsigned int index = indexOf(metadata, cursor); index < track.size(); ++index) {
+        ptime time = metadata.getTimestampAtIndex(index);
+        if (time > last) {
+            break;
+        }
+        PayloadRecord record = readPayload(track, index, time);
+        if (!records->empty() &&
+            (records->size() == kMostReplyEntries || bytes + record.payload.size() > kMostReplyBytes)) {
+            *more = 1;
+            break;
+        }
+        bytes += record.payload.size();
+        records->push_back(std::move(record));
+        cursor = {time, time == cursor.time ? cursor.passed + 1 : 1};
+    }
+    *next = toService(cursor);
+    return 0;
+}
+
+unsigned int RecordingDataAccessImpl::getCoverage(unsigned int trackType, const ServiceTime& from,
+                                                  const ServiceTime& to,
+                                                  std::vector<CoverageInterval>* intervals) {
+    const auto spans =
+        currentRecorder().getCoverage(dataTrack(trackType), timeFromService(from), timeFromService(to));
+    for (const CoverageSpan& span : spans) {
+        intervals->push_back(
+            {serviceFromTime(span.start), serviceFromTime(span.end), static_cast<unsigned int>(span.reason)});
+    }
+    return 0;
+}
+
+unsigned int RecordingDataAccessImpl::findHistory(const ServiceTime& from, const ServiceTime& to,
+                                                  unsigned char backward, unsigned int max,
+                                                  const ServiceCursor& cursor,
+                                                  std::vector<ServiceEvent>* state,
+                                                  std::vector<ServiceEvent>* events, ServiceCursor* next,
+                                                  unsigned char* more) {
+    const ptime begin = timeFromService(from);
+    const ptime end = timeFromService(to);
+    checkSpan(begin, end);
+    const HistoryPage page = currentRecorder().findHistory(
+        begin, end, backward != 0, std::min(max, kMostReplyEntries), fromService(cursor));
+    *state = toService(page.state);
+    *events = toService(page.events);
+    *next = toService(page.next);
+    *more = page.more ? 1 : 0;
+    return 0;
+}
+
+unsigned int RecordingDataAccessImpl::openRecords(unsigned int trackType, const ServiceTime& from,
+                                                  const ServiceTime& to, int* fd) {
+    const ptime begin = timeFromService(from);
+    const ptime end = timeFromService(to);
+    checkSpan(begin, end);
+    *fd = _streams->open(currentRecorder().getTrack(dataTrack(trackType)), begin, end);
+    return 0;
+}
+
+} // namespace quarn::calvane

@@ -1,0 +1,56 @@
+#pragma once
+
+#include <map>
+#include <optional>
+#include <string>
+
+#include "GapWatch.h"
+#include "calvane/buffer/BufferFormat.h"
+#include "calvane/graph/BasicSinkPlugin.h"
+#include "calvane/recording/track_type.h"
+
+namespace quarn::calvane {
+class CalvaneEnv;
+class RecordingTrack;
+} // namespace quarn::calvane
+
+namespace recording {
+
+/// Records every buffer on a track of the device's recording (docs/reference/record-format.md).
+///
+/// A record's time is the buffer's timestamp, in UTC; the clock's if the buffer has none. The track's info holds what
+/// the buffers' format says (see MakeTrackInfo) and the info settings. A buffer with the metadata "KeyFrame" other
+/// than 0 is marked as one to start with, one with "FirstAfterGap" as one that data is missing in front of. Data
+/// counts as absent when no buffer came for "gap.timeout.ms".
+///
+/// The pipeline goes on when a buffer cannot be recorded, because there is no card, say, or the clock is not set:
+/// it is dropped, and the first of a row is logged.
+///
+/// Settings: "track" (required): video, audio or metadata; "gap.timeout.ms" (500), from 1 to 1000; "clock" (0): 1
+///           takes the time of all records from the clock; "info." and a key: a value for the track's info, which
+///           goes before what the format says.
+class RecordingSink : public quarn::calvane::BasicSinkPlugin {
+public:
+    RecordingSink(quarn::calvane::CalvaneEnv* env, const quarn::calvane::IPluginConfiguration& config);
+    ~RecordingSink() override;
+
+    void OnBuffer(const quarn::calvane::Sink* sink, quarn::calvane::Buffer* buffer) override;
+
+private:
+    quarn::calvane::track_type ReadTrack(const quarn::calvane::IPluginConfiguration& config) const;
+    std::chrono::milliseconds ReadTimeout(const quarn::calvane::IPluginConfiguration& config) const;
+    void ReadInfo(const quarn::calvane::IPluginConfiguration& config);
+    void Record(const quarn::calvane::Buffer& buffer);
+    void UpdateInfo(quarn::calvane::RecordingTrack& track, const quarn::calvane::BufferFormat& format);
+    boost::posix_time::ptime TimeOf(const quarn::calvane::Buffer& buffer) const;
+    void TakeLoss(const std::string& reason);
+
+    const quarn::calvane::track_type track_;
+    const bool useClock_;
+    std::map<std::string, std::string> givenInfo_;
+    std::optional<quarn::calvane::BufferFormat> format_; // Which the track's info was made from.
+    unsigned long long lost_ = 0;                        // In this row.
+    GapWatch gaps_;
+};
+
+} // namespace recording

@@ -1,0 +1,5 @@
+#include "TestRecordSource.h"
+#include "calvane/config/ModuleDefinition.h"
+
+CALVANE_DEFINE_MODULE();
+CALVANE_EXPORT_PLUGIN(testrecords::, TestRecordSource);

@@ -1,0 +1,224 @@
+#include "RecorderHost.h"
+
+#include <systemd/sd-daemon.h>
+
+#include <algorithm>
+#include <boost/date_time/posix_time/posix_time.hpp>
+#include <optional>
+#include <thread>
+#include <utility>
+
+#include "calvane/DescribedPipelines.h"
+#include "calvane/ExitStatus.h"
+#include "calvane/Findings.h"
+#include "calvane/recording/RecordingManager.h"
+#include "drenn/core/Settings.h"
+#include "quarn/core/Logger.h"
+
+namespace calvane_recorder {
+
+using namespace calvane_program;
+using namespace std::chrono_literals;
+using quarn::calvane::PipelineState;
+using quarn::calvane::PipelineStatus;
+using quarn::calvane::RecordingManager;
+using quarn::core::Logger;
+
+namespace {
+
+constexpr auto kHistoryPeriod = 250ms;
+constexpr auto kRetentionPeriod = 10s;
+// What has been reported is written to the history no earlier; see RecordingManager::processHistorySaveQueue.
+constexpr auto kHistoryHold = 1500ms;
+
+Logger* GetLogger() {
+    static Logger* const logger = Logger::GetLogger("calvane-recorder");
+    return logger;
+}
+
+/// The recorder's lifetime.
+class Recorder {
+public:
+    explicit Recorder(const std::string& root) {
+        RecordingManager::setRecordingRootPath(root);
+        RecordingManager::init();
+    }
+    ~Recorder() { RecordingManager::deinit(); }
+    Recorder(const Recorder&) = delete;
+    Recorder& operator=(const Recorder&) = delete;
+};
+
+bool AnyFailed(const std::vector<PipelineStatus>& pipelines) {
+    return std::any_of(pipelines.begin(), pipelines.end(), [](const PipelineStatus& pipeline) {
+        return pipeline.state == PipelineState::Failed;
+    });
+}
+
+} // namespace
+
+RecorderHost::RecorderHost(HostOptions options) : options_(std::move(options)) {}
+
+RecorderHost::~RecorderHost() = default;
+
+int RecorderHost::Run() {
+    std::optional<quarn::core::IniFile> ini;
+    if (!options_.file.empty()) {
+        ini.emplace(options_.file);
+        unsigned int warnings = 0;
+        if (PrintFindings(*ini, warnings) != 0) {
+            return kBadInput;
+        }
+    }
+    watcher_.Watch([this] {
+        const std::lock_guard<std::mutex> guard(lock_);
+        stop_ = true;
+        stopped_.notify_all();
+    });
+    const int status = RunServices(ini ? &*ini : nullptr);
+    watcher_.End();
+    return status;
+}
+
+int RecorderHost::RunServices(const quarn::core::IniFile* ini) {
+    std::optional<Recorder> recorder;
+    try {
+        recorder.emplace(options_.root);
+        RecordingManager::instance();
+        recording_ = true;
+    } catch (const std::exception& problem) {
+        if (!recorder) {
+            PrintError(std::string("calvane-recorder: ") + problem.what());
+            return kFailedWhileRunning;
+        }
+        SayWhatToDo();
+    }
+    int status = kDone;
+    if (ini != nullptr) {
+        DescribedPipelines pipelines(*ini);
+        status = pipelines.Load() ? RunPipelines(pipelines) : kBadInput;
+    } else {
+        Serve(nullptr);
+    }
+    // The pipelines are gone, and with them the last report of data that ends.
+    WriteLastHistory();
+    return status;
+}
+
+void RecorderHost::SayWhatToDo() const {
+    const char* const root = options_.root.c_str();
+    switch (RecordingManager::_recordingDisabledReason) {
+        case 4:
+            GetLogger()->Warning(
+                "There is no card at %s. Mount one there (ext4, made with mkfs.ext4 -m 0) and start again",
+                root);
+            break;
+        case 5:
+            GetLogger()->Warning(
+                "%s holds other things than \"data\" and \"database\". Take them away, or mount an empty "
+                "card, and "
+                "start again",
+                root);
+            break;
+        default:
+            GetLogger()->Warning(
+                "The recording at %s could not be opened, for the reason above. calvane-store verify and "
+                "calvane-store rebuild look after it",
+                root);
+            break;
+    }
+}
+
+int RecorderHost::RunPipelines(DescribedPipelines& pipelines) {
+    try {
+        pipelines.GetManager().Start();
+        Serve(&pipelines);
+    } catch (const std::exception& problem) {
+        PrintError(std::string("calvane-recorder: ") + problem.what());
+        EndPipelines(pipelines);
+        return kFailedWhileRunning;
+    }
+    return EndPipelines(pipelines);
+}
+
+/// Until a signal, or until a pipeline has failed. When they merely run out of data, what is recorded can still be
+/// asked for.
+void RecorderHost::Serve(DescribedPipelines* pipelines) {
+    sd_notify(0, "READY=1\nSTATUS=recording");
+    if (!recording_) {
+        sd_notify(0, "STATUS=recording is disabled, see the log");
+    }
+    while (!WaitForStop(kHistoryPeriod)) {
+        DoUpkeep();
+        sd_notify(0, "WATCHDOG=1");
+        if (pipelines != nullptr && AnyFailed(pipelines->GetManager().GetStatus())) {
+            break;
+        }
+    }
+    sd_notify(0, "STOPPING=1");
+}
+
+bool RecorderHost::WaitForStop(std::chrono::milliseconds time) {
+    std::unique_lock<std::mutex> guard(lock_);
+    return stopped_.wait_for(guard, time, [this] { return stop_; });
+}
+
+/// Any process may have set another limit.
+void RecorderHost::TakeRetentionSetting() {
+    int seconds = 0;
+    int microseconds = 0;
+    if (drenn_core_settings_get_int_value(quarn::calvane::kMaxRetentionTimeSeconds, &seconds) != 0 ||
+        drenn_core_settings_get_int_value(quarn::calvane::kMaxRetentionTimeMicroseconds, &microseconds) !=
+            0) {
+        return; // Said in the log; the limit stays.
+    }
+    const boost::posix_time::time_duration limit =
+        boost::posix_time::seconds(seconds) + boost::posix_time::microseconds(microseconds);
+    if (limit != RecordingManager::getMaxRetentionTime()) {
+        GetLogger()->Information("Recorded data is kept for %s from now on (0: without limit)",
+                                 boost::posix_time::to_simple_string(limit).c_str());
+        RecordingManager::setMaxRetentionTime(limit);
+    }
+}
+
+void RecorderHost::DoUpkeep() {
+    if (!recording_) {
+        return;
+    }
+    try {
+        TakeRetentionSetting();
+        RecordingManager::instance()->processHistorySaveQueue();
+        const auto now = std::chrono::steady_clock::now();
+        if (now >= nextRetention_) {
+            RecordingManager::instance()->enforceMaxRetentionTime();
+            nextRetention_ = now + kRetentionPeriod;
+        }
+    } catch (const std::exception& problem) {
+        GetLogger()->Warning("Upkeep of the recording failed: %s", problem.what());
+    }
+}
+
+int RecorderHost::EndPipelines(DescribedPipelines& pipelines) const {
+    try {
+        pipelines.GetManager().SignalShutdown();
+        pipelines.GetManager().WaitForFinish();
+        pipelines.GetManager().Drain();
+        pipelines.GetManager().WaitForFinish();
+        return kDone;
+    } catch (const std::exception& problem) {
+        PrintError(std::string("calvane-recorder: ") + problem.what());
+        return kFailedWhileRunning;
+    }
+}
+
+void RecorderHost::WriteLastHistory() {
+    if (!recording_) {
+        return;
+    }
+    const auto end = std::chrono::steady_clock::now() + kHistoryHold + kHistoryPeriod;
+    while (std::chrono::steady_clock::now() < end) {
+        std::this_thread::sleep_for(kHistoryPeriod);
+        DoUpkeep();
+    }
+}
+
+} // namespace calvane_recorder

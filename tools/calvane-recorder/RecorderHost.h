@@ -1,0 +1,58 @@
+#pragma once
+
+#include <chrono>
+#include <condition_variable>
+#include <memory>
+#include <mutex>
+#include <string>
+
+#include "calvane/SignalWatcher.h"
+#include "quarn/core/IniFile.h"
+
+namespace calvane_program {
+class DescribedPipelines;
+}
+
+namespace calvane_recorder {
+
+struct HostOptions {
+    std::string root = "/media/sd/";
+    std::string file; ///< The description of the pipelines; empty for none.
+};
+
+/// The recorder's process: keeps the recording, its services and the pipelines that feed it, from the first line to
+/// the orderly end.
+///
+/// Threads:  the main one; stopping comes from the signals' thread.
+/// Lifetime: Run once.
+class RecorderHost {
+public:
+    /// Before any other thread is made.
+    explicit RecorderHost(HostOptions options);
+    ~RecorderHost();
+
+    /// Until SIGTERM or SIGINT, or until a pipeline fails. Returns the exit status.
+    int Run();
+
+private:
+    int RunServices(const quarn::core::IniFile* ini);
+    int RunPipelines(calvane_program::DescribedPipelines& pipelines);
+    void SayWhatToDo() const;
+    bool WaitForStop(std::chrono::milliseconds time);
+    void Serve(calvane_program::DescribedPipelines* pipelines);
+    int EndPipelines(calvane_program::DescribedPipelines& pipelines) const;
+    void TakeRetentionSetting();
+    void DoUpkeep();
+    void WriteLastHistory();
+
+    const HostOptions options_;
+    calvane_program::SignalWatcher watcher_;
+    bool recording_ = false; // Otherwise there are only the services.
+    std::chrono::steady_clock::time_point nextRetention_;
+
+    std::mutex lock_;
+    std::condition_variable stopped_;
+    bool stop_ = false; // Guarded by lock_.
+};
+
+} // namespace calvane_recorder

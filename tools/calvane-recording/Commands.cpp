@@ -1,0 +1,392 @@
+#include "Commands.h"
+
+#include <array>
+#include <chrono>
+#include <cstdio>
+#include <iostream>
+#include <limits>
+#include <nlohmann/json.hpp>
+#include <stdexcept>
+#include <thread>
+#include <vector>
+
+#include "RecordReader.h"
+#include "RecordingClient.h"
+#include "Timeline.h"
+#include "quarn/settings/QuarnSettingsClient.h"
+
+namespace calvane_recording {
+namespace {
+
+using nlohmann::json;
+
+constexpr std::array<const char*, 3> kTracks{"video", "audio", "metadata"};
+constexpr const char* kRetentionSeconds = "recording.max.retention.sec";
+constexpr const char* kRetentionMicroseconds = "recording.max.retention.usec";
+constexpr auto kFollowPeriod = std::chrono::milliseconds(500);
+
+unsigned int TrackOf(const std::string& name) {
+    for (unsigned int track = 0; track != kTracks.size(); ++track) {
+        if (name == kTracks[track]) {
+            return track;
+        }
+    }
+    throw std::invalid_argument("Not a track: \"" + name + "\" (video, audio or metadata)");
+}
+
+std::string NameOf(unsigned int track) {
+    return track < kTracks.size() ? kTracks[track] : "track " + std::to_string(track);
+}
+
+/// The tracks that are asked for.
+std::vector<unsigned int> TracksOf(const Options& options) {
+    if (options.track.empty()) {
+        return {0, 1, 2};
+    }
+    return {TrackOf(options.track)};
+}
+
+/// From begin to now, unless the options say otherwise.
+Span SpanOf(const Options& options) {
+    const Time now = Now();
+    const Span span{options.from.empty() ? 0 : ParseTime(options.from, now),
+                    options.to.empty() ? now : ParseTime(options.to, now)};
+    if (span.last < span.first) {
+        throw std::invalid_argument("The span ends (" + TimeText(span.last) + ") before it begins (" +
+                                    TimeText(span.first) + ")");
+    }
+    return span;
+}
+
+json ToJson(const Span& span) {
+    return {{"first", TimeText(span.first)}, {"last", TimeText(span.last)}};
+}
+
+std::string ToText(const Span& span) {
+    return TimeText(span.first) + " to " + TimeText(span.last) + " (" + DurationText(span.last - span.first) +
+           ")";
+}
+
+void Print(const json& facts) {
+    std::cout << facts.dump(2) << "\n";
+}
+
+/// One line for a program that reads on.
+void PrintLine(const json& facts) {
+    std::cout << facts.dump() << std::endl;
+}
+
+json ToJson(const Event& event) {
+    json facts{{"time", TimeText(event.time)},
+               {"event", event.isOfTrack ? "data" : "recording"},
+               {"present", event.present}};
+    if (event.isOfTrack) {
+        facts["track"] = NameOf(event.track);
+    }
+    return facts;
+}
+
+std::string ToText(const Event& event) {
+    const std::string what = event.isOfTrack ? NameOf(event.track) + " data " : "recording ";
+    const char* const change =
+        event.isOfTrack ? (event.present ? "present" : "absent") : (event.present ? "started" : "stopped");
+    return TimeText(event.time) + "  " + what + change;
+}
+
+const char* ReasonText(unsigned int reason) {
+    constexpr std::array<const char*, 7> kReasons{"data",    "stopped", "no card", "erased",
+                                                  "dropped", "clock",   "unknown"};
+    return kReasons[reason < kReasons.size() ? reason : kReasons.size() - 1];
+}
+
+/// The attributes at a time, or null when there are none.
+json AttributesOf(RecordingClient& client, unsigned int track, Time at) {
+    if (track == 0) {
+        const VideoAttributes video = client.GetVideoAttributes(at);
+        return {{"encoding", video.encoding}, {"width", video.width},         {"height", video.height},
+                {"bitrate", video.bitrate},   {"frameRate", video.frameRate}, {"range", ToJson(video.range)}};
+    }
+    if (track == 1) {
+        const AudioAttributes audio = client.GetAudioAttributes(at);
+        return {{"bitsPerSample", audio.bitsPerSample},
+                {"channels", audio.channels},
+                {"samplingFrequency", audio.samplingFrequency},
+                {"range", ToJson(audio.range)}};
+    }
+    return nullptr;
+}
+
+std::string AttributesText(const json& attributes) {
+    std::string text;
+    for (const auto& [name, value] : attributes.items()) {
+        if (name != "range") {
+            text += (text.empty() ? "" : ", ") + name + " " + value.dump();
+        }
+    }
+    return text;
+}
+
+/// Prints the events behind `last` and returns how far it came.
+Time FollowHistory(RecordingClient& client, const Options& options, Time last) {
+    const Time now = Now();
+    for (const Event& event : client.GetHistory({last + 1, now}).events) {
+        if (options.json) {
+            PrintLine(ToJson(event));
+        } else {
+            std::cout << ToText(event) << std::endl;
+        }
+        last = event.time;
+    }
+    return last;
+}
+
+void ListFrame(const Frame& frame, const Options& options) {
+    if (options.json) {
+        PrintLine({{"time", TimeText(frame.time)},
+                   {"bytes", frame.payload.size()},
+                   {"keyFrame", (frame.flags & 1) != 0},
+                   {"discontinuity", (frame.flags & 2) != 0}});
+    } else {
+        std::cout << TimeText(frame.time) << "  " << frame.payload.size() << " bytes"
+                  << ((frame.flags & 1) != 0 ? "  key frame" : "")
+                  << ((frame.flags & 2) != 0 ? "  after a gap" : "") << "\n";
+    }
+}
+
+} // namespace
+
+void PrintSummary(RecordingClient& client, const Options& options) {
+    const Span span = client.GetSummary();
+    if (options.json) {
+        Print(span.IsEmpty() ? json(nullptr) : ToJson(span));
+    } else {
+        std::cout << (span.IsEmpty() ? "Nothing is recorded" : "Recorded from " + ToText(span)) << "\n";
+    }
+}
+
+void PrintTracks(RecordingClient& client, const Options& options) {
+    json all = json::object();
+    for (const unsigned int track : TracksOf(options)) {
+        const Span span = client.GetTrackSummary(track);
+        if (span.IsEmpty()) {
+            all[NameOf(track)] = nullptr;
+            continue;
+        }
+        json facts = ToJson(span);
+        facts["duration"] = DurationText(span.last - span.first);
+        try {
+            facts["attributes"] = AttributesOf(client, track, span.last);
+        } catch (const std::exception&) {
+            facts["attributes"] = nullptr; // The producer told none.
+        }
+        all[NameOf(track)] = facts;
+    }
+    if (options.json) {
+        Print(all);
+        return;
+    }
+    for (const char* const track : kTracks) {
+        if (!all.contains(track)) {
+            continue;
+        }
+        const json& facts = all[track];
+        std::printf("%-9s ", track);
+        if (facts.is_null()) {
+            std::printf("nothing is recorded\n");
+            continue;
+        }
+        const std::string first = facts["first"];
+        const std::string last = facts["last"];
+        const std::string duration = facts["duration"];
+        std::printf("%s to %s (%s)  %s\n", first.c_str(), last.c_str(), duration.c_str(),
+                    facts["attributes"].is_null() ? "" : AttributesText(facts["attributes"]).c_str());
+    }
+    std::fflush(stdout);
+}
+
+void PrintHistory(RecordingClient& client, const Options& options) {
+    const Span span = SpanOf(options);
+    const History history = client.GetHistory(span);
+    if (options.json && !options.follow) {
+        json facts{{"state", json::array()}, {"events", json::array()}};
+        for (const Event& event : history.state) {
+            facts["state"].push_back(ToJson(event));
+        }
+        for (const Event& event : history.events) {
+            facts["events"].push_back(ToJson(event));
+        }
+        Print(facts);
+        return;
+    }
+    for (const Event& event : history.state) {
+        if (!options.json) {
+            std::cout << ToText(event) << "  (before)\n";
+        }
+    }
+    for (const Event& event : history.events) {
+        if (options.json) {
+            PrintLine(ToJson(event));
+        } else {
+            std::cout << ToText(event) << "\n";
+        }
+    }
+    std::cout << std::flush;
+    Time last = history.events.empty() ? span.last : history.events.back().time;
+    while (options.follow && std::cout) {
+        std::this_thread::sleep_for(kFollowPeriod);
+        last = FollowHistory(client, options, last);
+    }
+}
+
+void PrintState(RecordingClient& client, const Options& options) {
+    const Time at = ParseTime(options.at, Now());
+    const State state = client.GetState(at);
+    if (options.json) {
+        Print({{"at", TimeText(at)},
+               {"recording", state.recording},
+               {"video", state.video},
+               {"audio", state.audio},
+               {"metadata", state.metadata}});
+        return;
+    }
+    const auto word = [](bool there) { return there ? "yes" : "no"; };
+    std::cout << "At " << TimeText(at) << "\n  recording " << word(state.recording) << "\n  video     "
+              << word(state.video) << "\n  audio     " << word(state.audio) << "\n  metadata  "
+              << word(state.metadata) << "\n";
+}
+
+void PrintCoverage(RecordingClient& client, const Options& options) {
+    Span span = SpanOf(options);
+    if (options.from.empty()) { // Nothing is known of 1970.
+        const Span summary = client.GetSummary();
+        span.first = summary.IsEmpty() ? span.last : summary.first;
+    }
+    json all = json::object();
+    for (const unsigned int track : TracksOf(options)) {
+        const auto intervals = client.GetCoverage(track, span);
+        if (!options.json) {
+            std::printf("%-9s |%s|\n", NameOf(track).c_str(), Timeline(intervals, span).c_str());
+        }
+        json list = json::array();
+        for (const Interval& interval : intervals) {
+            json facts = ToJson(interval.span);
+            facts["reason"] = ReasonText(interval.reason);
+            list.push_back(facts);
+            if (!options.json) {
+                std::printf("          %s  %s\n", ToText(interval.span).c_str(), ReasonText(interval.reason));
+            }
+        }
+        all[NameOf(track)] = list;
+    }
+    std::fflush(stdout);
+    if (options.json) {
+        Print(all);
+    }
+}
+
+void PrintAttributes(RecordingClient& client, const Options& options) {
+    json all = json::object();
+    std::string problems;
+    for (const unsigned int track : {0U, 1U}) {
+        if (!options.track.empty() && track != TrackOf(options.track)) {
+            continue;
+        }
+        try {
+            // The last record is as much of now as there is.
+            const Time at =
+                options.at == "now" ? client.GetTrackSummary(track).last : ParseTime(options.at, Now());
+            all[NameOf(track)] = AttributesOf(client, track, at);
+        } catch (const std::invalid_argument&) {
+            throw;
+        } catch (const std::exception& problem) {
+            problems += (problems.empty() ? "" : "; ") + std::string(problem.what());
+        }
+    }
+    if (all.empty()) {
+        throw std::runtime_error(problems.empty() ? "Only video and audio have attributes" : problems);
+    }
+    if (options.json) {
+        Print(all);
+        return;
+    }
+    for (const auto& [track, attributes] : all.items()) {
+        const std::string first = attributes["range"]["first"];
+        const std::string last = attributes["range"]["last"];
+        std::cout << track << ": " << AttributesText(attributes) << "\n  from " << first << " to " << last
+                  << "\n";
+    }
+}
+
+void ReadRecords(RecordingClient& client, const Options& options) {
+    RecordReader reader(client.OpenRecords(TrackOf(options.track), SpanOf(options)));
+    unsigned int gaps = 0;
+    for (Frame frame = reader.Read(); frame.kind != Frame::kEnd; frame = reader.Read()) {
+        switch (frame.kind) {
+            case Frame::kErased:
+                ++gaps;
+                std::cerr << "calvane-recording: data after " << TimeText(frame.time)
+                          << " was erased while it was read\n";
+                break;
+            case Frame::kFailed:
+                throw std::runtime_error("The recorder could not read on: " +
+                                         std::string(frame.payload.begin(), frame.payload.end()));
+            default:
+                if (options.list) {
+                    ListFrame(frame, options);
+                } else {
+                    std::cout.write(frame.payload.data(), static_cast<std::streamsize>(frame.payload.size()));
+                }
+        }
+        if (!std::cout) {
+            throw std::runtime_error("Cannot write the records");
+        }
+    }
+    std::cout << std::flush;
+    if (gaps != 0) {
+        throw std::runtime_error("Not all of the data was there any more");
+    }
+}
+
+void Watch(RecordingClient& client, const Options& options) {
+    client.Watch(
+        [&](unsigned int track, bool present) {
+            if (options.json) {
+                PrintLine({{"event", "dataPresent"}, {"track", NameOf(track)}, {"present", present}});
+            } else {
+                std::cout << NameOf(track) << (present ? " data present" : " data absent") << std::endl;
+            }
+        },
+        [&](unsigned int track, const Span& span) {
+            if (options.json) {
+                PrintLine({{"event", "dataDeleted"}, {"track", NameOf(track)}, {"span", ToJson(span)}});
+            } else {
+                std::cout << NameOf(track) << " data deleted: " << ToText(span) << std::endl;
+            }
+        });
+}
+
+void GetRetention(const Options& options) {
+    const quarn::settings::QuarnSettingsClient settings(nullptr);
+    const Time limit = settings.GetInt(kRetentionSeconds).value_or(0) * kSecond +
+                       settings.GetInt(kRetentionMicroseconds).value_or(0);
+    if (options.json) {
+        Print({{"seconds", static_cast<double>(limit) / kSecond}});
+    } else if (limit <= 0) {
+        std::cout << "Recorded data is kept as long as there is room\n";
+    } else {
+        std::cout << "Recorded data is kept for " << DurationText(limit) << "\n";
+    }
+}
+
+void SetRetention(const Options& options) {
+    const Time limit = options.limit == "none" ? 0 : ParseDuration(options.limit);
+    if (limit / kSecond > std::numeric_limits<std::int32_t>::max()) {
+        throw std::invalid_argument("Not a limit: \"" + options.limit + "\" is longer than 68 years");
+    }
+    quarn::settings::QuarnSettingsClient settings(nullptr);
+    settings.Set(kRetentionSeconds, std::int64_t{limit / kSecond});
+    settings.Set(kRetentionMicroseconds, std::int64_t{limit % kSecond});
+    GetRetention(options);
+}
+
+} // namespace calvane_recording

@@ -1,0 +1,38 @@
+#pragma once
+
+#include <optional>
+#include <string>
+
+#include "TimeText.h"
+
+namespace calvane_recording {
+
+class RecordingClient;
+
+/// What the command line says. Times are as they were written, since "now" is when the command runs.
+struct Options {
+    bool json = false;
+    std::string from;
+    std::string to;
+    std::string at = "now";
+    std::string track; ///< Empty for all of them.
+    bool follow = false;
+    bool list = false;
+    std::string limit; ///< Of retention; empty to ask.
+};
+
+// Each prints its answer to the standard output stream and throws std::exception when there is none.
+void PrintSummary(RecordingClient& client, const Options& options);
+void PrintTracks(RecordingClient& client, const Options& options);
+void PrintHistory(RecordingClient& client, const Options& options);
+void PrintState(RecordingClient& client, const Options& options);
+void PrintCoverage(RecordingClient& client, const Options& options);
+void PrintAttributes(RecordingClient& client, const Options& options);
+/// Throws also when some of what was to be read was erased meanwhile; the rest has been written.
+void ReadRecords(RecordingClient& client, const Options& options);
+void Watch(RecordingClient& client, const Options& options);
+/// Works on the settings, and so without a recorder, too.
+void GetRetention(const Options& options);
+void SetRetention(const Options& options);
+
+} // namespace calvane_recording

@@ -1,0 +1,39 @@
+#pragma once
+
+#include <cstdint>
+#include <vector>
+
+#include "TimeText.h"
+
+namespace calvane_recording {
+
+/// One piece of what openRecords hands over; docs/reference/bus-interfaces.md describes it.
+struct Frame {
+    enum Kind : std::uint8_t { kRecord = 0, kErased = 1, kEnd = 2, kFailed = 3 };
+
+    Kind kind = kEnd;
+    unsigned int flags = 0;
+    Time time = 0;
+    std::vector<char> payload;
+};
+
+/// Reads frames from a descriptor, which it closes.
+///
+/// Errors: std::runtime_error when the stream ends within a frame or without its last one, or is not one.
+class RecordReader {
+public:
+    explicit RecordReader(int descriptor) : descriptor_(descriptor) {}
+    ~RecordReader();
+    RecordReader(const RecordReader&) = delete;
+    RecordReader& operator=(const RecordReader&) = delete;
+
+    /// The last frame is kEnd or kFailed.
+    Frame Read();
+
+private:
+    void ReadFully(void* bytes, std::size_t size) const;
+
+    const int descriptor_;
+};
+
+} // namespace calvane_recording

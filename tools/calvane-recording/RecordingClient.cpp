@@ -1,0 +1,188 @@
+#include "RecordingClient.h"
+
+#include <poll.h>
+
+#include <algorithm>
+#include <stdexcept>
+#include <utility>
+
+#include "quarn/msgbus/BusLink.h"
+
+namespace calvane_recording {
+namespace {
+
+using U = std::uint32_t;
+
+U SecondsOf(Time time) {
+    return static_cast<U>(time < 0 ? 0 : std::min(time / kSecond, Time{0xFFFFFFFF}));
+}
+
+U MicrosecondsOf(Time time) {
+    return static_cast<U>(time < 0 ? 0 : time % kSecond);
+}
+
+Time FromParts(U seconds, U microseconds) {
+    return Time{seconds} * kSecond + microseconds;
+}
+
+std::string Explain(const sdbus::Error& problem) {
+    const std::string& name = problem.getName();
+    if (name == "org.freedesktop.DBus.Error.ServiceUnknown" ||
+        name == "org.freedesktop.DBus.Error.NameHasNoOwner") {
+        return "The recorder does not run on this bus: start calvane-recorder, or choose the bus with --bus";
+    }
+    if (name == "org.freedesktop.DBus.Error.AccessDenied") {
+        return "The bus denies access: only members of the group \"recording\" may ask the recorder (" +
+               problem.getMessage() + ")";
+    }
+    if (name == "org.freedesktop.DBus.Error.Disconnected") {
+        return "The bus was lost: " + problem.getMessage();
+    }
+    return problem.getMessage();
+}
+
+/// Makes a call and words its failure for people.
+template <typename Call>
+auto Ask(const Call& call) -> decltype(call()) {
+    try {
+        return call();
+    } catch (const sdbus::Error& problem) {
+        throw std::runtime_error(Explain(problem));
+    }
+}
+
+template <typename Events>
+void AddEvents(const Events& from, std::vector<Event>& to) {
+    for (const auto& event : from) {
+        to.push_back({FromParts(std::get<0>(event), std::get<1>(event)), std::get<2>(event) == 1,
+                      std::get<3>(event) != 0, std::get<4>(event)});
+    }
+}
+
+} // namespace
+
+class RecordingClient::Information : public sdbus::ProxyInterfaces<com::drenn::RecordingInformation1_proxy> {
+public:
+    explicit Information(sdbus::IConnection& connection)
+        : ProxyInterfaces(connection, "com.drenn.recording_information", "/com/drenn/recording_information") {
+        registerProxy();
+    }
+    virtual ~Information() { unregisterProxy(); }
+
+    OnPresent onPresent;
+    OnDeleted onDeleted;
+
+private:
+    void onDataPresent(const U& track, const std::uint8_t& present) override {
+        if (onPresent) {
+            onPresent(track, present != 0);
+        }
+    }
+    void onDataDeleted(const U& track, const U& startSec, const U& startUsec, const U& endSec,
+                       const U& endUsec) override {
+        if (onDeleted) {
+            onDeleted(track, {FromParts(startSec, startUsec), FromParts(endSec, endUsec)});
+        }
+    }
+};
+
+class RecordingClient::DataAccess : public sdbus::ProxyInterfaces<com::drenn::RecordingDataAccess1_proxy> {
+public:
+    explicit DataAccess(sdbus::IConnection& connection)
+        : ProxyInterfaces(connection, "com.drenn.recording_data_access", "/com/drenn/recording_data_access") {
+        registerProxy();
+    }
+    virtual ~DataAccess() { unregisterProxy(); }
+};
+
+RecordingClient::RecordingClient()
+    : connection_(quarn::msgbus::BusLink::OpenBus()),
+      information_(std::make_unique<Information>(*connection_)),
+      dataAccess_(std::make_unique<DataAccess>(*connection_)) {}
+
+RecordingClient::~RecordingClient() = default;
+
+Span RecordingClient::GetSummary() {
+    const auto [firstSec, firstUsec, lastSec, lastUsec] =
+        Ask([&] { return information_->getRecordingSummary(); });
+    return {FromParts(firstSec, firstUsec), FromParts(lastSec, lastUsec)};
+}
+
+Span RecordingClient::GetTrackSummary(unsigned int track) {
+    const auto [firstSec, firstUsec, lastSec, lastUsec] =
+        Ask([&] { return information_->getTrackSummary(track); });
+    return {FromParts(firstSec, firstUsec), FromParts(lastSec, lastUsec)};
+}
+
+State RecordingClient::GetState(Time at) {
+    const auto [recording, video, audio, metadata] =
+        Ask([&] { return information_->getRecordingState(SecondsOf(at), MicrosecondsOf(at)); });
+    return {recording != 0, video != 0, audio != 0, metadata != 0};
+}
+
+AudioAttributes RecordingClient::GetAudioAttributes(Time at) {
+    const auto [bits, channels, frequency, startSec, startUsec, endSec, endUsec] =
+        Ask([&] { return information_->getAudioAttributes(SecondsOf(at), MicrosecondsOf(at)); });
+    return {bits, channels, frequency, {FromParts(startSec, startUsec), FromParts(endSec, endUsec)}};
+}
+
+VideoAttributes RecordingClient::GetVideoAttributes(Time at) {
+    const auto [encoding, width, height, bitrate, rate, startSec, startUsec, endSec, endUsec] =
+        Ask([&] { return information_->getVideoAttributes(SecondsOf(at), MicrosecondsOf(at)); });
+    return {encoding, width, height,
+            bitrate,  rate,  {FromParts(startSec, startUsec), FromParts(endSec, endUsec)}};
+}
+
+std::vector<Interval> RecordingClient::GetCoverage(unsigned int track, const Span& span) {
+    std::vector<Interval> intervals;
+    for (const auto& interval : Ask([&] {
+             return dataAccess_->getCoverage(track, SecondsOf(span.first), MicrosecondsOf(span.first),
+                                             SecondsOf(span.last), MicrosecondsOf(span.last));
+         })) {
+        intervals.push_back({{FromParts(std::get<0>(interval), std::get<1>(interval)),
+                              FromParts(std::get<2>(interval), std::get<3>(interval))},
+                             std::get<4>(interval)});
+    }
+    return intervals;
+}
+
+History RecordingClient::GetHistory(const Span& span) {
+    History history;
+    sdbus::Struct<U, U, U> cursor(SecondsOf(span.first), MicrosecondsOf(span.first), 0U);
+    for (bool more = true; more;) {
+        auto [state, events, next, goesOn] = Ask([&] {
+            return dataAccess_->findHistory(SecondsOf(span.first), MicrosecondsOf(span.first),
+                                            SecondsOf(span.last), MicrosecondsOf(span.last), 0, 1000, cursor);
+        });
+        AddEvents(state, history.state);
+        AddEvents(events, history.events);
+        cursor = next;
+        more = goesOn != 0;
+    }
+    return history;
+}
+
+int RecordingClient::OpenRecords(unsigned int track, const Span& span) {
+    auto records = Ask([&] {
+        return dataAccess_->openRecords(track, SecondsOf(span.first), MicrosecondsOf(span.first),
+                                        SecondsOf(span.last), MicrosecondsOf(span.last));
+    });
+    return records.release();
+}
+
+void RecordingClient::Watch(OnPresent onPresent, OnDeleted onDeleted) {
+    information_->onPresent = std::move(onPresent);
+    information_->onDeleted = std::move(onDeleted);
+    Ask([&] {
+        // Not sdbus's own loop, whose end by an error could not be told from others.
+        for (;;) {
+            if (!connection_->processPendingRequest()) {
+                const auto data = connection_->getEventLoopPollData();
+                pollfd wait{data.fd, data.events, 0};
+                poll(&wait, 1, data.getPollTimeout());
+            }
+        }
+    });
+}
+
+} // namespace calvane_recording

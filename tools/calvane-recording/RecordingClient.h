@@ -1,0 +1,97 @@
+#pragma once
+
+#include <sdbus-c++/sdbus-c++.h>
+
+#include <functional>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "TimeText.h"
+#include "drenn/api/generated/RecordingDataAccess1Proxy.h"
+#include "drenn/api/generated/RecordingInformation1Proxy.h"
+
+namespace calvane_recording {
+
+struct Span {
+    Time first = 0;
+    Time last = 0;
+    bool IsEmpty() const { return first == 0 && last == 0; }
+};
+
+struct State {
+    bool recording = false;
+    bool video = false;
+    bool audio = false;
+    bool metadata = false;
+};
+
+struct AudioAttributes {
+    unsigned int bitsPerSample = 0;
+    unsigned int channels = 0;
+    double samplingFrequency = 0;
+    Span range;
+};
+
+struct VideoAttributes {
+    unsigned int encoding = 0;
+    unsigned int width = 0;
+    unsigned int height = 0;
+    unsigned int bitrate = 0;
+    double frameRate = 0;
+    Span range;
+};
+
+struct Event {
+    Time time = 0;
+    bool isOfTrack = false;
+    bool present = false;
+    unsigned int track = 0;
+};
+
+struct History {
+    std::vector<Event> state; ///< What held at the begin.
+    std::vector<Event> events;
+};
+
+struct Interval {
+    Span span;
+    unsigned int reason = 0; ///< 0: there is data.
+};
+
+/// The recorder's services as a client sees them.
+///
+/// Threads: one.
+/// Errors:  std::runtime_error that says what to do, for a bus that is not there, a recorder that does not run, a
+///          denied access, and what a service answers.
+class RecordingClient {
+public:
+    RecordingClient();
+    ~RecordingClient();
+
+    Span GetSummary();
+    Span GetTrackSummary(unsigned int track);
+    State GetState(Time at);
+    AudioAttributes GetAudioAttributes(Time at);
+    VideoAttributes GetVideoAttributes(Time at);
+    std::vector<Interval> GetCoverage(unsigned int track, const Span& span);
+    /// All pages, the oldest event first.
+    History GetHistory(const Span& span);
+    /// A descriptor to read frames from, the caller's to close.
+    int OpenRecords(unsigned int track, const Span& span);
+
+    using OnPresent = std::function<void(unsigned int track, bool present)>;
+    using OnDeleted = std::function<void(unsigned int track, const Span& span)>;
+    /// Calls back for every event, until the bus is lost, which is thrown.
+    void Watch(OnPresent onPresent, OnDeleted onDeleted);
+
+private:
+    class Information;
+    class DataAccess;
+
+    const std::unique_ptr<sdbus::IConnection> connection_;
+    const std::unique_ptr<Information> information_;
+    const std::unique_ptr<DataAccess> dataAccess_;
+};
+
+} // namespace calvane_recording

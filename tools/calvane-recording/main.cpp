@@ -1,0 +1,162 @@
+#include <CLI/CLI.hpp>
+#include <cstdlib>
+#include <functional>
+#include <iostream>
+
+#include "Commands.h"
+#include "RecordingClient.h"
+#include "calvane/runtime/CalvaneEnv.h"
+
+namespace {
+
+using namespace calvane_recording;
+
+// What the program tells its caller.
+constexpr int kDone = 0;
+constexpr int kFailed = 1;
+constexpr int kBadCommandLine = 2;
+
+using ClientCommand = void (*)(RecordingClient&, const Options&);
+
+/// The command line, and what is to be done for it.
+class Program {
+public:
+    Program();
+    int Run(int argc, char** argv);
+
+private:
+    CLI::App* AddCommand(const char* name, const char* what, ClientCommand command);
+    void AddSpan(CLI::App* command);
+    void AddTrack(CLI::App* command, bool required);
+    void AddRetention();
+
+    CLI::App app_{"Tells what the device has recorded.", "calvane-recording"};
+    Options options_;
+    std::string bus_;
+    std::string settings_;
+    std::function<void()> chosen_;
+};
+
+Program::Program() {
+    app_.set_version_flag("--version", std::string("calvane-recording ") + quarn::calvane::kVersion);
+    app_.add_option("--bus", bus_, "session, system or an address of D-Bus; as DRENN_BUS says without it")
+        ->type_name("BUS");
+    app_.require_subcommand(1);
+    app_.fallthrough();
+    app_.footer(
+        "Times are ISO 8601 in UTC (2026-11-21T13:00:00Z, a date alone), now, relative (-5min, -1d12h) or @ "
+        "and "
+        "seconds since 1970.\n"
+        "Exit status: 0 done, 1 the recorder is not there, refuses or has lost data, 2 bad command line.\n"
+        "Examples:\n"
+        "  calvane-recording summary\n"
+        "  calvane-recording coverage --from -1h\n"
+        "  calvane-recording read --track video --from -10s --to now > clip.bin");
+
+    AddCommand("summary", "Print from when to when there are recordings", &PrintSummary);
+    AddTrack(AddCommand("tracks", "Print what each track holds", &PrintTracks), false);
+    CLI::App* const history = AddCommand("history", "Print when data came and went", &PrintHistory);
+    AddSpan(history);
+    history->add_flag("--follow", options_.follow, "Go on with what is written to the history from now on");
+    CLI::App* const state = AddCommand("state", "Print what is recorded of a moment", &PrintState);
+    state->add_option("--at", options_.at, "The moment")->type_name("TIME")->capture_default_str();
+    CLI::App* const coverage =
+        AddCommand("coverage", "Print where there is data, and why there is none elsewhere", &PrintCoverage);
+    AddSpan(coverage);
+    AddTrack(coverage, false);
+    CLI::App* const attributes =
+        AddCommand("attributes", "Print what the media of a moment are", &PrintAttributes);
+    attributes->add_option("--at", options_.at, "The moment")->type_name("TIME")->capture_default_str();
+    AddTrack(attributes, false);
+    CLI::App* const read =
+        AddCommand("read", "Write the contents of records to standard output", &ReadRecords);
+    AddSpan(read);
+    AddTrack(read, true);
+    read->add_flag("--list", options_.list, "Print a line for each record instead");
+    AddCommand("watch", "Print events as they come", &Watch);
+    AddRetention();
+}
+
+CLI::App* Program::AddCommand(const char* name, const char* what, ClientCommand command) {
+    CLI::App* const added = app_.add_subcommand(name, what);
+    added->add_flag("--json", options_.json, "Print JSON");
+    added->callback([this, command] {
+        chosen_ = [this, command] {
+            RecordingClient client;
+            command(client, options_);
+        };
+    });
+    return added;
+}
+
+void Program::AddSpan(CLI::App* command) {
+    command->add_option("--from", options_.from, "The begin; of all that is recorded, without it")
+        ->type_name("TIME");
+    command->add_option("--to", options_.to, "The end; now, without it")->type_name("TIME");
+}
+
+void Program::AddTrack(CLI::App* command, bool required) {
+    command->add_option("--track", options_.track, "video, audio or metadata")
+        ->type_name("TRACK")
+        ->required(required);
+}
+
+void Program::AddRetention() {
+    CLI::App* const retention =
+        app_.add_subcommand("retention", "Print or set how long recorded data is kept at most");
+    retention->add_option("--settings", settings_, "The settings database; as DRENN_SETTINGS says without it")
+        ->type_name("FILE");
+    retention->add_flag("--json", options_.json, "Print JSON");
+    retention->add_subcommand("get", "Print it");
+    CLI::App* const set =
+        retention->add_subcommand("set", "Set it; a running recorder erases at once what is older");
+    set->add_option("DURATION", options_.limit, "90s, 5min, 2h, 30d, sums such as 1d12h, or none")
+        ->required();
+    retention->require_subcommand(0, 1);
+    retention->fallthrough();
+    retention->final_callback([this, set] {
+        if (set->parsed()) {
+            chosen_ = [this] { SetRetention(options_); };
+        } else {
+            chosen_ = [this] { GetRetention(options_); };
+        }
+    });
+}
+
+int Program::Run(int argc, char** argv) {
+    try {
+        app_.parse(argc, argv);
+    } catch (const CLI::Success& answer) { // --help and --version
+        return app_.exit(answer);
+    } catch (const CLI::ParseError& error) {
+        std::cerr << "calvane-recording: " << error.what() << " (see calvane-recording --help)\n";
+        return kBadCommandLine;
+    }
+    if (!bus_.empty()) {
+        setenv("DRENN_BUS", bus_.c_str(), 1);
+    }
+    if (!settings_.empty()) {
+        setenv("DRENN_SETTINGS", settings_.c_str(), 1);
+    }
+    try {
+        chosen_();
+    } catch (const std::invalid_argument& problem) {
+        std::cerr << "calvane-recording: " << problem.what() << "\n";
+        return kBadCommandLine;
+    } catch (const std::exception& problem) {
+        std::cerr << "calvane-recording: " << problem.what() << "\n";
+        return kFailed;
+    }
+    return kDone;
+}
+
+} // namespace
+
+int main(int argc, char** argv) {
+    try {
+        return Program().Run(argc, argv);
+    } catch (const std::exception& error) {
+        std::cerr << "calvane-recording: " << error.what() << "\n";
+        return kFailed;
+    }
+}
