@@ -43,12 +43,28 @@ set(CMAKE_INSTALL_DEFAULT_DIRECTORY_PERMISSIONS
 
 # Where modules are looked for; empty until somebody installs one.
 install(DIRECTORY DESTINATION ${CALVANE_PLUGINS_DIR} COMPONENT runtime)
-install(FILES ${PROJECT_SOURCE_DIR}/packaging/man/calvane.1 ${PROJECT_SOURCE_DIR}/packaging/man/calvane-store.1
+file(GLOB manual_pages CONFIGURE_DEPENDS ${PROJECT_SOURCE_DIR}/packaging/man/*.1)
+install(FILES ${manual_pages}
   DESTINATION ${CMAKE_INSTALL_MANDIR}/man1 COMPONENT runtime)
 install(FILES ${PROJECT_SOURCE_DIR}/packaging/man/calvane.ini.5
   DESTINATION ${CMAKE_INSTALL_MANDIR}/man5 COMPONENT runtime)
 install(FILES ${PROJECT_SOURCE_DIR}/packaging/completions/calvane
   DESTINATION ${CMAKE_INSTALL_DATADIR}/bash-completion/completions COMPONENT runtime)
+
+# The recorder as a service of the system: who may be it and ask it, its unit, its user.
+configure_file(${PROJECT_SOURCE_DIR}/packaging/systemd/calvane-recorder.service.in
+  ${CMAKE_BINARY_DIR}/calvane-recorder.service @ONLY)
+install(FILES ${CMAKE_BINARY_DIR}/calvane-recorder.service DESTINATION lib/systemd/system COMPONENT runtime)
+install(FILES ${PROJECT_SOURCE_DIR}/packaging/systemd/calvane.sysusers
+  DESTINATION lib/sysusers.d RENAME calvane.conf COMPONENT runtime)
+install(FILES ${PROJECT_SOURCE_DIR}/packaging/dbus/com.drenn.recorder.conf
+  DESTINATION ${CMAKE_INSTALL_DATADIR}/dbus-1/system.d COMPONENT runtime)
+
+# The description of the services, and proxies for clients that use sdbus-c++.
+file(GLOB service_descriptions CONFIGURE_DEPENDS ${PROJECT_SOURCE_DIR}/platform/drenn/api/*.xml)
+install(FILES ${service_descriptions} DESTINATION ${CMAKE_INSTALL_DATADIR}/dbus-1/interfaces COMPONENT dev)
+install(DIRECTORY ${CALVANE_SERVICE_HEADERS}/ DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/calvane-1 COMPONENT dev
+  FILES_MATCHING PATTERN "*Proxy.h")
 
 # Headers keep the paths by which sources include them, below one include root.
 file(STRINGS ${PROJECT_SOURCE_DIR}/cmake/private-headers.txt private_headers REGEX "^[^#]")

@@ -33,7 +33,7 @@ show() {
 }
 
 echo "calvane-recorder --root card recorder.ini, for $seconds seconds; what calvane-recording watch prints meanwhile:"
-calvane-recording watch > >(sed 's/^/    /') &
+calvane-recording watch > >(sed -u 's/^/    /') &
 watcher=$!
 sleep 0.5
 calvane-recorder --root card --log '*=warning' "$here/recorder.ini" &

@@ -3,6 +3,9 @@
 
 #include <csignal>
 #include <cstdlib>
+#include <fstream>
+#include <iterator>
+#include <regex>
 
 #include "bus/TestServices.h"
 #include "quarn/core/LogCapture.h"
@@ -310,27 +313,75 @@ TEST_F(ServiceTest, ARunnerEndsWhileCallsAreUnderWay) {
     }
 }
 
-TEST(ServicePolicyTest, WhatThePolicyDeniesIsTheRightError) {
-    const PrivateBus bus(R"(
-      <allow send_destination="*"/><allow receive_sender="*"/>
-      <deny own="com.drenn.recording_data_access"/>
-      <allow own="com.drenn.recording_information"/>
-      <deny send_destination="com.drenn.recording_information" send_interface="com.drenn.RecordingInformation1" send_member="getTrackSummary"/>)");
-    DrennApiRecordingInformationTargetRun run("recording_information", nullptr,
-                                              std::make_shared<FakeInformation>());
+/// The installed policy for a user and a group, as part of a bus that is as strict as the system's.
+class ServicePolicyTest : public testing::Test {
+protected:
+    static constexpr const char* kStrict = R"(
+      <deny own="*"/><deny send_type="method_call"/>
+      <allow send_type="signal"/><allow send_type="error"/><allow send_type="method_return"/>
+      <allow receive_type="method_call"/><allow receive_type="method_return"/>
+      <allow receive_type="error"/><allow receive_type="signal"/>
+      <allow send_destination="org.freedesktop.DBus"/>)";
+
+    static std::string Policy(const std::string& user, const std::string& group) {
+        std::ifstream file(CALVANE_SOURCE_DIR "/packaging/dbus/com.drenn.recorder.conf");
+        std::string text{std::istreambuf_iterator<char>(file), {}};
+        text = std::regex_replace(text, std::regex("user=\"calvane\""), "user=\"" + user + "\"");
+        text = std::regex_replace(text, std::regex("group=\"recording\""), "group=\"" + group + "\"");
+        const auto begin = text.find("<busconfig>") + 11;
+        return text.substr(begin, text.find("</busconfig>") - begin);
+    }
+    static std::string Own() { return std::to_string(getuid()); }
+    static std::string OwnGroup() { return std::to_string(getgid()); }
+
+    template <typename Call>
+    static std::string ErrorOf(const Call& call) {
+        try {
+            call();
+        } catch (const sdbus::Error& error) {
+            return error.getName();
+        }
+        return "none";
+    }
+};
+
+TEST_F(ServicePolicyTest, TheServicesUserOwnsTheNamesAndTheGroupMayAsk) {
+    const PrivateBus bus(kStrict, Policy(Own(), OwnGroup()));
+    const auto information = std::make_shared<FakeInformation>();
+    DrennApiRecordingInformationTargetRun run("recording_information", nullptr, information);
+    DrennApiRecordingDataAccessTargetRun access("recording_data_access", nullptr,
+                                                std::make_shared<FakeDataAccess>());
     InformationClient client(bus.Address());
     EXPECT_EQ(std::get<0>(client.getRecordingSummary()), 1U);
-    try {
-        client.getTrackSummary(0);
-        ADD_FAILURE() << "the policy denies it";
-    } catch (const sdbus::Error& error) {
-        EXPECT_EQ(error.getName(), "org.freedesktop.DBus.Error.AccessDenied");
+    information->sendEventDataPresent(1, 1);
+    EXPECT_TRUE(WaitUntil([&] { return client.Events().size() == 1; }));
+    // Nothing but the services' own interfaces.
+    EXPECT_EQ(ErrorOf([&] {
+                  sdbus::createProxy(sdbus::createSessionBusConnectionWithAddress(bus.Address()),
+                                     "com.drenn.recording_information", "/com/drenn/recording_information")
+                      ->callMethod("GetAll")
+                      .onInterface("org.freedesktop.DBus.Properties")
+                      .withArguments("com.drenn.RecordingInformation1");
+              }),
+              "org.freedesktop.DBus.Error.AccessDenied");
+}
+
+TEST_F(ServicePolicyTest, OthersMayNeitherOwnNorAskNorListen) {
+    {
+        const PrivateBus bus(kStrict, Policy("65534", OwnGroup()));
+        EXPECT_THAT(ThrownText([] {
+                        DrennApiRecordingInformationTargetRun("recording_information", nullptr,
+                                                              std::make_shared<FakeInformation>());
+                    }),
+                    HasSubstr("com.drenn.recording_information"));
     }
-    EXPECT_THAT(ThrownText([] {
-                    DrennApiRecordingDataAccessTargetRun("recording_data_access", nullptr,
-                                                         std::make_shared<FakeDataAccess>());
-                }),
-                HasSubstr("com.drenn.recording_data_access"));
+    const PrivateBus bus(kStrict, Policy(Own(), "65534"));
+    const auto information = std::make_shared<FakeInformation>();
+    DrennApiRecordingInformationTargetRun run("recording_information", nullptr, information);
+    InformationClient client(bus.Address());
+    information->sendEventDataPresent(1, 1);
+    EXPECT_EQ(ErrorOf([&] { client.getRecordingSummary(); }), "org.freedesktop.DBus.Error.AccessDenied");
+    EXPECT_THAT(client.Events(), testing::IsEmpty());
 }
 
 } // namespace

@@ -31,10 +31,12 @@ bool Answers(const std::string& socketPath) {
 
 } // namespace
 
-PrivateBus::PrivateBus(const std::string& policy) : address_("unix:path=" + folder_.Path("bus")) {
+PrivateBus::PrivateBus(const std::string& policy, const std::string& more)
+    : address_("unix:path=" + folder_.Path("bus")) {
     folder_.Write("bus.conf", "<busconfig><type>session</type><listen>" + address_ +
                                   "</listen><policy context=\"default\">" +
-                                  (policy.empty() ? kOpenPolicy : policy) + "</policy></busconfig>");
+                                  (policy.empty() ? kOpenPolicy : policy) + "</policy>" + more +
+                                  "</busconfig>");
     setenv("DBUS_SESSION_BUS_ADDRESS", address_.c_str(), 1);
     unsetenv("DRENN_BUS");
     Start();

@@ -9,8 +9,9 @@
 /// A D-Bus daemon of the test's own, which the environment names as the session bus while it lives.
 class PrivateBus {
 public:
-    /// `policy`: rules in the daemon's own language; everything is allowed without.
-    explicit PrivateBus(const std::string& policy = {});
+    /// `policy`: rules for everybody, in the daemon's own language; everything is allowed without. `more`: further
+    /// parts of its configuration.
+    explicit PrivateBus(const std::string& policy = {}, const std::string& more = {});
     ~PrivateBus();
 
     const std::string& Address() const { return address_; }

@@ -91,7 +91,7 @@ public:
             return 0;
         }
         const std::size_t got = std::min(length, content.size() - static_cast<std::size_t>(offset));
-        std::memcpy(bytes, content.data() + offset, got);
+        std::copy_n(content.data() + offset, got, static_cast<unsigned char*>(bytes));
         return got;
     }
     void Write(std::uint64_t offset, const void* bytes, std::size_t length) override {
@@ -100,7 +100,8 @@ public:
         const auto write = [&](std::size_t count) {
             disk_.Do({Kind::Write, inode_, path_, "", offset, {begin, begin + count}});
         };
-        const std::uint64_t size = disk_.image_.files.at(inode_)->size();
+        const std::uint64_t size =
+            std::max<std::uint64_t>(disk_.image_.files.at(inode_)->size(), disk_.reserved_[inode_]);
         const std::uint64_t growth = offset + length > size ? offset + length - size : 0;
         try {
             disk_.Check("write", path_);
@@ -120,9 +121,10 @@ public:
         disk_.Check("truncate", path_);
         disk_.Do({Kind::Truncate, inode_, path_, "", length, {}});
     }
-    void Reserve(std::uint64_t) override {
+    void Reserve(std::uint64_t length) override {
         const std::lock_guard<std::mutex> lock(disk_.lock_);
         disk_.Check("reserve", path_);
+        disk_.reserved_[inode_] = length;
     }
     void Sync() override {
         const std::lock_guard<std::mutex> lock(disk_.lock_);
@@ -292,7 +294,9 @@ void SimFileSystem::Do(DiskOperation operation) {
 std::uint64_t SimFileSystem::Used() const {
     std::uint64_t used = 0;
     for (const auto& [path, inode] : image_.names) {
-        used += image_.files.at(inode)->size();
+        const auto reserved = reserved_.find(inode);
+        used += std::max<std::uint64_t>(image_.files.at(inode)->size(),
+                                        reserved == reserved_.end() ? 0 : reserved->second);
     }
     return used;
 }

@@ -85,6 +85,7 @@ private:
     DiskImage image_;
     std::set<std::string> folders_;
     std::set<unsigned int> locked_;
+    std::map<unsigned int, std::uint64_t> reserved_; ///< Room set aside, by inode.
     std::vector<DiskOperation> trace_;
     bool tracing_ = true;
     std::uint64_t capacity_ = std::uint64_t{1} << 40;
