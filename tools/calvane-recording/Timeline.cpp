@@ -35,11 +35,11 @@ char MarkOf(const std::vector<Interval>& intervals, const Span& cell) {
 } // namespace
 
 std::string Timeline(const std::vector<Interval>& intervals, const Span& span) {
-    const Time length = std::max<Time>(span.last - span.first, 1);
+    const Time length = std::max<Time>(span.last - span.first, kWidth);
     std::string line;
     for (int cell = 0; cell != kWidth; ++cell) {
         line += MarkOf(intervals,
-                       {span.first + length / kWidth * cell, span.first + length / kWidth * (cell + 1)});
+                       {span.first + length / kWidth * cell, span.first + length / kWidth * (cell + 1) - 1});
     }
     return line;
 }

@@ -1,0 +1,221 @@
+#include <gmock/gmock.h>
+#include <sdbus-c++/sdbus-c++.h>
+
+#include <atomic>
+#include <csignal>
+#include <cstdlib>
+#include <filesystem>
+#include <nlohmann/json.hpp>
+
+#include "support/Emulation.h"
+#include "support/PrivateBus.h"
+#include "support/Program.h"
+#include "support/RunInThreads.h"
+#include "support/WaitUntil.h"
+
+namespace {
+
+using nlohmann::json;
+using testing::HasSubstr;
+
+/// What a program wrote, and how it ended.
+struct Answer {
+    int status;
+    std::string out;
+    std::string err;
+};
+
+class RecorderTest : public testing::Test {
+protected:
+    RecorderTest() {
+        setenv("DRENN_SETTINGS", folder.Path("settings.db").c_str(), 1);
+        setenv("DRENN_DEVICE_INFORMATION",
+               folder.Write("device.ini", "[device]\nmodel.name = Camera\nserial.number = 7\n").c_str(), 1);
+        std::filesystem::create_directory(folder.Path("card"));
+    }
+
+    void Start(const std::string& description = {}) {
+        std::vector<std::string> arguments{"--root", folder.Path("card")};
+        if (!description.empty()) {
+            arguments.push_back(description);
+        }
+        recorder = std::make_unique<Program>("calvane-recorder", arguments, folder.Path());
+    }
+    /// Starts it and waits until it answers; first "Recording is currently disabled", with a card the span.
+    void StartAndWait(const std::string& description = {}, int status = 0) {
+        Start(description);
+        ASSERT_TRUE(WaitUntil([&] {
+            const Answer answer = Ask({"summary"});
+            return answer.status == status && answer.err.find("does not run") == std::string::npos;
+        }));
+    }
+    int Stop() {
+        recorder->Signal(SIGTERM);
+        return recorder->Wait();
+    }
+    Answer Ask(const std::vector<std::string>& arguments) const {
+        Program client("calvane-recording", arguments, folder.Path());
+        const int status = client.Wait();
+        return {status, client.Out(), client.Err()};
+    }
+    json AskJson(std::vector<std::string> arguments) const {
+        arguments.emplace_back("--json");
+        const Answer answer = Ask(arguments);
+        EXPECT_EQ(answer.status, 0) << answer.err;
+        return json::parse(answer.out, nullptr, false);
+    }
+    /// How long a track is recorded, in records.
+    std::size_t CountRecords(const std::string& track) const {
+        const Answer answer = Ask({"read", "--track", track, "--list"});
+        EXPECT_EQ(answer.status, 0) << answer.err;
+        return static_cast<std::size_t>(std::count(answer.out.begin(), answer.out.end(), '\n'));
+    }
+    /// Compares what is read back with what the test source sent; whole, from its first record on.
+    void ExpectRecordsAreRight(const std::string& track) const {
+        const Answer answer = Ask({"read", "--track", track});
+        EXPECT_EQ(answer.status, 0) << answer.err;
+        const std::string file = folder.Write("records.bin", answer.out);
+        Program check("/usr/bin/env",
+                      {"python3", CALVANE_SOURCE_DIR "/examples/check-test-records.py", track,
+                       std::to_string(CountRecords(track)), file},
+                      folder.Path());
+        EXPECT_EQ(check.Wait(), 0) << check.Err();
+    }
+    void ExpectStoreIsGood() const {
+        Program verify("calvane-store", {"verify", folder.Path("card")}, folder.Path());
+        EXPECT_EQ(verify.Wait(), 0) << verify.Out() << verify.Err();
+    }
+
+    static constexpr const char* kDescription = CALVANE_SOURCE_DIR "/examples/recorder.ini";
+    const TempFolder folder;
+    PrivateBus bus;
+    std::unique_ptr<Program> recorder;
+};
+
+TEST_F(RecorderTest, WithoutAUsableCardItAnswersAndSaysWhatToDo) {
+    std::filesystem::remove(folder.Path("card"));
+    StartAndWait({}, 1);
+    const Answer disabled = Ask({"summary"});
+    EXPECT_EQ(disabled.status, 1);
+    EXPECT_EQ(disabled.err, "calvane-recording: Recording is currently disabled\n");
+    EXPECT_EQ(Stop(), 0);
+    EXPECT_THAT(recorder->Err(), HasSubstr("No SD Card!"));
+    EXPECT_THAT(recorder->Err(), HasSubstr("There is no card at " + folder.Path("card")));
+
+    std::filesystem::create_directory(folder.Path("card"));
+    folder.Write("card/holiday.jpg", "x");
+    StartAndWait(kDescription, 1); // The pipelines run, and their sinks drop.
+    EXPECT_EQ(Ask({"tracks"}).err, "calvane-recording: Recording is currently disabled\n");
+    EXPECT_EQ(Stop(), 0);
+    EXPECT_THAT(recorder->Err(), HasSubstr("holds other things than \"data\" and \"database\""));
+    EXPECT_TRUE(folder.Has("card/holiday.jpg"));
+    EXPECT_FALSE(folder.Has("card/data"));
+}
+
+TEST_F(RecorderTest, RefusesWhatIsWrongByName) {
+    const std::string bad = folder.Write("bad.ini",
+                                         "[calvane]\nt.pipelines = p\n[p]\nt.pipeline.head = s\n[s]\n"
+                                         "t.plugin.type = RecordingSink\nt.plugin.module = recording.so\n"
+                                         "track = vidio\n");
+    Start(bad);
+    EXPECT_EQ(recorder->Wait(), 2);
+    EXPECT_THAT(recorder->Err(), HasSubstr(bad + ":8: [s] track: "));
+    EXPECT_THAT(recorder->Err(), HasSubstr("track must be video, audio or metadata, not \"vidio\""));
+    Start(folder.Path("absent.ini"));
+    EXPECT_EQ(recorder->Wait(), 2);
+    EXPECT_THAT(recorder->Err(), HasSubstr("absent.ini"));
+    EXPECT_EQ(Ask({"state", "--at", "yesterday"}).status, 2);
+    EXPECT_EQ(Ask({"coverage", "--from", "now", "--to", "-5s"}).status, 2);
+    EXPECT_EQ(Ask({"read", "--track", "smell"}).status, 2);
+    EXPECT_EQ(Ask({"rewind"}).status, 2);
+    EXPECT_THAT(Ask({"summary"}).err, HasSubstr("start calvane-recorder"));
+    bus.Kill();
+    Start();
+    EXPECT_EQ(recorder->Wait(), 1);
+    EXPECT_THAT(recorder->Err(), HasSubstr("Cannot use the bus (session)"));
+    const Answer noBus = Ask({"summary"});
+    EXPECT_EQ(noBus.status, 1);
+    EXPECT_THAT(noBus.err, HasSubstr("Cannot use the bus (session)"));
+}
+
+TEST_F(RecorderTest, KilledWhileItRecordsItLosesLittleAndRepairsTheHistory) {
+    StartAndWait(kDescription);
+    ASSERT_TRUE(WaitUntil([&] { return CountRecords("audio") > 120; }));
+    const std::size_t seen = CountRecords("video");
+    std::this_thread::sleep_for(std::chrono::milliseconds(300)); // What a killed process may lose.
+    recorder->Signal(SIGKILL);
+    recorder->Wait();
+
+    StartAndWait();
+    EXPECT_GE(CountRecords("video"), seen);
+    for (const char* const track : {"video", "audio", "metadata"}) {
+        ExpectRecordsAreRight(track);
+    }
+    // Each track's end is dated like its last record, and written after its hold time.
+    ASSERT_TRUE(WaitUntil([&] { return AskJson({"history"})["events"].size() == 8; }));
+    const json tracks = AskJson({"tracks"});
+    int ends = 0;
+    const json history = AskJson({"history"});
+    for (const json& event : history["events"]) {
+        if (event["event"] == "data" && event["present"] == false) {
+            ++ends;
+            EXPECT_EQ(event["time"], tracks[event["track"].get<std::string>()]["last"]);
+        }
+    }
+    EXPECT_EQ(ends, 3) << history.dump(1);
+    const std::string first = tracks["video"]["first"];
+    EXPECT_EQ(AskJson({"state", "--at", first})["video"], true);
+    EXPECT_EQ(AskJson({"state"})["video"], false);
+    EXPECT_EQ(AskJson({"attributes", "--at", first})["video"]["width"], 1920);
+    EXPECT_EQ(Stop(), 0);
+    ExpectStoreIsGood();
+}
+
+TEST_F(RecorderTest, RetentionSetWhileItRecordsErasesAndIsTold) {
+    StartAndWait(kDescription);
+    Program watch("calvane-recording", {"watch", "--json"}, folder.Path());
+    ASSERT_TRUE(WaitUntil([&] { return CountRecords("audio") > 150; }));
+    const json before = AskJson({"summary"});
+    EXPECT_EQ(AskJson({"retention", "set", "1s"})["seconds"], 1.0);
+    ASSERT_TRUE(WaitUntil([&] { return AskJson({"summary"})["first"] > before["first"]; }));
+    EXPECT_TRUE(
+        WaitUntil([&] { return watch.Out().find("\"event\":\"dataDeleted\"") != std::string::npos; }));
+    EXPECT_EQ(Ask({"retention", "set", "none"}).out, "Recorded data is kept as long as there is room\n");
+    EXPECT_EQ(Ask({"retention", "set", "soon"}).status, 2);
+    EXPECT_EQ(Stop(), 0);
+    ExpectStoreIsGood();
+}
+
+TEST_F(RecorderTest, SixteenClientsAskWhileItRecords) {
+    StartAndWait(kDescription);
+    std::atomic<int> answers{0};
+    RunInThreads(16, [&](int) {
+        const auto connection = sdbus::createSessionBusConnectionWithAddress(bus.Address());
+        const auto proxy = sdbus::createProxy(*connection, "com.drenn.recording_information",
+                                              "/com/drenn/recording_information");
+        for (unsigned int i = 0; i != 50; ++i) {
+            std::uint32_t first = 0, firstMicro = 0, last = 0, lastMicro = 0;
+            proxy->callMethod("getTrackSummary")
+                .onInterface("com.drenn.RecordingInformation1")
+                .withArguments(i % 3)
+                .storeResultsTo(first, firstMicro, last, lastMicro);
+            answers += last >= first ? 1 : 0;
+        }
+    });
+    EXPECT_EQ(answers, 16 * 50);
+    EXPECT_EQ(Stop(), 0);
+    ExpectStoreIsGood();
+}
+
+TEST_F(RecorderTest, TheDemonstrationEndsWell) {
+    SKIP_WHEN_EMULATED("the demonstration starts the programs itself");
+    Program demo("/usr/bin/env",
+                 {"bash", "-c",
+                  "PATH=" CALVANE_BIN_DIR ":$PATH exec " CALVANE_SOURCE_DIR "/examples/record-demo.sh 2 " +
+                      folder.Path("demo")},
+                 folder.Path());
+    EXPECT_EQ(demo.Wait(), 0) << demo.Err();
+    EXPECT_THAT(demo.Out(), HasSubstr("All records are right."));
+}
+
+} // namespace

@@ -1,0 +1,64 @@
+#include <gtest/gtest.h>
+
+#include <stdexcept>
+#include <string>
+
+#include "TimeText.h"
+#include "Timeline.h"
+#include "support/ThrownText.h"
+
+namespace {
+
+using namespace calvane_recording;
+
+constexpr Time kNow = 1'795'271'581'500'000; // 2026-11-21T14:33:01.5Z
+
+TEST(TimeTextTest, ReadsWhatPeopleWrite) {
+    const struct {
+        const char* text;
+        Time time;
+    } cases[] = {{"2026-11-21T14:33:01.5Z", kNow},
+                 {"2026-11-21 14:33:01.500000", kNow},
+                 {"2026-11-21T14:33", kNow - 1'500'000},
+                 {"2026-11-21", 1'795'219'200'000'000},
+                 {"1970-01-01T00:00:00.000001Z", 1},
+                 {"now", kNow},
+                 {"@1795271581.5", kNow},
+                 {"-90", kNow - 90 * kSecond},
+                 {"-5min", kNow - 300 * kSecond},
+                 {"-5m", kNow - 300 * kSecond},
+                 {"+1d12h0.5s", kNow + 129'600 * kSecond + 500'000},
+                 {"-250ms", kNow - 250'000}};
+    for (const auto& [text, time] : cases) {
+        EXPECT_EQ(ParseTime(text, kNow), time) << text;
+    }
+    EXPECT_EQ(TimeText(kNow), "2026-11-21T14:33:01.500000Z");
+    EXPECT_EQ(DurationText(ParseDuration("1d2h3min4.5s")), "1 d 2 h 3 min 4.5 s");
+    EXPECT_EQ(DurationText(ParseDuration("2h")), "2 h");
+    EXPECT_EQ(DurationText(0), "0 s");
+}
+
+TEST(TimeTextTest, RefusesTheRestByName) {
+    for (const char* text :
+         {"", "yesterday", "2026-13-01", "2026-02-30", "2026-11-21T25:00:00Z", "2026-11-21T14:33:61",
+          "2026-11-21T14:33:01Zulu", "-5years", "--5s", "-", "@", "@12x", "2026-11"}) {
+        const std::string problem = ThrownText<std::invalid_argument>([&] { ParseTime(text, kNow); });
+        EXPECT_NE(problem.find("\"" + std::string(text).substr(*text == '-' ? 1 : 0) + "\""),
+                  std::string::npos)
+            << text << ": " << problem;
+    }
+    EXPECT_NE(ThrownText<std::invalid_argument>([] { ParseDuration("99999999999999999999d"); }),
+              "nothing was thrown");
+}
+
+TEST(TimelineTest, MarksWhatLiesInEachPart) {
+    const Span span{0, 60'000};
+    EXPECT_EQ(Timeline({{{0, 60'000}, 0}}, span), std::string(60, '#'));
+    EXPECT_EQ(Timeline({{{0, 29'999}, 0}, {{30'000, 60'000}, 2}}, span),
+              std::string(30, '#') + std::string(30, 'c'));
+    EXPECT_EQ(Timeline({{{0, 29'499}, 0}, {{29'500, 60'000}, 1}}, span),
+              std::string(29, '#') + "+" + std::string(30, '.'));
+    EXPECT_EQ(Timeline({}, span), std::string(60, ' '));
+}
+
+} // namespace
