@@ -1,14 +1,29 @@
 #!/usr/bin/env bash
 # Measures the framework beside other programs and prints one table. ./dev bench builds first and then calls this.
-# Usage: run.sh [--quick] [--rounds N]    CALVANE_BENCH_BUILD: the folder of the build, build/bench when not set
+# Usage: run.sh [--quick] [--rounds N]          the framework
+#        run.sh store [--quick] [--rounds N]    the recording store; as root, since it makes a loop device
+#        run.sh middleware [ARGS]               services, settings, logging; ARGS go to Google Benchmark
+# CALVANE_BENCH_BUILD: the folder of the build, build/bench when not set
 set -euo pipefail
 cd "$(dirname "${BASH_SOURCE[0]}")/.."
 
 build=${CALVANE_BENCH_BUILD-build/bench}
-for program in calvane_bench calvane; do
+for program in calvane_bench calvane calvane_store_bench calvane_middleware_bench; do
     if [[ ! -x $build/bin/$program ]]; then
         echo "bench: there is no $build/bin/$program; build it with ./dev bench, or set CALVANE_BENCH_BUILD" >&2
         exit 2
     fi
 done
-exec python3 -B bench/side_by_side.py --build "$build" "$@"
+if [[ ${1-} == middleware ]]; then
+    shift
+    # Rounds by turns, and their medians: others use the machine, too.
+    exec dbus-run-session -- "$build/bin/calvane_middleware_bench" --benchmark_repetitions=9 \
+        --benchmark_enable_random_interleaving=true --benchmark_min_time=0.2 \
+        --benchmark_report_aggregates_only=true "$@"
+fi
+script=side_by_side
+if [[ ${1-} == store ]]; then
+    script=store
+    shift
+fi
+exec python3 -B "bench/$script.py" --build "$build" "$@"

@@ -4,9 +4,12 @@
 
 #include "drenn/multi_track_recorder/StoreVerifierImpl.h"
 #include "quarn/core/LogCapture.h"
+#include "support/TestStore.h"
+#include "support/ThrownText.h"
 #include "support/store/Workload.h"
 
 using namespace drenn::multi_track_recorder;
+using testing::HasSubstr;
 using testing::IsEmpty;
 
 namespace {
@@ -111,4 +114,115 @@ TEST(DeviceTrouble, GoesOnWhenTheCardIsBackAndLeavesAnotherAlone) {
     *track >> record;
     EXPECT_EQ(3, *record.blobs().at(0).data());
     EXPECT_THAT(states, testing::ElementsAre(StoreState::NoCard, StoreState::Good));
+}
+
+TEST(DeviceTrouble, AStoreWithoutTrustInItsDeviceStillServesReads) {
+    const quarn::core::LogCapture log(quarn::core::LogLevel::Off);
+    SimFileSystem disk;
+    Store store(disk, Workload::SmallStore());
+    std::vector<StoreState> states;
+    store.ConnectToStateSignal([&states](StoreState state) { states.push_back(state); });
+    const auto track = store.NewRecording()->newTrack();
+    AppendText(*track, "durable");
+    store.Sync();
+    AppendText(*track, "in memory");
+    unsigned int failures = 0;
+    disk.SetFault([&failures](const std::string& operation, const std::string& path) {
+        const bool fails = operation == "sync" && path.find(".seg") != std::string::npos;
+        failures += fails ? 1 : 0;
+        return fails ? EIO : 0;
+    });
+    EXPECT_THAT(ThrownText<std::runtime_error>([&] { store.Sync(); }), HasSubstr("/card/data/"));
+    EXPECT_EQ(2U, failures); // One file, and the one that was to take its place.
+    disk.SetFault(nullptr);
+    EXPECT_THAT(ThrownText<std::runtime_error>([&] { AppendText(*track, "no"); }), HasSubstr("read-only"));
+    EXPECT_THAT(ThrownText<std::runtime_error>([&] { store.Sync(); }), HasSubstr("read-only"));
+    EXPECT_THAT(ThrownText<std::runtime_error>([&] { store.NewRecording(); }), HasSubstr("read-only"));
+    EXPECT_THAT(ThrownText<std::runtime_error>([&] { track->eraseRange(0, 1); }), HasSubstr("read-only"));
+    EXPECT_EQ("durable", TextAt(*track, 0));
+    EXPECT_EQ("in memory", TextAt(*track, 1));
+    store.Keep();
+    EXPECT_THAT(states, testing::ElementsAre(StoreState::ReadOnly));
+}
+
+TEST(DeviceTrouble, WhatIsHeldBackLetsTheStoreErase) {
+    const quarn::core::LogCapture log(quarn::core::LogLevel::Off);
+    constexpr std::uint64_t kCapacity = std::uint64_t{16} * 1024 * 1024;
+    SimFileSystem disk;
+    disk.SetCapacity(kCapacity);
+    StoreOptions options = Workload::SmallStore();
+    options.maxPercent = 100;
+    const auto free = [&] { return disk.GetSpace(options.storage).free; };
+    {
+        Store store(disk, options);
+        const auto track = store.NewRecording()->newTrack();
+        for (unsigned int i = 0; i != 300; ++i) {
+            AppendText(*track, std::string(10000, 'x'));
+            store.Sync();
+        }
+        ASSERT_TRUE(disk.Exists("/card/database/reserve"));
+        // Somebody else takes all that is left.
+        disk.Open("/card/other", OpenMode::Create)->Reserve(free());
+        ASSERT_EQ(0U, free());
+        bool isGivenUp = false;
+        disk.SetFault([&isGivenUp](const std::string& operation, const std::string& path) {
+            isGivenUp = isGivenUp || (operation == "remove" && path == "/card/database/reserve");
+            return operation == "write" && path == "/card/database/catalogue-wal" && !isGivenUp ? ENOSPC : 0;
+        });
+        store.Keep();
+        disk.SetFault(nullptr);
+        EXPECT_TRUE(isGivenUp);
+        EXPECT_LT(track->size(), 300U);
+        EXPECT_GT(track->size(), 0U);
+        EXPECT_GT(free(), kCapacity / 64);
+        AppendText(*track, std::string(10000, 'y'));
+        store.Sync();
+        EXPECT_EQ('y', TextAt(*track, track->size() - 1)[0]);
+        disk.Remove("/card/other");
+        store.Keep();
+        EXPECT_TRUE(disk.Exists("/card/database/reserve"));
+    }
+    EXPECT_THAT(VerifyStore(disk, options.storage, options.database), IsEmpty());
+}
+
+TEST(DeviceTrouble, AFullCardCanBeOpened) {
+    const quarn::core::LogCapture log(quarn::core::LogLevel::Off);
+    StoreOptions options = Workload::SmallStore();
+    SimFileSystem disk;
+    DiskImage left;
+    {
+        // A segment that died while it was the newest, and one behind it that a crash left open.
+        Store store(disk, options);
+        const auto track = store.NewRecording()->newTrack();
+        AppendText(*track, std::string(20000, 'x'));
+        store.Sync();
+        track->eraseRange(0, 1);
+        AppendText(*track, std::string(30000, 'y'));
+        store.Commit();
+        left = disk.GetImage();
+    }
+    SimFileSystem full(left);
+    bool isCut = false; // Recovery still finds room for its transaction; what comes behind does not.
+    unsigned int syncs = 0;
+    unsigned int refused = 0;
+    full.SetFault([&](const std::string& operation, const std::string& path) {
+        const bool isLog = path.find("catalogue-wal") != std::string::npos;
+        isCut = isCut || (operation == "sync" && path.find(".seg") != std::string::npos);
+        syncs += isCut && isLog && operation == "sync" ? 1U : 0U;
+        const bool fails =
+            isLog && syncs >= 2 && operation == "write"; // A log is begun with a sync of its own.
+        refused += fails ? 1 : 0;
+        return fails ? ENOSPC : 0;
+    });
+    {
+        Store store(full, options);
+        EXPECT_GT(refused, 0U);
+        const auto track = store.GetRecordings().front().lock()->getTracks().front().lock();
+        EXPECT_EQ(std::string(30000, 'y'), TextAt(*track, 0));
+        full.SetFault(nullptr);
+        const std::size_t before = full.List(options.storage).size();
+        store.Keep();
+        EXPECT_EQ(before - 1, full.List(options.storage).size());
+    }
+    EXPECT_THAT(VerifyStore(full, options.storage, options.database), IsEmpty());
 }

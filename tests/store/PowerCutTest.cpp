@@ -13,7 +13,7 @@ namespace {
 constexpr unsigned int kWorkloads = 1; // Sanitizers and emulators are slow.
 constexpr unsigned int kSteps = 150;
 #else
-constexpr unsigned int kWorkloads = 12;
+constexpr unsigned int kWorkloads = 13;
 constexpr unsigned int kSteps = 500;
 #endif
 constexpr unsigned int kImagesEach = 4;

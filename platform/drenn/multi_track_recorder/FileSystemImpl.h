@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <string>
 #include <vector>
@@ -22,6 +23,9 @@ public:
     virtual void Reserve(std::uint64_t length) = 0;
     /// Makes content and length durable (fdatasync).
     virtual void Sync() = 0;
+    /// Begins what Sync ends: afterwards the content is with the device, and nothing is durable yet. An error is one
+    /// of Sync.
+    virtual void WriteOut() {}
     virtual std::uint64_t Size() const = 0;
     /// Takes the lock of the whole file without waiting; false when another process has it. Kept until closed.
     virtual bool TryLock() = 0;
@@ -56,6 +60,9 @@ public:
     virtual void Remove(const std::string& path) = 0; ///< Nothing when it is absent.
     /// Makes the entries of a folder durable: files made, renamed and removed.
     virtual void SyncFolder(const std::string& path) = 0;
+    /// Does all of these, even if one fails; then throws the first failure. At once, on several threads, where syncs
+    /// that come together cost less than one after the other.
+    virtual void Together(const std::vector<std::function<void()>>& syncs);
     virtual Space GetSpace(const std::string& path) const = 0;
     /// The device that a folder lies on, to notice that a card was pulled or another one put in.
     virtual std::uint64_t DeviceOf(const std::string& path) const = 0;

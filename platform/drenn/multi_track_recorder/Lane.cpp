@@ -90,6 +90,29 @@ void Lane::Sync() {
     });
 }
 
+bool Lane::BeginSync() {
+    const std::lock_guard<std::mutex> lock(writeMutex_);
+    bool needsSync = false;
+    Guard([&] {
+        CommitLocked();
+        needsSync = writer_ != nullptr && writer_->NeedsSync();
+        if (needsSync) {
+            writer_->WriteOut();
+        }
+    });
+    return needsSync;
+}
+
+void Lane::EndSync() {
+    const std::lock_guard<std::mutex> lock(writeMutex_);
+    Guard([this] {
+        if (writer_ != nullptr && writer_->IsBroken()) {
+            CommitLocked(); // The second try, in a new segment.
+        }
+        SyncLocked();
+    });
+}
+
 void Lane::WriteState() {
     const std::lock_guard<std::mutex> lock(writeMutex_);
     Guard([this] {
@@ -164,7 +187,11 @@ void Lane::CommitLocked() {
     if (batch.empty()) {
         return;
     }
-    if (writer_ == nullptr || writer_->IsBroken()) {
+    std::uint64_t length = 0;
+    for (const auto& block : batch) {
+        length += block->Length();
+    }
+    if (writer_ == nullptr || writer_->IsBroken() || writer_->IsFullFor(length)) {
         StartSegment();
     }
     StageState();

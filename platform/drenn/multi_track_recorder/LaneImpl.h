@@ -39,6 +39,10 @@ public:
 
     void Commit();
     void Sync();
+    /// The first half of a sync, so that the second halves of several lanes can come together: writes, and hands over
+    /// to the device. False when nothing waits for a sync.
+    bool BeginSync();
+    void EndSync();
     /// Makes what a State block says durable, if the lane has segments.
     void WriteState();
     /// Syncs and seals the segment that is written.

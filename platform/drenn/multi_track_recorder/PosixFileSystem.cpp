@@ -7,12 +7,17 @@
 
 #include <cerrno>
 #include <cstdio>
+#include <future>
+#include <system_error>
 
 #include "drenn/multi_track_recorder/FileErrorImpl.h"
 #include "drenn/multi_track_recorder/FileSystemImpl.h"
 
 namespace drenn::multi_track_recorder {
 namespace {
+
+constexpr std::size_t kStreamBytes = 128 * 1024;
+constexpr std::uint64_t kPageBytes = 4096;
 
 [[noreturn]] void Fail(const std::string& operation, const std::string& path) {
     throw FileError(operation, path, errno);
@@ -93,6 +98,13 @@ public:
             }
             done += static_cast<std::size_t>(put);
         }
+        if (length >= kStreamBytes) {
+            // The device works on it while more is copied. Only whole pages: the next write goes on in the last one.
+            // An error of this is told by the next sync.
+            const std::uint64_t end = (offset + length) / kPageBytes * kPageBytes;
+            (void)sync_file_range(descriptor_.Number(), static_cast<off_t>(offset),
+                                  static_cast<off_t>(end - offset), SYNC_FILE_RANGE_WRITE);
+        }
     }
 
     void Truncate(std::uint64_t length) override {
@@ -111,6 +123,15 @@ public:
 
     void Sync() override {
         if (fdatasync(descriptor_.Number()) != 0) {
+            Fail("sync", path_);
+        }
+    }
+
+    void WriteOut() override {
+        // The error that this waits for is not told again by fdatasync.
+        if (sync_file_range(descriptor_.Number(), 0, 0, SYNC_FILE_RANGE_WRITE | SYNC_FILE_RANGE_WAIT_AFTER) !=
+                0 &&
+            errno != ENOSYS && errno != EINVAL) {
             Fail("sync", path_);
         }
     }
@@ -202,6 +223,27 @@ public:
         if (fsync(folder.Number()) != 0) {
             Fail("sync", path);
         }
+    }
+
+    /// Syncs that wait at the same time share one transaction of the file system's journal, and its flushes.
+    void Together(const std::vector<std::function<void()>>& syncs) override {
+        std::vector<std::future<void>> others;
+        std::vector<std::function<void()>> here;
+        for (const auto& sync : syncs) {
+            try {
+                if (here.empty()) {
+                    here.push_back(sync);
+                } else {
+                    others.push_back(std::async(std::launch::async, sync));
+                }
+            } catch (const std::system_error&) {
+                here.push_back(sync); // There is no thread to be had.
+            }
+        }
+        for (std::future<void>& other : others) {
+            here.emplace_back([&other] { other.get(); });
+        }
+        IFileSystem::Together(here);
     }
 
     Space GetSpace(const std::string& path) const override {

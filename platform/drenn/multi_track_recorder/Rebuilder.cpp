@@ -39,8 +39,12 @@ void Rebuilder::Walk(SegmentKey key, bool isNewest) {
         return;
     }
     SegmentRow row{key, 0, 0, false};
-    while (const auto block = walker.Next(true)) {
-        if (block->kind != BlockKind::Records) {
+    // A crash ends the newest where something does not check; elsewhere that is damage, with more behind it.
+    while (const auto block = isNewest ? walker.Next(true) : walker.Find()) {
+        if (!isNewest &&
+            !CheckBlock(*block, walker, std::max<std::uint64_t>(row.length, kSegmentHeaderBytes), path)) {
+            // What it said is lost.
+        } else if (block->kind != BlockKind::Records) {
             TakeControl(lanes_[key.lane], *block, walker.Body(*block));
         } else if (!Take(key, *block)) {
             break;
@@ -94,6 +98,21 @@ void Rebuilder::TakeControl(Lane& lane, const BlockHeader& block, const Bytes& b
         }
         lane.state = std::move(*state);
     }
+}
+
+/// Whether what a block says can be used. Of one of records that is damaged, the header can: each record that is whole
+/// can be read.
+bool Rebuilder::CheckBlock(const BlockHeader& block, const SegmentWalker& walker, std::uint64_t expected,
+                           const std::string& path) {
+    if (block.offset != expected) {
+        lost_.push_back(path + ": the bytes from " + std::to_string(expected) + " to " +
+                        std::to_string(block.offset) + " cannot be read");
+    }
+    if (walker.BodyChecks(block)) {
+        return true;
+    }
+    lost_.push_back(path + ": the block at byte " + std::to_string(block.offset) + " is damaged");
+    return block.kind == BlockKind::Records;
 }
 
 /// Behind the last block there is a footer, or nothing.

@@ -38,6 +38,8 @@ private:
     void Walk(SegmentKey key, bool isNewest);
     bool Take(SegmentKey key, const BlockHeader& block);
     void TakeControl(Lane& lane, const BlockHeader& block, const Bytes& body);
+    bool CheckBlock(const BlockHeader& block, const SegmentWalker& walker, std::uint64_t expected,
+                    const std::string& path);
     void CheckEnd(const SegmentWalker& walker, const IFile& file, const std::string& path);
     void WriteTracks(Catalogue::Transaction& transaction,
                      std::map<std::uint32_t, const Track*>& tracks) const;

@@ -4,13 +4,17 @@
 #include "drenn/multi_track_recorder/PendingBlockImpl.h"
 #include "drenn/multi_track_recorder/SegmentReaderImpl.h"
 #include "drenn/multi_track_recorder/SegmentWalkerImpl.h"
+#include "drenn/multi_track_recorder/Track.h"
 
 namespace drenn::multi_track_recorder {
 namespace {
 
-constexpr std::size_t kMostOpen = 32;
+constexpr std::size_t kMostOpen = 128;
+constexpr std::size_t kEntriesTogether = 64;   // 3 KiB; a read of one costs nearly the same.
+constexpr std::size_t kMostParts = 16;         // 48 KiB of each open segment.
 constexpr std::size_t kMostBlocks = 1U << 17U; // 3 MiB of directories.
 constexpr std::uint64_t kLargestFooter = 16ULL << 20U;
+constexpr std::uint32_t kLargestPayload = Track::kMaxRecordBytes + 4 * Track::kMaxRecordBlobs;
 
 } // namespace
 
@@ -59,32 +63,63 @@ BlockRef SegmentReader::Find(std::uint32_t track, std::uint64_t serial) const {
 
 void SegmentReader::Read(std::uint32_t track, std::uint64_t serial, BlobRecord& record) const {
     const BlockRef block = Find(track, serial);
-    unsigned char bytes[kEntryBytes];
-    const std::uint64_t index = std::uint64_t{block.offset} + kBlockHeaderBytes;
-    if (file_->Read(index + (serial - block.firstSerial) * kEntryBytes, bytes, kEntryBytes) != kEntryBytes) {
-        Fail(track, serial, "the file is too short");
-    }
-    const auto entry = DecodeEntry(bytes, salt_, serial);
-    if (!entry) {
-        Fail(track, serial, "its entry fails its checksum");
-    }
-    const std::uint32_t wanted = BlobsToRead(entry->blobs, record.getBlobLimit());
+    const RecordEntry entry = EntryOf(block, serial);
+    const std::uint32_t wanted = BlobsToRead(entry.blobs, record.getBlobLimit());
     if (wanted == 0) {
         return;
     }
-    if (wanted == 1 && entry->firstBlobBytes <= kInlineBytes) {
-        record.add(Blob(Bytes(entry->firstBytes.begin(), entry->firstBytes.begin() + entry->firstBlobBytes)));
+    if (wanted == 1 && entry.firstBlobBytes <= kInlineBytes) {
+        record.add(Blob(Bytes(entry.firstBytes.begin(), entry.firstBytes.begin() + entry.firstBlobBytes)));
         return;
     }
-    Bytes payload(entry->payloadBytes);
-    const std::uint64_t payloads = index + std::uint64_t{block.count} * kEntryBytes;
-    if (file_->Read(payloads + entry->payloadOffset, payload.data(), payload.size()) != payload.size()) {
+    if (entry.payloadBytes > kLargestPayload) {
+        Fail(track, serial, "its length is not one of a record");
+    }
+    Bytes payload(entry.payloadBytes);
+    const std::uint64_t payloads =
+        std::uint64_t{block.offset} + kBlockHeaderBytes + std::uint64_t{block.count} * kEntryBytes;
+    if (file_->Read(payloads + entry.payloadOffset, payload.data(), payload.size()) != payload.size()) {
         Fail(track, serial, "the file is too short");
     }
-    if (ChecksumOf(payload.data(), payload.size(), PayloadSeed(track, serial)) != entry->payloadChecksum) {
+    if (ChecksumOf(payload.data(), payload.size(), PayloadSeed(track, serial)) != entry.payloadChecksum) {
         Fail(track, serial, "it fails its checksum");
     }
-    FillRecord(payload.data(), payload.size(), entry->blobs, record);
+    try {
+        FillRecord(payload.data(), payload.size(), entry.blobs, record);
+    } catch (const std::runtime_error& error) {
+        Fail(track, serial, error.what());
+    }
+}
+
+/// The blocks in the directory are durable, so what their indexes hold does not change any more.
+RecordEntry SegmentReader::EntryOf(const BlockRef& block, std::uint64_t serial) const {
+    const std::uint64_t place = serial - block.firstSerial;
+    const std::uint64_t begin = place / kEntriesTogether * kEntriesTogether;
+    const std::uint64_t offset = std::uint64_t{block.offset} + kBlockHeaderBytes + begin * kEntryBytes;
+    const std::size_t slot = offset / kEntryBytes * 0x9E3779B1U % kMostParts;
+    const auto decode = [&](const Bytes& entries) {
+        const std::size_t at = static_cast<std::size_t>(place - begin) * kEntryBytes;
+        return at + kEntryBytes <= entries.size() ? DecodeEntry(&entries[at], salt_, serial) : std::nullopt;
+    };
+    {
+        const std::lock_guard<std::mutex> lock(mutex_);
+        if (!parts_.empty() && parts_[slot].offset == offset) {
+            if (const auto entry = decode(parts_[slot].entries)) {
+                return *entry;
+            }
+        }
+    }
+    Bytes entries(static_cast<std::size_t>(std::min<std::uint64_t>(kEntriesTogether, block.count - begin)) *
+                  kEntryBytes);
+    entries.resize(file_->Read(offset, entries.data(), entries.size()));
+    const auto entry = decode(entries);
+    if (!entry) {
+        Fail(block.track, serial, "its entry is cut off or fails its checksum");
+    }
+    const std::lock_guard<std::mutex> lock(mutex_);
+    parts_.resize(kMostParts);
+    parts_[slot] = {offset, std::move(entries)};
+    return *entry;
 }
 
 void SegmentReader::Fail(std::uint32_t track, std::uint64_t serial, const std::string& reason) const {
@@ -108,49 +143,76 @@ void SegmentCache::Pin(const Segment& segment, std::shared_ptr<SegmentReader> re
 
 void SegmentCache::Unpin(const Segment& segment) {
     const std::lock_guard<std::mutex> lock(mutex_);
-    for (Slot& slot : slots_) {
-        if (slot.key == segment.key) {
-            slot.isPinned = false;
-            slot.blocks = slot.reader->Blocks();
-        }
+    const auto place = places_.find(segment.key);
+    if (place != places_.end() && place->second->isPinned) {
+        place->second->isPinned = false;
+        place->second->blocks = place->second->reader->Blocks();
+        blocks_ += place->second->blocks;
+        ++open_;
+        Shrink();
     }
 }
 
 void SegmentCache::Drop(SegmentKey key) {
     const std::lock_guard<std::mutex> lock(mutex_);
-    slots_.remove_if([key](const Slot& slot) { return slot.key == key; });
+    const auto place = places_.find(key);
+    if (place != places_.end()) {
+        Remove(place->second);
+    }
 }
 
 void SegmentCache::DropAll() {
     const std::lock_guard<std::mutex> lock(mutex_);
     slots_.clear();
+    places_.clear();
+    open_ = 0;
+    blocks_ = 0;
 }
 
 std::shared_ptr<SegmentReader> SegmentCache::Find(SegmentKey key) {
     const std::lock_guard<std::mutex> lock(mutex_);
-    for (auto slot = slots_.begin(); slot != slots_.end(); ++slot) {
-        if (slot->key == key) {
-            slots_.splice(slots_.begin(), slots_, slot);
-            return slot->reader;
-        }
+    const auto place = places_.find(key);
+    if (place == places_.end()) {
+        return nullptr;
     }
-    return nullptr;
+    slots_.splice(slots_.begin(), slots_, place->second);
+    return place->second->reader;
 }
 
 void SegmentCache::Insert(Slot slot) {
     const std::lock_guard<std::mutex> lock(mutex_);
+    const auto place = places_.find(slot.key);
+    if (place != places_.end()) {
+        if (!slot.isPinned) {
+            return; // Another thread has opened it meanwhile.
+        }
+        Remove(place->second);
+    }
+    open_ += slot.isPinned ? 0U : 1U;
+    blocks_ += slot.blocks;
     slots_.push_front(std::move(slot));
-    std::size_t open = 0;
-    std::size_t blocks = 0;
-    for (auto each = slots_.begin(); each != slots_.end();) {
-        open += each->isPinned ? 0U : 1U;
-        blocks += each->blocks;
-        const bool isTooMuch = open > 1 && (open > kMostOpen || blocks > kMostBlocks);
-        if (isTooMuch && !each->isPinned) {
-            blocks -= each->blocks;
-            each = slots_.erase(each);
-        } else {
-            ++each;
+    places_[slots_.front().key] = slots_.begin();
+    Shrink();
+}
+
+void SegmentCache::Remove(std::list<Slot>::iterator slot) {
+    open_ -= slot->isPinned ? 0U : 1U;
+    blocks_ -= slot->blocks;
+    places_.erase(slot->key);
+    slots_.erase(slot);
+}
+
+/// Closes those that were not used for longest.
+void SegmentCache::Shrink() {
+    for (auto slot = slots_.end(); slot != slots_.begin() && open_ > 1;) {
+        if (open_ <= kMostOpen && blocks_ <= kMostBlocks) {
+            return;
+        }
+        const auto next = std::prev(slot);
+        slot = next;
+        if (!next->isPinned) {
+            slot = std::next(next);
+            Remove(next);
         }
     }
 }

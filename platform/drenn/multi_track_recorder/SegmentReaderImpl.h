@@ -14,7 +14,7 @@
 
 namespace drenn::multi_track_recorder {
 
-/// Reads records of one segment.
+/// Reads records of one segment. Keeps some parts of its index, each with the entries of records that lie together.
 ///
 /// Threads: any.
 /// Errors:  std::runtime_error that names the file and the record for what is missing or fails its checksum.
@@ -29,7 +29,14 @@ public:
     std::vector<BlockRef> Directory() const;
 
 private:
+    /// Some entries of a block; checked when one is taken out.
+    struct IndexPart {
+        std::uint64_t offset = 0; ///< In the segment; 0: nothing.
+        Bytes entries;
+    };
+
     BlockRef Find(std::uint32_t track, std::uint64_t serial) const;
+    RecordEntry EntryOf(const BlockRef& block, std::uint64_t serial) const;
     [[noreturn]] void Fail(std::uint32_t track, std::uint64_t serial, const std::string& reason) const;
 
     const std::shared_ptr<const IFile> file_;
@@ -37,6 +44,7 @@ private:
     const std::uint64_t salt_;
     mutable std::mutex mutex_;
     std::map<std::uint32_t, std::vector<BlockRef>> blocks_; ///< Of each track, in the order of serials.
+    mutable std::vector<IndexPart> parts_;                  ///< Each in the place that its offset tells.
 };
 
 /// A segment, as the tables in memory know it.
@@ -78,11 +86,16 @@ private:
     std::shared_ptr<SegmentReader> Open(const Segment& segment) const;
     std::shared_ptr<SegmentReader> Find(SegmentKey key);
     void Insert(Slot slot);
+    void Remove(std::list<Slot>::iterator slot);
+    void Shrink();
 
     IFileSystem& files_;
     const StoreId store_;
     std::mutex mutex_;
     std::list<Slot> slots_; ///< Used last in front.
+    std::map<SegmentKey, std::list<Slot>::iterator> places_;
+    std::size_t open_ = 0;   ///< Of slots that are not pinned.
+    std::size_t blocks_ = 0; ///< Likewise.
 };
 
 } // namespace drenn::multi_track_recorder

@@ -3,6 +3,11 @@
 #include "drenn/multi_track_recorder/SegmentWalkerImpl.h"
 
 namespace drenn::multi_track_recorder {
+namespace {
+
+constexpr std::uint64_t kWindowBytes = 1U << 16U;
+
+} // namespace
 
 SegmentWalker::SegmentWalker(const IFile& file, std::uint64_t end)
     : file_(file), end_(std::min(end, file.Size())) {
@@ -26,6 +31,30 @@ std::optional<BlockHeader> SegmentWalker::Next(bool checkBody) {
     }
     offset_ = block->End();
     return block;
+}
+
+std::optional<BlockHeader> SegmentWalker::Find() {
+    if (auto block = Next(false)) {
+        return block;
+    }
+    Bytes window;
+    for (std::uint64_t from = offset_ + 1; header_ && from + kBlockHeaderBytes <= end_;) {
+        window.resize(static_cast<std::size_t>(std::min<std::uint64_t>(kWindowBytes, end_ - from)));
+        if (!Read(from, window)) {
+            break;
+        }
+        const std::size_t places = window.size() - kBlockHeaderBytes + 1;
+        for (std::size_t i = 0; i < places; ++i) {
+            const auto block = DecodeBlockHeader(&window[i], kBlockHeaderBytes,
+                                                 static_cast<std::uint32_t>(from + i), header_->salt);
+            if (block && block->End() <= end_) {
+                offset_ = block->End();
+                return block;
+            }
+        }
+        from += places;
+    }
+    return std::nullopt;
 }
 
 Bytes SegmentWalker::Body(const BlockHeader& block) const {

@@ -20,13 +20,16 @@ public:
     const std::optional<SegmentHeader>& Header() const { return header_; }
     /// The next block whose header checks, and its body too if `checkBody`; nothing at the first that does not.
     std::optional<BlockHeader> Next(bool checkBody);
-    /// The end of the last block that Next returned.
+    /// The next block whose header checks, wherever it begins behind what does not.
+    std::optional<BlockHeader> Find();
+    /// Whether the rest of a block does.
+    bool BodyChecks(const BlockHeader& block) const;
+    /// The end of the last block that was returned.
     std::uint64_t Offset() const { return offset_; }
     /// Of a block other than one of records.
     Bytes Body(const BlockHeader& block) const;
 
 private:
-    bool BodyChecks(const BlockHeader& block) const;
     bool RecordChecks(const BlockHeader& block, const RecordEntry& entry, std::uint64_t serial) const;
     bool Read(std::uint64_t offset, Bytes& bytes) const;
 

@@ -60,6 +60,10 @@ bool SegmentWriter::HasRoomFor(std::uint64_t length) const {
     return isFirst || stagedEnd_ + length <= context_.options.segmentBytes;
 }
 
+bool SegmentWriter::IsFullFor(std::uint64_t length) const {
+    return !NeedsSync() && end_ >= context_.options.segmentBytes / 2 && !HasRoomFor(length);
+}
+
 void SegmentWriter::Stage(const std::shared_ptr<PendingBlock>& block) {
     staged_.push_back({block, static_cast<std::uint32_t>(stagedEnd_)});
     stagedEnd_ += block->Length();
@@ -100,12 +104,18 @@ void SegmentWriter::WriteStaged() {
 }
 
 std::vector<SegmentWriter::Placed> SegmentWriter::Sync() {
-    file_->Sync();
     if (syncedEnd_ == 0) {
-        context_.files.SyncFolder(context_.options.storage);
+        context_.files.Together(
+            {[this] { file_->Sync(); }, [this] { context_.files.SyncFolder(context_.options.storage); }});
+    } else {
+        file_->Sync();
     }
     syncedEnd_ = end_;
     return std::move(unsynced_);
+}
+
+void SegmentWriter::WriteOut() {
+    file_->WriteOut();
 }
 
 void SegmentWriter::Break() {

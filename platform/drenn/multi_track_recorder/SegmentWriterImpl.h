@@ -30,7 +30,12 @@ public:
     /// Writes what is staged.
     void Write();
     bool IsEmpty() const { return end_ == 0 && staged_.empty(); }
-    bool NeedsSync() const { return syncedEnd_ < end_; }
+    bool NeedsSync() const { return !isBroken_ && syncedEnd_ < end_; }
+    /// Whether a batch of this length is better written to a new segment than to the rest of this one and a new one:
+    /// nothing of this one waits for a sync then, and it is not small.
+    bool IsFullFor(std::uint64_t length) const;
+    /// Hands over what was written to the device, so that Sync takes little time.
+    void WriteOut();
     /// Makes durable what was written, and returns those blocks.
     std::vector<Placed> Sync();
     /// From now on nothing is written here; what is not synced is to go elsewhere.

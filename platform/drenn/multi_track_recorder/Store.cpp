@@ -16,6 +16,7 @@ Store::Store(IFileSystem& files, const StoreOptions& options)
     }
     OpenedStore opened = Open();
     context_ = std::make_unique<StoreContext>(files, options, opened.id);
+    gate_->store = this;
     context_->onStateChange = [this] {
         const std::lock_guard<std::mutex> lock(wakeMutex_);
         states_.push_back(context_->GetState());
@@ -26,7 +27,14 @@ Store::Store(IFileSystem& files, const StoreOptions& options)
     lock_ = std::move(opened.lock);
     context_->SetCatalogue(opened.catalogue);
     Build(opened);
-    ForEachLane([this](Lane& lane) { MarkDead(lane); }); // A crash came before an erasure was done with them.
+    LookAtSpace();
+    try {
+        ForEachLane(
+            [this](Lane& lane) { MarkDead(lane); }); // A crash came before an erasure was done with them.
+    } catch (const FileError& error) {
+        // What is there can be read; the keeper tries again.
+        context_->logger.Warning("%s; removing erased segments has to wait", error.what());
+    }
     KeepReserve();
     if (options_.background) {
         committer_ = std::thread([this] { RunCommitter(); });
@@ -45,6 +53,10 @@ Store::~Store() {
             thread->join();
         }
     }
+    {
+        const std::unique_lock<std::shared_mutex> lock(gate_->mutex);
+        gate_->store = nullptr;
+    }
     for (const auto& recording : Recordings()) {
         recording->Detach("its store was closed");
     }
@@ -54,6 +66,8 @@ Store::~Store() {
                 lane.Seal();
                 MarkDead(lane);
             });
+            const std::lock_guard<std::mutex> lock(keeperMutex_);
+            ForgetRemoved();
         } catch (const std::exception& error) {
             context_->logger.Error("Closing the store: %s", error.what());
         }
@@ -75,7 +89,12 @@ OpenedStore Store::Open() {
 }
 
 Store::Member& Store::Add(const RecordingRow& row) {
-    auto impl = std::make_shared<RecordingImpl>(*context_, row, [this] { Relieve(); });
+    auto impl = std::make_shared<RecordingImpl>(*context_, row, [gate = gate_] {
+        const std::shared_lock<std::shared_mutex> lock(gate->mutex);
+        if (gate->store != nullptr) {
+            gate->store->Relieve();
+        }
+    });
     const std::lock_guard<std::mutex> lock(recordingsMutex_);
     recordings_.push_back({impl, boost::make_shared<Recording>(impl)});
     return recordings_.back();
@@ -142,19 +161,41 @@ void Store::Sync() {
     context_->RequireGood();
     PrepareRoom();
     try {
-        ForEachLane([](Lane& lane) { lane.Sync(); });
+        SyncLanes();
     } catch (const FileError& error) {
         if (!error.IsOutOfSpace() || TrackImpl::LocksHeld() > 0) {
             throw;
         }
         // Others may have filled the card meanwhile.
         PrepareRoom();
-        ForEachLane([](Lane& lane) { lane.Sync(); });
+        SyncLanes();
+    }
+}
+
+/// First all lanes hand over what they have, then all wait for the device together.
+void Store::SyncLanes() {
+    std::vector<std::function<void()>> syncs;
+    std::exception_ptr failure;
+    try {
+        ForEachLane([&syncs](Lane& lane) {
+            if (lane.BeginSync()) {
+                syncs.emplace_back([&lane] { lane.EndSync(); });
+            }
+        });
+    } catch (const std::exception&) {
+        failure = std::current_exception();
+    }
+    files_.Together(syncs);
+    if (failure != nullptr) {
+        std::rethrow_exception(failure);
     }
 }
 
 /// Much is in memory: whoever appends helps to bring it out.
 void Store::Relieve() {
+    if (context_->memory <= context_->mostMemory) {
+        return;
+    }
     try {
         Sync();
     } catch (const FileError& error) {

@@ -32,6 +32,8 @@ public:
     quarn::core::Logger& logger;
     SegmentCache cache;
     std::atomic<std::size_t> memory{0}; ///< Bytes of records that are not durable yet.
+    /// Who appends when there are more waits for them to be written.
+    std::atomic<std::size_t> mostMemory{std::size_t{32} * 1024 * 1024};
 
     std::string PathOf(SegmentKey segment) const;
     std::string ReservePath() const { return options.database + "/reserve"; }

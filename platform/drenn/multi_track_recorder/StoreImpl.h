@@ -10,6 +10,7 @@
 #include <map>
 #include <memory>
 #include <mutex>
+#include <shared_mutex>
 #include <thread>
 #include <vector>
 
@@ -53,6 +54,12 @@ private:
         boost::shared_ptr<Recording> recording;
     };
 
+    /// Appenders come in through here without a lock; closing waits until they are out.
+    struct Gate {
+        std::shared_mutex mutex;
+        Store* store; ///< Nothing when it is closed. Guarded by mutex.
+    };
+
     OpenedStore Open();
     void Build(const OpenedStore& opened);
     void BuildTables(const CatalogueContent& content,
@@ -62,18 +69,23 @@ private:
     std::vector<std::shared_ptr<RecordingImpl>> Recordings() const;
     std::vector<Lane*> Lanes() const;
     void ForEachLane(const std::function<void(Lane&)>& action);
+    void SyncLanes();
     void Relieve();
 
     // Keeper.
     void CheckCard();
     void LoseCard(StoreState state);
+    void LetGo();
     void FindCard();
     void PrepareRoom();
+    Space LookAtSpace();
     void MakeRoom();
     std::shared_ptr<Segment> OldestSegment(bool sparse);
     bool SealBulk();
     void EraseSegment(const std::shared_ptr<Segment>& segment);
     void RemoveDead();
+    void ForgetRemoved();
+    void ForgetRemoved(Catalogue::Transaction& transaction);
     void MarkDead(Lane& lane);
     void KeepReserve();
     void RaiseStates();
@@ -91,6 +103,7 @@ private:
     std::unique_ptr<StoreContext> context_;
     MultiTrackRecorder::StateSignal stateSignal_;
 
+    const std::shared_ptr<Gate> gate_ = std::make_shared<Gate>();
     mutable std::mutex recordingsMutex_;
     std::list<Member> recordings_; ///< Guarded by recordingsMutex_.
 
@@ -99,6 +112,10 @@ private:
     std::unique_ptr<IFile> lock_; ///< Guarded by keeperMutex_.
     std::uint64_t device_ = 0;    ///< Guarded by keeperMutex_.
     bool isOverfull_ = false;     ///< Guarded by keeperMutex_.
+    bool hasReserve_ = false;     ///< Guarded by keeperMutex_.
+    std::string findError_;       ///< Why the card that is back cannot be used. Guarded by keeperMutex_.
+    std::vector<SegmentKey>
+        removed_; ///< Files that are gone for good, for the catalogue to forget. Likewise.
 
     std::mutex wakeMutex_;
     std::condition_variable wake_;

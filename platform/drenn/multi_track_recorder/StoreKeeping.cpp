@@ -9,6 +9,8 @@ namespace {
 constexpr std::uint32_t kKeepMs = 500;
 constexpr std::uint64_t kReserveBytes = 1ULL << 20U;
 constexpr std::uint64_t kMostHeadroom = 8ULL << 20U;
+constexpr std::uint64_t kMostMemory = 32ULL << 20U;
+constexpr std::size_t kMostRemoved = 16;
 
 } // namespace
 
@@ -77,11 +79,16 @@ void Store::CheckCard() {
 void Store::LoseCard(StoreState state) {
     context_->logger.Warning("The card of %s is away", options_.storage.c_str());
     context_->SetState(state);
+    LetGo();
+}
+
+void Store::LetGo() {
     for (Lane* lane : Lanes()) {
         lane->Detach();
     }
     context_->cache.DropAll();
     context_->SetCatalogue(nullptr);
+    removed_.clear(); // Opening looks after them.
     lock_ = nullptr;
 }
 
@@ -101,10 +108,15 @@ void Store::FindCard() {
         context_->SetCatalogue(opened.catalogue);
         Build(opened);
         context_->logger.Information("The card of %s is back", options_.storage.c_str());
+        findError_.clear();
         context_->SetState(StoreState::Good);
     } catch (const std::exception& error) {
-        context_->logger.Debug("The card of %s cannot be used yet: %s", options_.storage.c_str(),
-                               error.what());
+        LetGo();                          // So that it can be unmounted and looked after.
+        if (error.what() != findError_) { // Once for each reason; it is tried again all the time.
+            findError_ = error.what();
+            context_->logger.Warning("The card of %s cannot be used: %s", options_.storage.c_str(),
+                                     error.what());
+        }
     }
 }
 
@@ -118,13 +130,22 @@ void Store::PrepareRoom() {
     MakeRoom();
 }
 
+/// On a small card less is kept in memory: it has to find room at once.
+Space Store::LookAtSpace() {
+    const Space space = files_.GetSpace(options_.storage);
+    context_->mostMemory = static_cast<std::size_t>(std::min(kMostMemory, space.usable / 8));
+    return space;
+}
+
 /// Erases the oldest segments until the used share, with what is about to come, is below the limit.
 void Store::MakeRoom() {
     for (;;) {
-        const Space space = files_.GetSpace(options_.storage);
+        const Space space = LookAtSpace();
         const std::uint64_t used = space.usable - space.free;
         const std::uint64_t limit = space.usable / 100 * options_.maxPercent;
-        const std::uint64_t coming = context_->memory + std::min(kMostHeadroom, space.usable / 32);
+        // Others append while this is written.
+        const std::uint64_t coming = std::max<std::uint64_t>(context_->memory, context_->mostMemory) +
+                                     std::min(kMostHeadroom, space.usable / 32);
         if (used + coming <= limit) {
             isOverfull_ = false;
             return;
@@ -198,8 +219,10 @@ void Store::EraseSegment(const std::shared_ptr<Segment>& segment) {
             transaction.SetErased(content->id, erased.back().FirstSerial(), erased.back().Ranges());
         }
         transaction.SetRemoving(segment->key);
+        ForgetRemoved(transaction);
         transaction.Commit();
         segment->isRemoving = true;
+        removed_.clear();
         for (std::size_t i = 0; i < ends.size(); ++i) {
             const std::lock_guard<std::mutex> lock(ends[i].first->mutex);
             ends[i].first->SetErased(erased[i]);
@@ -226,14 +249,29 @@ void Store::RemoveDead() {
         files_.Remove(context_->PathOf(key));
     }
     files_.SyncFolder(options_.storage);
-    context_->Transact([&, &all = dead](Catalogue::Transaction& transaction) {
-        for (const auto& [lane, key] : all) {
-            transaction.Forget(key);
-        }
-        transaction.Commit();
-    });
     for (const auto& [lane, key] : dead) {
         lane->Forget(key);
+        removed_.push_back(key);
+    }
+    if (removed_.size() >= kMostRemoved) {
+        ForgetRemoved();
+    }
+}
+
+void Store::ForgetRemoved() {
+    if (!removed_.empty()) {
+        context_->Transact([this](Catalogue::Transaction& transaction) {
+            ForgetRemoved(transaction);
+            transaction.Commit();
+        });
+        removed_.clear();
+    }
+}
+
+/// It can wait for the next transaction: after a crash, opening removes again what is not there any more.
+void Store::ForgetRemoved(Catalogue::Transaction& transaction) {
+    for (const SegmentKey& key : removed_) {
+        transaction.Forget(key);
     }
 }
 
@@ -256,10 +294,13 @@ void Store::MarkDead(Lane& lane) {
 
 /// Room that is held back for the transactions that erase.
 void Store::KeepReserve() {
+    const std::string path = context_->ReservePath();
     try {
-        if (!files_.Exists(context_->ReservePath()) &&
+        // One that is there may be from a process that was killed before it had any room.
+        if ((!hasReserve_ || !files_.Exists(path)) &&
             files_.GetSpace(options_.database).free > 4 * kReserveBytes) {
-            files_.Open(context_->ReservePath(), OpenMode::Create)->Reserve(kReserveBytes);
+            files_.Open(path, OpenMode::Create)->Reserve(kReserveBytes);
+            hasReserve_ = true;
         }
     } catch (const FileError& error) {
         context_->logger.Warning("%s; there is no room held back", error.what());

@@ -11,7 +11,6 @@
 namespace drenn::multi_track_recorder {
 namespace {
 
-constexpr std::size_t kRelieveBytes = std::size_t{32} * 1024 * 1024;
 constexpr std::size_t kMostMemory = std::size_t{128} * 1024 * 1024;
 
 thread_local int locksHeld = 0;
@@ -154,9 +153,7 @@ void TrackImpl::CheckSizes(const BlobRecord& record) const {
 
 void TrackImpl::Append(const BlobRecord& record) {
     CheckSizes(record);
-    if (context_.memory > kRelieveBytes) {
-        relieve_();
-    }
+    relieve_();
     const Guard guard(*this);
     RequireAttached();
     context_.RequireGood();

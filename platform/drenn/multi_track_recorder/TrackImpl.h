@@ -18,7 +18,8 @@ namespace drenn::multi_track_recorder {
 /// Threads: any; every operation takes the track's lock.
 class TrackImpl {
 public:
-    /// `relieve` is called without locks before an append when much is in memory.
+    /// `relieve` is called without locks before every append, and waits when much is in memory. It may be called when
+    /// the store is gone.
     TrackImpl(StoreContext& context, Lane& lane, std::shared_ptr<TrackContent> content,
               std::function<void()> relieve);
 

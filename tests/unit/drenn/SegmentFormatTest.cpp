@@ -6,6 +6,7 @@
 
 #include "drenn/multi_track_recorder/PendingBlockImpl.h"
 #include "drenn/multi_track_recorder/SegmentReaderImpl.h"
+#include "support/TempFolder.h"
 
 using namespace drenn::multi_track_recorder;
 
@@ -67,6 +68,41 @@ TEST(SegmentFormat, IsThatOfTheGoldenFile) {
     ASSERT_EQ(record.blobs().size(), 2U);
     EXPECT_EQ(std::string(reinterpret_cast<const char*>(record.blobs()[1].data()), 7), "payload");
     EXPECT_THROW(cache.Get(segment)->Read(3, 12, record), std::runtime_error);
+}
+
+// Where 32 bits of a system end.
+TEST(SegmentFormat, PlacesBehind4GiBAreThemselves) {
+    constexpr std::uint64_t k4GiB = std::uint64_t{1} << 32U;
+    const TempFolder folder;
+    const std::string path = folder.Path("sparse");
+    const std::shared_ptr<IFile> file = PosixFileSystem().Open(path, OpenMode::CreateNew);
+    Bytes bytes;
+    PendingBlock records(3, 10);
+    BlobRecord record;
+    record.add({"a record", 8});
+    records.Append(record);
+    const std::uint64_t offset = k4GiB - kBlockHeaderBytes - kEntryBytes; // The payload is the first behind.
+    records.Encode(static_cast<std::uint32_t>(offset), kSalt, kTime, bytes);
+    ByteWriter(bytes).Raw(records.Payloads()[0].bytes, records.Payloads()[0].length);
+    file->Write(offset, bytes.data(), bytes.size());
+    file->WriteOut();
+    file->Sync();
+    EXPECT_EQ(file->Size(), k4GiB + 12);
+    unsigned char first = 1;
+    EXPECT_EQ(file->Read(0, &first, 1), 1U);
+    EXPECT_EQ(first, 0); // It did not come round.
+    SegmentReader reader(file, path, kSalt);
+    reader.Add({3, 1, 10, static_cast<std::uint32_t>(offset)});
+    BlobRecord read;
+    reader.Read(3, 10, read);
+    ASSERT_EQ(read.blobs().size(), 1U);
+    EXPECT_EQ(std::string(reinterpret_cast<const char*>(read.blobs()[0].data()), 8), "a record");
+    const std::string large(std::size_t{200} * 1024, 'x'); // The way of large writes.
+    file->Write(5 * k4GiB / 4, large.data(), large.size());
+    file->Truncate(5 * k4GiB / 4 + 1);
+    EXPECT_EQ(file->Size(), 5 * k4GiB / 4 + 1);
+    EXPECT_EQ(file->Read(5 * k4GiB / 4, &first, 1), 1U);
+    EXPECT_EQ(first, 'x');
 }
 
 } // namespace

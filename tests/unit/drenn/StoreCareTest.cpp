@@ -88,6 +88,43 @@ TEST(StoreCare, ALostCatalogueIsRebuiltWithoutWhatWasErased) {
     EXPECT_THAT(test.Verify(), IsEmpty());
 }
 
+TEST(StoreCare, ARebuiltCatalogueHasWhatLiesBehindDamage) {
+    TestStore test;
+    Fill(test);
+    test.store = nullptr;
+    const std::string path = Segments(test).at(1).string();
+    const std::string name = "data/" + std::filesystem::path(path).filename().string();
+    const std::string whole = test.folder.Read(name);
+    const auto rebuild = [&](std::size_t damaged) {
+        std::string bytes = whole;
+        bytes[damaged] = static_cast<char>(~bytes[damaged]);
+        test.folder.Write(name, bytes);
+        std::filesystem::resize_file(test.options.database + "/catalogue", 0);
+        return StoreInspection(test.folder.Path()).Rebuild();
+    };
+    // Of a payload: that one record cannot be read.
+    EXPECT_THAT(rebuild(whole.find("....") + 1000),
+                ElementsAre(testing::AllOf(HasSubstr(path), HasSubstr("is damaged"))));
+    test.Open();
+    ASSERT_EQ(test.GetTrack(0)->size(), 53U);
+    unsigned bad = 0;
+    for (unsigned i = 0; i < 53; ++i) {
+        const std::string error = ThrownText<std::runtime_error>([&] { TextAt(*test.GetTrack(0), i); });
+        bad += error.find(path + ": it fails its checksum") != std::string::npos ? 1U : 0U;
+    }
+    EXPECT_EQ(bad, 1U);
+    test.store = nullptr;
+    // Of a block's header: the block is lost, and no other.
+    const std::size_t second = whole.find("CBLK", whole.find("CBLK") + 1);
+    EXPECT_THAT(rebuild(second + 20),
+                ElementsAre(testing::AllOf(HasSubstr(path), HasSubstr("cannot be read"))));
+    test.Open();
+    const auto bulk = test.GetTrack(0);
+    EXPECT_LT(bulk->size(), 53U);
+    EXPECT_GT(bulk->size(), 40U);
+    EXPECT_EQ(TextAt(*bulk, bulk->size() - 1), "59" + std::string(5000, '.'));
+}
+
 TEST(StoreCare, DamageIsFoundAndNeverRead) {
     TestStore test;
     Fill(test);

@@ -75,6 +75,8 @@ TEST(Store, RecordsReadTheSameInMemoryAndOnTheDevice) {
     EXPECT_EQ(track->getFormat(), DataFormatVersion("video", 7));
     EXPECT_THAT(test.Verify(), IsEmpty());
     EXPECT_THAT(ThrownText<std::runtime_error>([&] { track->size(); }), HasSubstr("its store was closed"));
+    EXPECT_THAT(ThrownText<std::runtime_error>([&] { AppendText(*track, "x"); }),
+                HasSubstr("its store was closed"));
 }
 
 TEST(Store, WhatIsTooLargeIsRefusedAndChangesNothing) {
