@@ -1,0 +1,26 @@
+#pragma once
+
+#include <boost/date_time/posix_time/posix_time_types.hpp>
+
+namespace quarn::calvane {
+
+/// Whether there is data at a time, and if not, why. The numbers stand in history records (key "Reason") and
+/// go to clients.
+enum class CoverageReason : int {
+    Data = 0,    ///< There is.
+    Stopped = 1, ///< Its producer had none.
+    NoCard = 2,  ///< The card was away.
+    Erased = 3,  ///< By the limit of time or of space.
+    Dropped = 4, ///< Its producer or the store could not keep up.
+    Clock = 5,   ///< The clock jumped over this time.
+    Unknown = 6
+};
+
+/// A stretch of time. Both ends belong to it.
+struct CoverageSpan {
+    boost::posix_time::ptime start;
+    boost::posix_time::ptime end;
+    CoverageReason reason = CoverageReason::Unknown;
+};
+
+} // namespace quarn::calvane

@@ -1,0 +1,71 @@
+#pragma once
+
+#include <optional>
+#include <vector>
+
+#include "calvane/recording/Coverage.h"
+#include "calvane/recording/HistoryEvent.h"
+#include "calvane/recording/RecordingTrack.h"
+
+namespace quarn::calvane {
+
+/// Works out where a track has data, and why it has none elsewhere. The history divides the time into stretches;
+/// where it says that data was present, that holds as far as there still are records. Where it says nothing
+/// any more, or says absent although there are records, the records themselves tell: those that are at most
+/// RecordingManager::kLargestRecordGap apart belong together.
+///
+/// Threads: one. It takes the locks of the history and of the track, one after the other.
+class CoverageQuery {
+public:
+    /// What is not in the tracks.
+    struct Moment {
+        boost::posix_time::ptime now;
+        bool isPresent = false;                              ///< It is being recorded.
+        CoverageReason afterwards = CoverageReason::Unknown; ///< Why there is nothing behind the last record.
+        std::vector<HistoryEvent> pending; ///< The track's events that are not in the history yet, by time.
+        boost::posix_time::ptime cutoff;   ///< What is older was to be erased; or not-a-date-time.
+    };
+
+    CoverageQuery(const RecordingTrack& history, const RecordingTrack& track, const Moment& moment);
+
+    std::vector<CoverageSpan> run(const boost::posix_time::ptime& from, const boost::posix_time::ptime& to);
+
+private:
+    using Ptime = boost::posix_time::ptime;
+
+    enum class Said { Nothing, Present, Absent };
+
+    /// A time during which the history says the same.
+    struct Stretch {
+        Said said = Said::Nothing;
+        CoverageReason reason = CoverageReason::Unknown;
+        bool isCertain = false; ///< An event says so; otherwise it follows from the next one.
+        Ptime begin;            ///< Not-a-date-time: open.
+        Ptime end;
+    };
+
+    std::vector<Stretch> divide() const;
+    std::optional<HistoryEvent> lastEvent(const Ptime& t) const;
+    std::vector<HistoryEvent> eventsBetween(const Ptime& from, const Ptime& to) const;
+    std::optional<HistoryEvent> nextEvent(const Ptime& t) const;
+    static void apply(Stretch& stretch, const HistoryEvent& event);
+
+    void addPresent(const Stretch& stretch, const Ptime& start, const Ptime& end);
+    void addByRecords(const Stretch& stretch, const Ptime& start, const Ptime& end);
+    std::vector<CoverageSpan> findRuns(const Stretch& stretch, const Ptime& start, const Ptime& end);
+    void joinRuns(unsigned int first, unsigned int last, const Ptime& firstTime, const Ptime& lastTime,
+                  std::vector<CoverageSpan>& runs);
+    void add(const Ptime& start, const Ptime& end, CoverageReason reason);
+
+    const RecordingTrack& _history;
+    const RecordingTrack& _track;
+    const Moment& _moment;
+    Ptime _from;
+    Ptime _to;
+    Ptime _first; // Of the records; not-a-date-time if there are none.
+    Ptime _last;
+    unsigned int _reads = 0;
+    std::vector<CoverageSpan> _spans;
+};
+
+} // namespace quarn::calvane

@@ -1,0 +1,34 @@
+#pragma once
+
+#include <boost/date_time/posix_time/posix_time_types.hpp>
+#include <cstddef>
+#include <cstdint>
+
+#include "calvane/Export.h"
+
+namespace quarn::calvane {
+
+/// What a record's time is stored as: the ticks of a posix time, which are microseconds from day number 0 of
+/// its calendar. 2020-01-01 00:00:00 is 212444640000000000. The special times keep their special numbers.
+CALVANE_API std::int64_t ticksFromTime(const boost::posix_time::ptime& time);
+CALVANE_API boost::posix_time::ptime timeFromTicks(std::int64_t ticks);
+
+/// The first blob of every record: 16 bytes, as docs/reference/record-format.md has them.
+struct RecordHeader {
+    static constexpr std::uint8_t kVersion = 1;
+    // Bits of `flags` in data records.
+    static constexpr std::uint8_t kKeyFrame = 1;      ///< It can be decoded without those before it.
+    static constexpr std::uint8_t kDiscontinuity = 2; ///< Data is missing in front of it.
+    static constexpr std::uint8_t kHistory = 1;       ///< What history records have there.
+
+    std::uint8_t version = kVersion;
+    std::uint8_t flags = 0;
+    std::uint8_t unused[6] = {};
+    std::int64_t ticks = 0; ///< In the machine's byte order; see ticksFromTime.
+};
+static_assert(sizeof(RecordHeader) == 16, "it is stored as it lies in memory");
+
+/// Throws std::runtime_error "Parse error in recorded data" unless there are 16 bytes.
+RecordHeader parseHeader(const unsigned char* bytes, std::size_t size);
+
+} // namespace quarn::calvane

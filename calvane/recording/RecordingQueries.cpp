@@ -1,0 +1,78 @@
+// What a client asks: where there is data, why elsewhere there is none, what happened.
+
+#include <boost/lexical_cast.hpp>
+#include <stdexcept>
+
+#include "calvane/recording/CoverageQueryImpl.h"
+#include "calvane/recording/HistoryReaderImpl.h"
+#include "calvane/recording/RecordingClock.h"
+#include "calvane/recording/RecordingLogImpl.h"
+#include "drenn/multi_track_recorder/MultiTrackRecorder.h"
+
+namespace quarn::calvane {
+
+using boost::posix_time::ptime;
+using drenn::multi_track_recorder::StoreState;
+
+/// Without it everything would look as if it had been erased.
+void RecordingManager::requireCard() const {
+    const StoreState state = _multiTrackRecorder->getState();
+    if (state == StoreState::NoCard || state == StoreState::OtherCard) {
+        throw std::runtime_error("The card with the recording is away");
+    }
+}
+
+std::vector<CoverageSpan> RecordingManager::getCoverage(track_type type, const ptime& from,
+                                                        const ptime& to) const {
+    const RecordingTrack& track = *_dataTracks.at(type);
+    if (from.is_special() || to.is_special() || to < from) {
+        throw std::invalid_argument("There is no time from " + textOf(from) + " to " + textOf(to));
+    }
+    requireCard();
+    CoverageQuery::Moment moment;
+    moment.now = RecordingClock::now();
+    if (_multiTrackRecorder->getState() == StoreState::ReadOnly) {
+        moment.afterwards = CoverageReason::Dropped;
+    }
+    {
+        // Before the history is read, so that no event is missed on its way there.
+        const std::lock_guard<std::mutex> lock(_mutex);
+        moment.isPresent = _presentTracks.count(type) != 0;
+        if (!_maxRetentionTime.is_special() && _maxRetentionTime > boost::posix_time::time_duration()) {
+            moment.cutoff = moment.now - _maxRetentionTime;
+        }
+        for (const auto& [time, info] : _historySaveQueue) {
+            if (info.at(kTrackType) == std::to_string(type)) {
+                HistoryEvent event{time, true, info.at(kTrackDataPresent) == "1", type};
+                if (info.count(kReason) != 0) {
+                    event.reason = static_cast<CoverageReason>(boost::lexical_cast<int>(info.at(kReason)));
+                }
+                moment.pending.push_back(event);
+            }
+        }
+    }
+    return CoverageQuery(*_historyTrack, track, moment).run(from, to);
+}
+
+bool RecordingManager::isRecordedAt(const ptime& t, track_type type) const {
+    return getCoverage(type, t, t).front().reason == CoverageReason::Data;
+}
+
+HistoryPage RecordingManager::findHistory(const ptime& from, const ptime& to, bool backward, unsigned int max,
+                                          const HistoryCursor& cursor) const {
+    requireCard();
+    const HistoryReader reader(*_historyTrack);
+    HistoryPage page = reader.readPage(from, to, backward, max, cursor);
+    if (cursor.passed == 0 && cursor.time == (backward ? to : from)) {
+        page.state = reader.findState(from);
+    }
+    return page;
+}
+
+HistoryPage RecordingManager::getHistoryEvent(const HistoryCursor& cursor) const {
+    requireCard();
+    return HistoryReader(*_historyTrack)
+        .readPage(cursor.time, ptime(boost::posix_time::pos_infin), false, 1, cursor);
+}
+
+} // namespace quarn::calvane

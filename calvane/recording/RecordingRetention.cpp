@@ -1,0 +1,132 @@
+// Erasing by age and after clock jumps, and what spans all tracks.
+
+#include <algorithm>
+#include <limits>
+
+#include "calvane/recording/DrennApiException.h"
+#include "calvane/recording/RecordingClock.h"
+#include "calvane/recording/RecordingManager.h"
+#include "calvane/recording/TrackLockImpl.h"
+#include "drenn/core/Settings.h"
+
+namespace quarn::calvane {
+
+using boost::posix_time::ptime;
+using boost::posix_time::time_duration;
+
+namespace {
+
+time_duration storable(const time_duration& limit) {
+    if (limit.is_special()) {
+        return boost::posix_time::seconds(0);
+    }
+    const time_duration longest = boost::posix_time::seconds(std::numeric_limits<int>::max());
+    const time_duration shortest = boost::posix_time::seconds(std::numeric_limits<int>::min());
+    return std::clamp(limit, shortest, longest);
+}
+
+} // namespace
+
+time_duration RecordingManager::getMaxRetentionTime() {
+    const std::lock_guard<std::mutex> lock(_mutex);
+    return _maxRetentionTime;
+}
+
+void RecordingManager::setMaxRetentionTime(const time_duration& rt) {
+    {
+        const std::lock_guard<std::mutex> lock(_mutex);
+        _maxRetentionTime = storable(rt);
+        // Of the same sign, or 0.
+        const auto seconds = static_cast<int>(_maxRetentionTime.ticks() / 1000000);
+        const auto rest = static_cast<int>(_maxRetentionTime.ticks() % 1000000);
+        requireDrennSuccess(
+            drenn_core_settings_set_int_value(kMaxRetentionTimeSeconds, seconds),
+            "drenn_core_settings_set_int_value(kMaxRetentionTimeSeconds, rt.total_seconds())");
+        requireDrennSuccess(
+            drenn_core_settings_set_int_value(kMaxRetentionTimeMicroseconds, rest),
+            "drenn_core_settings_set_int_value(kMaxRetentionTimeMicroseconds, rt.fractional_seconds())");
+    }
+    if (RecordingManager* const manager = _singleton.load()) {
+        manager->enforceMaxRetentionTime();
+    }
+}
+
+void RecordingManager::enforceMaxRetentionTime() {
+    const time_duration limit = getMaxRetentionTime();
+    if (limit.is_special() || limit <= time_duration()) {
+        return;
+    }
+    const ptime cutoff = RecordingClock::now() - limit;
+    for (const auto& [type, track] : _allTracks) {
+        const TrackLock lock(*track->getTrack());
+        if (track->getTrack()->size() > 0 && track->getTimestampAtIndex(0) < cutoff) {
+            track->getTrack()->eraseRange(0, track->getTrackIndexForcedIntoBounds(cutoff) + 1);
+        }
+    }
+}
+
+void RecordingManager::eraseDataFrom(const ptime& t) {
+    for (const auto& [type, track] : _allTracks) {
+        const TrackLock lock(*track->getTrack());
+        const unsigned int size = track->getTrack()->size();
+        if (size > 0) {
+            track->getTrack()->eraseRange(track->getTrackIndexForcedIntoBounds(t), size);
+        }
+    }
+}
+
+bool RecordingManager::getRecordingTimePeriod(ptime& first, ptime& last) const {
+    for (const auto& [type, track] : _dataTracks) {
+        ptime trackFirst;
+        ptime trackLast;
+        if (track->getRecordingTimePeriod(trackFirst, trackLast)) {
+            updateEarliest(first, trackFirst);
+            updateLatest(last, trackLast);
+        }
+    }
+    return !first.is_not_a_date_time() && !last.is_not_a_date_time();
+}
+
+ptime RecordingManager::getEarliestDataAfter(const ptime& t, track_type type) const {
+    ptime result;
+    const RecordingTrack& track = *_dataTracks.at(type);
+    const TrackLock lock(*track.getTrack());
+    try {
+        updateEarliest(result, track.getTimestampAtIndex(track.getTrackIndex(t) + 1));
+    } catch (const std::exception&) { // There is none.
+    }
+    return result;
+}
+
+ptime RecordingManager::getEarliestDataAfter(const ptime& t) const {
+    ptime result;
+    for (const auto& [type, track] : _dataTracks) {
+        updateEarliest(result, getEarliestDataAfter(t, type));
+    }
+    return result;
+}
+
+void RecordingManager::updateEarliest(ptime& current, const ptime& candidate) {
+    if (current.is_not_a_date_time() || candidate < current) {
+        current = candidate;
+    }
+}
+
+void RecordingManager::updateLatest(ptime& current, const ptime& candidate) {
+    if (current.is_not_a_date_time() || current < candidate) {
+        current = candidate;
+    }
+}
+
+bool RecordingManager::getPlaybackInfo(const drenn::multi_track_recorder::BlobRecord& record,
+                                       const unsigned char*& data, unsigned int& size, RecordHeader& header) {
+    if (record.blobs().size() != 2) {
+        return false;
+    }
+    header = parseHeader(record.blobs()[0].data(), record.blobs()[0].size());
+    data = record.blobs()[1].data();
+    size = static_cast<unsigned int>(record.blobs()[1].size());
+    return true;
+}
+
+} // namespace quarn::calvane

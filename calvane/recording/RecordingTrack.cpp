@@ -1,0 +1,195 @@
+#include "calvane/recording/RecordingTrack.h"
+
+#include <boost/bind/bind.hpp>
+#include <stdexcept>
+
+#include "calvane/recording/RecordHeader.h"
+#include "calvane/recording/RecordingClock.h"
+#include "calvane/recording/RecordingLogImpl.h"
+#include "calvane/recording/TrackLockImpl.h"
+#include "calvane/services/RecordingInformationImpl.h"
+#include "drenn/multi_track_recorder/Recording.h"
+
+namespace quarn::calvane {
+
+using boost::posix_time::ptime;
+using drenn::multi_track_recorder::BlobRecord;
+using drenn::multi_track_recorder::DataFormatVersion;
+using drenn::multi_track_recorder::Recording;
+using drenn::multi_track_recorder::Track;
+using drenn::multi_track_recorder::TrackClass;
+
+namespace {
+
+constexpr unsigned int kFormatVersion = 1;
+
+} // namespace
+
+RecordingTrack::RecordingTrack(int type) : _trackType(static_cast<track_type>(type)) {}
+
+RecordingTrack::~RecordingTrack() {
+    if (_track != nullptr) {
+        // The signal is raised with the lock held, so no slot runs when this has it.
+        const TrackLock lock(*_track);
+        _eraseRangeConnection.disconnect();
+    }
+}
+
+void RecordingTrack::initTrack(boost::shared_ptr<Recording>& recording) {
+    if (!adoptTrack(*recording)) {
+        CALVANE_RECORDING_LOG(DRENN_CORE_LOG_INFO, "creating new track");
+        // The history tells of the rest and outlives it when the card fills up.
+        _track = recording->newTrack(_trackType == RecordingManager::kHistoryTrack ? TrackClass::Sparse
+                                                                                   : TrackClass::Bulk);
+        _track->setFormat(DataFormatVersion(std::to_string(_trackType), kFormatVersion));
+    }
+    _eraseRangeConnection = _track->connectToEraseRangeSignal(boost::bind(
+        &RecordingTrack::onEraseRangeSignal, this, boost::placeholders::_1, boost::placeholders::_2));
+    setLatestToNewestRecord();
+}
+
+/// Takes the first track of this type that has records; false if there is none.
+bool RecordingTrack::adoptTrack(Recording& recording) {
+    const auto tracks = recording.getTracks();
+    CALVANE_RECORDING_LOG(DRENN_CORE_LOG_DEBUG, "Checking for existing track of type %d in %zu tracks",
+                          _trackType, tracks.size());
+    for (const auto& weakTrack : tracks) {
+        const boost::shared_ptr<Track> track = weakTrack.lock();
+        const TrackLock lock(*track);
+        if (track->size() == 0) {
+            continue;
+        }
+        track->seekg(0);
+        const DataFormatVersion format = track->getFormat();
+        if (format.getName() != std::to_string(_trackType)) {
+            continue;
+        }
+        CALVANE_RECORDING_LOG(DRENN_CORE_LOG_INFO, "Found track of expected type (%d)", _trackType);
+        if (format.getVersion() != kFormatVersion) {
+            throw std::runtime_error("Invalid recording data version: (" + format.getName() + ", " +
+                                     std::to_string(format.getVersion()) + ")");
+        }
+        _track = track;
+        return true;
+    }
+    return false;
+}
+
+void RecordingTrack::clearTrack() {
+    const TrackLock lock(*_track);
+    if (_track->size() > 0) {
+        _track->eraseRange(0, _track->size());
+    }
+}
+
+ptime RecordingTrack::getLatestTimestamp() const {
+    const std::lock_guard<std::mutex> lock(_latestMutex);
+    return _latestTimestamp;
+}
+
+void RecordingTrack::setLatestTimestamp(const ptime& t) {
+    const std::lock_guard<std::mutex> lock(_latestMutex);
+    _latestTimestamp = t;
+}
+
+void RecordingTrack::setLatestToNewestRecord() {
+    ptime first;
+    ptime last;
+    getRecordingTimePeriod(first, last);
+    setLatestTimestamp(last);
+}
+
+bool RecordingTrack::ensureIncreasingTimestamps(const ptime& t) {
+    if (t.is_special() || t <= RecordingManager::kEarliestAllowedRecording) {
+        return false;
+    }
+    const ptime latest = getLatestTimestamp();
+    if (!latest.is_special() && t < latest) {
+        CALVANE_RECORDING_LOG(DRENN_CORE_LOG_NOTICE,
+                              "Camera date has gone backwards.  Recorded data may be lost");
+        RecordingManager::instance()->eraseDataFrom(t);
+    }
+    setLatestTimestamp(t);
+    return true;
+}
+
+bool RecordingTrack::writeRecord(const ptime& t, unsigned int flags, const void* data, std::size_t size) {
+    bool jumped = false;
+    ptime previous;
+    {
+        const std::lock_guard<std::mutex> lock(_writeMutex);
+        previous = getLatestTimestamp();
+        if (!ensureIncreasingTimestamps(t)) {
+            return false;
+        }
+        RecordHeader header;
+        header.flags = static_cast<std::uint8_t>(flags);
+        header.ticks = ticksFromTime(t);
+        BlobRecord record;
+        record.add({&header, sizeof(header)});
+        record.add({data, size});
+        *_track << record;
+        jumped = jumpedForward(previous, t);
+    }
+    if (jumped) {
+        RecordingManager::instance()->noteClockJump(_trackType, previous, t);
+    }
+    return true;
+}
+
+/// Whether the records' time went on by much more than time itself. With _writeMutex held.
+bool RecordingTrack::jumpedForward(const ptime& previous, const ptime& t) {
+    const std::int64_t now = RecordingClock::steadyMicroseconds();
+    const std::int64_t passed = now - _lastWriteSteady;
+    const bool isFirst = _lastWriteSteady == 0;
+    _lastWriteSteady = now;
+    return !isFirst && !previous.is_special() && t - previous > RecordingManager::kLargestRecordGap &&
+           passed < (t - previous).total_microseconds() / 2;
+}
+
+void RecordingTrack::setInfo(const std::map<std::string, std::string>& info) {
+    std::string text;
+    RecordingManager::serializeTrackInfo(info, text);
+    _track->setInfo(text);
+}
+
+void RecordingTrack::notifyRecordingDataPresentChange(const ptime& t, bool present) {
+    notifyRecordingDataPresentChange(t, present, CoverageReason::Stopped);
+}
+
+void RecordingTrack::notifyRecordingDataPresentChange(const ptime& t, bool present, CoverageReason reason) {
+    if (_trackType != RecordingManager::kHistoryTrack) {
+        RecordingManager::instance()->notifyTrackRecordingDataPresentChange(t, _trackType, present, reason);
+    }
+}
+
+void RecordingTrack::onEraseRangeSignal(unsigned int first, unsigned int last) {
+    if (_trackType == RecordingManager::kHistoryTrack) {
+        return;
+    }
+    try {
+        reportErased(first, last);
+    } catch (const std::exception& error) {
+        CALVANE_RECORDING_LOG(DRENN_CORE_LOG_ERROR,
+                              "Error handling erase-range signal from recording library: %s", error.what());
+    }
+}
+
+void RecordingTrack::reportErased(unsigned int first, unsigned int last) const {
+    const auto service = RecordingManager::getInformationService();
+    if (service == nullptr) {
+        return; // The recorder is ending, and nobody listens any more.
+    }
+    const ptime start = getTimestampAtIndex(first);
+    const ptime end = last - first <= 1 ? start : getTimestampAtIndex(last - 1);
+    unsigned int startSec = 0;
+    unsigned int startUsec = 0;
+    unsigned int endSec = 0;
+    unsigned int endUsec = 0;
+    RecordingInformationImpl::updateRange(start, end, startSec, startUsec, endSec, endUsec);
+    RecordingManager::instance();
+    service->sendEventDataDeleted(static_cast<unsigned int>(_trackType), startSec, startUsec, endSec,
+                                  endUsec);
+}
+
+} // namespace quarn::calvane

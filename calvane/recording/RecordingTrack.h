@@ -1,0 +1,107 @@
+#pragma once
+
+#include <boost/date_time/posix_time/posix_time_types.hpp>
+#include <boost/shared_ptr.hpp>
+#include <boost/signals2/connection.hpp>
+#include <cstddef>
+#include <cstdint>
+#include <map>
+#include <mutex>
+#include <string>
+
+#include "calvane/Export.h"
+#include "calvane/recording/Coverage.h"
+#include "calvane/recording/RecordHeader.h"
+#include "calvane/recording/track_type.h"
+
+namespace drenn::multi_track_recorder {
+class BlobRecord;
+class Recording;
+class Track;
+} // namespace drenn::multi_track_recorder
+
+namespace quarn::calvane {
+
+class CoverageQuery;
+
+/// One kind of recorded data: finds records by time, keeps times from falling, and reports what is erased.
+/// docs/reference/record-format.md describes the records.
+///
+/// Threads:   any, for every operation. Reading holds the track's lock, and nothing else. Writing holds a lock
+///            of the writers', so that a writer that waits for the device does not keep readers waiting. Who
+///            holds a track's lock calls neither writeRecord nor ensureIncreasingTimestamps: a clock that went
+///            back makes them take the locks of all tracks, one after the other.
+/// Errors:    std::runtime_error "Parse error in recorded data" for a record without a proper header;
+///            std::out_of_range for times outside the data; what the store throws.
+/// Lifetime:  initTrack before anything else. Owned by RecordingManager.
+class CALVANE_API RecordingTrack {
+public:
+    using Ptime = boost::posix_time::ptime;
+
+    explicit RecordingTrack(int type);
+    virtual ~RecordingTrack();
+    RecordingTrack(const RecordingTrack&) = delete;
+    RecordingTrack& operator=(const RecordingTrack&) = delete;
+
+    /// Binds the recording's track of this type that has records, or makes one.
+    void initTrack(boost::shared_ptr<drenn::multi_track_recorder::Recording>& recording);
+    track_type getTrackType() const { return _trackType; }
+    /// Null before initTrack.
+    const boost::shared_ptr<drenn::multi_track_recorder::Track>& getTrack() const { return _track; }
+
+    /// Erases all records.
+    void clearTrack();
+    Ptime getTimestampAtIndex(unsigned int index) const;
+    /// Whether the record at `index` is earlier than `t`.
+    bool timestampLessThan(unsigned int index, const Ptime& t) const;
+    /// The times of the first and the last record; false, and nothing set, if there are none.
+    bool getRecordingTimePeriod(Ptime& first, Ptime& last) const;
+    /// The first record of exactly this time, otherwise the first of those of the last time before it.
+    unsigned int getTrackIndex(const Ptime& t) const;
+    /// The same; before all data it is 0, behind all data the last index.
+    unsigned int getTrackIndexForcedIntoBounds(const Ptime& t) const;
+    /// The first record that is not earlier than `t`; the size if there is none.
+    unsigned int getFirstIndexNotBefore(const Ptime& t) const;
+    /// The info map that holds at `t`, and the times of the first and the last record that it holds for.
+    void getTrackInfoAt(const Ptime& t, std::map<std::string, std::string>& info, Ptime& rangeStart,
+                        Ptime& rangeEnd);
+
+    /// To be called before a record of time `t` is written. False: it must not be, since the clock has not been
+    /// set. When the time went back, what is recorded from `t` on is erased from all tracks.
+    bool ensureIncreasingTimestamps(const Ptime& t);
+    /// Writes a record: ensureIncreasingTimestamps, header, payload. `flags` are those of RecordHeader. False:
+    /// it was not written, since the clock has not been set. Throws what the store throws when it refuses.
+    /// A clock that jumped forward goes into the history as a gap, provided that the data is reported present.
+    bool writeRecord(const Ptime& t, unsigned int flags, const void* data, std::size_t size);
+    /// The map holds for all records written from now on. The same map again costs next to nothing.
+    void setInfo(const std::map<std::string, std::string>& info);
+    /// Tells clients and the history that the data begins or ends at `t`. The history track does not report.
+    void notifyRecordingDataPresentChange(const Ptime& t, bool present);
+    /// The same, with why it ends.
+    void notifyRecordingDataPresentChange(const Ptime& t, bool present, CoverageReason reason);
+    /// Called by the store on the thread that erases, before the records from `first` up to but not including
+    /// `last` are gone.
+    void onEraseRangeSignal(unsigned int first, unsigned int last);
+
+private:
+    friend class CoverageQuery;
+    friend class RecordingManager;
+
+    RecordHeader readHeader(unsigned int index) const;
+    bool adoptTrack(drenn::multi_track_recorder::Recording& recording);
+    void reportErased(unsigned int first, unsigned int last) const;
+    Ptime getLatestTimestamp() const;
+    void setLatestTimestamp(const Ptime& t);
+    void setLatestToNewestRecord();
+    bool jumpedForward(const Ptime& previous, const Ptime& t);
+
+    const track_type _trackType;
+    mutable std::mutex _latestMutex;
+    Ptime _latestTimestamp; // Guarded by _latestMutex, which is held for nothing else.
+    boost::shared_ptr<drenn::multi_track_recorder::Track> _track;
+    boost::signals2::connection _eraseRangeConnection;
+    std::mutex _writeMutex;            // Taken before all locks of tracks.
+    std::int64_t _lastWriteSteady = 0; // Guarded by _writeMutex.
+};
+
+} // namespace quarn::calvane

@@ -1,0 +1,249 @@
+// Where there is data, why elsewhere there is none, and what the information service tells of it.
+
+#include <sdbus-c++/sdbus-c++.h>
+
+#include <cmath>
+#include <mutex>
+
+#include "calvane/services/RecordingInformationImpl.h"
+#include "recording/RecorderFixture.h"
+
+using quarn::calvane::RecordHeader;
+using quarn::calvane::RecordingInformationImpl;
+using testing::ElementsAre;
+
+namespace {
+
+class Coverage : public RecorderTest {
+protected:
+    Coverage() { RecordingManager::init(); }
+
+    static RecordingInformationImpl& Service() { return *RecordingManager::getInformationService(); }
+    /// Recording, video, audio, metadata.
+    static std::string StateAt(double time) {
+        unsigned char out[4] = {9, 9, 9, 9};
+        const auto second = static_cast<unsigned>(std::floor(time));
+        const auto rest = static_cast<unsigned>(std::lround((time - second) * 1e6));
+        EXPECT_EQ(Service().getRecordingState(kStart + second, rest, &out[0], &out[1], &out[2], &out[3]), 0U);
+        return std::to_string(out[0]) + std::to_string(out[1]) + std::to_string(out[2]) +
+               std::to_string(out[3]);
+    }
+
+    static constexpr unsigned kStart = 1577872800; // 2020-01-01 10:00:00 UTC
+};
+
+TEST_F(Coverage, TheHistoryTellsWhereDataIsAndWhyItEnded) {
+    Write(VIDEO_TRACK, {1, 2, 3, 4});
+    Report(VIDEO_TRACK, 1, true);
+    Report(VIDEO_TRACK, 4, false);
+    Write(VIDEO_TRACK, {6, 7, 8});
+    Report(VIDEO_TRACK, 6, true);
+    Report(VIDEO_TRACK, 8, false, CoverageReason::Dropped);
+    ProcessAt(10);
+    Write(VIDEO_TRACK, {10, 11});
+    Report(VIDEO_TRACK, 10, true);
+    const std::vector<std::string> expected{"0..1 unknown",  "1..4 data",   "4..6 stopped",  "6..8 data",
+                                            "8..10 dropped", "10..20 data", "20..30 unknown"};
+    // At first the last event waits in the queue; the data ends at this moment, not at the last record.
+    SetClock(20);
+    EXPECT_EQ(RecorderTest::Coverage(VIDEO_TRACK, 0, 30), expected);
+    ProcessAt(20);
+    EXPECT_EQ(RecorderTest::Coverage(VIDEO_TRACK, 0, 30), expected);
+    EXPECT_THAT(RecorderTest::Coverage(VIDEO_TRACK, 2, 3), ElementsAre("2..3 data"));
+    EXPECT_THAT(RecorderTest::Coverage(VIDEO_TRACK, 5, 5), ElementsAre("5..5 stopped"));
+    EXPECT_THAT(RecorderTest::Coverage(AUDIO_TRACK, 0, 30), ElementsAre("0..30 unknown"));
+    const std::vector<std::pair<double, std::string>> states{
+        {0.5, "0000"}, {1, "1100"},  {3.5, "1100"},  {5, "0000"},   {7.999999, "1100"},
+        {9, "0000"},   {11, "1100"}, {19.5, "1100"}, {20.5, "0000"}};
+    for (const auto& [time, state] : states) {
+        EXPECT_EQ(StateAt(time), state) << time;
+    }
+    EXPECT_THROW(Recorder().getCoverage(VIDEO_TRACK, At(2), At(1)), std::invalid_argument);
+    EXPECT_THROW(Recorder().getCoverage(VIDEO_TRACK, ptime(), At(1)), std::invalid_argument);
+    EXPECT_THROW(Recorder().getCoverage(RecordingManager::kHistoryTrack, At(0), At(1)), std::out_of_range);
+}
+
+TEST_F(Coverage, RecordsTellWhereTheHistoryDoesNot) {
+    // No event at all: records that are at most ten seconds apart belong together.
+    Write(AUDIO_TRACK, {100, 105, 110, 115});
+    Write(AUDIO_TRACK, {130}, RecordHeader::kDiscontinuity);
+    Write(AUDIO_TRACK, {135, 160, 165});
+    EXPECT_THAT(RecorderTest::Coverage(AUDIO_TRACK, 90, 200),
+                ElementsAre("90..100 unknown", "100..115 data", "115..130 dropped", "130..135 data",
+                            "135..160 unknown", "160..165 data", "165..200 unknown"));
+    EXPECT_THAT(RecorderTest::Coverage(AUDIO_TRACK, 102, 103), ElementsAre("102..103 data"));
+    EXPECT_THAT(RecorderTest::Coverage(AUDIO_TRACK, 120, 120), ElementsAre("120..120 dropped"));
+    EXPECT_EQ(StateAt(112), "1010");
+    EXPECT_EQ(StateAt(150), "0000");
+
+    // What the limit of time has trimmed of the history follows from the next event.
+    Report(VIDEO_TRACK, 100, true);
+    ProcessAt(165);
+    Write(VIDEO_TRACK, {170, 200, 300, 400});
+    Report(VIDEO_TRACK, 400, false);
+    ProcessAt(410);
+    RecordingManager::setMaxRetentionTime(boost::posix_time::seconds(230));
+    EXPECT_THAT(RecorderTest::History(),
+                ElementsAre("100 recording on", "400 video off", "400 recording off"));
+    EXPECT_THAT(RecorderTest::Coverage(VIDEO_TRACK, 100, 410),
+                ElementsAre("100..200 unknown", "200..400 data", "400..410 stopped"));
+    EXPECT_EQ(StateAt(250), "1100");
+    EXPECT_THAT(RecorderTest::Coverage(AUDIO_TRACK, 100, 170), ElementsAre("100..170 erased"));
+}
+
+TEST_F(Coverage, RecordsContradictAHistoryThatLostEventsToTheClock) {
+    Write(VIDEO_TRACK, {1, 5});
+    Report(AUDIO_TRACK, 0, true);
+    Report(VIDEO_TRACK, 1, true);
+    Report(VIDEO_TRACK, 5, false);
+    Report(VIDEO_TRACK, 50, true);
+    Write(VIDEO_TRACK, {50, 55, 60, 65, 70});
+    ProcessAt(80);
+    Write(VIDEO_TRACK, {62, 70, 75});
+    EXPECT_THAT(RecorderTest::History(),
+                ElementsAre("0 audio on", "0 recording on", "1 video on", "5 video off"));
+    SetClock(80);
+    RecordingManager::deinit(); // So that nothing counts as present.
+    RecordingManager::init();
+    EXPECT_THAT(RecorderTest::Coverage(VIDEO_TRACK, 0, 70),
+                ElementsAre("0..1 unknown", "1..5 data", "5..50 stopped", "50..70 data"));
+    EXPECT_EQ(StateAt(52), "1100");
+    EXPECT_EQ(StateAt(30), "0000");
+}
+
+TEST_F(Coverage, AClockThatJumpsForwardLeavesAGapThatSaysSo) {
+    Report(VIDEO_TRACK, 1, true);
+    Write(VIDEO_TRACK, {1, 2, 3});
+    steadyMicroseconds += 40000;
+    SetClock(3603);
+    ASSERT_TRUE(TrackOf(VIDEO_TRACK).writeRecord(At(3603), 0, "x", 1));
+    Write(VIDEO_TRACK, {3604});
+    Report(VIDEO_TRACK, 3604, false);
+    ProcessAt(3610);
+    EXPECT_THAT(RecorderTest::Coverage(VIDEO_TRACK, 1, 3604),
+                ElementsAre("1..3 data", "3..3603 clock", "3603..3604 data"));
+    // Records that are really far apart are none.
+    Report(AUDIO_TRACK, 3700, true);
+    Write(AUDIO_TRACK, {3700, 3800, 3900});
+    EXPECT_THAT(RecorderTest::Coverage(AUDIO_TRACK, 3700, 3900), ElementsAre("3700..3900 data"));
+}
+
+TEST_F(Coverage, SummariesTellTheSpanOfWhatIsKept) {
+    unsigned out[4] = {9, 9, 9, 9};
+    EXPECT_EQ(Service().getRecordingSummary(&out[0], &out[1], &out[2], &out[3]), 0U);
+    EXPECT_THAT(out, ElementsAre(0, 0, 0, 0));
+    Write(VIDEO_TRACK, {0.5, 60});
+    Write(AUDIO_TRACK, {60, 70});
+    Service().getRecordingSummary(&out[0], &out[1], &out[2], &out[3]);
+    EXPECT_THAT(out, ElementsAre(kStart, 500000, kStart + 70, 0));
+    EXPECT_EQ(Service().getTrackSummary(1, &out[0], &out[1], &out[2], &out[3]), 0U);
+    EXPECT_THAT(out, ElementsAre(kStart + 60, 0, kStart + 70, 0));
+    for (const unsigned type : {3U, 4294967295U}) {
+        EXPECT_EQ(Service().getTrackSummary(type, &out[0], &out[1], &out[2], &out[3]), 1U);
+        EXPECT_THAT(out, ElementsAre(0, 0, 0, 0));
+    }
+    EXPECT_EQ(Service().getTrackSummary(2, &out[0], &out[1], &out[2], &out[3]), 0U);
+    EXPECT_THAT(out, ElementsAre(0, 0, 0, 0));
+    // Set beforehand, due by now: the summary erases first.
+    RecordingManager::setMaxRetentionTime(boost::posix_time::seconds(1000));
+    SetClock(1065);
+    Service().getRecordingSummary(&out[0], &out[1], &out[2], &out[3]);
+    EXPECT_THAT(out, ElementsAre(kStart + 70, 0, kStart + 70, 0));
+    SetClock(2000);
+    Service().getRecordingSummary(&out[0], &out[1], &out[2], &out[3]);
+    EXPECT_THAT(out, ElementsAre(0, 0, 0, 0));
+    RecordingInformationImpl::updateRange(ptime(), ptime(boost::posix_time::neg_infin), out[0], out[1],
+                                          out[2], out[3]);
+    EXPECT_THAT(out, ElementsAre(2077252342, 775806, 2217714954, 4294191488));
+    RecordingInformationImpl::updateInfoRange(ptime(boost::posix_time::pos_infin), out[0], out[1],
+                                              ptime(boost::gregorian::date(2014, 1, 1)), out[2], out[3]);
+    EXPECT_THAT(out, ElementsAre(2077252342, 775807, 1388534400, 0));
+}
+
+TEST_F(Coverage, AttributesComeWithTheRangeThatTheyHoldFor) {
+    unsigned out[8] = {};
+    double rate = 0;
+    const auto video = [&](unsigned second) {
+        return Service().getVideoAttributes(kStart + second, 0, &out[0], &out[1], &out[2], &out[3], &rate,
+                                            &out[4], &out[5], &out[6], &out[7]);
+    };
+    const auto audio = [&](unsigned second) {
+        return Service().getAudioAttributes(kStart + second, 0, &out[0], &out[1], &rate, &out[2], &out[3],
+                                            &out[4], &out[5]);
+    };
+    EXPECT_EQ(ThrownText<std::runtime_error>([&] { video(1); }), "Error fetching video track info: No data");
+    EXPECT_EQ(ThrownText<std::runtime_error>([&] { audio(1); }), "Error fetching audio track info: No data");
+    TrackOf(VIDEO_TRACK)
+        .setInfo({{"Encoding", "7"},
+                  {"Width", "1920"},
+                  {"Height", "1080"},
+                  {"Bitrate", "4000000"},
+                  {"FrameRateMilliHz", "29970"}});
+    Write(VIDEO_TRACK, {1, 2});
+    TrackOf(VIDEO_TRACK).setInfo({{"Encoding", "H264"}, {"Width", "1920"}, {"Height", "1080"}});
+    Write(VIDEO_TRACK, {3});
+    TrackOf(VIDEO_TRACK).setInfo({{"Encoding", "7"}, {"Width", "-1"}, {"Height", "1080"}});
+    Write(VIDEO_TRACK, {4});
+    EXPECT_EQ(video(2), 0U);
+    EXPECT_THAT(out, ElementsAre(7, 1920, 1080, 4000000, kStart + 1, 0, kStart + 2, 0));
+    EXPECT_DOUBLE_EQ(rate, 29.97);
+    EXPECT_EQ(ThrownText<std::runtime_error>([&] { video(3); }), "Unsupported recording format encountered");
+    EXPECT_EQ(ThrownText<std::runtime_error>([&] { video(4); }),
+              "Error fetching video track info: \"Width\" is \"-1\", which is not a number");
+    TrackOf(AUDIO_TRACK)
+        .setInfo({{"BitsPerSample", "16"}, {"NumChannels", "2"}, {"SampleFreq", "44100.5"}, {"Format", "3"}});
+    Write(AUDIO_TRACK, {10, 10.25});
+    TrackOf(AUDIO_TRACK).setInfo({{"BitsPerSample", "16"}, {"SampleFreq", "44100"}, {"Format", "3"}});
+    Write(AUDIO_TRACK, {11});
+    EXPECT_EQ(audio(10), 0U);
+    EXPECT_EQ(out[0], 16U);
+    EXPECT_EQ(out[1], 2U);
+    EXPECT_DOUBLE_EQ(rate, 44100.5);
+    EXPECT_THAT(std::vector<unsigned>(out + 2, out + 6), ElementsAre(kStart + 10, 0, kStart + 10, 250000));
+    EXPECT_EQ(ThrownText<std::runtime_error>([&] { audio(11); }),
+              "Error fetching audio track info: \"NumChannels\" is missing");
+}
+
+TEST_F(Coverage, ClientsAreToldOfDataThatComesGoesAndIsErased) {
+    auto connection = sdbus::createSessionBusConnectionWithAddress(bus.Address());
+    auto proxy = sdbus::createProxy(*connection, "com.drenn.recording_information",
+                                    "/com/drenn/recording_information");
+    std::mutex mutex;
+    std::vector<std::string> lines;
+    const auto note = [&](const std::string& line) {
+        const std::lock_guard<std::mutex> lock(mutex);
+        lines.push_back(line);
+    };
+    proxy->uponSignal("dataPresent")
+        .onInterface("com.drenn.RecordingInformation1")
+        .call([&](std::uint32_t type, std::uint8_t present) {
+            note(std::to_string(type) + (present != 0 ? " on" : " off"));
+        });
+    proxy->uponSignal("dataDeleted")
+        .onInterface("com.drenn.RecordingInformation1")
+        .call([&](std::uint32_t type, std::uint32_t s, std::uint32_t us, std::uint32_t endS,
+                  std::uint32_t endUs) {
+            note(std::to_string(type) + " deleted " + std::to_string(s - kStart) + "." + std::to_string(us) +
+                 " to " + std::to_string(endS - kStart) + "." + std::to_string(endUs));
+        });
+    proxy->finishRegistration();
+    connection->enterEventLoopAsync();
+    Report(AUDIO_TRACK, 1, true);
+    Report(RecordingManager::kHistoryTrack, 1, true);
+    Write(AUDIO_TRACK, {0, 1, 2, 3, 4, 5, 6.25, 7, 8.5});
+    auto track = TrackOf(AUDIO_TRACK).getTrack();
+    track->eraseRange(5, 6);
+    track->eraseRange(5, 8);
+    Recorder().writeHistoryRecord(At(1), "");
+    TrackOf(RecordingManager::kHistoryTrack).clearTrack();
+    Report(AUDIO_TRACK, 1, false);
+    EXPECT_TRUE(WaitUntil([&] {
+        const std::lock_guard<std::mutex> lock(mutex);
+        return lines.size() >= 4;
+    }));
+    connection->leaveEventLoop();
+    EXPECT_THAT(lines,
+                ElementsAre("1 on", "1 deleted 5.0 to 5.0", "1 deleted 6.250000 to 8.500000", "1 off"));
+}
+
+} // namespace
