@@ -49,13 +49,19 @@ RecordStream::RecordStream(RecordingTrack& track, const Ptime& from, const Ptime
       _stop(makeEvent()),
       _lastTime(from),
       _thread("RecordStream", this, kStackBytes, 0) {
-    {
-        const TrackLock lock(*_store);
-        _connection = _store->connectToEraseRangeSignal(
-            [this](unsigned int first, unsigned int last) { onEraseRange(first, last); });
-        _next = track.getFirstIndexNotBefore(from);
+    try {
+        {
+            const TrackLock lock(*_store);
+            _next = track.getFirstIndexNotBefore(from);
+            _connection = _store->connectToEraseRangeSignal(
+                [this](unsigned int first, unsigned int last) { onEraseRange(first, last); });
+        }
+        _thread.Run();
+    } catch (...) {
+        disconnect();
+        close(_stop);
+        throw;
     }
-    _thread.Run();
 }
 
 RecordStream::~RecordStream() {
@@ -144,9 +150,18 @@ bool RecordStream::readNext() {
 void RecordStream::onEraseRange(unsigned int first, unsigned int last) {
     if (last <= _next) {
         _next -= last - first;
-    } else if (first <= _next) {
-        _next = first;
-        _erased = true;
+        return;
+    }
+    _erased = _erased || isToBeSent(std::max(first, _next));
+    _next = std::min(first, _next);
+}
+
+/// Whether the record at an index from _next on is before the end. One that cannot be read may be.
+bool RecordStream::isToBeSent(unsigned int index) const {
+    try {
+        return _track.getTimestampAtIndex(index) <= _to;
+    } catch (const std::exception&) {
+        return true;
     }
 }
 

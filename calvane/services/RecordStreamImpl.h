@@ -48,6 +48,7 @@ private:
     void sendAll();
     bool readNext();
     void onEraseRange(unsigned int first, unsigned int last);
+    bool isToBeSent(unsigned int index) const;
     void putFrame(FrameKind kind, unsigned int flags, const Ptime& time, const void* data, std::size_t size);
     bool sendFrame();
     bool waitWritable() const;
@@ -62,7 +63,7 @@ private:
     // Guarded by the track's lock.
     unsigned int _next = 0; // The index of the record to be read.
     Ptime _lastTime;        // Nothing before this time is left to be sent.
-    bool _erased = false;   // What was to be sent next is gone.
+    bool _erased = false;   // Some of what was to be sent is gone.
 
     std::vector<unsigned char> _frame; // The thread's own.
     boost::signals2::connection _connection;

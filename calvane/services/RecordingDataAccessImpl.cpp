@@ -1,6 +1,7 @@
 #include "calvane/services/RecordingDataAccessImpl.h"
 
 #include <algorithm>
+#include <optional>
 #include <stdexcept>
 #include <string>
 
@@ -68,7 +69,7 @@ std::vector<ServiceEvent> toService(const std::vector<HistoryEvent>& events) {
 }
 
 /// Reads the record at `index` in one piece.
-PayloadRecord readPayload(drenn::multi_track_recorder::Track& track, unsigned int index, ptime& time) {
+PayloadRecord readPayload(drenn::multi_track_recorder::Track& track, unsigned int index) {
     drenn::multi_track_recorder::BlobRecord record;
     track.seekg(index);
     track >> record;
@@ -78,12 +79,25 @@ PayloadRecord readPayload(drenn::multi_track_recorder::Track& track, unsigned in
     if (!RecordingManager::getPlaybackInfo(record, data, size, header)) {
         throw std::runtime_error("Parse error in recorded data");
     }
-    time = timeFromTicks(header.ticks);
+    const ptime time = timeFromTicks(header.ticks);
     if (size > RecordingDataAccessImpl::kLongestReplyRecord) {
         throw std::runtime_error("A record of " + std::to_string(size) +
                                  " bytes is too long for a reply; read it with openRecords");
     }
     return {serviceFromTime(time), {data, data + size}};
+}
+
+/// The same. Behind others, one that cannot be read ends their page: it fails when it is the first of its own.
+std::optional<PayloadRecord> readPayload(drenn::multi_track_recorder::Track& track, unsigned int index,
+                                         bool isBehindOthers) {
+    try {
+        return readPayload(track, index);
+    } catch (const std::exception&) {
+        if (isBehindOthers) {
+            return std::nullopt;
+        }
+        throw;
+    }
 }
 
 /// Where the cursor points to. Of what it has passed, nothing may be left.
@@ -141,20 +155,21 @@ unsigned int RecordingDataAccessImpl::getMetadata(const ServiceCursor& from, con
     const TrackLock lock(track);
     const ReadPositionKeeper keeper(track);
     std::size_t bytes = 0;
+    records->clear();
     *more = 0;
     for (unsigned int index = indexOf(metadata, cursor); index < track.size(); ++index) {
-        ptime time = metadata.getTimestampAtIndex(index);
+        const ptime time = metadata.getTimestampAtIndex(index);
         if (time > last) {
             break;
         }
-        PayloadRecord record = readPayload(track, index, time);
-        if (!records->empty() &&
-            (records->size() == kMostReplyEntries || bytes + record.payload.size() > kMostReplyBytes)) {
+        std::optional<PayloadRecord> record = readPayload(track, index, !records->empty());
+        if (!record || (!records->empty() && (records->size() == kMostReplyEntries ||
+                                              bytes + record->payload.size() > kMostReplyBytes))) {
             *more = 1;
             break;
         }
-        bytes += record.payload.size();
-        records->push_back(std::move(record));
+        bytes += record->payload.size();
+        records->push_back(std::move(*record));
         cursor = {time, time == cursor.time ? cursor.passed + 1 : 1};
     }
     *next = toService(cursor);
