@@ -41,7 +41,12 @@ class Recorder {
 public:
     explicit Recorder(const std::string& root) {
         RecordingManager::setRecordingRootPath(root);
-        RecordingManager::init();
+        try {
+            RecordingManager::init();
+        } catch (...) {
+            RecordingManager::deinit();
+            throw;
+        }
     }
     ~Recorder() { RecordingManager::deinit(); }
     Recorder(const Recorder&) = delete;
