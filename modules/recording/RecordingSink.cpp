@@ -24,9 +24,10 @@ const std::string kInfoPrefix = "info.";
 
 RecordingSink::RecordingSink(CalvaneEnv*, const IPluginConfiguration& config)
     : BasicSinkPlugin(config),
-      track_(ReadTrack(config)),
       useClock_(config.GetIntOrDefault("clock", 0) != 0),
-      gaps_(config.GetPluginName(), ReadTimeout(config)) {
+      gapTimeout_(ReadTimeout(config)),
+      track_(ReadTrack(config)),
+      gaps_(config.GetPluginName(), gapTimeout_) {
     ReadInfo(config);
 }
 

@@ -45,8 +45,9 @@ private:
     boost::posix_time::ptime TimeOf(const quarn::calvane::Buffer& buffer) const;
     void TakeLoss(const std::string& reason);
 
-    const quarn::calvane::track_type track_;
     const bool useClock_;
+    const std::chrono::milliseconds gapTimeout_;
+    const quarn::calvane::track_type track_;
     std::map<std::string, std::string> givenInfo_;
     std::optional<quarn::calvane::BufferFormat> format_; // Which the track's info was made from.
     unsigned long long lost_ = 0;                        // In this row.
