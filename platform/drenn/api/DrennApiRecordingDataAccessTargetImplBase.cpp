@@ -1,23 +1,10 @@
 #include "drenn/api/DrennApiRecordingDataAccessTargetImplBase.h"
 
-#include <cstdarg>
-
 namespace drenn::api {
 
 DrennApiRecordingDataAccessTargetImplBase::DrennApiRecordingDataAccessTargetImplBase(void* logCookie)
-    : logCookie_(logCookie) {}
+    : ServiceTarget(logCookie) {}
 
 DrennApiRecordingDataAccessTargetImplBase::~DrennApiRecordingDataAccessTargetImplBase() = default;
-
-void DrennApiRecordingDataAccessTargetImplBase::log(drenn_core_log_priority priority, const char* format,
-                                                    ...) const {
-    if (drenn_core_log_enabled(logCookie_, priority) == 0) {
-        return;
-    }
-    va_list arguments;
-    va_start(arguments, format);
-    drenn_core_vlog(logCookie_, priority, format, arguments);
-    va_end(arguments);
-}
 
 } // namespace drenn::api

@@ -4,7 +4,7 @@
 #include <vector>
 
 #include "drenn/Export.h"
-#include "drenn/core/Logging.h"
+#include "drenn/api/ServiceTarget.h"
 
 namespace drenn::api {
 
@@ -45,17 +45,13 @@ struct CoverageInterval {
 /// What a program derives from to answer the service "recording_data_access"; DrennApiRecordingDataAccessTargetRun
 /// puts it on the bus. docs/reference/bus-interfaces.md describes the operations as clients see them. Results,
 /// errors and threads as with DrennApiRecordingInformationTargetImplBase.
-class DRENN_API DrennApiRecordingDataAccessTargetImplBase {
+class DRENN_API DrennApiRecordingDataAccessTargetImplBase : public ServiceTarget {
 public:
     explicit DrennApiRecordingDataAccessTargetImplBase(void* logCookie);
-    virtual ~DrennApiRecordingDataAccessTargetImplBase();
+    ~DrennApiRecordingDataAccessTargetImplBase() override;
     DrennApiRecordingDataAccessTargetImplBase(const DrennApiRecordingDataAccessTargetImplBase&) = delete;
     DrennApiRecordingDataAccessTargetImplBase& operator=(const DrennApiRecordingDataAccessTargetImplBase&) =
         delete;
-
-    /// Logs through the handle, printf-style.
-    [[gnu::format(printf, 3, 4)]] virtual void log(drenn_core_log_priority priority, const char* format,
-                                                   ...) const;
 
     virtual unsigned int getFirstRecordingHistoryEventTime(unsigned int* sec, unsigned int* usec) = 0;
     /// The event at the cursor or the first one after it, and the cursor to ask for the next one with. Throws
@@ -81,9 +77,6 @@ public:
     /// caller's to close; the bus layer hands it to the client.
     virtual unsigned int openRecords(unsigned int trackType, const ServiceTime& from, const ServiceTime& to,
                                      int* fd) = 0;
-
-private:
-    void* const logCookie_;
 };
 
 } // namespace drenn::api

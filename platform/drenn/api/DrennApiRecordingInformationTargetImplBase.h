@@ -3,7 +3,7 @@
 #include <memory>
 
 #include "drenn/Export.h"
-#include "drenn/core/Logging.h"
+#include "drenn/api/ServiceTarget.h"
 
 namespace drenn::api {
 
@@ -17,18 +17,14 @@ class InformationEvents;
 ///
 /// Threads: operations are called on the runner's thread, one at a time. Events may be sent from any thread and
 ///          under any lock: they go into a bounded queue and the call returns at once.
-class DRENN_API DrennApiRecordingInformationTargetImplBase {
+class DRENN_API DrennApiRecordingInformationTargetImplBase : public ServiceTarget {
 public:
     /// `logCookie`: a handle of drenn_core_logging_init, or null; it must live as long as this object.
     explicit DrennApiRecordingInformationTargetImplBase(void* logCookie);
-    virtual ~DrennApiRecordingInformationTargetImplBase();
+    ~DrennApiRecordingInformationTargetImplBase() override;
     DrennApiRecordingInformationTargetImplBase(const DrennApiRecordingInformationTargetImplBase&) = delete;
     DrennApiRecordingInformationTargetImplBase& operator=(const DrennApiRecordingInformationTargetImplBase&) =
         delete;
-
-    /// Logs through the handle, printf-style.
-    [[gnu::format(printf, 3, 4)]] virtual void log(drenn_core_log_priority priority, const char* format,
-                                                   ...) const;
 
     virtual unsigned int getRecordingSummary(unsigned int* firstSec, unsigned int* firstUsec,
                                              unsigned int* lastSec, unsigned int* lastUsec) = 0;
@@ -57,7 +53,6 @@ public:
 private:
     friend class DrennApiRecordingInformationTargetRun;
 
-    void* const logCookie_;
     const std::unique_ptr<InformationEvents> events_;
 };
 

@@ -6,6 +6,7 @@
 #include "drenn/multi_track_recorder/OpeningImpl.h"
 #include "drenn/multi_track_recorder/RebuilderImpl.h"
 #include "drenn/multi_track_recorder/SqliteVfsImpl.h"
+#include "drenn/multi_track_recorder/StoreImpl.h"
 #include "drenn/multi_track_recorder/StoreVerifierImpl.h"
 #include "drenn/multi_track_recorder/SurvivorsImpl.h"
 
@@ -33,6 +34,23 @@ bool IsWhole(const StoreFolders& folders, const char* vfs) {
     } catch (const std::exception&) {
         return false;
     }
+}
+
+void RequireCatalogue(IFileSystem& files, const StoreFolders& folders) {
+    if (!files.Exists(folders.Catalogue())) {
+        throw std::runtime_error("There is no store: " + folders.Catalogue() + " is missing");
+    }
+}
+
+boost::shared_ptr<Track> FindTrack(const Store& store, unsigned int id) {
+    for (const auto& recording : store.GetRecordings()) {
+        for (const auto& track : recording.lock()->getTracks()) { // The store keeps them.
+            if (track.lock()->getId() == id) {
+                return track.lock();
+            }
+        }
+    }
+    return nullptr;
 }
 
 void AddTracks(const CatalogueContent& content, StoreFacts& facts) {
@@ -70,9 +88,7 @@ StoreFacts StoreInspection::Describe() const {
     IFileSystem& files = PosixFileSystem();
     const StoreFolders folders{storage_, database_};
     const auto lock = LockStore(files, folders, OpenMode::Read);
-    if (!files.Exists(folders.Catalogue())) {
-        throw std::runtime_error("There is no store: " + folders.Catalogue() + " is missing");
-    }
+    RequireCatalogue(files, folders);
     const SqliteVfs vfs(files);
     Catalogue catalogue(folders.Catalogue(), vfs.Name(), Catalogue::Mode::ReadOnly);
     const CatalogueContent content = catalogue.Load();
@@ -122,6 +138,28 @@ std::vector<std::string> StoreInspection::Rebuild() const {
     files.SyncFolder(database_);
     WriteIdentity(files, folders, rebuilder.Id());
     return lost;
+}
+
+unsigned int StoreInspection::Trim(unsigned int track, unsigned int count) const {
+    IFileSystem& files = PosixFileSystem();
+    RequireCatalogue(files, {storage_, database_});
+    StoreOptions options;
+    options.storage = storage_;
+    options.database = database_;
+    options.maxPercent = 100; // Nothing gives way to the repair.
+    options.background = false;
+    Store store(files, options);
+    const auto found = FindTrack(store, track);
+    if (found == nullptr) {
+        throw std::runtime_error("There is no track " + std::to_string(track) + " in " + storage_);
+    }
+    const unsigned int size = found->size();
+    if (size < count) {
+        throw std::runtime_error("Track " + std::to_string(track) + " has " + std::to_string(size) +
+                                 " records; the newest " + std::to_string(count) + " cannot be erased");
+    }
+    found->eraseRange(size - count, size);
+    return size - count;
 }
 
 } // namespace drenn::multi_track_recorder

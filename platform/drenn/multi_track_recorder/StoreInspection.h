@@ -32,7 +32,7 @@ struct StoreFacts {
         0; ///< Segments whose records are counted when the store is opened the next time.
 };
 
-/// Looks at a store that no process has open.
+/// Looks at a store that no process has open, and repairs it.
 ///
 /// Threads: one at a time.
 /// Errors:  std::runtime_error when there is no store, or it is in use, or a file cannot be read.
@@ -47,6 +47,9 @@ public:
     /// Makes a catalogue from the segments in place of one that is lost or damaged, which is kept under another
     /// name. Returns a line for each thing that could not be taken over. Throws when the catalogue is whole.
     std::vector<std::string> Rebuild() const;
+    /// Erases the newest `count` records of a track, of whichever recording, and returns how many are left. Throws
+    /// when there is no such track, or it has fewer.
+    unsigned int Trim(unsigned int track, unsigned int count) const;
 
 private:
     const std::string storage_;
