@@ -9,6 +9,7 @@
 
 #include "bus/TestServices.h"
 #include "quarn/core/LogCapture.h"
+#include "quarn/msgbus/BusLink.h"
 #include "support/PrivateBus.h"
 #include "support/Program.h"
 #include "support/RunInThreads.h"
@@ -79,8 +80,8 @@ public:
 /// A client without a thread for events: a lost bus is an error of its next call.
 class Caller {
 public:
-    explicit Caller(const std::string& address)
-        : connection_(sdbus::createSessionBusConnectionWithAddress(address)),
+    Caller()
+        : connection_(quarn::msgbus::BusLink::OpenBus()),
           proxy_(sdbus::createProxy(*connection_, "com.drenn.recording_information",
                                     "/com/drenn/recording_information")) {}
     void Call() {
@@ -216,7 +217,7 @@ TEST_F(ServiceTest, NoBusAtTheStartAndATakenNameAreClearErrors) {
                 HasSubstr("com.drenn.recording_information"));
     run = nullptr;
     bus.Kill();
-    EXPECT_THAT(ThrownText([&] { Run(); }), HasSubstr("Cannot use the bus (session): Failed to open bus"));
+    EXPECT_THAT(ThrownText([&] { Run(); }), HasSubstr("Cannot use the bus (session): "));
 }
 
 TEST_F(ServiceTest, TheBusMayBeKilledUnderLoad) {
@@ -228,12 +229,12 @@ TEST_F(ServiceTest, TheBusMayBeKilledUnderLoad) {
         RunInThreads(3, [&](int) {
             while (!stop) {
                 try {
-                    Caller caller(bus.Address());
+                    Caller caller;
                     while (!stop) {
                         caller.Call();
                         ++answers;
                     }
-                } catch (const sdbus::Error&) {
+                } catch (const std::exception&) { // There is no bus at the moment.
                     std::this_thread::sleep_for(std::chrono::milliseconds(5));
                 }
             }
@@ -296,7 +297,7 @@ TEST_F(ServiceTest, ARunnerEndsWhileCallsAreUnderWay) {
         std::thread clients([&] {
             RunInThreads(4, [&](int) {
                 try {
-                    Caller caller(bus.Address());
+                    Caller caller;
                     for (;;) {
                         caller.Call();
                     }

@@ -1,6 +1,7 @@
 #include <poll.h>
 #include <sdbus-c++/sdbus-c++.h>
 #include <sys/eventfd.h>
+#include <systemd/sd-bus.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -35,10 +36,43 @@ std::string BusName() {
     return *Variable("DBUS_SESSION_BUS_ADDRESS") != '\0' ? "session" : "system";
 }
 
+/// What opening the bus ends with: 0, or a negative errno.
+int TryAddress(const std::string& address) {
+    sd_bus* bus = nullptr;
+    int result = sd_bus_new(&bus);
+    if (result >= 0) {
+        result = sd_bus_set_address(bus, address.c_str());
+    }
+    if (result >= 0) {
+        result = sd_bus_start(bus);
+    }
+    sd_bus_close_unref(bus);
+    return result;
+}
+
+/// Throws when the bus cannot be opened. sdbus-c++ 1.2 would lose the memory of each attempt that fails, and there may
+/// be many.
+void Probe(const std::string& name) {
+    sd_bus* bus = nullptr;
+    int result = 0;
+    if (name == "session") {
+        result = sd_bus_open_user(&bus);
+    } else if (name == "system") {
+        result = sd_bus_open_system(&bus);
+    } else {
+        result = TryAddress(name);
+    }
+    sd_bus_close_unref(bus);
+    if (result < 0) {
+        throw osa::Exception("Cannot use the bus (" + name + "): " + std::strerror(-result));
+    }
+}
+
 } // namespace
 
 std::unique_ptr<sdbus::IConnection> BusLink::OpenBus() {
     const std::string bus = BusName();
+    Probe(bus);
     try {
         if (bus == "session") {
             return sdbus::createSessionBusConnection();
