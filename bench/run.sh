@@ -2,13 +2,14 @@
 # Measures the framework beside other programs and prints one table. ./dev bench builds first and then calls this.
 # Usage: run.sh [--quick] [--rounds N]          the framework
 #        run.sh store [--quick] [--rounds N]    the recording store; as root, since it makes a loop device
+#        run.sh recorder [--quick] [--rounds N] the recorder's library and service; as root, to empty the page cache
 #        run.sh middleware [ARGS]               services, settings, logging; ARGS go to Google Benchmark
 # CALVANE_BENCH_BUILD: the folder of the build, build/bench when not set
 set -euo pipefail
 cd "$(dirname "${BASH_SOURCE[0]}")/.."
 
 build=${CALVANE_BENCH_BUILD-build/bench}
-for program in calvane_bench calvane calvane_store_bench calvane_middleware_bench; do
+for program in calvane_bench calvane calvane_store_bench calvane_middleware_bench calvane_recorder_bench; do
     if [[ ! -x $build/bin/$program ]]; then
         echo "bench: there is no $build/bin/$program; build it with ./dev bench, or set CALVANE_BENCH_BUILD" >&2
         exit 2
@@ -20,6 +21,10 @@ if [[ ${1-} == middleware ]]; then
     exec dbus-run-session -- "$build/bin/calvane_middleware_bench" --benchmark_repetitions=9 \
         --benchmark_enable_random_interleaving=true --benchmark_min_time=0.2 \
         --benchmark_report_aggregates_only=true "$@"
+fi
+if [[ ${1-} == recorder ]]; then
+    shift
+    exec dbus-run-session -- python3 -B bench/recorder.py --build "$build" "$@"
 fi
 script=side_by_side
 if [[ ${1-} == store ]]; then

@@ -164,6 +164,7 @@ void RecordingTrack::notifyRecordingDataPresentChange(const ptime& t, bool prese
 }
 
 void RecordingTrack::onEraseRangeSignal(unsigned int first, unsigned int last) {
+    _seen.clear();
     if (_trackType == RecordingManager::kHistoryTrack) {
         return;
     }

@@ -87,7 +87,20 @@ private:
     friend class CoverageQuery;
     friend class RecordingManager;
 
+    /// The record at `low` is earlier than the wanted time, that at `high` is not.
+    struct Bracket {
+        const std::int64_t wanted;
+        unsigned int low;
+        unsigned int high;
+        std::int64_t lowTicks;
+        std::int64_t highTicks;
+    };
+
     RecordHeader readHeader(unsigned int index) const;
+    unsigned int search(Bracket bracket) const;
+    bool lookAt(Bracket& bracket, double place) const;
+    double reckonFromSeen(const Bracket& bracket) const;
+    void noteSeen(unsigned int index, std::int64_t ticks) const;
     bool adoptTrack(drenn::multi_track_recorder::Recording& recording);
     void reportErased(unsigned int first, unsigned int last) const;
     Ptime getLatestTimestamp() const;
@@ -100,6 +113,9 @@ private:
     Ptime _latestTimestamp; // Guarded by _latestMutex, which is held for nothing else.
     boost::shared_ptr<drenn::multi_track_recorder::Track> _track;
     boost::signals2::connection _eraseRangeConnection;
+    // Indexes by time that searches came across. Only where they begin to look, so it does not matter if they are not
+    // true any more. Guarded by the track's lock.
+    mutable std::map<std::int64_t, unsigned int> _seen;
     std::mutex _writeMutex;            // Taken before all locks of tracks.
     std::int64_t _lastWriteSteady = 0; // Guarded by _writeMutex.
 };

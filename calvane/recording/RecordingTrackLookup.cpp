@@ -1,6 +1,8 @@
 // Finding records by time.
 
 #include <algorithm>
+#include <iterator>
+#include <limits>
 #include <stdexcept>
 
 #include "calvane/recording/RecordHeader.h"
@@ -12,6 +14,26 @@ namespace quarn::calvane {
 
 using boost::posix_time::ptime;
 using drenn::multi_track_recorder::BlobRecord;
+
+namespace {
+
+constexpr unsigned int kMostSeen = 1024;
+constexpr unsigned int kFewestForRate = 64;
+constexpr unsigned int kLeastMargin = 4;
+constexpr unsigned int kMarginGrowth = 8;
+constexpr unsigned int kMostMargin = std::numeric_limits<unsigned int>::max() / kMarginGrowth;
+
+/// Of ticks that do not fall. A signed difference might not hold it.
+double distance(std::int64_t from, std::int64_t to) {
+    return static_cast<double>(static_cast<std::uint64_t>(to) - static_cast<std::uint64_t>(from));
+}
+
+/// Records per tick; 0 when there are too few to tell, or no time between them.
+double rateOf(unsigned int records, std::int64_t from, std::int64_t to) {
+    return records < kFewestForRate || to <= from ? 0 : records / distance(from, to);
+}
+
+} // namespace
 
 ptime RecordingTrack::getTimestampAtIndex(unsigned int index) const {
     const TrackLock lock(*_track);
@@ -58,17 +80,94 @@ bool RecordingTrack::getRecordingTimePeriod(ptime& first, ptime& last) const {
 
 unsigned int RecordingTrack::getFirstIndexNotBefore(const ptime& t) const {
     const TrackLock lock(*_track);
-    unsigned int first = 0;
-    unsigned int end = _track->size();
-    while (first < end) {
-        const unsigned int middle = first + (end - first) / 2;
-        if (timestampLessThan(middle, t)) {
-            first = middle + 1;
-        } else {
-            end = middle;
-        }
+    const unsigned int size = _track->size();
+    if (size == 0 || t.is_not_a_date_time()) {
+        return 0;
     }
-    return first;
+    Bracket bracket{ticksFromTime(t), 0, size - 1, readHeader(0).ticks, 0};
+    if (bracket.lowTicks >= bracket.wanted) {
+        return 0;
+    }
+    bracket.highTicks = readHeader(bracket.high).ticks;
+    return bracket.highTicks < bracket.wanted ? size : search(bracket);
+}
+
+/// Within the lock.
+///
+/// Every header that is looked at may be a read from the device, and halving looks at one for each bit of the size. But
+/// records come at a nearly constant rate where there are any. So the place is reckoned, first from what searches before
+/// have seen, then from the nearer end with the highest rate seen, and moved by a margin so that it comes to lie beyond
+/// the wanted time. When that did not halve what is left, for there was a gap, the next margin is larger, up to halving.
+unsigned int RecordingTrack::search(Bracket bracket) const {
+    const double place = reckonFromSeen(bracket);
+    lookAt(bracket, place + kLeastMargin);
+    lookAt(bracket, place - kLeastMargin);
+    unsigned int margin = kLeastMargin;
+    double rate = rateOf(bracket.high - bracket.low, bracket.lowTicks, bracket.highTicks);
+    while (bracket.high - bracket.low > 1) {
+        const Bracket before = bracket;
+        const unsigned int left = bracket.high - bracket.low;
+        const double ahead = bracket.low + distance(bracket.lowTicks, bracket.wanted) * rate;
+        const double behind = bracket.high - distance(bracket.wanted, bracket.highTicks) * rate;
+        const bool isLowNearer = ahead - bracket.low < bracket.high - behind;
+        if (margin >= left / 4 || !lookAt(bracket, isLowNearer ? ahead + margin : behind - margin)) {
+            lookAt(bracket, bracket.low + left / 2);
+        }
+        rate = std::max({rate, rateOf(bracket.low - before.low, before.lowTicks, bracket.lowTicks),
+                         rateOf(before.high - bracket.high, bracket.highTicks, before.highTicks),
+                         rateOf(bracket.high - bracket.low, bracket.lowTicks, bracket.highTicks)});
+        const bool isHalved = bracket.high - bracket.low <= left / 2;
+        margin = isHalved ? std::max(margin / kMarginGrowth, kLeastMargin)
+                          : std::min(margin, kMostMargin) * kMarginGrowth;
+    }
+    return bracket.high;
+}
+
+/// Narrows the bracket down to the record at a place. False, without a look, when that is not inside.
+bool RecordingTrack::lookAt(Bracket& bracket, double place) const {
+    if (!(place >= bracket.low + 1.0 && place <= bracket.high - 1.0)) {
+        return false;
+    }
+    const auto index = static_cast<unsigned int>(place);
+    const std::int64_t ticks = readHeader(index).ticks;
+    noteSeen(index, ticks);
+    if (ticks < bracket.wanted) {
+        bracket.low = index;
+        bracket.lowTicks = ticks;
+    } else {
+        bracket.high = index;
+        bracket.highTicks = ticks;
+    }
+    return true;
+}
+
+double RecordingTrack::reckonFromSeen(const Bracket& bracket) const {
+    const auto next = _seen.lower_bound(bracket.wanted);
+    const bool hasNext = next != _seen.end();
+    const bool hasLast = next != _seen.begin();
+    const double lowPlace = hasLast ? std::prev(next)->second : bracket.low;
+    const double highPlace = hasNext ? next->second : bracket.high;
+    const std::int64_t lowTicks = hasLast ? std::prev(next)->first : bracket.lowTicks;
+    const std::int64_t highTicks = hasNext ? next->first : bracket.highTicks;
+    return lowPlace +
+           (highPlace - lowPlace) * distance(lowTicks, bracket.wanted) / distance(lowTicks, highTicks);
+}
+
+/// Keeps it unless there is another one near. When there are too many, which lie close since the track was short, it
+/// begins anew.
+void RecordingTrack::noteSeen(unsigned int index, std::int64_t ticks) const {
+    const unsigned int apart = _track->size() / (kMostSeen / 2);
+    const auto next = _seen.lower_bound(ticks);
+    const bool isFarFromNext = next == _seen.end() || next->second > std::uint64_t{index} + apart;
+    const bool isFarFromLast =
+        next == _seen.begin() || index > std::uint64_t{std::prev(next)->second} + apart;
+    if (!isFarFromNext || !isFarFromLast) {
+        return;
+    }
+    if (_seen.size() >= kMostSeen) {
+        _seen.clear();
+    }
+    _seen.emplace(ticks, index);
 }
 
 unsigned int RecordingTrack::getTrackIndexForcedIntoBounds(const ptime& t) const {

@@ -1,5 +1,5 @@
 #!/usr/bin/env python3
-"""Runs clang-tidy over the sources of calvane/, platform/ and tools/: tidy.py BUILD_DIR WORK_DIR
+"""Runs clang-tidy over the sources of calvane/, modules/, platform/ and tools/: tidy.py BUILD_DIR WORK_DIR
 
 A source without findings is remembered under WORK_DIR/tidy by all that its result depends on: the settings, the
 compile command, and the content of the source and of each of our headers that it includes."""
@@ -16,7 +16,7 @@ import sys
 import time
 
 ROOT = pathlib.Path(__file__).resolve().parents[2]
-FOLDERS = ("calvane", "platform", "tools")
+FOLDERS = ("calvane", "modules", "platform", "tools")
 TIDY = "clang-tidy-14"
 INCLUDE = re.compile(rb'^\s*#\s*include\s*["<]([^">]+)[">]', re.MULTILINE)
 
