@@ -86,6 +86,9 @@ void RecordingManager::queueLocked(const ptime& t, track_type type, bool present
 
 void RecordingManager::processHistorySaveQueue() {
     const std::lock_guard<std::mutex> lock(_mutex);
+    if (isCardAway() && _cardLostAt.is_special()) {
+        return; // The store is about to say so, and what is queued can be written when the card is back.
+    }
     const ptime now = RecordingClock::now();
     redateFutureEvents(now);
     const ptime cutoff = now - kHoldTime;
@@ -193,10 +196,12 @@ bool RecordingManager::wasClosedCleanly() const {
         return getEventType(info) == RECORDING_STATE_EVENT &&
                boost::lexical_cast<int>(info.at(kRecordingState)) == 0;
     } catch (const std::exception& error) {
-        CALVANE_RECORDING_LOG(DRENN_CORE_LOG_ERROR,
-                              "The newest record of the history in %s cannot be used (%s); "
-                              "calvane-store can put it right, with this program stopped",
-                              _recordingRootPath.c_str(), error.what());
+        CALVANE_RECORDING_LOG(
+            DRENN_CORE_LOG_ERROR,
+            "The newest record of the history in %s cannot be used (%s). Stop this program, "
+            "erase that record with \"calvane-store trim %s %u 1\" and start again",
+            _recordingRootPath.c_str(), error.what(), _recordingRootPath.c_str(),
+            _historyTrack->getTrack()->getId());
         throw;
     }
 }
@@ -269,13 +274,16 @@ void RecordingManager::onStoreState(StoreState state) {
             const std::lock_guard<std::mutex> lock(_mutex);
             if (_cardLostAt.is_special()) {
                 _cardLostAt = RecordingClock::now();
+                _queuedAtLoss = std::move(_historySaveQueue);
+                _historySaveQueue.clear();
+                _presentAtLoss = _presentTracks;
             }
             return;
     }
 }
 
-/// Events that fell due while the card was away are lost. What the history has as present ended then; what is
-/// present now has begun again.
+/// Events of the time without the card are lost. What had come before ended when the card went; what is present now
+/// has begun again.
 void RecordingManager::repairHistoryAfterCard() {
     const std::lock_guard<std::mutex> lock(_mutex);
     if (_cardLostAt.is_special()) {
@@ -292,14 +300,15 @@ void RecordingManager::repairHistoryAfterCard() {
             begun[type] = time;
         }
     }
-    _historySaveQueue.clear();
+    _historySaveQueue = std::move(_queuedAtLoss);
+    _queuedAtLoss.clear();
     _tracksWithDataCount = 0;
     for (const auto& [type, track] : _dataTracks) {
         const auto last = HistoryReader(*_historyTrack).findLast(now, type);
-        if (last && last->present) {
-            ++_tracksWithDataCount;
-            queueLocked(_cardLostAt, type, false, CoverageReason::NoCard);
-        }
+        _tracksWithDataCount += last && last->present ? 1 : 0;
+    }
+    for (const track_type type : _presentAtLoss) {
+        queueLocked(_cardLostAt, type, false, CoverageReason::NoCard);
     }
     for (const auto& [type, time] : begun) {
         queueLocked(time, type, true, CoverageReason::Data);

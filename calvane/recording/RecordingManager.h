@@ -194,6 +194,7 @@ private:
     void writeQueuedEvent(const Ptime& t, const InfoMap& info);
     Ptime dateForHistory(const Ptime& t);
     bool lookUpAvailability(const Ptime& t, track_type type) const;
+    bool isCardAway() const;
     void requireCard() const;
 
     static std::atomic<RecordingManager*> _singleton;
@@ -224,6 +225,8 @@ private:
     std::int32_t _tracksWithDataCount = 0;
     std::set<track_type> _presentTracks; // As last reported.
     Ptime _cardLostAt;                   // Not-a-date-time while it is there.
+    std::multimap<Ptime, InfoMap> _queuedAtLoss;
+    std::set<track_type> _presentAtLoss;
 };
 
 } // namespace quarn::calvane

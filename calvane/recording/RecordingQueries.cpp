@@ -14,10 +14,14 @@ namespace quarn::calvane {
 using boost::posix_time::ptime;
 using drenn::multi_track_recorder::StoreState;
 
+bool RecordingManager::isCardAway() const {
+    const StoreState state = _multiTrackRecorder->getState();
+    return state == StoreState::NoCard || state == StoreState::OtherCard;
+}
+
 /// Without it everything would look as if it had been erased.
 void RecordingManager::requireCard() const {
-    const StoreState state = _multiTrackRecorder->getState();
-    if (state == StoreState::NoCard || state == StoreState::OtherCard) {
+    if (isCardAway()) {
         throw std::runtime_error("The card with the recording is away");
     }
 }

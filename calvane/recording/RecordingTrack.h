@@ -97,6 +97,7 @@ private:
     };
 
     RecordHeader readHeader(unsigned int index) const;
+    unsigned int reckonFirstIndexNotBefore(const Ptime& t, unsigned int size) const;
     unsigned int search(Bracket bracket) const;
     bool lookAt(Bracket& bracket, double place) const;
     double reckonFromSeen(const Bracket& bracket) const;

@@ -84,6 +84,22 @@ unsigned int RecordingTrack::getFirstIndexNotBefore(const ptime& t) const {
     if (size == 0 || t.is_not_a_date_time()) {
         return 0;
     }
+    try {
+        return reckonFirstIndexNotBefore(t, size);
+    } catch (const std::exception&) { // A record cannot be read; others that halving looks at perhaps can.
+        unsigned int low = 0;
+        for (unsigned int left = size; left > 0;) {
+            const unsigned int half = left / 2;
+            const bool isLess = timestampLessThan(low + half, t);
+            low = isLess ? low + half + 1 : low;
+            left = isLess ? left - half - 1 : half;
+        }
+        return low;
+    }
+}
+
+/// Within the lock, and with records.
+unsigned int RecordingTrack::reckonFirstIndexNotBefore(const ptime& t, unsigned int size) const {
     Bracket bracket{ticksFromTime(t), 0, size - 1, readHeader(0).ticks, 0};
     if (bracket.lowTicks >= bracket.wanted) {
         return 0;

@@ -1,96 +1,14 @@
-#include <gmock/gmock.h>
 #include <sdbus-c++/sdbus-c++.h>
 
 #include <atomic>
-#include <csignal>
-#include <cstdlib>
-#include <filesystem>
-#include <nlohmann/json.hpp>
 
+#include "recorder/RecorderFixture.h"
 #include "support/Emulation.h"
-#include "support/PrivateBus.h"
-#include "support/Program.h"
 #include "support/RunInThreads.h"
-#include "support/WaitUntil.h"
 
 namespace {
 
-using nlohmann::json;
 using testing::HasSubstr;
-
-/// What a program wrote, and how it ended.
-struct Answer {
-    int status;
-    std::string out;
-    std::string err;
-};
-
-class RecorderTest : public testing::Test {
-protected:
-    RecorderTest() {
-        setenv("DRENN_SETTINGS", folder.Path("settings.db").c_str(), 1);
-        setenv("DRENN_DEVICE_INFORMATION",
-               folder.Write("device.ini", "[device]\nmodel.name = Camera\nserial.number = 7\n").c_str(), 1);
-        std::filesystem::create_directory(folder.Path("card"));
-    }
-
-    void Start(const std::string& description = {}) {
-        std::vector<std::string> arguments{"--root", folder.Path("card")};
-        if (!description.empty()) {
-            arguments.push_back(description);
-        }
-        recorder = std::make_unique<Program>("calvane-recorder", arguments, folder.Path());
-    }
-    /// Starts it and waits until it answers; first "Recording is currently disabled", with a card the span.
-    void StartAndWait(const std::string& description = {}, int status = 0) {
-        Start(description);
-        ASSERT_TRUE(WaitUntil([&] {
-            const Answer answer = Ask({"summary"});
-            return answer.status == status && answer.err.find("does not run") == std::string::npos;
-        }));
-    }
-    int Stop() {
-        recorder->Signal(SIGTERM);
-        return recorder->Wait();
-    }
-    Answer Ask(const std::vector<std::string>& arguments) const {
-        Program client("calvane-recording", arguments, folder.Path());
-        const int status = client.Wait();
-        return {status, client.Out(), client.Err()};
-    }
-    json AskJson(std::vector<std::string> arguments) const {
-        arguments.emplace_back("--json");
-        const Answer answer = Ask(arguments);
-        EXPECT_EQ(answer.status, 0) << answer.err;
-        return json::parse(answer.out, nullptr, false);
-    }
-    /// How long a track is recorded, in records.
-    std::size_t CountRecords(const std::string& track) const {
-        const Answer answer = Ask({"read", "--track", track, "--list"});
-        EXPECT_EQ(answer.status, 0) << answer.err;
-        return static_cast<std::size_t>(std::count(answer.out.begin(), answer.out.end(), '\n'));
-    }
-    /// Compares what is read back with what the test source sent; whole, from its first record on.
-    void ExpectRecordsAreRight(const std::string& track) const {
-        const Answer answer = Ask({"read", "--track", track});
-        EXPECT_EQ(answer.status, 0) << answer.err;
-        const std::string file = folder.Write("records.bin", answer.out);
-        Program check("/usr/bin/env",
-                      {"python3", CALVANE_SOURCE_DIR "/examples/check-test-records.py", track,
-                       std::to_string(CountRecords(track)), file},
-                      folder.Path());
-        EXPECT_EQ(check.Wait(), 0) << check.Err();
-    }
-    void ExpectStoreIsGood() const {
-        Program verify("calvane-store", {"verify", folder.Path("card")}, folder.Path());
-        EXPECT_EQ(verify.Wait(), 0) << verify.Out() << verify.Err();
-    }
-
-    static constexpr const char* kDescription = CALVANE_SOURCE_DIR "/examples/recorder.ini";
-    const TempFolder folder;
-    PrivateBus bus;
-    std::unique_ptr<Program> recorder;
-};
 
 TEST_F(RecorderTest, WithoutAUsableCardItAnswersAndSaysWhatToDo) {
     std::filesystem::remove(folder.Path("card"));

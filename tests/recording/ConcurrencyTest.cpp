@@ -6,6 +6,7 @@
 #include <functional>
 #include <thread>
 
+#include "RecordReader.h"
 #include "recording/RecorderFixture.h"
 
 namespace {
@@ -90,7 +91,27 @@ TEST_F(Concurrency, WritersReadersRetentionErasingAndClockJumpsDoNotDisturbEachO
         Recorder().findHistory(At(0), At(1e6), true, 100, {At(1e6), 0});
         Recorder().getEarliestDataAfter(At(time - 1));
     });
-    EXPECT_TRUE(WaitUntil([&] { return written > 3000 && answered > 20; })) << written << ", " << answered;
+    quarn::calvane::RecordingDataAccessImpl access(RecordingManager::getLogCookie());
+    std::atomic<unsigned> streamed{0};
+    Repeat([&] {
+        const double time = seconds;
+        int fd = -1;
+        access.openRecords(0, Service(std::max(0.0, time - 5)), Service(time), &fd);
+        calvane_recording::RecordReader reader(fd);
+        for (calvane_recording::Time last = 0; streamed % 100 != 99;) { // Some are left in their midst.
+            const auto frame = reader.Read();
+            if (frame.kind >= calvane_recording::Frame::kEnd) {
+                EXPECT_EQ(frame.kind, calvane_recording::Frame::kEnd);
+                break;
+            }
+            EXPECT_LE(last, frame.time);
+            last = frame.time;
+            ++streamed;
+        }
+        ++streamed;
+    });
+    EXPECT_TRUE(WaitUntil([&] { return streamed > 500 && written > 3000 && answered > 20; }))
+        << written << ", " << answered << ", " << streamed;
     End();
     for (const track_type type :
          {VIDEO_TRACK, AUDIO_TRACK, METADATA_TRACK, RecordingManager::kHistoryTrack}) {

@@ -2,7 +2,6 @@
 
 #include <sdbus-c++/sdbus-c++.h>
 
-#include <cmath>
 #include <mutex>
 
 #include "calvane/services/RecordingInformationImpl.h"
@@ -18,18 +17,15 @@ class Coverage : public RecorderTest {
 protected:
     Coverage() { RecordingManager::init(); }
 
-    static RecordingInformationImpl& Service() { return *RecordingManager::getInformationService(); }
+    static RecordingInformationImpl& Information() { return *RecordingManager::getInformationService(); }
     /// Recording, video, audio, metadata.
     static std::string StateAt(double time) {
         unsigned char out[4] = {9, 9, 9, 9};
-        const auto second = static_cast<unsigned>(std::floor(time));
-        const auto rest = static_cast<unsigned>(std::lround((time - second) * 1e6));
-        EXPECT_EQ(Service().getRecordingState(kStart + second, rest, &out[0], &out[1], &out[2], &out[3]), 0U);
+        const auto [sec, usec] = Service(time);
+        EXPECT_EQ(Information().getRecordingState(sec, usec, &out[0], &out[1], &out[2], &out[3]), 0U);
         return std::to_string(out[0]) + std::to_string(out[1]) + std::to_string(out[2]) +
                std::to_string(out[3]);
     }
-
-    static constexpr unsigned kStart = 1577872800; // 2020-01-01 10:00:00 UTC
 };
 
 TEST_F(Coverage, TheHistoryTellsWhereDataIsAndWhyItEnded) {
@@ -130,27 +126,27 @@ TEST_F(Coverage, AClockThatJumpsForwardLeavesAGapThatSaysSo) {
 
 TEST_F(Coverage, SummariesTellTheSpanOfWhatIsKept) {
     unsigned out[4] = {9, 9, 9, 9};
-    EXPECT_EQ(Service().getRecordingSummary(&out[0], &out[1], &out[2], &out[3]), 0U);
+    EXPECT_EQ(Information().getRecordingSummary(&out[0], &out[1], &out[2], &out[3]), 0U);
     EXPECT_THAT(out, ElementsAre(0, 0, 0, 0));
     Write(VIDEO_TRACK, {0.5, 60});
     Write(AUDIO_TRACK, {60, 70});
-    Service().getRecordingSummary(&out[0], &out[1], &out[2], &out[3]);
+    Information().getRecordingSummary(&out[0], &out[1], &out[2], &out[3]);
     EXPECT_THAT(out, ElementsAre(kStart, 500000, kStart + 70, 0));
-    EXPECT_EQ(Service().getTrackSummary(1, &out[0], &out[1], &out[2], &out[3]), 0U);
+    EXPECT_EQ(Information().getTrackSummary(1, &out[0], &out[1], &out[2], &out[3]), 0U);
     EXPECT_THAT(out, ElementsAre(kStart + 60, 0, kStart + 70, 0));
     for (const unsigned type : {3U, 4294967295U}) {
-        EXPECT_EQ(Service().getTrackSummary(type, &out[0], &out[1], &out[2], &out[3]), 1U);
+        EXPECT_EQ(Information().getTrackSummary(type, &out[0], &out[1], &out[2], &out[3]), 1U);
         EXPECT_THAT(out, ElementsAre(0, 0, 0, 0));
     }
-    EXPECT_EQ(Service().getTrackSummary(2, &out[0], &out[1], &out[2], &out[3]), 0U);
+    EXPECT_EQ(Information().getTrackSummary(2, &out[0], &out[1], &out[2], &out[3]), 0U);
     EXPECT_THAT(out, ElementsAre(0, 0, 0, 0));
     // Set beforehand, due by now: the summary erases first.
     RecordingManager::setMaxRetentionTime(boost::posix_time::seconds(1000));
     SetClock(1065);
-    Service().getRecordingSummary(&out[0], &out[1], &out[2], &out[3]);
+    Information().getRecordingSummary(&out[0], &out[1], &out[2], &out[3]);
     EXPECT_THAT(out, ElementsAre(kStart + 70, 0, kStart + 70, 0));
     SetClock(2000);
-    Service().getRecordingSummary(&out[0], &out[1], &out[2], &out[3]);
+    Information().getRecordingSummary(&out[0], &out[1], &out[2], &out[3]);
     EXPECT_THAT(out, ElementsAre(0, 0, 0, 0));
     RecordingInformationImpl::updateRange(ptime(), ptime(boost::posix_time::neg_infin), out[0], out[1],
                                           out[2], out[3]);
@@ -164,12 +160,12 @@ TEST_F(Coverage, AttributesComeWithTheRangeThatTheyHoldFor) {
     unsigned out[8] = {};
     double rate = 0;
     const auto video = [&](unsigned second) {
-        return Service().getVideoAttributes(kStart + second, 0, &out[0], &out[1], &out[2], &out[3], &rate,
-                                            &out[4], &out[5], &out[6], &out[7]);
+        return Information().getVideoAttributes(kStart + second, 0, &out[0], &out[1], &out[2], &out[3], &rate,
+                                                &out[4], &out[5], &out[6], &out[7]);
     };
     const auto audio = [&](unsigned second) {
-        return Service().getAudioAttributes(kStart + second, 0, &out[0], &out[1], &rate, &out[2], &out[3],
-                                            &out[4], &out[5]);
+        return Information().getAudioAttributes(kStart + second, 0, &out[0], &out[1], &rate, &out[2], &out[3],
+                                                &out[4], &out[5]);
     };
     EXPECT_EQ(ThrownText<std::runtime_error>([&] { video(1); }), "Error fetching video track info: No data");
     EXPECT_EQ(ThrownText<std::runtime_error>([&] { audio(1); }), "Error fetching audio track info: No data");

@@ -2,7 +2,9 @@
 
 #include "recording/RecorderFixture.h"
 
-using quarn::calvane::HistoryCursor;
+using drenn::api::ServiceCursor;
+using drenn::api::ServiceTime;
+using quarn::calvane::RecordingDataAccessImpl;
 using quarn::core::LogCapture;
 using quarn::core::LogLevel;
 using testing::ElementsAre;
@@ -14,23 +16,37 @@ class History : public RecorderTest {
 protected:
     History() { RecordingManager::init(); }
 
-    static std::vector<std::string> Pages(double from, double to, bool backward, unsigned max) {
+    /// As service events have it: without the reason.
+    static std::string Line(const drenn::api::HistoryEvent& event) {
+        const ptime time = At(event.time.sec - kStart) + boost::posix_time::microseconds(event.time.usec);
+        return Describe(
+            {time, event.eventType == 1, event.present == 1, static_cast<track_type>(event.trackType)});
+    }
+    std::vector<std::string> Pages(double from, double to, bool backward, unsigned max) {
         std::vector<std::string> lines;
-        HistoryCursor cursor{At(backward ? to : from), 0};
-        for (bool more = true; more;) {
-            const auto page = Recorder().findHistory(At(from), At(to), backward, max, cursor);
-            for (const auto& event : page.state) {
-                lines.push_back("state " + Describe(event));
+        ServiceCursor cursor{Service(backward ? to : from), 0};
+        for (unsigned char more = 1; more != 0;) {
+            std::vector<drenn::api::HistoryEvent> state;
+            std::vector<drenn::api::HistoryEvent> events;
+            service.findHistory(Service(from), Service(to), backward ? 1 : 0, max, cursor, &state, &events,
+                                &cursor, &more);
+            for (const auto& event : state) {
+                lines.push_back("state " + Line(event));
             }
-            for (const auto& event : page.events) {
-                lines.push_back(Describe(event));
+            for (const auto& event : events) {
+                lines.push_back(Line(event));
             }
-            EXPECT_LE(page.events.size(), max);
-            cursor = page.next;
-            more = page.more;
+            EXPECT_LE(events.size(), max);
         }
         return lines;
     }
+    ServiceTime First() {
+        ServiceTime time{9, 9};
+        service.getFirstRecordingHistoryEventTime(&time.sec, &time.usec);
+        return time;
+    }
+
+    RecordingDataAccessImpl service{nullptr}; // Beside the one on the bus.
 };
 
 TEST_F(History, AnInfoMapIsTextWithALineForEachKeyAndValue) {
@@ -169,6 +185,7 @@ TEST_F(History, PagesGoForwardAndBackwardWhileOldEventsAreErased) {
         Report(VIDEO_TRACK, 10 * i, true);
         Report(VIDEO_TRACK, 10 * i + 5, false);
     }
+    EXPECT_EQ(First().sec + First().usec, 0U);
     ProcessAt(100);
     const std::vector<std::string> expected{"state 5 recording off", "state 5 video off", "10 video on",
                                             "10 recording on",       "15 video off",      "15 recording off",
@@ -179,18 +196,27 @@ TEST_F(History, PagesGoForwardAndBackwardWhileOldEventsAreErased) {
         EXPECT_EQ(Pages(10, 20, false, max), expected) << max;
         EXPECT_EQ(Pages(10, 20, true, max), reversed) << max;
     }
+    EXPECT_EQ(First().sec, kStart);
     // One by one, from any time, while retention takes what was read.
-    HistoryCursor cursor{At(7), 0};
+    ServiceCursor cursor{Service(7), 0};
     std::vector<std::string> lines;
-    for (auto page = Recorder().getHistoryEvent(cursor); !page.events.empty();
-         page = Recorder().getHistoryEvent(page.next)) {
-        lines.push_back(Describe(page.events.front()));
+    const auto next = [&] {
+        drenn::api::HistoryEvent event;
+        service.getRecordingHistoryEvent(cursor, &event, &cursor);
+        lines.push_back(Line(event));
+    };
+    const std::string none = "No history event at this time or later";
+    while (ThrownText<std::out_of_range>(next) != none && lines.size() < 20) {
         if (lines.size() == 3) {
             RecordingManager::setMaxRetentionTime(boost::posix_time::seconds(88));
         }
     }
     EXPECT_THAT(lines, ElementsAre("10 video on", "10 recording on", "15 video off", "15 recording off",
                                    "20 video on", "20 recording on", "25 video off", "25 recording off"));
+    EXPECT_EQ(First().sec, kStart + 15);
+    EXPECT_THROW(
+        service.findHistory(Service(2), Service(1), 0, 1, cursor, nullptr, nullptr, nullptr, nullptr),
+        std::invalid_argument);
 }
 
 } // namespace

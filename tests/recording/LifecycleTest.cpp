@@ -1,10 +1,12 @@
 // What init() makes of cards, devices and what it finds on them.
 
 #include <chrono>
+#include <iterator>
 #include <thread>
 
 #include "calvane/recording/DrennApiException.h"
 #include "recording/RecorderFixture.h"
+#include "support/Program.h"
 
 using drenn::multi_track_recorder::MultiTrackRecorder;
 using quarn::core::LogCapture;
@@ -166,28 +168,37 @@ TEST_F(Lifecycle, ATrackOfAnotherVersionStopsStarting) {
     ExpectDisabled(6, "Invalid recording data version: (0, 2)");
 }
 
-TEST_F(Lifecycle, AnUnreadableLastHistoryRecordNamesTheProgramThatPutsItRight) {
+TEST_F(Lifecycle, AnUnreadableLastHistoryRecordNamesTheCommandThatPutsItRight) {
     const std::vector<std::pair<std::string, std::string>> cases{
         {"EventType\n", "Format error in recorded data: 1 elements found"},
         {"TrackType\n0\n", "map::at"},
         {"EventType\n0\n", "map::at"},
         {"EventType\nx\n", "bad lexical cast: source type value could not be interpreted as target"}};
+    RecordingManager::init();
+    Report(VIDEO_TRACK, 50, true);
+    ProcessAt(100);
     for (const auto& [text, error] : cases) {
-        RecordingManager::init();
-        Recorder().clearAll();
         Recorder().writeHistoryRecord(At(100), text);
-        RecordingManager::deinit();
         const LogCapture capture(LogLevel::Debug);
-        RecordingManager::init();
+        Restart();
         EXPECT_EQ(RecordingManager::_recordingDisabledReason, 6) << text;
         EXPECT_TRUE(capture.Contains("Error loading RecordingManager (" + error +
                                      ") - Recording and playback are currently disabled."))
             << text;
-        EXPECT_THAT(capture.GetLines(),
-                    Contains(testing::Field(&LogCapture::Line::text, HasSubstr("calvane-store"))));
-        RecordingManager::deinit();
-        std::filesystem::remove_all(folder.Path("card/data"));
-        std::filesystem::remove_all(folder.Path("card/database"));
+        std::string command;
+        for (const LogCapture::Line& line : capture.GetLines()) {
+            if (const auto place = line.text.find("calvane-store "); place != std::string::npos) {
+                command = line.text.substr(place, line.text.find('"', place) - place);
+            }
+        }
+        std::istringstream words(command);
+        const std::vector<std::string> all{std::istream_iterator<std::string>(words), {}};
+        ASSERT_EQ(all.size(), 5U) << command;
+        Program program(all[0], {all.begin() + 1, all.end()}, folder.Path());
+        EXPECT_EQ(program.Wait(), 0) << program.Err();
+        Restart();
+        EXPECT_EQ(RecordingManager::_recordingDisabledReason, 0) << text;
+        EXPECT_THAT(History(), ElementsAre("50 video on", "50 recording on"));
     }
 }
 
@@ -196,6 +207,7 @@ TEST_F(Lifecycle, AfterTheCardWasAwayTheHistoryTellsSo) {
     Write(VIDEO_TRACK, {1, 2});
     Report(VIDEO_TRACK, 1, true);
     Report(AUDIO_TRACK, 1, true);
+    Report(METADATA_TRACK, 9.5, true); // Waits when the card goes.
     ProcessAt(10);
     Recorder().getCoverage(VIDEO_TRACK, At(1), At(2));
     const LogCapture capture(LogLevel::Debug);
@@ -219,8 +231,9 @@ TEST_F(Lifecycle, AfterTheCardWasAwayTheHistoryTellsSo) {
     Report(AUDIO_TRACK, 25, true);
     ProcessAt(30);
     EXPECT_THAT(History(),
-                ElementsAre("1 video on", "1 recording on", "1 audio on", "10 video off 2", "10 audio off 2",
-                            "10 recording off", "20 video on", "20 recording on", "25 audio on"));
+                ElementsAre("1 video on", "1 recording on", "1 audio on", "9.5 metadata on", "10 video off 2",
+                            "10 audio off 2", "10 metadata off 2", "10 recording off", "20 video on",
+                            "20 recording on", "20 metadata on", "25 audio on"));
     Write(VIDEO_TRACK, {30});
     EXPECT_THAT(Coverage(VIDEO_TRACK, 1, 30), ElementsAre("1..10 data", "10..20 no card", "20..30 data"));
 }

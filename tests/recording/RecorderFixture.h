@@ -4,6 +4,7 @@
 
 #include <atomic>
 #include <boost/date_time/posix_time/posix_time.hpp>
+#include <cmath>
 #include <cstdlib>
 #include <initializer_list>
 #include <sstream>
@@ -12,6 +13,7 @@
 
 #include "calvane/recording/RecordingClock.h"
 #include "calvane/recording/RecordingManager.h"
+#include "calvane/services/RecordingDataAccessImpl.h"
 #include "calvane/services/RecordingInformationImpl.h"
 #include "drenn/multi_track_recorder/MultiTrackRecorder.h"
 #include "quarn/core/LogCapture.h"
@@ -130,6 +132,13 @@ protected:
         return lines;
     }
 
+    /// As clients write it.
+    static drenn::api::ServiceTime Service(double time) {
+        const auto microseconds = static_cast<std::int64_t>(kStart) * 1000000 + std::llround(time * 1e6);
+        return {static_cast<unsigned>(microseconds / 1000000), static_cast<unsigned>(microseconds % 1000000)};
+    }
+
+    static constexpr unsigned kStart = 1577872800; // 2020-01-01 10:00:00 UTC, for clients.
     const TempFolder folder;
     const PrivateBus bus;
     static inline std::atomic<double> seconds{0};

@@ -1,11 +1,9 @@
 #include <gmock/gmock.h>
-#include <sys/mount.h>
-#include <sys/statvfs.h>
 
 #include <algorithm>
 #include <chrono>
-#include <cstdlib>
 
+#include "support/SmallCard.h"
 #include "support/TestStore.h"
 
 using namespace drenn::multi_track_recorder;
@@ -17,58 +15,11 @@ constexpr std::uint64_t kCardBytes = std::uint64_t{64} << 20U;
 constexpr unsigned int kFillings = 100;
 constexpr std::chrono::seconds kLongest(25);
 
-/// A small ext4 on a loop device.
-class Card {
-public:
-    Card() {
-        const std::string image = folder_.Write("image", "");
-        std::filesystem::resize_file(image, kCardBytes);
-        std::filesystem::create_directory(Path());
-        Run("mkfs.ext4 -q -F -m 1 " + image);
-        if (why_.empty()) {
-            Run("mount -o loop " + image + " " + Path());
-            isMounted_ = why_.empty();
-        }
-    }
-    ~Card() {
-        if (isMounted_) {
-            umount2(Path().c_str(), MNT_DETACH);
-        }
-    }
-    Card(const Card&) = delete;
-    Card& operator=(const Card&) = delete;
-
-    std::string Path() const { return folder_.Path("mounted"); }
-    /// Why there is none; empty when there is one.
-    const std::string& Why() const { return why_; }
-    /// The share that is used, as a writer without root's reserve sees it.
-    double Percent() const {
-        struct statvfs figures {};
-        if (statvfs(Path().c_str(), &figures) != 0) {
-            throw std::runtime_error("cannot look at " + Path());
-        }
-        const auto used = static_cast<double>(figures.f_blocks - figures.f_bfree);
-        return 100 * used / (used + static_cast<double>(figures.f_bavail));
-    }
-
-private:
-    void Run(const std::string& command) {
-        const std::string out = folder_.Path("out");
-        if (std::system((command + " >" + out + " 2>&1").c_str()) != 0) { // NOLINT: a test's own words.
-            why_ = "\"" + command + "\" fails: " + folder_.Read("out");
-        }
-    }
-
-    TempFolder folder_;
-    std::string why_;
-    bool isMounted_ = false;
-};
-
 } // namespace
 
 // Everything is real here: file system, threads, clock.
 TEST(Card, StaysBelowItsLimitHoweverOftenItIsFilled) {
-    const Card card;
+    const SmallCard card(kCardBytes, 1);
     if (!card.Why().empty()) {
         GTEST_SKIP() << "there is no small card to be had: " << card.Why();
     }

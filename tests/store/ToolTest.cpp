@@ -29,6 +29,7 @@ TEST(StoreTool, TellsTheTruthOfAGoodADamagedAndALostStore) {
         *track << record;
     }
     test.store->Sync();
+    const unsigned int trackId = track->getId();
     const std::string root = test.folder.Path();
     std::string out;
     EXPECT_EQ(1, RunTool({"verify", root}, test.folder, out)) << out; // Somebody has it open.
@@ -38,11 +39,22 @@ TEST(StoreTool, TellsTheTruthOfAGoodADamagedAndALostStore) {
     EXPECT_EQ(0, RunTool({"info", root}, test.folder, out));
     EXPECT_THAT(out, HasSubstr(": 3 records\n"));
 
+    const std::string id = std::to_string(trackId);
+    EXPECT_EQ(1, RunTool({"trim", root, id, "4"}, test.folder, out));
+    EXPECT_THAT(out, HasSubstr("Track " + id + " has 3 records; the newest 4 cannot be erased"));
+    EXPECT_EQ(1, RunTool({"trim", root, "77", "1"}, test.folder, out));
+    EXPECT_THAT(out, HasSubstr("There is no track 77 in " + root));
+    EXPECT_EQ(2, RunTool({"trim", root, id, "0"}, test.folder, out));
+    EXPECT_EQ(0, RunTool({"trim", root, id, "1"}, test.folder, out));
+    EXPECT_EQ("track " + id + ": 2 records are left\n", out);
+    EXPECT_EQ(0, RunTool({"verify", root}, test.folder, out)) << out;
+
     std::filesystem::remove_all(test.options.database);
+    EXPECT_EQ(1, RunTool({"trim", root, id, "1"}, test.folder, out));
     EXPECT_EQ(1, RunTool({"verify", root}, test.folder, out)) << out;
     EXPECT_EQ(0, RunTool({"rebuild", root}, test.folder, out)) << out;
     EXPECT_EQ(0, RunTool({"info", root}, test.folder, out));
-    EXPECT_THAT(out, HasSubstr(": 3 records\n"));
+    EXPECT_THAT(out, HasSubstr(": 2 records\n"));
 
     for (const auto& entry : std::filesystem::directory_iterator(test.options.storage)) {
         const std::string name = entry.path().filename();

@@ -76,22 +76,39 @@ struct Commands {
     CLI::App* info;
     CLI::App* verify;
     CLI::App* rebuild;
+    CLI::App* trim;
 };
 
-int Run(const Commands& commands, const std::string& folder, bool json) {
+struct Options {
+    std::string folder;
+    bool json = false;
+    unsigned int track = 0;
+    unsigned int count = 0;
+};
+
+int Trim(const StoreInspection& store, const Options& options) {
+    const unsigned int left = store.Trim(options.track, options.count);
+    std::cout << "track " << options.track << ": " << left << " records are left\n";
+    return kGood;
+}
+
+int Run(const Commands& commands, const Options& options) {
     std::optional<StoreInspection> store;
     try {
-        store.emplace(folder);
+        store.emplace(options.folder);
     } catch (const std::exception& error) {
         std::cerr << "calvane-store: " << error.what() << "\n";
         return kNoStore;
     }
     try {
         if (commands.info->parsed()) {
-            return Describe(*store, json);
+            return Describe(*store, options.json);
         }
         if (commands.verify->parsed()) {
             return Report(store->Verify(), "good");
+        }
+        if (commands.trim->parsed()) {
+            return Trim(*store, options);
         }
         return Report(store->Rebuild(), "rebuilt");
     } catch (const std::exception& error) {
@@ -101,28 +118,33 @@ int Run(const Commands& commands, const std::string& folder, bool json) {
 }
 
 int ParseAndRun(int argc, char** argv) {
-    CLI::App program("Looks at a recording store that no program has open", "calvane-store");
+    CLI::App program("Looks after a recording store that no program has open", "calvane-store");
     program.require_subcommand(1);
     program.footer(
         "DIR holds the folders data and database.\n"
-        "Exit status: 0 good, 1 something is wrong or could not be rebuilt, 2 no store or a bad command "
+        "Exit status: 0 good, 1 something is wrong or could not be done, 2 no store or a bad command "
         "line.");
-    std::string folder;
-    bool json = false;
+    Options options;
     const Commands commands{
         program.add_subcommand("info", "Print what there is"),
         program.add_subcommand("verify", "Check every invariant and every checksum"),
-        program.add_subcommand("rebuild", "Make a lost or damaged catalogue from the segments")};
-    for (CLI::App* command : {commands.info, commands.verify, commands.rebuild}) {
-        command->add_option("DIR", folder, "The folder of the store")->required();
+        program.add_subcommand("rebuild", "Make a lost or damaged catalogue from the segments"),
+        program.add_subcommand("trim",
+                               "Erase the newest records of a track, such as one that cannot be read")};
+    for (CLI::App* command : {commands.info, commands.verify, commands.rebuild, commands.trim}) {
+        command->add_option("DIR", options.folder, "The folder of the store")->required();
     }
-    commands.info->add_flag("--json", json, "Print JSON");
+    commands.info->add_flag("--json", options.json, "Print JSON");
+    commands.trim->add_option("TRACK", options.track, "The track's number, as info prints it")->required();
+    commands.trim->add_option("COUNT", options.count, "How many records")
+        ->required()
+        ->check(CLI::PositiveNumber);
     try {
         program.parse(argc, argv);
     } catch (const CLI::ParseError& error) {
         return program.exit(error) == 0 ? kGood : kNoStore;
     }
-    return Run(commands, folder, json);
+    return Run(commands, options);
 }
 
 } // namespace

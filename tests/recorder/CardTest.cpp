@@ -1,0 +1,142 @@
+// Cards that fill up, are pulled and come from elsewhere.
+
+#include <cstring>
+#include <iostream>
+
+#include "recorder/RecorderFixture.h"
+#include "support/Emulation.h"
+#include "support/SmallCard.h"
+
+using testing::ElementsAre;
+using testing::HasSubstr;
+using testing::Not;
+
+namespace {
+
+class RecorderCardTest : public RecorderTest {
+protected:
+    json RecordingsOnCard() const {
+        Program info("calvane-store", {"info", "--json", card}, folder.Path());
+        EXPECT_EQ(info.Wait(), 0) << info.Err();
+        return json::parse(info.Out(), nullptr, false)["recordings"];
+    }
+    /// Why there is data or not, in the order of time.
+    std::vector<std::string> ReasonsOf(const std::string& track, const std::string& from) const {
+        std::vector<std::string> reasons;
+        const json coverage = AskJson({"coverage", "--track", track, "--from", from});
+        for (const json& interval : coverage[track]) {
+            reasons.push_back(interval["reason"]);
+        }
+        return reasons;
+    }
+};
+
+constexpr std::size_t kRecordBytes = 200000;
+
+/// The numbers of the test source's records, which stand one behind the other.
+std::vector<std::uint64_t> NumbersIn(const std::string& records) {
+    EXPECT_EQ(records.size() % kRecordBytes, 0U);
+    std::vector<std::uint64_t> numbers(records.size() / kRecordBytes);
+    for (std::size_t i = 0; i != numbers.size(); ++i) {
+        std::memcpy(&numbers[i], &records[i * kRecordBytes], sizeof numbers[i]);
+    }
+    EXPECT_TRUE(std::is_sorted(numbers.begin(), numbers.end()));
+    return numbers;
+}
+
+TEST_F(RecorderCardTest, AFullCardGivesWayWhileItsOldestDataIsRead) {
+    SKIP_WHEN_EMULATED("a card takes too long to fill");
+    const SmallCard small(std::uint64_t{64} << 20U, 0);
+    if (!small.Why().empty()) {
+        GTEST_SKIP() << "there is no small card to be had: " << small.Why();
+    }
+    card = small.Path();
+    StartAndWait(
+        DescribeVideo("track = video\nbytes.min = " + std::to_string(kRecordBytes) + "\nrate.millihz = 0\n"));
+    ASSERT_TRUE(WaitUntil([&] { return small.Percent() > 50; }));
+    // One sleeps on what is going to be erased, others read all the time.
+    Program sleeper("/usr/bin/env",
+                    {"bash", "-c",
+                     "set -o pipefail; " CALVANE_BIN_DIR "/calvane-recording read --track video | "
+                     "{ head -c 1; touch asleep; until [ -e awake ]; do sleep 0.1; done; cat; }"},
+                    folder.Path());
+    ASSERT_TRUE(WaitUntil([&] { return folder.Has("asleep"); }));
+    const json before = AskJson({"summary"});
+    double highest = 0;
+    json now;
+    std::vector<std::string> reasons;
+    ASSERT_TRUE(WaitUntil([&] {
+        const Answer reader = Ask({"read", "--track", "video"});
+        NumbersIn(reader.out);
+        if (reader.status != 0) {
+            EXPECT_THAT(reader.err, HasSubstr("was erased while it was read"));
+        }
+        highest = std::max(highest, small.Percent());
+        now = AskJson({"summary"});
+        reasons = ReasonsOf("video", before["first"]);
+        return now["first"] > before["last"] && reasons.front() == "erased"; // All of it has been replaced.
+    }));
+    folder.Write("awake", "");
+    EXPECT_EQ(sleeper.Wait(), 1);
+    EXPECT_THAT(sleeper.Err(), HasSubstr("was erased while it was read"));
+    EXPECT_GE(NumbersIn(sleeper.Out()).size(), 1U);
+    ASSERT_TRUE(WaitUntil([&] { return AskJson({"summary"})["last"] > now["last"]; }));
+    EXPECT_EQ(reasons.back(), "data");
+    EXPECT_EQ(Stop(), 0);
+    EXPECT_THAT(recorder->Err(), Not(HasSubstr("was not recorded")));
+    std::cout << "at most " << highest << " percent of the card were used\n";
+    EXPECT_LE(highest, 98);
+    EXPECT_GE(highest, 60);
+    ExpectStoreIsGood();
+}
+
+TEST_F(RecorderCardTest, ACardThatIsPulledAndPutBackLeavesAGapThatSaysSo) {
+    SmallCard small(std::uint64_t{64} << 20U, 0);
+    if (!small.Why().empty()) {
+        GTEST_SKIP() << "there is no small card to be had: " << small.Why();
+    }
+    card = small.Path();
+    StartAndWait(kDescription);
+    ASSERT_TRUE(WaitUntil([&] { return CountRecords("audio") > 50; }));
+    const std::string first = AskJson({"tracks"})["audio"]["first"];
+    Program stream("calvane-recording", {"read", "--track", "video"}, folder.Path());
+    small.Pull();
+    ASSERT_TRUE(WaitUntil([&] { return recorder->Err().find("The card is away") != std::string::npos; }));
+    stream.Wait();
+    EXPECT_THAT(Ask({"coverage"}).err, HasSubstr("is away"));
+    std::this_thread::sleep_for(std::chrono::seconds(1));
+    small.Mount();
+    ASSERT_TRUE(WaitUntil([&] { return recorder->Err().find("The card is back") != std::string::npos; }));
+    ASSERT_TRUE(WaitUntil([&] { return AskJson({"state"})["audio"] == true; }));
+    std::this_thread::sleep_for(std::chrono::seconds(2)); // The history is written.
+    EXPECT_EQ(Stop(), 0);
+    StartAndWait();
+    EXPECT_THAT(ReasonsOf("audio", first), ElementsAre("data", "no card", "data", "stopped"));
+    EXPECT_EQ(Stop(), 0);
+    ExpectStoreIsGood();
+}
+
+TEST_F(RecorderCardTest, ACardOfAnotherDeviceKeepsItsRecordingBesideTheOwn) {
+    for (const int number : {7, 8, 7}) {
+        SetSerialNumber(std::to_string(number));
+        const bool isNew = !folder.Has("card/data") || number == 8;
+        StartAndWait(isNew ? DescribeVideo("track = video\nrate.millihz = 0\ncount = " +
+                                           std::to_string(number * 10) + "\n")
+                           : std::string());
+        ASSERT_TRUE(WaitUntil([&] { return CountRecords("video") == std::size_t(number) * 10; }));
+        ExpectRecordsAreRight("video");
+        EXPECT_EQ(Stop(), 0);
+    }
+    std::vector<std::string> recordings;
+    for (const json& recording : RecordingsOnCard()) {
+        std::string line = recording["info"];
+        for (const json& track : recording["tracks"]) {
+            line += track["format"] == "0" ? " " + track["records"].dump() : "";
+        }
+        recordings.push_back(line);
+    }
+    EXPECT_THAT(recordings, ElementsAre("Camera,7 70", "Camera,8 80"));
+    ExpectStoreIsGood();
+}
+
+} // namespace

@@ -1,0 +1,67 @@
+#pragma once
+
+#include <sys/mount.h>
+#include <sys/statvfs.h>
+
+#include <cstdint>
+#include <cstdlib>
+#include <filesystem>
+#include <stdexcept>
+#include <string>
+
+#include "support/TempFolder.h"
+
+/// A small ext4 on a loop device, where the machine allows it.
+class SmallCard {
+public:
+    /// `reserved`: percent for root.
+    SmallCard(std::uint64_t bytes, int reserved) {
+        folder_.Write("image", "");
+        std::filesystem::resize_file(folder_.Path("image"), bytes);
+        std::filesystem::create_directory(Path());
+        Run("mkfs.ext4 -q -F -m " + std::to_string(reserved) + " " + folder_.Path("image"));
+        if (why_.empty()) {
+            Mount();
+        }
+    }
+    ~SmallCard() { Pull(); }
+    SmallCard(const SmallCard&) = delete;
+    SmallCard& operator=(const SmallCard&) = delete;
+
+    void Mount() {
+        Run("mount -o loop " + folder_.Path("image") + " " + Path());
+        isMounted_ = why_.empty();
+    }
+    /// Those who have files on it keep them.
+    void Pull() {
+        if (isMounted_) {
+            umount2(Path().c_str(), MNT_DETACH);
+            isMounted_ = false;
+        }
+    }
+
+    std::string Path() const { return folder_.Path("mounted"); }
+    /// Why there is none; empty when there is one.
+    const std::string& Why() const { return why_; }
+    /// The share that is used, as a writer without root's reserve sees it.
+    double Percent() const {
+        struct statvfs figures {};
+        if (statvfs(Path().c_str(), &figures) != 0) {
+            throw std::runtime_error("cannot look at " + Path());
+        }
+        const auto used = static_cast<double>(figures.f_blocks - figures.f_bfree);
+        return 100 * used / (used + static_cast<double>(figures.f_bavail));
+    }
+
+private:
+    void Run(const std::string& command) {
+        const std::string out = folder_.Path("out");
+        if (std::system((command + " >" + out + " 2>&1").c_str()) != 0) { // NOLINT: a test's own words.
+            why_ = "\"" + command + "\" fails: " + folder_.Read("out");
+        }
+    }
+
+    TempFolder folder_;
+    std::string why_;
+    bool isMounted_ = false;
+};
