@@ -127,7 +127,8 @@ unsigned int RecordingTrack::search(Bracket bracket) const {
         const double behind = bracket.high - distance(bracket.wanted, bracket.highTicks) * rate;
         const bool isLowNearer = ahead - bracket.low < bracket.high - behind;
         if (margin >= left / 4 || !lookAt(bracket, isLowNearer ? ahead + margin : behind - margin)) {
-            lookAt(bracket, bracket.low + left / 2);
+            const unsigned int middle = bracket.low + left / 2;
+            lookAt(bracket, middle);
         }
         rate = std::max({rate, rateOf(bracket.low - before.low, before.lowTicks, bracket.lowTicks),
                          rateOf(before.high - bracket.high, bracket.highTicks, before.highTicks),

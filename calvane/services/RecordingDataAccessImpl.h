@@ -19,9 +19,9 @@ class RecordStreams;
 class CALVANE_API RecordingDataAccessImpl : public drenn::api::DrennApiRecordingDataAccessTargetImplBase {
 public:
     /// No reply has more payload than this, unless it is of one record.
-    static constexpr std::size_t kMostReplyBytes = 256 * 1024;
+    static constexpr std::size_t kMostReplyBytes = std::size_t{256} * 1024;
     /// A record that is longer can only be streamed.
-    static constexpr std::size_t kLongestReplyRecord = 4 * 1024 * 1024;
+    static constexpr std::size_t kLongestReplyRecord = std::size_t{4} * 1024 * 1024;
     /// More records or events does no reply have.
     static constexpr unsigned int kMostReplyEntries = 1000;
 

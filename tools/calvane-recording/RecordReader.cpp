@@ -38,7 +38,7 @@ Frame RecordReader::Read() {
     frame.kind = static_cast<Frame::Kind>(header[0]);
     frame.flags = static_cast<unsigned int>(LittleEndian(&header[2], 2));
     frame.time = static_cast<Time>(LittleEndian(&header[8], 8));
-    frame.payload.resize(length);
+    frame.payload.resize(static_cast<std::size_t>(length));
     ReadFully(frame.payload.data(), frame.payload.size());
     return frame;
 }

@@ -16,7 +16,7 @@
 namespace drenn::multi_track_recorder {
 namespace {
 
-constexpr std::size_t kStreamBytes = 128 * 1024;
+constexpr std::size_t kStreamBytes = std::size_t{128} * 1024;
 constexpr std::uint64_t kPageBytes = 4096;
 
 [[noreturn]] void Fail(const std::string& operation, const std::string& path) {

@@ -29,7 +29,7 @@ const char* Variable(const char* name) {
 }
 
 std::string BusName() {
-    const std::string bus = Variable("DRENN_BUS");
+    std::string bus = Variable("DRENN_BUS");
     if (!bus.empty()) {
         return bus;
     }

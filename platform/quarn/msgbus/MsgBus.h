@@ -31,7 +31,7 @@ class QUARN_API MsgBus {
 public:
     using Callback = std::function<void(const Message& message)>;
 
-    static constexpr std::size_t kMaxContentBytes = 1024 * 1024;
+    static constexpr std::size_t kMaxContentBytes = std::size_t{1024} * 1024;
 
     MsgBus();
     ~MsgBus();
