@@ -49,7 +49,8 @@ show state
 kill -TERM "$recorder"
 wait "$recorder"
 sleep 0.5
-kill "$watcher" && wait "$watcher" 2>/dev/null || true
+kill "$watcher"
+wait "$watcher" 2>/dev/null || true
 
 echo
 echo "The recorder again, without pipelines: what it recorded is there."
