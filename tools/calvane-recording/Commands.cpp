@@ -1,5 +1,6 @@
 #include "Commands.h"
 
+#include <algorithm>
 #include <array>
 #include <chrono>
 #include <cstdio>
@@ -126,18 +127,31 @@ std::string AttributesText(const json& attributes) {
     return text;
 }
 
-/// Prints the events behind `last` and returns how far it came.
-Time FollowHistory(RecordingClient& client, const Options& options, Time last) {
-    const Time now = Now();
-    for (const Event& event : client.GetHistory({last + 1, now}).events) {
+/// How far a history has been printed: up to this time, and so many events of exactly this time.
+struct Shown {
+    Time last = 0;
+    std::size_t count = 0;
+};
+
+void Note(Shown& shown, Time time) {
+    shown = {time, time == shown.last ? shown.count + 1 : 1};
+}
+
+void FollowHistory(RecordingClient& client, const Options& options, Shown& shown) {
+    const Shown before = shown;
+    std::size_t passed = 0;
+    for (const Event& event : client.GetHistory({before.last, std::max(Now(), before.last)}).events) {
+        if (event.time == before.last && passed < before.count) {
+            ++passed;
+            continue;
+        }
         if (options.json) {
             PrintLine(ToJson(event));
         } else {
             std::cout << ToText(event) << std::endl;
         }
-        last = event.time;
+        Note(shown, event.time);
     }
-    return last;
 }
 
 void ListFrame(const Frame& frame, const Options& options) {
@@ -223,18 +237,19 @@ void PrintHistory(RecordingClient& client, const Options& options) {
             std::cout << ToText(event) << "  (before)\n";
         }
     }
+    Shown shown{span.first, 0}; // Events are written a while after their time.
     for (const Event& event : history.events) {
         if (options.json) {
             PrintLine(ToJson(event));
         } else {
             std::cout << ToText(event) << "\n";
         }
+        Note(shown, event.time);
     }
     std::cout << std::flush;
-    Time last = history.events.empty() ? span.last : history.events.back().time;
     while (options.follow && std::cout) {
         std::this_thread::sleep_for(kFollowPeriod);
-        last = FollowHistory(client, options, last);
+        FollowHistory(client, options, shown);
     }
 }
 
