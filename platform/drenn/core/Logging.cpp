@@ -24,6 +24,15 @@ LogLevel LevelOf(drenn_core_log_priority priority) {
     return priority <= DRENN_CORE_LOG_INFO ? LogLevel::Information : LogLevel::Debug;
 }
 
+/// The levels have the numbers of the priorities, with none between warning and information; 0 lets nothing pass.
+bool Passes(void* cookie, drenn_core_log_priority priority) {
+    if (cookie == nullptr) {
+        return false;
+    }
+    const int level = static_cast<int>(LoggerOf(cookie)->GetLevel());
+    return static_cast<int>(priority) <= level && level != static_cast<int>(LogLevel::Off);
+}
+
 } // namespace
 
 drenn_status drenn_core_logging_init(const char* name, void** cookie) {
@@ -43,11 +52,11 @@ drenn_status drenn_core_logging_deinit(void* cookie) {
 }
 
 int drenn_core_log_enabled(void* cookie, drenn_core_log_priority priority) {
-    return cookie != nullptr && LoggerOf(cookie)->IsEnabled(LevelOf(priority)) ? 1 : 0;
+    return Passes(cookie, priority) ? 1 : 0;
 }
 
 void drenn_core_log(void* cookie, drenn_core_log_priority priority, const char* format, ...) {
-    if (drenn_core_log_enabled(cookie, priority) == 0) {
+    if (!Passes(cookie, priority)) {
         return;
     }
     va_list arguments;
