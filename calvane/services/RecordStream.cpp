@@ -10,17 +10,14 @@
 #include <stdexcept>
 #include <system_error>
 
-#include "calvane/recording/RecordHeader.h"
-#include "calvane/recording/RecordingManager.h"
 #include "calvane/recording/TrackLockImpl.h"
 #include "calvane/services/RecordStreamImpl.h"
 #include "calvane/services/ServiceTimeImpl.h"
+#include "calvane/services/StoredRecordImpl.h"
 #include "drenn/multi_track_recorder/Track.h"
 
 namespace quarn::calvane {
 namespace {
-
-using drenn::multi_track_recorder::BlobRecord;
 
 constexpr std::uint8_t kStreamVersion = 1;
 constexpr unsigned int kStackBytes = 256 * 1024;
@@ -117,20 +114,12 @@ bool RecordStream::readNext() {
         putFrame(FrameKind::Erased, 0, _lastTime, nullptr, 0);
         return true;
     }
-    BlobRecord record;
     if (_next >= _store->size()) {
         putFrame(FrameKind::End, 0, _lastTime, nullptr, 0);
         return false;
     }
-    _store->seekg(_next);
-    *_store >> record;
-    const unsigned char* data = nullptr;
-    unsigned int size = 0;
-    RecordHeader header;
-    if (!RecordingManager::getPlaybackInfo(record, data, size, header)) {
-        throw std::runtime_error("Parse error in recorded data");
-    }
-    const Ptime time = timeFromTicks(header.ticks);
+    const StoredRecord record(*_store, _next);
+    const Ptime time = record.time();
     if (time < _lastTime) {
         // An erasing that was announced has failed after all.
         _next = _track.getFirstIndexNotBefore(_lastTime);
@@ -141,7 +130,7 @@ bool RecordStream::readNext() {
         putFrame(FrameKind::End, 0, _lastTime, nullptr, 0);
         return false;
     }
-    putFrame(FrameKind::Record, header.flags, time, data, size);
+    putFrame(FrameKind::Record, record.flags(), time, record.data(), record.size());
     _lastTime = time;
     ++_next;
     return true;

@@ -9,6 +9,7 @@
 #include "calvane/recording/TrackLockImpl.h"
 #include "calvane/services/RecordStreamImpl.h"
 #include "calvane/services/ServiceTimeImpl.h"
+#include "calvane/services/StoredRecordImpl.h"
 #include "drenn/multi_track_recorder/Track.h"
 
 namespace quarn::calvane {
@@ -70,21 +71,12 @@ std::vector<ServiceEvent> toService(const std::vector<HistoryEvent>& events) {
 
 /// Reads the record at `index` in one piece.
 PayloadRecord readPayload(drenn::multi_track_recorder::Track& track, unsigned int index) {
-    drenn::multi_track_recorder::BlobRecord record;
-    track.seekg(index);
-    track >> record;
-    const unsigned char* data = nullptr;
-    unsigned int size = 0;
-    RecordHeader header;
-    if (!RecordingManager::getPlaybackInfo(record, data, size, header)) {
-        throw std::runtime_error("Parse error in recorded data");
-    }
-    const ptime time = timeFromTicks(header.ticks);
-    if (size > RecordingDataAccessImpl::kLongestReplyRecord) {
-        throw std::runtime_error("A record of " + std::to_string(size) +
+    const StoredRecord record(track, index);
+    if (record.size() > RecordingDataAccessImpl::kLongestReplyRecord) {
+        throw std::runtime_error("A record of " + std::to_string(record.size()) +
                                  " bytes is too long for a reply; read it with openRecords");
     }
-    return {serviceFromTime(time), {data, data + size}};
+    return {serviceFromTime(record.time()), {record.data(), record.data() + record.size()}};
 }
 
 /// The same. Behind others, one that cannot be read ends their page: it fails when it is the first of its own.

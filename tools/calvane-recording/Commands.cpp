@@ -14,6 +14,7 @@
 #include "RecordReader.h"
 #include "RecordingClient.h"
 #include "Timeline.h"
+#include "calvane/recording/RecordingManager.h"
 #include "quarn/settings/QuarnSettingsClient.h"
 
 namespace calvane_recording {
@@ -22,8 +23,6 @@ namespace {
 using nlohmann::json;
 
 constexpr std::array<const char*, 3> kTracks{"video", "audio", "metadata"};
-constexpr const char* kRetentionSeconds = "recording.max.retention.sec";
-constexpr const char* kRetentionMicroseconds = "recording.max.retention.usec";
 constexpr auto kFollowPeriod = std::chrono::milliseconds(500);
 
 unsigned int TrackOf(const std::string& name) {
@@ -382,8 +381,8 @@ void Watch(RecordingClient& client, const Options& options) {
 
 void GetRetention(const Options& options) {
     const quarn::settings::QuarnSettingsClient settings(nullptr);
-    const Time limit = settings.GetInt(kRetentionSeconds).value_or(0) * kSecond +
-                       settings.GetInt(kRetentionMicroseconds).value_or(0);
+    const Time limit = settings.GetInt(quarn::calvane::kMaxRetentionTimeSeconds).value_or(0) * kSecond +
+                       settings.GetInt(quarn::calvane::kMaxRetentionTimeMicroseconds).value_or(0);
     if (options.json) {
         Print({{"seconds", static_cast<double>(limit) / kSecond}});
     } else if (limit <= 0) {
@@ -399,8 +398,8 @@ void SetRetention(const Options& options) {
         throw std::invalid_argument("Not a limit: \"" + options.limit + "\" is longer than 68 years");
     }
     quarn::settings::QuarnSettingsClient settings(nullptr);
-    settings.Set(kRetentionSeconds, std::int64_t{limit / kSecond});
-    settings.Set(kRetentionMicroseconds, std::int64_t{limit % kSecond});
+    settings.Set(quarn::calvane::kMaxRetentionTimeSeconds, std::int64_t{limit / kSecond});
+    settings.Set(quarn::calvane::kMaxRetentionTimeMicroseconds, std::int64_t{limit % kSecond});
     GetRetention(options);
 }
 
