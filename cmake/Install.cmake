@@ -10,7 +10,8 @@ set(CALVANE_PLUGINS_DIR ${CMAKE_INSTALL_LIBDIR}/calvane/plugins)
 # The libraries find each other, and the programs their libraries, wherever the prefix lies.
 set_target_properties(${CALVANE_LIBRARIES} PROPERTIES INSTALL_RPATH "$ORIGIN")
 install(TARGETS ${CALVANE_LIBRARIES} EXPORT calvaneTargets
-  LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT runtime NAMELINK_COMPONENT dev)
+  LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT runtime NAMELINK_COMPONENT dev
+  FILE_SET HEADERS DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/calvane-1 COMPONENT dev)
 
 # calvane_collect_programs(<variable> <folder>): the programs that a folder and those below it build.
 function(calvane_collect_programs variable folder)
@@ -65,18 +66,6 @@ file(GLOB service_descriptions CONFIGURE_DEPENDS ${PROJECT_SOURCE_DIR}/platform/
 install(FILES ${service_descriptions} DESTINATION ${CMAKE_INSTALL_DATADIR}/dbus-1/interfaces COMPONENT dev)
 install(DIRECTORY ${CALVANE_SERVICE_HEADERS}/ DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/calvane-1 COMPONENT dev
   FILES_MATCHING PATTERN "*Proxy.h")
-
-# Headers keep the paths by which sources include them, below one include root.
-file(STRINGS ${PROJECT_SOURCE_DIR}/cmake/private-headers.txt private_headers REGEX "^[^#]")
-set(exclusions PATTERN "*Impl.h" EXCLUDE)
-foreach(header IN LISTS private_headers)
-  list(APPEND exclusions PATTERN "${header}" EXCLUDE)
-endforeach()
-foreach(folder platform/quarn platform/drenn calvane)
-  install(DIRECTORY ${PROJECT_SOURCE_DIR}/${folder}
-    DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/calvane-1 COMPONENT dev
-    FILES_MATCHING PATTERN "*.h" ${exclusions})
-endforeach()
 
 configure_package_config_file(${PROJECT_SOURCE_DIR}/cmake/calvaneConfig.cmake.in
   ${CMAKE_BINARY_DIR}/calvaneConfig.cmake INSTALL_DESTINATION ${CALVANE_PACKAGE_DIR}

@@ -9,8 +9,8 @@
 
 #include "Require.h"
 #include "StoreBytes.h"
-#include "drenn/multi_track_recorder/StoreImpl.h"
-#include "drenn/multi_track_recorder/StoreVerifierImpl.h"
+#include "drenn/multi_track_recorder/internal/Store.h"
+#include "drenn/multi_track_recorder/internal/StoreVerifier.h"
 #include "quarn/core/LogCapture.h"
 #include "support/store/SimFileSystem.h"
 

@@ -8,7 +8,7 @@
 
 #include "Require.h"
 #include "StoreBytes.h"
-#include "drenn/multi_track_recorder/SegmentReaderImpl.h"
+#include "drenn/multi_track_recorder/internal/SegmentReader.h"
 #include "support/store/SimFileSystem.h"
 
 namespace {

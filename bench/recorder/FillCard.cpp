@@ -11,7 +11,7 @@
 #include "Input.h"
 #include "calvane/recording/RecordHeader.h"
 #include "calvane/recording/track_type.h"
-#include "drenn/multi_track_recorder/StoreImpl.h"
+#include "drenn/multi_track_recorder/internal/Store.h"
 
 namespace {
 

@@ -10,7 +10,7 @@
 
 #include <vector>
 
-#include "drenn/multi_track_recorder/SegmentFormatImpl.h"
+#include "drenn/multi_track_recorder/internal/SegmentFormat.h"
 
 namespace {
 

@@ -2,7 +2,7 @@
 
 #include <string>
 
-#include "drenn/multi_track_recorder/StoreImpl.h"
+#include "drenn/multi_track_recorder/internal/Store.h"
 
 /// A store in a folder that does nothing by itself.
 inline drenn::multi_track_recorder::StoreOptions StoreIn(const std::string& folder) {

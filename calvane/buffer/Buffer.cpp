@@ -4,7 +4,7 @@
 #include <utility>
 
 #include "calvane/buffer/AddressChecks.h"
-#include "calvane/buffer/RecyclerImpl.h"
+#include "calvane/buffer/internal/Recycler.h"
 #include "quarn/osa/Exception.h"
 #include "quarn/osa/InterlockedObj.h"
 

@@ -8,8 +8,8 @@
 #include <array>
 #include <cerrno>
 
-#include "calvane/config/ElfFileImpl.h"
-#include "calvane/config/ModuleNamesImpl.h"
+#include "calvane/config/internal/ElfFile.h"
+#include "calvane/config/internal/ModuleNames.h"
 #include "quarn/osa/Exception.h"
 #include "quarn/osa/FormatText.h"
 

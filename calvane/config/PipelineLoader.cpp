@@ -5,10 +5,10 @@
 #include <set>
 #include <vector>
 
-#include "calvane/config/ConnectionTapsImpl.h"
 #include "calvane/config/DescriptionKeys.h"
 #include "calvane/config/IPluginFactory.h"
 #include "calvane/config/IniPluginConfig.h"
+#include "calvane/config/internal/ConnectionTaps.h"
 #include "calvane/graph/PluginContainer.h"
 #include "calvane/graph/SettingException.h"
 #include "quarn/core/IniFile.h"

@@ -7,9 +7,9 @@
 #include <utility>
 
 #include "calvane/config/DefaultPluginConfiguration.h"
-#include "calvane/config/ModuleNamesImpl.h"
 #include "calvane/config/ModuleSearch.h"
-#include "calvane/config/PluginInstancesImpl.h"
+#include "calvane/config/internal/ModuleNames.h"
+#include "calvane/config/internal/PluginInstances.h"
 #include "calvane/graph/SettingException.h"
 #include "calvane/runtime/CalvaneEnv.h"
 #include "quarn/core/Logger.h"

@@ -1,6 +1,6 @@
 #include "calvane/graph/ForwardingSink.h"
 
-#include "calvane/graph/FormatCheckImpl.h"
+#include "calvane/graph/internal/FormatCheck.h"
 
 namespace quarn::calvane {
 

@@ -1,6 +1,6 @@
 #include "calvane/graph/MultiOutputSourcePlugin.h"
 
-#include "calvane/graph/OutputsImpl.h"
+#include "calvane/graph/internal/Outputs.h"
 
 namespace quarn::calvane {
 

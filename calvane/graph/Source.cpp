@@ -3,7 +3,7 @@
 #include <algorithm>
 #include <vector>
 
-#include "calvane/graph/FormatCheckImpl.h"
+#include "calvane/graph/internal/FormatCheck.h"
 #include "quarn/osa/CacheLine.h"
 #include "quarn/osa/Exception.h"
 #include "quarn/osa/MutexAutoLock.h"

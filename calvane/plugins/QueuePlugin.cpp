@@ -6,7 +6,7 @@
 #include "calvane/config/IPluginConfiguration.h"
 #include "calvane/config/PluginManager.h"
 #include "calvane/graph/SettingException.h"
-#include "calvane/plugins/QueueConsumerImpl.h"
+#include "calvane/plugins/internal/QueueConsumer.h"
 #include "calvane/runtime/CalvaneEnv.h"
 #include "quarn/core/Logger.h"
 #include "quarn/osa/LockException.h"

@@ -5,8 +5,8 @@
 
 #include "calvane/Export.h"
 #include "calvane/graph/BasicFilterPlugin.h"
+#include "quarn/core/Stats.h"
 #include "quarn/osa/TimeStruct.h"
-#include "quarn/stl/Stats.h"
 
 namespace quarn::calvane {
 

@@ -5,8 +5,8 @@
 #include <stdexcept>
 #include <vector>
 
-#include "calvane/recording/RecordingLogImpl.h"
-#include "calvane/recording/TrackLockImpl.h"
+#include "calvane/recording/internal/RecordingLog.h"
+#include "calvane/recording/internal/TrackLock.h"
 
 namespace quarn::calvane {
 

@@ -5,9 +5,9 @@
 #include <stdexcept>
 
 #include "calvane/recording/DrennApiException.h"
-#include "calvane/recording/RecordingLogImpl.h"
-#include "calvane/recording/StoreWatchImpl.h"
-#include "calvane/recording/TrackLockImpl.h"
+#include "calvane/recording/internal/RecordingLog.h"
+#include "calvane/recording/internal/StoreWatch.h"
+#include "calvane/recording/internal/TrackLock.h"
 #include "calvane/services/RecordingDataAccessImpl.h"
 #include "calvane/services/RecordingInformationImpl.h"
 #include "drenn/api/DeviceInformation.h"

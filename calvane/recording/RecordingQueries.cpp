@@ -3,10 +3,10 @@
 #include <boost/lexical_cast.hpp>
 #include <stdexcept>
 
-#include "calvane/recording/CoverageQueryImpl.h"
-#include "calvane/recording/HistoryReaderImpl.h"
 #include "calvane/recording/RecordingClock.h"
-#include "calvane/recording/RecordingLogImpl.h"
+#include "calvane/recording/internal/CoverageQuery.h"
+#include "calvane/recording/internal/HistoryReader.h"
+#include "calvane/recording/internal/RecordingLog.h"
 #include "drenn/multi_track_recorder/MultiTrackRecorder.h"
 
 namespace quarn::calvane {

@@ -6,7 +6,7 @@
 #include "calvane/recording/DrennApiException.h"
 #include "calvane/recording/RecordingClock.h"
 #include "calvane/recording/RecordingManager.h"
-#include "calvane/recording/TrackLockImpl.h"
+#include "calvane/recording/internal/TrackLock.h"
 #include "drenn/core/Settings.h"
 
 namespace quarn::calvane {

@@ -5,8 +5,8 @@
 
 #include "calvane/recording/RecordHeader.h"
 #include "calvane/recording/RecordingClock.h"
-#include "calvane/recording/RecordingLogImpl.h"
-#include "calvane/recording/TrackLockImpl.h"
+#include "calvane/recording/internal/RecordingLog.h"
+#include "calvane/recording/internal/TrackLock.h"
 #include "calvane/services/RecordingInformationImpl.h"
 #include "drenn/multi_track_recorder/Recording.h"
 

@@ -6,9 +6,9 @@
 #include <stdexcept>
 
 #include "calvane/recording/RecordHeader.h"
-#include "calvane/recording/RecordingLogImpl.h"
 #include "calvane/recording/RecordingTrack.h"
-#include "calvane/recording/TrackLockImpl.h"
+#include "calvane/recording/internal/RecordingLog.h"
+#include "calvane/recording/internal/TrackLock.h"
 
 namespace quarn::calvane {
 

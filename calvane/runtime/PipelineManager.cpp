@@ -5,13 +5,13 @@
 #include <list>
 #include <set>
 
-#include "calvane/config/ConnectionTapsImpl.h"
 #include "calvane/config/DescriptionKeys.h"
 #include "calvane/config/PipelineLoader.h"
 #include "calvane/config/PluginManager.h"
+#include "calvane/config/internal/ConnectionTaps.h"
 #include "calvane/graph/SettingException.h"
 #include "calvane/runtime/IPipelineReporter.h"
-#include "calvane/runtime/PipelineRunnerImpl.h"
+#include "calvane/runtime/internal/PipelineRunner.h"
 #include "quarn/core/IniFile.h"
 #include "quarn/core/Logger.h"
 #include "quarn/core/StringUtil.h"

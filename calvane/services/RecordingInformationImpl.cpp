@@ -5,7 +5,7 @@
 #include <stdexcept>
 
 #include "calvane/recording/RecordingManager.h"
-#include "calvane/services/ServiceTimeImpl.h"
+#include "calvane/services/internal/ServiceTime.h"
 
 namespace quarn::calvane {
 

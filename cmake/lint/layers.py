@@ -12,7 +12,7 @@ import tempfile
 ROOT = pathlib.Path(__file__).resolve().parents[2]
 INCLUDE = re.compile(r'^\s*#\s*include\s*(["<])([^">]+)[">]')
 
-QUARN = {"quarn", "quarn/stl", "quarn/osa", "quarn/core", "quarn/msgbus", "quarn/settings"}
+QUARN = {"quarn", "quarn/osa", "quarn/memory", "quarn/core", "quarn/msgbus", "quarn/settings"}
 DRENN = {"drenn", "drenn/core", "drenn/api", "drenn/api/generated", "drenn/multi_track_recorder"}
 BUFFER = QUARN | {"calvane", "calvane/buffer"}
 GRAPH = BUFFER | {"calvane/graph"}
@@ -23,9 +23,9 @@ RECORDING = QUARN | DRENN | {"calvane", "calvane/recording", "calvane/services"}
 # Folder of a library (as it is written in an include) -> the folders whose headers it may include.
 STREETS = {
     "quarn": {"quarn"},
-    "quarn/stl": {"quarn", "quarn/stl"},
     "quarn/osa": {"quarn", "quarn/osa"},
-    "quarn/core": {"quarn", "quarn/osa", "quarn/core"},
+    "quarn/memory": {"quarn", "quarn/osa", "quarn/memory"},
+    "quarn/core": {"quarn", "quarn/osa", "quarn/memory", "quarn/core"},
     "quarn/msgbus": {"quarn", "quarn/osa", "quarn/core", "quarn/msgbus"},
     "quarn/settings": {"quarn", "quarn/osa", "quarn/core", "quarn/settings"},
     "drenn": QUARN | DRENN,
@@ -48,11 +48,6 @@ EXCEPTIONS = {("calvane/graph", "calvane/config/IPluginConfiguration.h")}
 USERS = ("tools", "modules", "examples")
 
 
-def private_headers():
-    lines = (ROOT / "cmake/private-headers.txt").read_text().splitlines()
-    return {line for line in lines if line and not line.startswith("#")}
-
-
 def includes(path):
     """The included paths of one file, each with its line number and its quote."""
     for number, line in enumerate(path.read_text(errors="replace").splitlines(), 1):
@@ -60,7 +55,7 @@ def includes(path):
             yield number, match.group(2), match.group(1)
 
 
-def fault(folder, header, quote, private):
+def fault(folder, header, quote):
     """What is wrong with a source of `folder` including `header`, or None. `folder` is None for a user."""
     library = header.split("/")[0]
     if library not in ("quarn", "drenn", "calvane"):
@@ -68,31 +63,36 @@ def fault(folder, header, quote, private):
             return "include by whole path from the include root"
         return None
     inside = folder is not None and folder.split("/")[0] == library
-    if not inside and (header.endswith("Impl.h") or header in private):
+    if not inside and "internal" in header.split("/"):
         return f"this header is private to {library}"
     if folder is None or (folder, header) in EXCEPTIONS:
         return None
-    if header.rsplit("/", 1)[0] not in STREETS[folder]:
-        return f"{folder} does not look at {header.rsplit('/', 1)[0]}"
+    looked_at = room(header.rsplit("/", 1)[0])
+    if looked_at not in STREETS[folder]:
+        return f"{folder} does not look at {looked_at}"
     return None
 
 
-def check_file(root, path, folder, private):
+def room(folder):
+    """The folder that has a place among the layers: what is private to it stands in "internal" below it."""
+    return folder.split("/internal")[0]
+
+
+def check_file(root, path, folder):
     where = path.relative_to(root)
     if folder is not None and folder not in STREETS:
         return [f"{where}: {folder} has no place among the layers; give it one in cmake/lint/layers.py"]
     return [f"{where}:{number}: {header}: {why}"
             for number, header, quote in includes(path)
-            if (why := fault(folder, header, quote, private))]
+            if (why := fault(folder, header, quote))]
 
 
 def check_tree(root):
     """The number of files looked at and the texts of all violations."""
-    private = private_headers()
-    jobs = [(path, str(path.parent.relative_to(base))) for base in (root / "platform", root)
+    jobs = [(path, room(str(path.parent.relative_to(base)))) for base in (root / "platform", root)
             for library in ("quarn", "drenn", "calvane") for path in sources(base / library)]
     jobs += [(path, None) for user in USERS for path in sources(root / user)]
-    return len(jobs), [text for path, folder in jobs for text in check_file(root, path, folder, private)]
+    return len(jobs), [text for path, folder in jobs for text in check_file(root, path, folder)]
 
 
 def sources(folder):
@@ -100,10 +100,10 @@ def sources(folder):
 
 
 GOOD = [
-    ("platform/quarn/core/A.cpp", '#include "quarn/osa/Futex.h"'),
+    ("platform/quarn/core/A.cpp", '#include "quarn/osa/internal/Futex.h"'),
     ("calvane/buffer/A.cpp", '#include "quarn/core/IMemoryHandle.h"'),
     ("calvane/graph/A.cpp", '#include "calvane/config/IPluginConfiguration.h"'),
-    ("calvane/graph/B.cpp", '#include "calvane/graph/OutputsImpl.h"'),
+    ("calvane/graph/B.cpp", '#include "calvane/graph/internal/Outputs.h"'),
     ("calvane/config/A.cpp", '#include "calvane/runtime/CalvaneEnv.h"'),
     ("calvane/plugins/A.cpp", "#include <vector>"),
     ("tools/one/A.cpp", '#include "calvane/config/PluginManager.h"'),
@@ -118,15 +118,15 @@ BAD = [
     ("calvane/Export.h", '#include "calvane/buffer/Buffer.h"'),
     ("calvane/buffer/B.cpp", '#include "calvane/graph/Sink.h"'),
     ("calvane/buffer/C.cpp", '#include "Buffer.h"'),
-    ("calvane/buffer/D.cpp", '#include "quarn/osa/Futex.h"'),
+    ("calvane/buffer/D.cpp", '#include "quarn/osa/internal/Futex.h"'),
     ("calvane/buffer/E.cpp", '#include "calvane/config/IPluginConfiguration.h"'),
     ("calvane/graph/C.cpp", '#include "calvane/config/PluginManager.h"'),
     ("calvane/runtime/B.cpp", '#include "calvane/plugins/QueuePlugin.h"'),
     ("calvane/recording/B.cpp", '#include "calvane/graph/Sink.h"'),
     ("calvane/services/B.cpp", '#include "calvane/runtime/CalvaneEnv.h"'),
     ("calvane/nowhere/B.cpp", ""),
-    ("tools/C.cpp", '#include "calvane/graph/OutputsImpl.h"'),
-    ("modules/one/C.cpp", '#include "quarn/osa/Futex.h"'),
+    ("tools/C.cpp", '#include "calvane/graph/internal/Outputs.h"'),
+    ("modules/one/C.cpp", '#include "quarn/osa/internal/Futex.h"'),
 ]
 
 

@@ -6,8 +6,8 @@
 #include <string>
 #include <vector>
 
-#include "drenn/multi_track_recorder/StoreImpl.h"
-#include "drenn/multi_track_recorder/StoreVerifierImpl.h"
+#include "drenn/multi_track_recorder/internal/Store.h"
+#include "drenn/multi_track_recorder/internal/StoreVerifier.h"
 #include "support/TempFolder.h"
 
 /// A store in a temporary folder that does nothing by itself, to be opened again and again.

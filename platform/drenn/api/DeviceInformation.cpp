@@ -5,7 +5,7 @@
 #include <cstring>
 #include <new>
 
-#include "drenn/api/DeviceFactsImpl.h"
+#include "drenn/api/internal/DeviceFacts.h"
 #include "quarn/core/Logger.h"
 
 // Nothing has to be kept between the calls; the handle is there for those who forget to open or close it.

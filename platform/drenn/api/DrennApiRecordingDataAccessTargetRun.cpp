@@ -2,8 +2,8 @@
 
 #include <utility>
 
-#include "drenn/api/DataAccessAdaptorImpl.h"
-#include "drenn/api/ServiceRunnerImpl.h"
+#include "drenn/api/internal/DataAccessAdaptor.h"
+#include "drenn/api/internal/ServiceRunner.h"
 
 namespace drenn::api {
 

@@ -1,6 +1,6 @@
 #include "drenn/api/DrennApiRecordingInformationTargetImplBase.h"
 
-#include "drenn/api/InformationAdaptorImpl.h"
+#include "drenn/api/internal/InformationAdaptor.h"
 
 namespace drenn::api {
 

@@ -2,8 +2,8 @@
 
 #include <utility>
 
-#include "drenn/api/InformationAdaptorImpl.h"
-#include "drenn/api/ServiceRunnerImpl.h"
+#include "drenn/api/internal/InformationAdaptor.h"
+#include "drenn/api/internal/ServiceRunner.h"
 
 namespace drenn::api {
 

@@ -2,7 +2,7 @@
 
 #include <boost/make_shared.hpp>
 
-#include "drenn/multi_track_recorder/StoreImpl.h"
+#include "drenn/multi_track_recorder/internal/Store.h"
 
 namespace drenn::multi_track_recorder {
 

@@ -10,8 +10,8 @@
 #include <future>
 #include <system_error>
 
-#include "drenn/multi_track_recorder/FileErrorImpl.h"
-#include "drenn/multi_track_recorder/FileSystemImpl.h"
+#include "drenn/multi_track_recorder/internal/FileError.h"
+#include "drenn/multi_track_recorder/internal/FileSystem.h"
 
 namespace drenn::multi_track_recorder {
 namespace {

@@ -1,6 +1,6 @@
 #include "drenn/multi_track_recorder/Recording.h"
 
-#include "drenn/multi_track_recorder/RecordingImpl.h"
+#include "drenn/multi_track_recorder/internal/RecordingImpl.h"
 
 namespace drenn::multi_track_recorder {
 

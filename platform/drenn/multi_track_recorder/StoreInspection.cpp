@@ -3,12 +3,12 @@
 #include <map>
 #include <stdexcept>
 
-#include "drenn/multi_track_recorder/OpeningImpl.h"
-#include "drenn/multi_track_recorder/RebuilderImpl.h"
-#include "drenn/multi_track_recorder/SqliteVfsImpl.h"
-#include "drenn/multi_track_recorder/StoreImpl.h"
-#include "drenn/multi_track_recorder/StoreVerifierImpl.h"
-#include "drenn/multi_track_recorder/SurvivorsImpl.h"
+#include "drenn/multi_track_recorder/internal/Opening.h"
+#include "drenn/multi_track_recorder/internal/Rebuilder.h"
+#include "drenn/multi_track_recorder/internal/SqliteVfs.h"
+#include "drenn/multi_track_recorder/internal/Store.h"
+#include "drenn/multi_track_recorder/internal/StoreVerifier.h"
+#include "drenn/multi_track_recorder/internal/Survivors.h"
 
 namespace drenn::multi_track_recorder {
 namespace {

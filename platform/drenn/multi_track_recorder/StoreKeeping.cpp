@@ -1,6 +1,6 @@
 #include <algorithm>
 
-#include "drenn/multi_track_recorder/StoreImpl.h"
+#include "drenn/multi_track_recorder/internal/Store.h"
 #include "quarn/core/Logger.h"
 
 namespace drenn::multi_track_recorder {

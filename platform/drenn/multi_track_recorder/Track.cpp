@@ -1,6 +1,6 @@
 #include "drenn/multi_track_recorder/Track.h"
 
-#include "drenn/multi_track_recorder/TrackImpl.h"
+#include "drenn/multi_track_recorder/internal/TrackImpl.h"
 
 namespace drenn::multi_track_recorder {
 

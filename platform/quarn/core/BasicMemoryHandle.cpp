@@ -1,6 +1,6 @@
 #include "quarn/core/BasicMemoryHandle.h"
 
-#include "quarn/osa/ContigMemAlloc.h"
+#include "quarn/memory/ContigMemAlloc.h"
 
 namespace quarn::core {
 

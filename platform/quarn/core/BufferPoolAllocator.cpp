@@ -11,10 +11,10 @@
 #include "quarn/core/BasicMemoryHandle.h"
 #include "quarn/osa/CacheLine.h"
 #include "quarn/osa/Exception.h"
-#include "quarn/osa/Futex.h"
 #include "quarn/osa/Mutex.h"
 #include "quarn/osa/MutexAutoLock.h"
-#include "quarn/osa/Spin.h"
+#include "quarn/osa/internal/Futex.h"
+#include "quarn/osa/internal/Spin.h"
 
 namespace quarn::core {
 

@@ -4,7 +4,7 @@
 
 #include "quarn/Export.h"
 #include "quarn/core/IMemoryAllocator.h"
-#include "quarn/osa/ContigMemAlloc.h"
+#include "quarn/memory/ContigMemAlloc.h"
 
 namespace quarn::core {
 

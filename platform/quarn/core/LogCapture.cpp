@@ -3,7 +3,7 @@
 #include <algorithm>
 #include <utility>
 
-#include "quarn/core/LogRegistryImpl.h"
+#include "quarn/core/internal/LogRegistry.h"
 #include "quarn/osa/MutexAutoLock.h"
 
 namespace quarn::core {
@@ -11,11 +11,11 @@ namespace quarn::core {
 using osa::MutexAutoLock;
 
 LogCapture::LogCapture(LogLevel level) : level_(level) {
-    LogRegistryImpl::GetInstance().AddCapture(this);
+    LogRegistry::GetInstance().AddCapture(this);
 }
 
 LogCapture::~LogCapture() {
-    LogRegistryImpl::GetInstance().RemoveCapture(this);
+    LogRegistry::GetInstance().RemoveCapture(this);
 }
 
 std::vector<LogCapture::Line> LogCapture::GetLines() const {

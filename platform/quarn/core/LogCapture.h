@@ -35,7 +35,7 @@ public:
     unsigned int Count(const std::string& text) const;
 
 private:
-    friend class LogRegistryImpl;
+    friend class LogRegistry;
     void Add(Line line);
 
     const LogLevel level_;

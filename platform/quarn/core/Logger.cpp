@@ -2,7 +2,7 @@
 
 #include <cerrno>
 
-#include "quarn/core/LogRegistryImpl.h"
+#include "quarn/core/internal/LogRegistry.h"
 #include "quarn/osa/FormatText.h"
 #include "quarn/osa/Warning.h"
 
@@ -23,23 +23,23 @@ void LogWarningOfOsa(const char* text) {
 } // namespace
 
 Logger* Logger::GetLogger(const std::string& name) {
-    return LogRegistryImpl::GetInstance().GetLogger(name);
+    return LogRegistry::GetInstance().GetLogger(name);
 }
 
 void Logger::SetLevels(const std::string& spec) {
-    LogRegistryImpl::GetInstance().SetLevels(LogLevelsImpl(spec));
+    LogRegistry::GetInstance().SetLevels(LogLevels(spec));
 }
 
 void Logger::LogToStderr() {
-    LogRegistryImpl::GetInstance().LogToStderr();
+    LogRegistry::GetInstance().LogToStderr();
 }
 
 void Logger::LogToFile(const std::string& path) {
-    LogRegistryImpl::GetInstance().LogToFile(path);
+    LogRegistry::GetInstance().LogToFile(path);
 }
 
 void Logger::LogToSyslog(const std::string& ident) {
-    LogRegistryImpl::GetInstance().LogToSyslog(ident);
+    LogRegistry::GetInstance().LogToSyslog(ident);
 }
 
 Logger::Logger(const std::string& name, LogLevel level) : name_(name), level_(level) {}
@@ -112,7 +112,7 @@ void Logger::VLog(LogLevel level, const char* format, va_list arguments) {
 
 void Logger::Write(LogLevel level, const char* format, va_list arguments) const {
     const int callersErrno = errno;
-    LogRegistryImpl::GetInstance().Write(name_, level, osa::FormatTextV(format, arguments));
+    LogRegistry::GetInstance().Write(name_, level, osa::FormatTextV(format, arguments));
     errno = callersErrno;
 }
 

@@ -63,7 +63,7 @@ public:
     Logger& operator=(const Logger&) = delete;
 
 private:
-    friend class LogRegistryImpl;
+    friend class LogRegistry;
     Logger(const std::string& name, LogLevel level);
     ~Logger() = default;
 

@@ -10,7 +10,7 @@
 
 #include "quarn/core/Logger.h"
 #include "quarn/msgbus/BusLink.h"
-#include "quarn/msgbus/SubscriptionsImpl.h"
+#include "quarn/msgbus/internal/Subscriptions.h"
 #include "quarn/osa/Exception.h"
 
 namespace quarn::msgbus {

@@ -1,9 +1,9 @@
 #include "quarn/osa/ArrivalCount.h"
 
-#include "quarn/osa/Deadline.h"
-#include "quarn/osa/Futex.h"
-#include "quarn/osa/Spin.h"
 #include "quarn/osa/Timeout.h"
+#include "quarn/osa/internal/Deadline.h"
+#include "quarn/osa/internal/Futex.h"
+#include "quarn/osa/internal/Spin.h"
 
 namespace quarn::osa {
 

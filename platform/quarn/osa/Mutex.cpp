@@ -3,10 +3,10 @@
 #include <cerrno>
 #include <ctime>
 
-#include "quarn/osa/Deadline.h"
 #include "quarn/osa/FormatText.h"
 #include "quarn/osa/LockException.h"
-#include "quarn/osa/Spin.h"
+#include "quarn/osa/internal/Deadline.h"
+#include "quarn/osa/internal/Spin.h"
 
 namespace quarn::osa {
 

@@ -2,11 +2,11 @@
 
 #include <cerrno>
 
-#include "quarn/osa/Deadline.h"
 #include "quarn/osa/FormatText.h"
-#include "quarn/osa/Futex.h"
 #include "quarn/osa/LockException.h"
-#include "quarn/osa/Spin.h"
+#include "quarn/osa/internal/Deadline.h"
+#include "quarn/osa/internal/Futex.h"
+#include "quarn/osa/internal/Spin.h"
 
 namespace quarn::osa {
 

@@ -3,8 +3,8 @@
 #include <cstdlib>
 #include <utility>
 
-#include "quarn/settings/SettingsStoreImpl.h"
-#include "quarn/settings/SettingsWatcherImpl.h"
+#include "quarn/settings/internal/SettingsStore.h"
+#include "quarn/settings/internal/SettingsWatcher.h"
 
 namespace quarn::settings {
 namespace {

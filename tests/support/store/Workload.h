@@ -10,7 +10,7 @@
 #include <vector>
 
 #include "drenn/multi_track_recorder/MultiTrackRecorder.h"
-#include "drenn/multi_track_recorder/StoreImpl.h"
+#include "drenn/multi_track_recorder/internal/Store.h"
 #include "support/store/SimFileSystem.h"
 
 /// What a record of one track of a workload holds: told by its number alone, so that every read can be checked.

@@ -3,7 +3,7 @@
 #include <filesystem>
 #include <string>
 
-#include "drenn/api/DeviceFactsImpl.h"
+#include "drenn/api/internal/DeviceFacts.h"
 #include "support/TempFolder.h"
 #include "support/ThrownText.h"
 

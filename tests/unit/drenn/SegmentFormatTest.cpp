@@ -4,8 +4,8 @@
 #include <sstream>
 #include <stdexcept>
 
-#include "drenn/multi_track_recorder/PendingBlockImpl.h"
-#include "drenn/multi_track_recorder/SegmentReaderImpl.h"
+#include "drenn/multi_track_recorder/internal/PendingBlock.h"
+#include "drenn/multi_track_recorder/internal/SegmentReader.h"
 #include "support/TempFolder.h"
 
 using namespace drenn::multi_track_recorder;

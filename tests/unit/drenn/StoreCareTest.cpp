@@ -4,8 +4,8 @@
 
 #include <fstream>
 
-#include "drenn/multi_track_recorder/FileErrorImpl.h"
 #include "drenn/multi_track_recorder/StoreInspection.h"
+#include "drenn/multi_track_recorder/internal/FileError.h"
 #include "support/TestStore.h"
 #include "support/ThrownText.h"
 

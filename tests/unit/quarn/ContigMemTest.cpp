@@ -7,8 +7,8 @@
 #include <map>
 
 #include "quarn/core/ContigMemAllocator.h"
-#include "quarn/osa/ContigMemAlloc.h"
-#include "quarn/osa/HugePages.h"
+#include "quarn/memory/ContigMemAlloc.h"
+#include "quarn/memory/internal/HugePages.h"
 #include "support/ThrownText.h"
 
 namespace quarn::core {

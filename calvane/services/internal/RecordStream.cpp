@@ -1,0 +1,218 @@
+#include <poll.h>
+#include <sys/eventfd.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <cstring>
+#include <stdexcept>
+#include <system_error>
+
+#include "calvane/recording/internal/TrackLock.h"
+#include "calvane/services/internal/RecordStream.h"
+#include "calvane/services/internal/ServiceTime.h"
+#include "calvane/services/internal/StoredRecord.h"
+#include "drenn/multi_track_recorder/Track.h"
+
+namespace quarn::calvane {
+namespace {
+
+constexpr std::uint8_t kStreamVersion = 1;
+constexpr unsigned int kStackBytes = 256 * 1024;
+
+int makeEvent() {
+    const int event = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
+    if (event < 0) {
+        throw std::system_error(errno, std::generic_category(), "Cannot make an event descriptor");
+    }
+    return event;
+}
+
+void putLittleEndian(std::vector<unsigned char>& bytes, std::uint64_t value, int count) {
+    for (int i = 0; i != count; ++i) {
+        bytes.push_back(static_cast<unsigned char>(value >> (8 * i)));
+    }
+}
+
+} // namespace
+
+RecordStream::RecordStream(RecordingTrack& track, const Ptime& from, const Ptime& to, int socket)
+    : _track(track),
+      _store(track.getTrack()),
+      _to(to),
+      _socket(socket),
+      _stop(makeEvent()),
+      _lastTime(from),
+      _thread("RecordStream", this, kStackBytes, 0) {
+    try {
+        {
+            const TrackLock lock(*_store);
+            _next = track.getFirstIndexNotBefore(from);
+            _connection = _store->connectToEraseRangeSignal(
+                [this](unsigned int first, unsigned int last) { onEraseRange(first, last); });
+        }
+        _thread.Run();
+    } catch (...) {
+        disconnect();
+        close(_stop);
+        throw;
+    }
+}
+
+RecordStream::~RecordStream() {
+    RecordStream::Stop();
+    _thread.Join();
+    disconnect();
+    close(_socket);
+    close(_stop);
+}
+
+/// On return no erasing is on its way here any more.
+void RecordStream::disconnect() {
+    try {
+        const TrackLock lock(*_store);
+        _connection.disconnect();
+    } catch (const std::exception&) { // The track is gone, and nothing erases it any more.
+        _connection.disconnect();
+    }
+}
+
+void RecordStream::Stop() {
+    eventfd_write(_stop, 1);
+}
+
+void RecordStream::Run() {
+    try {
+        sendAll();
+    } catch (const std::exception& problem) {
+        const std::string text = problem.what();
+        putFrame(FrameKind::Failed, 0, _lastTime, text.data(), text.size());
+        sendFrame();
+    }
+    shutdown(_socket, SHUT_RDWR);
+    _ended = true;
+}
+
+void RecordStream::sendAll() {
+    bool more = true;
+    while (more) {
+        more = readNext();
+        if (!sendFrame()) {
+            return;
+        }
+    }
+}
+
+/// Makes the next frame; false when it is the last one.
+bool RecordStream::readNext() {
+    const TrackLock lock(*_store);
+    const ReadPositionKeeper keeper(*_store);
+    if (_erased) {
+        _erased = false;
+        putFrame(FrameKind::Erased, 0, _lastTime, nullptr, 0);
+        return true;
+    }
+    if (_next >= _store->size()) {
+        putFrame(FrameKind::End, 0, _lastTime, nullptr, 0);
+        return false;
+    }
+    const StoredRecord record(*_store, _next);
+    const Ptime time = record.time();
+    if (time < _lastTime) {
+        // An erasing that was announced has failed after all.
+        _next = _track.getFirstIndexNotBefore(_lastTime);
+        putFrame(FrameKind::Erased, 0, _lastTime, nullptr, 0);
+        return true;
+    }
+    if (time > _to) {
+        putFrame(FrameKind::End, 0, _lastTime, nullptr, 0);
+        return false;
+    }
+    putFrame(FrameKind::Record, record.flags(), time, record.data(), record.size());
+    _lastTime = time;
+    ++_next;
+    return true;
+}
+
+void RecordStream::onEraseRange(unsigned int first, unsigned int last) {
+    if (last <= _next) {
+        _next -= last - first;
+        return;
+    }
+    _erased = _erased || isToBeSent(std::max(first, _next));
+    _next = std::min(first, _next);
+}
+
+/// Whether the record at an index from _next on is before the end. One that cannot be read may be.
+bool RecordStream::isToBeSent(unsigned int index) const {
+    try {
+        return _track.getTimestampAtIndex(index) <= _to;
+    } catch (const std::exception&) {
+        return true;
+    }
+}
+
+void RecordStream::putFrame(FrameKind kind, unsigned int flags, const Ptime& time, const void* data,
+                            std::size_t size) {
+    static const Ptime kEpoch(boost::gregorian::date(1970, 1, 1));
+    _frame.clear();
+    putLittleEndian(_frame, static_cast<std::uint8_t>(kind), 1);
+    putLittleEndian(_frame, kStreamVersion, 1);
+    putLittleEndian(_frame, flags, 2);
+    putLittleEndian(_frame, size, 4);
+    putLittleEndian(_frame, static_cast<std::uint64_t>((time - kEpoch).total_microseconds()), 8);
+    const auto* const bytes = static_cast<const unsigned char*>(data);
+    _frame.insert(_frame.end(), bytes, bytes + size);
+}
+
+/// False when the reader has gone or the stream is to end.
+bool RecordStream::sendFrame() {
+    std::size_t sent = 0;
+    while (sent != _frame.size()) {
+        if (!waitWritable()) {
+            return false;
+        }
+        const ssize_t count =
+            send(_socket, _frame.data() + sent, _frame.size() - sent, MSG_NOSIGNAL | MSG_DONTWAIT);
+        if (count >= 0) {
+            sent += static_cast<std::size_t>(count);
+        } else if (errno != EAGAIN && errno != EINTR) {
+            return false;
+        }
+    }
+    return true;
+}
+
+bool RecordStream::waitWritable() const {
+    std::array<pollfd, 2> waits{{{_socket, POLLOUT, 0}, {_stop, POLLIN, 0}}};
+    while (poll(waits.data(), waits.size(), -1) < 0) {
+        if (errno != EINTR) {
+            return false;
+        }
+    }
+    return waits[1].revents == 0 && (waits[0].revents & (POLLHUP | POLLERR)) == 0;
+}
+
+int RecordStreams::open(RecordingTrack& track, const RecordStream::Ptime& from,
+                        const RecordStream::Ptime& to) {
+    _streams.remove_if([](const RecordStream& stream) { return stream.hasEnded(); });
+    if (_streams.size() >= kMost) {
+        throw std::runtime_error("Too many record streams are open; the most are " + std::to_string(kMost));
+    }
+    std::array<int, 2> ends{};
+    if (socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends.data()) != 0) {
+        throw std::system_error(errno, std::generic_category(), "Cannot make a record stream");
+    }
+    try {
+        _streams.emplace_back(track, from, to, ends[0]);
+    } catch (...) {
+        close(ends[0]);
+        close(ends[1]);
+        throw;
+    }
+    return ends[1];
+}
+
+} // namespace quarn::calvane

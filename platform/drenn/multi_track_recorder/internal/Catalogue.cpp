@@ -1,0 +1,288 @@
+#include "drenn/multi_track_recorder/internal/Catalogue.h"
+
+#include <algorithm>
+
+namespace drenn::multi_track_recorder {
+namespace {
+
+// Without exclusive locking before the first access, the write-ahead log needs shared memory, which a pulled card
+// turns into SIGBUS.
+constexpr char kPragmas[] =
+    "PRAGMA locking_mode=EXCLUSIVE; PRAGMA journal_mode=WAL; PRAGMA synchronous=FULL; PRAGMA mmap_size=0;"
+    "PRAGMA cache_size=-512; PRAGMA foreign_keys=OFF; PRAGMA wal_autocheckpoint=64; PRAGMA "
+    "journal_size_limit=262144;";
+
+constexpr char kTables[] =
+    "CREATE TABLE store(id BLOB NOT NULL, version INTEGER NOT NULL);"
+    "CREATE TABLE recordings(id INTEGER PRIMARY KEY AUTOINCREMENT, info BLOB NOT NULL);"
+    "CREATE TABLE tracks(id INTEGER PRIMARY KEY AUTOINCREMENT, recording INTEGER NOT NULL,"
+    " sparse INTEGER NOT NULL, format_name BLOB NOT NULL, format_version INTEGER NOT NULL,"
+    " first_serial INTEGER NOT NULL, next_serial INTEGER NOT NULL);"
+    "CREATE TABLE lanes(id INTEGER PRIMARY KEY, next_sequence INTEGER NOT NULL);"
+    "CREATE TABLE segments(lane INTEGER, sequence INTEGER, length INTEGER NOT NULL, time INTEGER NOT NULL,"
+    " removing INTEGER NOT NULL, PRIMARY KEY(lane, sequence)) WITHOUT ROWID;"
+    "CREATE TABLE extents(track INTEGER, lane INTEGER, sequence INTEGER, first_serial INTEGER,"
+    " count INTEGER NOT NULL, PRIMARY KEY(lane, sequence, track, first_serial)) WITHOUT ROWID;"
+    "CREATE TABLE erased(track INTEGER, first INTEGER, end INTEGER NOT NULL, PRIMARY KEY(track, first))"
+    " WITHOUT ROWID;"
+    "CREATE TABLE infos(track INTEGER, from_serial INTEGER, text BLOB NOT NULL,"
+    " PRIMARY KEY(track, from_serial));";
+
+std::uint32_t Small(const Statement& row, int column) {
+    return static_cast<std::uint32_t>(row.Number(column));
+}
+
+} // namespace
+
+Catalogue::Catalogue(const std::string& path, const char* vfs, Mode mode)
+    : database_(path, vfs, mode == Mode::ReadOnly) {
+    if (mode == Mode::OpenOrMake) {
+        database_.Execute(kPragmas);
+    } else {
+        database_.Execute("PRAGMA locking_mode=EXCLUSIVE; PRAGMA mmap_size=0;");
+    }
+}
+
+Catalogue::~Catalogue() {
+    statements_.clear();
+}
+
+StoreId Catalogue::GetId() {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    StoreId id{};
+    Statement tables(database_, "SELECT count(*) FROM sqlite_master WHERE name='store'");
+    if (!tables.Step() || tables.Number(0) == 0) {
+        return id;
+    }
+    Statement row(database_, "SELECT id FROM store");
+    if (row.Step()) {
+        const std::string bytes = row.Text(0);
+        std::copy_n(bytes.begin(), std::min(bytes.size(), id.size()), id.begin());
+    }
+    return id;
+}
+
+CatalogueContent Catalogue::Load() {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    CatalogueContent content;
+    const auto each = [this](const char* sql, auto take) {
+        for (Statement row(database_, sql); row.Step();) {
+            take(row);
+        }
+    };
+    each("SELECT id, info FROM recordings ORDER BY id", [&](const Statement& row) {
+        content.recordings.push_back({Small(row, 0), row.Text(1)});
+    });
+    each(
+        "SELECT id, recording, sparse, format_name, format_version, first_serial, next_serial FROM tracks"
+        " ORDER BY id",
+        [&](const Statement& row) {
+            content.tracks.push_back({Small(row, 0), Small(row, 1), row.Number(2) != 0, row.Text(3),
+                                      Small(row, 4), row.Number(5), row.Number(6)});
+        });
+    each("SELECT lane, sequence, length, time, removing FROM segments ORDER BY lane, sequence",
+         [&](const Statement& row) {
+             content.segments.push_back(
+                 {{Small(row, 0), Small(row, 1)}, row.Number(2), row.Number(3), row.Number(4) != 0});
+         });
+    each(
+        "SELECT track, lane, sequence, first_serial, count FROM extents"
+        " ORDER BY lane, sequence, track, first_serial",
+        [&](const Statement& row) {
+            content.extents.push_back(
+                {Small(row, 0), {Small(row, 1), Small(row, 2)}, row.Number(3), row.Number(4)});
+        });
+    each("SELECT track, first, end FROM erased ORDER BY track, first", [&](const Statement& row) {
+        content.erased.push_back({Small(row, 0), {row.Number(1), row.Number(2)}});
+    });
+    each("SELECT track, from_serial FROM infos ORDER BY track, from_serial", [&](const Statement& row) {
+        content.infos.push_back({Small(row, 0), row.Number(1), {}});
+    });
+    each("SELECT id, next_sequence FROM lanes ORDER BY id", [&](const Statement& row) {
+        content.nextSegments.push_back({Small(row, 0), Small(row, 1)});
+    });
+    return content;
+}
+
+std::string Catalogue::GetInfo(std::uint32_t track, std::uint64_t from) {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    Statement& row = Prepared("SELECT text FROM infos WHERE track=? AND from_serial=?");
+    const bool found = row.Bind(track).Bind(from).Step();
+    std::string text = found ? row.Text(0) : std::string();
+    row.Reset();
+    return text;
+}
+
+std::vector<std::string> Catalogue::Check() {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    std::vector<std::string> wrong;
+    for (Statement row(database_, "PRAGMA integrity_check"); row.Step();) {
+        if (row.Text(0) != "ok") {
+            wrong.push_back(database_.Path() + ": " + row.Text(0));
+        }
+    }
+    return wrong;
+}
+
+Statement& Catalogue::Prepared(const char* sql) {
+    // The statements are literals, so the same one has the same address.
+    for (const auto& [text, statement] : statements_) {
+        if (text == sql) {
+            return *statement;
+        }
+    }
+    statements_.emplace_back(sql, std::make_unique<Statement>(database_, sql));
+    return *statements_.back().second;
+}
+
+Catalogue::Transaction::Transaction(Catalogue& catalogue) : catalogue_(catalogue), lock_(catalogue.mutex_) {
+    catalogue_.database_.Execute("BEGIN IMMEDIATE");
+}
+
+Catalogue::Transaction::~Transaction() {
+    if (committed_ || !catalogue_.database_.InTransaction()) {
+        return;
+    }
+    try {
+        catalogue_.database_.Execute("ROLLBACK");
+    } catch (const std::exception&) {
+        // SQLite rolls back by itself when it opens the database the next time.
+    }
+}
+
+Statement& Catalogue::Transaction::operator()(const char* sql) {
+    return catalogue_.Prepared(sql);
+}
+
+void Catalogue::Transaction::Make(const StoreId& id) {
+    catalogue_.database_.Execute(kTables);
+    (*this)("INSERT INTO store VALUES(?, 1)").Bind(std::string(id.begin(), id.end())).Run();
+}
+
+std::uint32_t Catalogue::Transaction::AddRecording() {
+    (*this)("INSERT INTO recordings(info) VALUES(x'')").Run();
+    return static_cast<std::uint32_t>(catalogue_.database_.LastInsertId());
+}
+
+void Catalogue::Transaction::SetRecordingInfo(std::uint32_t recording, const std::string& info) {
+    (*this)("UPDATE recordings SET info=? WHERE id=?").Bind(info).Bind(recording).Run();
+}
+
+std::uint32_t Catalogue::Transaction::AddTrack(std::uint32_t recording, bool sparse) {
+    (*this)(
+        "INSERT INTO tracks(recording, sparse, format_name, format_version, first_serial, next_serial)"
+        " VALUES(?, ?, x'', 0, 0, 0)")
+        .Bind(recording)
+        .Bind(sparse ? 1 : 0)
+        .Run();
+    return static_cast<std::uint32_t>(catalogue_.database_.LastInsertId());
+}
+
+void Catalogue::Transaction::SetFormat(std::uint32_t track, const std::string& name, std::uint32_t version) {
+    (*this)("UPDATE tracks SET format_name=?, format_version=? WHERE id=?")
+        .Bind(name)
+        .Bind(version)
+        .Bind(track)
+        .Run();
+}
+
+void Catalogue::Transaction::RemoveTrack(std::uint32_t track) {
+    (*this)("DELETE FROM tracks WHERE id=?").Bind(track).Run();
+    (*this)("DELETE FROM erased WHERE track=?").Bind(track).Run();
+    (*this)("DELETE FROM infos WHERE track=?").Bind(track).Run();
+}
+
+void Catalogue::Transaction::SetErased(std::uint32_t track, std::uint64_t firstSerial,
+                                       const std::vector<SerialRange>& erased) {
+    (*this)("UPDATE tracks SET first_serial=? WHERE id=?").Bind(firstSerial).Bind(track).Run();
+    (*this)("DELETE FROM erased WHERE track=?").Bind(track).Run();
+    for (const SerialRange& range : erased) {
+        (*this)("INSERT INTO erased VALUES(?, ?, ?)").Bind(track).Bind(range.first).Bind(range.end).Run();
+    }
+    (*this)(
+        "DELETE FROM infos WHERE track=? AND from_serial <"
+        " (SELECT max(from_serial) FROM infos WHERE track=? AND from_serial<=?)")
+        .Bind(track)
+        .Bind(track)
+        .Bind(firstSerial)
+        .Run();
+}
+
+void Catalogue::Transaction::AddSegment(const SegmentRow& segment) {
+    (*this)("INSERT INTO segments VALUES(?, ?, ?, ?, 0)")
+        .Bind(segment.key.lane)
+        .Bind(segment.key.sequence)
+        .Bind(segment.length)
+        .Bind(segment.time)
+        .Run();
+    (*this)(
+        "INSERT INTO lanes VALUES(?, ?) ON CONFLICT(id) DO UPDATE SET"
+        " next_sequence=max(next_sequence, excluded.next_sequence)")
+        .Bind(segment.key.lane)
+        .Bind(segment.key.sequence + 1)
+        .Run();
+}
+
+void Catalogue::Transaction::AddExtent(const ExtentRow& extent) {
+    (*this)("INSERT INTO extents VALUES(?, ?, ?, ?, ?)")
+        .Bind(extent.track)
+        .Bind(extent.segment.lane)
+        .Bind(extent.segment.sequence)
+        .Bind(extent.firstSerial)
+        .Bind(extent.count)
+        .Run();
+    SetNextSerial(extent.track, extent.firstSerial + extent.count);
+}
+
+void Catalogue::Transaction::AddInfo(const InfoRow& info) {
+    (*this)("INSERT OR REPLACE INTO infos VALUES(?, ?, ?)")
+        .Bind(info.track)
+        .Bind(info.from)
+        .Bind(info.text)
+        .Run();
+}
+
+void Catalogue::Transaction::SetNextSerial(std::uint32_t track, std::uint64_t serial) {
+    (*this)("UPDATE tracks SET next_serial=max(next_serial, ?) WHERE id=?").Bind(serial).Bind(track).Run();
+}
+
+void Catalogue::Transaction::SetRemoving(SegmentKey segment) {
+    (*this)("UPDATE segments SET removing=1 WHERE lane=? AND sequence=?")
+        .Bind(segment.lane)
+        .Bind(segment.sequence)
+        .Run();
+}
+
+void Catalogue::Transaction::Forget(SegmentKey segment) {
+    (*this)("DELETE FROM extents WHERE lane=? AND sequence=?")
+        .Bind(segment.lane)
+        .Bind(segment.sequence)
+        .Run();
+    (*this)("DELETE FROM segments WHERE lane=? AND sequence=?")
+        .Bind(segment.lane)
+        .Bind(segment.sequence)
+        .Run();
+}
+
+void Catalogue::Transaction::Restore(const RecordingRow& recording) {
+    (*this)("INSERT INTO recordings VALUES(?, ?)").Bind(recording.id).Bind(recording.info).Run();
+}
+
+void Catalogue::Transaction::Restore(const TrackRow& track) {
+    (*this)("INSERT INTO tracks VALUES(?, ?, ?, ?, ?, ?, ?)")
+        .Bind(track.id)
+        .Bind(track.recording)
+        .Bind(track.sparse ? 1 : 0)
+        .Bind(track.formatName)
+        .Bind(track.formatVersion)
+        .Bind(track.firstSerial)
+        .Bind(track.nextSerial)
+        .Run();
+}
+
+void Catalogue::Transaction::Commit() {
+    catalogue_.database_.Execute("COMMIT");
+    committed_ = true;
+}
+
+} // namespace drenn::multi_track_recorder

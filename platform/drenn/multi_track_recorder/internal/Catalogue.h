@@ -1,0 +1,137 @@
+#pragma once
+
+#include <memory>
+#include <mutex>
+#include <string>
+#include <vector>
+
+#include "drenn/multi_track_recorder/internal/Database.h"
+#include "drenn/multi_track_recorder/internal/SegmentFormat.h"
+
+namespace drenn::multi_track_recorder {
+
+/// The name of a segment.
+struct SegmentKey {
+    std::uint32_t lane = 0;
+    std::uint32_t sequence = 0;
+};
+inline bool operator<(SegmentKey a, SegmentKey b) {
+    return a.lane != b.lane ? a.lane < b.lane : a.sequence < b.sequence;
+}
+inline bool operator==(SegmentKey a, SegmentKey b) {
+    return a.lane == b.lane && a.sequence == b.sequence;
+}
+
+/// A lane is named by its recording and its class.
+inline std::uint32_t LaneOf(std::uint32_t recording, bool sparse) {
+    return recording * 2 + (sparse ? 1 : 0);
+}
+
+struct SegmentRow {
+    SegmentKey key;
+    std::uint64_t length = 0; ///< Valid bytes; what is behind them is the footer.
+    std::uint64_t time = 0;   ///< Of the first block.
+    bool removing = false;
+};
+struct ExtentRow {
+    std::uint32_t track;
+    SegmentKey segment;
+    std::uint64_t firstSerial;
+    std::uint64_t count;
+};
+struct InfoRow {
+    std::uint32_t track;
+    std::uint64_t from;
+    std::string text; ///< Not loaded by Load.
+};
+struct ErasedRow {
+    std::uint32_t track;
+    SerialRange range;
+};
+struct TrackRow {
+    std::uint32_t id = 0;
+    std::uint32_t recording = 0;
+    bool sparse = false;
+    std::string formatName;
+    std::uint32_t formatVersion = 0;
+    std::uint64_t firstSerial = 0;
+    std::uint64_t nextSerial = 0; ///< Behind the last record in a sealed segment.
+};
+struct RecordingRow {
+    std::uint32_t id;
+    std::string info;
+};
+
+/// Everything that the catalogue knows, in the order of its keys.
+struct CatalogueContent {
+    std::vector<RecordingRow> recordings;
+    std::vector<TrackRow> tracks;
+    std::vector<SegmentRow> segments;
+    std::vector<ExtentRow> extents;
+    std::vector<ErasedRow> erased;
+    std::vector<InfoRow> infos;
+    std::vector<SegmentKey> nextSegments; ///< Of each lane: the lowest sequence that was not sealed yet.
+};
+
+/// What exists: recordings, tracks, sealed segments, erased ranges, info texts. An SQLite database.
+///
+/// Threads: any. Changes are made through a Transaction, which keeps the others out until it is destroyed, so
+///          that tables in memory can be changed with the catalogue as one step.
+/// Errors:  FileError, see Database.
+class Catalogue {
+public:
+    enum class Mode { OpenOrMake, ReadOnly };
+    Catalogue(const std::string& path, const char* vfs, Mode mode);
+    ~Catalogue();
+
+    /// All zero when the catalogue has not been made yet.
+    StoreId GetId();
+    CatalogueContent Load();
+    std::string GetInfo(std::uint32_t track, std::uint64_t from);
+    /// SQLite's own check; lines that say what is wrong.
+    std::vector<std::string> Check();
+
+    /// Durable after Commit; without, nothing has happened.
+    class Transaction {
+    public:
+        explicit Transaction(Catalogue& catalogue);
+        ~Transaction();
+        Transaction(const Transaction&) = delete;
+        Transaction& operator=(const Transaction&) = delete;
+
+        void Make(const StoreId& id);
+        std::uint32_t AddRecording();
+        void SetRecordingInfo(std::uint32_t recording, const std::string& info);
+        std::uint32_t AddTrack(std::uint32_t recording, bool sparse);
+        void SetFormat(std::uint32_t track, const std::string& name, std::uint32_t version);
+        void RemoveTrack(std::uint32_t track);
+        /// Puts in place of the erased ranges of the track these, and forgets info texts that hold for nothing.
+        void SetErased(std::uint32_t track, std::uint64_t firstSerial,
+                       const std::vector<SerialRange>& erased);
+        void AddSegment(const SegmentRow& segment);
+        void AddExtent(const ExtentRow& extent);
+        void AddInfo(const InfoRow& info);
+        void SetNextSerial(std::uint32_t track, std::uint64_t serial);
+        void SetRemoving(SegmentKey segment);
+        void Forget(SegmentKey segment);
+        /// For a rebuilt catalogue: with the numbers that they had.
+        void Restore(const RecordingRow& recording);
+        void Restore(const TrackRow& track);
+        void Commit();
+
+    private:
+        Statement& operator()(const char* sql);
+        Catalogue& catalogue_;
+        const std::unique_lock<std::mutex> lock_;
+        bool committed_ = false;
+    };
+
+private:
+    Statement& Prepared(const char* sql);
+
+    std::mutex mutex_;
+    Database database_;
+    std::vector<std::pair<const char*, std::unique_ptr<Statement>>> statements_;
+};
+
+} // namespace drenn::multi_track_recorder

@@ -1,0 +1,111 @@
+#include <sqlite3.h>
+
+#include <cerrno>
+
+#include "drenn/multi_track_recorder/internal/Database.h"
+#include "drenn/multi_track_recorder/internal/FileError.h"
+
+namespace drenn::multi_track_recorder {
+namespace {
+
+int ErrnoOf(int result) {
+    switch (result & 0xFF) {
+        case SQLITE_FULL:
+            return ENOSPC;
+        case SQLITE_READONLY:
+            return EROFS;
+        default:
+            return EIO;
+    }
+}
+
+} // namespace
+
+Statement::Statement(Database& database, const std::string& sql) : database_(database) {
+    database_.Check(sqlite3_prepare_v3(database_.database_, sql.c_str(), -1, SQLITE_PREPARE_PERSISTENT,
+                                       &statement_, nullptr));
+}
+
+Statement::~Statement() {
+    sqlite3_finalize(statement_);
+}
+
+Statement& Statement::Bind(std::uint64_t value) {
+    database_.Check(sqlite3_bind_int64(statement_, ++bound_, static_cast<sqlite3_int64>(value)));
+    return *this;
+}
+
+Statement& Statement::Bind(const std::string& value) {
+    database_.Check(sqlite3_bind_blob64(statement_, ++bound_, value.data(), value.size(), SQLITE_TRANSIENT));
+    return *this;
+}
+
+bool Statement::Step() {
+    const int result = sqlite3_step(statement_);
+    if (result == SQLITE_ROW) {
+        return true;
+    }
+    if (result != SQLITE_DONE) {
+        Reset();
+        database_.Check(result);
+    }
+    return false;
+}
+
+void Statement::Run() {
+    while (Step()) {
+    }
+    Reset();
+}
+
+void Statement::Reset() {
+    sqlite3_reset(statement_); // It repeats the result of the last step, which was looked at.
+    sqlite3_clear_bindings(statement_);
+    bound_ = 0;
+}
+
+std::uint64_t Statement::Number(int column) const {
+    return static_cast<std::uint64_t>(sqlite3_column_int64(statement_, column));
+}
+
+std::string Statement::Text(int column) const {
+    const void* const bytes = sqlite3_column_blob(statement_, column);
+    const int length = sqlite3_column_bytes(statement_, column);
+    return bytes == nullptr ? std::string()
+                            : std::string(static_cast<const char*>(bytes), static_cast<std::size_t>(length));
+}
+
+Database::Database(const std::string& path, const char* vfs, bool readOnly) : path_(path) {
+    const int flags = readOnly ? SQLITE_OPEN_READONLY : SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE;
+    const int result = sqlite3_open_v2(path.c_str(), &database_, flags | SQLITE_OPEN_NOMUTEX, vfs);
+    if (result != SQLITE_OK) {
+        const std::string reason = database_ != nullptr ? sqlite3_errmsg(database_) : sqlite3_errstr(result);
+        sqlite3_close_v2(database_);
+        throw FileError("open the catalogue (" + reason + ")", path, ErrnoOf(result));
+    }
+}
+
+Database::~Database() {
+    sqlite3_close_v2(database_);
+}
+
+void Database::Execute(const std::string& sql) {
+    Check(sqlite3_exec(database_, sql.c_str(), nullptr, nullptr, nullptr));
+}
+
+std::uint64_t Database::LastInsertId() const {
+    return static_cast<std::uint64_t>(sqlite3_last_insert_rowid(database_));
+}
+
+bool Database::InTransaction() const {
+    return sqlite3_get_autocommit(database_) == 0;
+}
+
+void Database::Check(int result) const {
+    if (result != SQLITE_OK) {
+        throw FileError(std::string("use the catalogue (") + sqlite3_errmsg(database_) + ")", path_,
+                        ErrnoOf(sqlite3_extended_errcode(database_)));
+    }
+}
+
+} // namespace drenn::multi_track_recorder

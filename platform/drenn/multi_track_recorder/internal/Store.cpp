@@ -1,0 +1,257 @@
+#include <algorithm>
+#include <boost/make_shared.hpp>
+#include <chrono>
+#include <stdexcept>
+
+#include "drenn/multi_track_recorder/internal/Store.h"
+#include "quarn/core/Logger.h"
+
+namespace drenn::multi_track_recorder {
+
+Store::Store(IFileSystem& files, const StoreOptions& options)
+    : files_(files), options_(options), folders_{options.storage, options.database}, vfs_(files) {
+    if (options.maxPercent < 1 || options.maxPercent > 100) {
+        throw std::runtime_error("The store at " + options.storage + " cannot be kept below " +
+                                 std::to_string(options.maxPercent) + " percent; 1 to 100 are possible");
+    }
+    OpenedStore opened = Open();
+    context_ = std::make_unique<StoreContext>(files, options, opened.id);
+    gate_->store = this;
+    context_->onStateChange = [this] {
+        const std::lock_guard<std::mutex> lock(wakeMutex_);
+        states_.push_back(context_->GetState());
+        wakeKeeper_ = true;
+        wake_.notify_all();
+    };
+    device_ = files_.DeviceOf(options_.storage);
+    lock_ = std::move(opened.lock);
+    context_->SetCatalogue(opened.catalogue);
+    Build(opened);
+    LookAtSpace();
+    try {
+        ForEachLane(
+            [this](Lane& lane) { MarkDead(lane); }); // A crash came before an erasure was done with them.
+    } catch (const FileError& error) {
+        // What is there can be read; the keeper tries again.
+        context_->logger.Warning("%s; removing erased segments has to wait", error.what());
+    }
+    KeepReserve();
+    if (options_.background) {
+        committer_ = std::thread([this] { RunCommitter(); });
+        keeper_ = std::thread([this] { RunKeeper(); });
+    }
+}
+
+Store::~Store() {
+    {
+        const std::lock_guard<std::mutex> lock(wakeMutex_);
+        isStopping_ = true;
+        wake_.notify_all();
+    }
+    for (std::thread* thread : {&committer_, &keeper_}) {
+        if (thread->joinable()) {
+            thread->join();
+        }
+    }
+    {
+        const std::unique_lock<std::shared_mutex> lock(gate_->mutex);
+        gate_->store = nullptr;
+    }
+    for (const auto& recording : Recordings()) {
+        recording->Detach("its store was closed");
+    }
+    if (context_->GetState() == StoreState::Good) {
+        try {
+            ForEachLane([this](Lane& lane) {
+                lane.Seal();
+                MarkDead(lane);
+            });
+            const std::lock_guard<std::mutex> lock(keeperMutex_);
+            ForgetRemoved();
+        } catch (const std::exception& error) {
+            context_->logger.Error("Closing the store: %s", error.what());
+        }
+    }
+    context_->cache.DropAll();
+}
+
+OpenedStore Store::Open() {
+    try {
+        return OpenStore(files_, folders_, vfs_.Name());
+    } catch (const FileError& error) {
+        const std::string reserve = options_.database + "/reserve";
+        if (!error.IsOutOfSpace() || !files_.Exists(reserve)) {
+            throw;
+        }
+        files_.Remove(reserve);
+        return OpenStore(files_, folders_, vfs_.Name());
+    }
+}
+
+Store::Member& Store::Add(const RecordingRow& row) {
+    auto impl = std::make_shared<RecordingImpl>(*context_, row, [gate = gate_] {
+        const std::shared_lock<std::shared_mutex> lock(gate->mutex);
+        if (gate->store != nullptr) {
+            gate->store->Relieve();
+        }
+    });
+    const std::lock_guard<std::mutex> lock(recordingsMutex_);
+    recordings_.push_back({impl, boost::make_shared<Recording>(impl)});
+    return recordings_.back();
+}
+
+std::list<boost::weak_ptr<Recording>> Store::GetRecordings() const {
+    const std::lock_guard<std::mutex> lock(recordingsMutex_);
+    std::list<boost::weak_ptr<Recording>> recordings;
+    for (const Member& member : recordings_) {
+        recordings.emplace_back(member.recording);
+    }
+    return recordings;
+}
+
+boost::shared_ptr<Recording> Store::NewRecording() {
+    std::uint32_t id = 0;
+    context_->Transact([&](Catalogue::Transaction& transaction) {
+        id = transaction.AddRecording();
+        transaction.Commit();
+    });
+    return Add({id, {}}).recording;
+}
+
+std::vector<std::shared_ptr<RecordingImpl>> Store::Recordings() const {
+    const std::lock_guard<std::mutex> lock(recordingsMutex_);
+    std::vector<std::shared_ptr<RecordingImpl>> recordings;
+    for (const Member& member : recordings_) {
+        recordings.push_back(member.impl);
+    }
+    return recordings;
+}
+
+std::vector<Lane*> Store::Lanes() const {
+    std::vector<Lane*> lanes;
+    for (const auto& recording : Recordings()) {
+        lanes.push_back(&recording->GetLane(false));
+        lanes.push_back(&recording->GetLane(true));
+    }
+    return lanes;
+}
+
+/// All lanes, even if one fails; then its error.
+void Store::ForEachLane(const std::function<void(Lane&)>& action) {
+    std::exception_ptr failure;
+    for (Lane* lane : Lanes()) {
+        try {
+            action(*lane);
+        } catch (const std::exception&) {
+            failure = std::current_exception();
+        }
+    }
+    if (failure != nullptr) {
+        std::rethrow_exception(failure);
+    }
+}
+
+void Store::Commit() {
+    context_->RequireGood();
+    PrepareRoom();
+    ForEachLane([](Lane& lane) { lane.Commit(); });
+}
+
+void Store::Sync() {
+    context_->RequireGood();
+    PrepareRoom();
+    try {
+        SyncLanes();
+    } catch (const FileError& error) {
+        if (!error.IsOutOfSpace() || TrackImpl::LocksHeld() > 0) {
+            throw;
+        }
+        // Others may have filled the card meanwhile.
+        PrepareRoom();
+        SyncLanes();
+    }
+}
+
+/// First all lanes hand over what they have, then all wait for the device together.
+void Store::SyncLanes() {
+    std::vector<std::function<void()>> syncs;
+    std::exception_ptr failure;
+    try {
+        ForEachLane([&syncs](Lane& lane) {
+            if (lane.BeginSync()) {
+                syncs.emplace_back([&lane] { lane.EndSync(); });
+            }
+        });
+    } catch (const std::exception&) {
+        failure = std::current_exception();
+    }
+    files_.Together(syncs);
+    if (failure != nullptr) {
+        std::rethrow_exception(failure);
+    }
+}
+
+/// Much is in memory: whoever appends helps to bring it out.
+void Store::Relieve() {
+    if (context_->memory <= context_->mostMemory) {
+        return;
+    }
+    try {
+        Sync();
+    } catch (const FileError& error) {
+        if (!error.IsOutOfSpace()) {
+            throw;
+        }
+        // There is some memory left; the keeper makes room.
+        Wake(wakeKeeper_);
+    }
+}
+
+boost::signals2::connection Store::ConnectToStateSignal(
+    const MultiTrackRecorder::StateSignal::slot_type& slot) {
+    return stateSignal_.connect(slot);
+}
+
+void Store::Wake(bool& flag) {
+    const std::lock_guard<std::mutex> lock(wakeMutex_);
+    flag = true;
+    wake_.notify_all();
+}
+
+bool Store::WaitFor(std::uint32_t milliseconds, bool& isWoken) {
+    std::unique_lock<std::mutex> lock(wakeMutex_);
+    wake_.wait_for(lock, std::chrono::milliseconds(milliseconds), [&] { return isStopping_ || isWoken; });
+    isWoken = false;
+    return !isStopping_;
+}
+
+void Store::RunCommitter() {
+    auto lastSync = std::chrono::steady_clock::now();
+    std::string lastError;
+    while (WaitFor(options_.commitMs, wakeCommitter_)) {
+        if (GetState() != StoreState::Good) {
+            continue;
+        }
+        const auto now = std::chrono::steady_clock::now();
+        // At the round that comes before it would be too late.
+        const bool isTime = now - lastSync + std::chrono::milliseconds(options_.commitMs / 2) >=
+                            std::chrono::milliseconds(options_.syncMs);
+        try {
+            if (isTime) {
+                lastSync = now;
+                Sync();
+            } else {
+                Commit();
+            }
+            lastError.clear();
+        } catch (const std::exception& error) {
+            if (error.what() != lastError) { // Once for each reason; it is tried again all the time.
+                lastError = error.what();
+                context_->logger.Error("%s", error.what());
+            }
+            Wake(wakeKeeper_);
+        }
+    }
+}
+
+} // namespace drenn::multi_track_recorder

@@ -1,0 +1,132 @@
+#pragma once
+
+#include <atomic>
+#include <boost/shared_ptr.hpp>
+#include <boost/signals2/connection.hpp>
+#include <boost/weak_ptr.hpp>
+#include <condition_variable>
+#include <functional>
+#include <list>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <shared_mutex>
+#include <thread>
+#include <vector>
+
+#include "drenn/multi_track_recorder/MultiTrackRecorder.h"
+#include "drenn/multi_track_recorder/internal/FileSystem.h"
+#include "drenn/multi_track_recorder/internal/Opening.h"
+#include "drenn/multi_track_recorder/internal/RecordingImpl.h"
+#include "drenn/multi_track_recorder/internal/SqliteVfs.h"
+#include "drenn/multi_track_recorder/internal/StoreContext.h"
+#include "drenn/multi_track_recorder/internal/StoreOptions.h"
+
+namespace drenn::multi_track_recorder {
+
+/// What a MultiTrackRecorder stands for: an open store.
+///
+/// Threads:   any.
+/// Errors:    std::runtime_error that names the path and the reason; FileError where a file operation failed.
+/// Lifetime:  `files` outlives it. Recordings and tracks that outlive it throw from every operation.
+class Store {
+public:
+    /// Opens, recovers or makes the store.
+    Store(IFileSystem& files, const StoreOptions& options);
+    /// Makes durable what can be; errors are logged.
+    ~Store();
+    Store(const Store&) = delete;
+    Store& operator=(const Store&) = delete;
+
+    std::list<boost::weak_ptr<Recording>> GetRecordings() const;
+    boost::shared_ptr<Recording> NewRecording();
+
+    void Commit(); ///< Writes what was appended to the segments.
+    void Sync();   ///< Commit, and makes durable what was written. MultiTrackRecorder::flush.
+    void Keep();   ///< One round of the keeper: the card, room, removals. Not with a track's lock held.
+
+    StoreState GetState() const { return context_->GetState(); }
+    boost::signals2::connection ConnectToStateSignal(const MultiTrackRecorder::StateSignal::slot_type& slot);
+
+private:
+    struct Member {
+        std::shared_ptr<RecordingImpl> impl;
+        boost::shared_ptr<Recording> recording;
+    };
+
+    /// Appenders come in through here without a lock; closing waits until they are out.
+    struct Gate {
+        std::shared_mutex mutex;
+        Store* store; ///< Nothing when it is closed. Guarded by mutex.
+    };
+
+    OpenedStore Open();
+    void Build(const OpenedStore& opened);
+    void BuildTables(const CatalogueContent& content,
+                     const std::map<std::uint32_t, std::shared_ptr<RecordingImpl>>& recordings,
+                     const std::map<std::uint32_t, std::shared_ptr<TrackContent>>& tracks);
+    Member& Add(const RecordingRow& row);
+    std::vector<std::shared_ptr<RecordingImpl>> Recordings() const;
+    std::vector<Lane*> Lanes() const;
+    void ForEachLane(const std::function<void(Lane&)>& action);
+    void SyncLanes();
+    void Relieve();
+
+    // Keeper.
+    void CheckCard();
+    void LoseCard(StoreState state);
+    void LetGo();
+    void FindCard();
+    void PrepareRoom();
+    Space LookAtSpace();
+    void MakeRoom();
+    std::shared_ptr<Segment> OldestSegment(bool sparse);
+    bool SealBulk();
+    void EraseSegment(const std::shared_ptr<Segment>& segment);
+    void RemoveDead();
+    void ForgetRemoved();
+    void ForgetRemoved(Catalogue::Transaction& transaction);
+    void MarkDead(Lane& lane);
+    void KeepReserve();
+    void RaiseStates();
+
+    void RunCommitter();
+    void RunKeeper();
+    /// Waits until the time is over or something is to be done; false when the store is to stop.
+    bool WaitFor(std::uint32_t milliseconds, bool& isWoken);
+    void Wake(bool& flag);
+
+    IFileSystem& files_;
+    const StoreOptions options_;
+    const StoreFolders folders_;
+    SqliteVfs vfs_;
+    std::unique_ptr<StoreContext> context_;
+    MultiTrackRecorder::StateSignal stateSignal_;
+
+    const std::shared_ptr<Gate> gate_ = std::make_shared<Gate>();
+    mutable std::mutex recordingsMutex_;
+    std::list<Member> recordings_; ///< Guarded by recordingsMutex_.
+
+    /// Taken before all locks of tracks: one thread makes room, or looks after the card, at a time.
+    std::mutex keeperMutex_;
+    std::unique_ptr<IFile> lock_; ///< Guarded by keeperMutex_.
+    std::uint64_t device_ = 0;    ///< Guarded by keeperMutex_.
+    bool isOverfull_ = false;     ///< Guarded by keeperMutex_.
+    bool hasReserve_ = false;     ///< Guarded by keeperMutex_.
+    std::string findError_;       ///< Why the card that is back cannot be used. Guarded by keeperMutex_.
+    std::vector<SegmentKey>
+        removed_; ///< Files that are gone for good, for the catalogue to forget. Likewise.
+
+    std::mutex wakeMutex_;
+    std::condition_variable wake_;
+    // Guarded by wakeMutex_.
+    bool isStopping_ = false;
+    bool wakeCommitter_ = false;
+    bool wakeKeeper_ = false;
+    std::vector<StoreState> states_; ///< That are still to be signalled.
+
+    std::thread committer_;
+    std::thread keeper_;
+};
+
+} // namespace drenn::multi_track_recorder

@@ -1,0 +1,69 @@
+#pragma once
+
+#include <atomic>
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <string>
+
+#include "drenn/multi_track_recorder/MultiTrackRecorder.h"
+#include "drenn/multi_track_recorder/internal/Catalogue.h"
+#include "drenn/multi_track_recorder/internal/FileError.h"
+#include "drenn/multi_track_recorder/internal/FileSystem.h"
+#include "drenn/multi_track_recorder/internal/SegmentReader.h"
+#include "drenn/multi_track_recorder/internal/StoreOptions.h"
+
+namespace quarn::core {
+class Logger;
+}
+
+namespace drenn::multi_track_recorder {
+
+/// What the parts of a store share.
+///
+/// Threads: any.
+class StoreContext {
+public:
+    StoreContext(IFileSystem& fileSystem, const StoreOptions& storeOptions, const StoreId& storeId);
+
+    IFileSystem& files;
+    const StoreOptions options;
+    const StoreId id;
+    quarn::core::Logger& logger;
+    SegmentCache cache;
+    std::atomic<std::size_t> memory{0}; ///< Bytes of records that are not durable yet.
+    /// Who appends when there are more waits for them to be written.
+    std::atomic<std::size_t> mostMemory{std::size_t{32} * 1024 * 1024};
+
+    std::string PathOf(SegmentKey segment) const;
+    std::string ReservePath() const { return options.database + "/reserve"; }
+
+    /// Throws when it is closed because the card is away.
+    std::shared_ptr<Catalogue> GetCatalogue() const;
+    void SetCatalogue(std::shared_ptr<Catalogue> catalogue);
+    /// One transaction, and what has to change in memory with it, which `change` does behind the commit. When
+    /// there is no room, the reserve is given up for it.
+    void Transact(const std::function<void(Catalogue::Transaction&)>& change);
+
+    StoreState GetState() const { return state_; }
+    /// Throws unless the store can be changed, or, for reading, unless the card is there.
+    void RequireGood() const;
+    void RequireCard() const;
+    /// Only from Good: the device does not keep what it is given.
+    void BecomeReadOnly(const std::string& reason);
+    void SetState(StoreState state);
+    /// Wakes whoever raises the state signal.
+    std::function<void()> onStateChange = [] {};
+
+    /// Microseconds since 1970 that never fall, even if the clock does.
+    std::uint64_t NextTime();
+    void SetLowestTime(std::uint64_t time);
+
+private:
+    mutable std::mutex catalogueMutex_;
+    std::shared_ptr<Catalogue> catalogue_;
+    std::atomic<StoreState> state_{StoreState::Good};
+    std::atomic<std::uint64_t> time_{0};
+};
+
+} // namespace drenn::multi_track_recorder

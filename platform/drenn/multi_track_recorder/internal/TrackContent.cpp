@@ -1,0 +1,98 @@
+#include <algorithm>
+
+#include "drenn/multi_track_recorder/internal/TrackContent.h"
+
+namespace drenn::multi_track_recorder {
+namespace {
+
+constexpr std::uint64_t kFullBlock = 4ULL << 20U;
+
+} // namespace
+
+PendingBlock& TrackContent::OpenBlock() {
+    if (!pending.empty() && pending.back()->isOpen && pending.back()->Length() >= kFullBlock) {
+        pending.back()->isOpen = false;
+    }
+    if (pending.empty() || !pending.back()->isOpen) {
+        pending.push_back(std::make_shared<PendingBlock>(id, nextSerial));
+    }
+    return *pending.back();
+}
+
+std::shared_ptr<const PendingBlock> TrackContent::FindPending(std::uint64_t serial) const {
+    for (auto block = pending.rbegin(); block != pending.rend(); ++block) {
+        if ((*block)->Kind() == BlockKind::Records && (*block)->FirstSerial() <= serial) {
+            return serial < (*block)->EndSerial() ? *block : nullptr;
+        }
+    }
+    return nullptr;
+}
+
+std::shared_ptr<Segment> TrackContent::FindSegment(std::uint64_t serial) const {
+    const auto behind = std::upper_bound(
+        extents.begin(), extents.end(), serial,
+        [](std::uint64_t value, const Extent& extent) { return value < extent.range.first; });
+    if (behind == extents.begin() || serial >= std::prev(behind)->range.end) {
+        return nullptr;
+    }
+    return std::prev(behind)->segment;
+}
+
+std::uint64_t TrackContent::EndIn(const Segment& segment) const {
+    const std::lock_guard<std::mutex> lock(mutex);
+    std::uint64_t end = 0;
+    for (const Extent& extent : extents) {
+        end = extent.segment.get() == &segment ? extent.range.end : end;
+    }
+    return end;
+}
+
+std::size_t TrackContent::FindInfo(std::uint64_t serial) const {
+    const auto behind =
+        std::upper_bound(infos.begin(), infos.end(), serial,
+                         [](std::uint64_t value, const InfoText& info) { return value < info.from; });
+    return behind == infos.begin() ? infos.size() : static_cast<std::size_t>(behind - infos.begin()) - 1;
+}
+
+std::uint64_t TrackContent::FirstUnwritten() const {
+    for (const auto& block : pending) {
+        if (!block->isWritten && block->Kind() != BlockKind::Erased) {
+            return block->FirstSerial();
+        }
+    }
+    return nextSerial;
+}
+
+void TrackContent::AddExtent(const std::shared_ptr<Segment>& segment, SerialRange range) {
+    segment->survivors += range.end - range.first;
+    if (!extents.empty() && extents.back().segment == segment && extents.back().range.end == range.first) {
+        extents.back().range.end = range.end;
+    } else {
+        extents.push_back({range, segment});
+    }
+}
+
+void TrackContent::Forget(SerialRange range) {
+    for (Extent& extent : extents) {
+        const std::uint64_t first = std::max(range.first, extent.range.first);
+        const std::uint64_t end = std::min(range.end, extent.range.end);
+        if (first < end) {
+            extent.segment->survivors -= survivors.CountIn({first, end});
+        }
+    }
+    survivors.Erase(range);
+    extents.erase(
+        std::remove_if(extents.begin(), extents.end(),
+                       [this](const Extent& extent) { return survivors.CountIn(extent.range) == 0; }),
+        extents.end());
+}
+
+void TrackContent::SetErased(const ErasedRanges& ranges) {
+    erased = ranges;
+    // Texts that hold for nothing any more go, too; the last one holds for what is still to come.
+    while (infos.size() > 1 && infos[1].from <= erased.FirstSerial()) {
+        infos.erase(infos.begin());
+    }
+}
+
+} // namespace drenn::multi_track_recorder
