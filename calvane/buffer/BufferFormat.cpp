@@ -75,14 +75,16 @@ bool BufferFormat::operator==(const BufferFormat& other) const {
     return impl_->properties == other.impl_->properties;
 }
 
-bool BufferFormat::IsCompatibleWith(const BufferFormat& other) const {
+const char* BufferFormat::FindMismatch(const BufferFormat& other) const {
     if (!impl_) {
-        return true;
+        return nullptr;
     }
-    return std::all_of(impl_->properties.begin(), impl_->properties.end(), [&other](const auto& property) {
-        int value = 0;
-        return other.Get(property.first.c_str(), value) && value == property.second;
-    });
+    const auto found =
+        std::find_if(impl_->properties.begin(), impl_->properties.end(), [&other](const auto& property) {
+            int value = 0;
+            return !other.Get(property.first.c_str(), value) || value != property.second;
+        });
+    return found != impl_->properties.end() ? found->first.c_str() : nullptr;
 }
 
 BufferFormat::BufferFormatImpl& BufferFormat::Writable() {

@@ -37,7 +37,10 @@ public:
     bool operator!=(const BufferFormat& other) const { return !(*this == other); }
     /// Whether `other` has every property of this format with the same value. The codes are not compared, and
     /// `other` may have more: a receiver states only what it requires, so this is not symmetric.
-    bool IsCompatibleWith(const BufferFormat& other) const;
+    bool IsCompatibleWith(const BufferFormat& other) const { return FindMismatch(other) == nullptr; }
+    /// The name of the first property, in ascending order, that `other` lacks or has with another value; null
+    /// when they are compatible. Good for as long as this format is not changed.
+    const char* FindMismatch(const BufferFormat& other) const;
 
 private:
     class BufferFormatImpl;

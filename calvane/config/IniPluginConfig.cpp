@@ -101,13 +101,17 @@ void IniPluginConfig::GetKeys(std::vector<std::string>& names) const {
     }
 }
 
+std::vector<std::string> IniPluginConfig::GetUnusedKeys() const {
+    std::vector<std::string> unused;
+    GetKeys(unused);
+    const auto isUsed = [this](const std::string& key) { return impl_->usedKeys.count(key) != 0; };
+    unused.erase(std::remove_if(unused.begin(), unused.end(), isUsed), unused.end());
+    return unused;
+}
+
 void IniPluginConfig::LogUnusedSettings() const {
-    std::vector<std::string> settings;
-    GetKeys(settings);
-    for (const std::string& setting : settings) {
-        if (impl_->usedKeys.count(setting) == 0) {
-            impl_->logger->Warning("%s: Setting %s was never used.", impl_->name.c_str(), setting.c_str());
-        }
+    for (const std::string& key : GetUnusedKeys()) {
+        impl_->logger->Warning("%s: Setting %s was never used.", impl_->name.c_str(), key.c_str());
     }
 }
 

@@ -35,7 +35,9 @@ public:
     /// In ascending order, without the framework's own ("t." and what follows).
     void GetKeys(std::vector<std::string>& keys) const override;
 
-    /// Warns about each setting of the plugin that nothing has read yet.
+    /// The settings of the plugin that nothing has read yet, in ascending order.
+    std::vector<std::string> GetUnusedKeys() const;
+    /// Warns about each of them.
     void LogUnusedSettings() const;
 
 private:

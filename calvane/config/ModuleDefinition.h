@@ -3,8 +3,13 @@
 #include <cstdint>
 
 #include "calvane/Export.h"
-#include "calvane/config/IPluginConfiguration.h"
-#include "calvane/runtime/CalvaneEnv.h"
+#include "calvane/Version.h"
+#include "calvane/graph/IPluginConfiguration.h"
+
+namespace quarn::calvane {
+class CalvaneEnv;
+class PipelinePlugin;
+} // namespace quarn::calvane
 
 /// The version of the framework that a module was built against, as the module exports it. The layout is part
 /// of the binary interface.
@@ -29,3 +34,10 @@ struct CalvaneModuleDefinition {
         return new Scope Class(env, config);                                                                \
     }                                                                                                       \
     static_assert(true, "")
+
+/// Declares what plugins of a type of this module take, give and read, so that descriptions can be checked and
+/// the type can be shown without loading the module. Stands outside any namespace; `Text` is a string literal,
+/// see quarn::calvane::PluginDeclaration for its form. Optional.
+#define CALVANE_DECLARE_PLUGIN(Class, Text)                                                   \
+    extern "C" [[gnu::visibility("default")]] const char CalvanePluginDeclaration__##Class[]; \
+    const char CalvanePluginDeclaration__##Class[] = Text

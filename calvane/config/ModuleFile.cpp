@@ -10,6 +10,7 @@
 
 #include "calvane/config/internal/ElfFile.h"
 #include "calvane/config/internal/ModuleNames.h"
+#include "quarn/core/StringUtil.h"
 #include "quarn/osa/Exception.h"
 #include "quarn/osa/FormatText.h"
 
@@ -18,9 +19,10 @@ namespace quarn::calvane {
 namespace {
 
 constexpr uint64_t kMaxBytes = uint64_t{256} << 20U;
+constexpr uint64_t kMaxDeclarationBytes = 65536;
 
-[[noreturn]] void Fail(const std::string& path, const std::string& why) {
-    throw osa::Exception("Cannot load module " + path + ": " + why);
+[[noreturn]] void Fail(const std::string& name, const std::string& why) {
+    throw osa::Exception("Cannot load module " + name + ": " + why);
 }
 
 class Descriptor {
@@ -39,24 +41,24 @@ public:
     const int number;
 };
 
-std::string ReadWholeFile(const std::string& path) {
+std::string ReadWholeFile(const std::string& path, const std::string& name) {
     const Descriptor file(path);
     struct stat status {};
     if (file.number < 0 || fstat(file.number, &status) != 0) {
-        Fail(path, osa::ErrnoText(errno));
+        Fail(name, osa::ErrnoText(errno));
     }
     if (!S_ISREG(status.st_mode)) {
-        Fail(path, "it is not a regular file");
+        Fail(name, "it is not a regular file");
     }
     if (static_cast<uint64_t>(status.st_size) > kMaxBytes) {
-        Fail(path, "it is larger than any module");
+        Fail(name, "it is larger than any module");
     }
     std::string bytes(static_cast<size_t>(status.st_size), '\0');
     size_t have = 0;
     while (have < bytes.size()) {
         const ssize_t count = read(file.number, bytes.data() + have, bytes.size() - have);
         if (count < 0 && errno != EINTR) {
-            Fail(path, osa::ErrnoText(errno));
+            Fail(name, osa::ErrnoText(errno));
         }
         if (count == 0) { // Somebody has cut it meanwhile.
             break;
@@ -82,39 +84,63 @@ ModuleFile::Version ReadVersion(const ElfFile& file, const ElfFile::Symbol& defi
     return {numbers[0], numbers[1], numbers[2]};
 }
 
-std::vector<std::string> PickTypes(const std::vector<ElfFile::Symbol>& symbols) {
-    const std::string prefix = kEntryPointPrefix;
-    std::vector<std::string> types;
+/// What follows `prefix` in the name of each symbol that begins with it, and the symbol.
+std::map<std::string, ElfFile::Symbol> PickByPrefix(const std::vector<ElfFile::Symbol>& symbols,
+                                                    const std::string& prefix) {
+    std::map<std::string, ElfFile::Symbol> picked;
     for (const ElfFile::Symbol& symbol : symbols) {
-        if (symbol.name.size() > prefix.size() && symbol.name.compare(0, prefix.size(), prefix) == 0) {
-            types.push_back(symbol.name.substr(prefix.size()));
+        if (symbol.name.size() > prefix.size() && core::StringUtil::StartsWith(symbol.name, prefix)) {
+            picked.emplace(symbol.name.substr(prefix.size()), symbol);
         }
     }
-    std::sort(types.begin(), types.end());
-    return types;
+    return picked;
+}
+
+std::string ReadText(const ElfFile& file, const ElfFile::Symbol& symbol) {
+    if (symbol.size > kMaxDeclarationBytes) {
+        throw osa::Exception(symbol.name + " is larger than any declaration");
+    }
+    std::string text(static_cast<size_t>(symbol.size), '\0');
+    if (!file.ReadLoaded(symbol.address, text.data(), text.size())) {
+        throw osa::Exception("it holds no value of " + symbol.name);
+    }
+    return text.substr(0, text.find('\0'));
 }
 
 } // namespace
 
-ModuleFile::ModuleFile(const std::string& path) : ModuleFile(ReadWholeFile(path), path) {}
+ModuleFile::ModuleFile(const std::string& path, const std::string& name) {
+    const std::string& shown = name.empty() ? path : name;
+    Read(ReadWholeFile(path, shown), shown);
+    path_ = path;
+}
 
-ModuleFile::ModuleFile(const std::string& bytes, const std::string& name) : path_(name) {
+void ModuleFile::Read(const std::string& bytes, const std::string& name) {
+    path_ = name;
     try {
         const ElfFile file(bytes);
         const std::vector<ElfFile::Symbol> symbols = file.ReadExportedSymbols();
         if (const ElfFile::Symbol* const definition = FindDefinition(symbols)) {
             version_ = ReadVersion(file, *definition);
-            types_ = PickTypes(symbols);
+            for (const auto& entry : PickByPrefix(symbols, kEntryPointPrefix)) {
+                types_.push_back(entry.first);
+            }
+            for (const auto& [type, symbol] : PickByPrefix(symbols, kDeclarationPrefix)) {
+                declarations_.emplace(type, ReadText(file, symbol));
+            }
             return;
         }
     } catch (const osa::Exception& error) {
-        Fail(path_, error.what());
+        Fail(name, error.what());
     }
-    throw osa::Exception(std::string("Cannot find symbol ") + kDefinitionSymbol + " in module " + path_);
+    throw osa::Exception(std::string("Cannot find symbol ") + kDefinitionSymbol + " in module " + name +
+                         "; CALVANE_DEFINE_MODULE() defines it");
 }
 
 ModuleFile ModuleFile::FromBytes(const std::string& bytes, const std::string& name) {
-    return {bytes, name};
+    ModuleFile file;
+    file.Read(bytes, name);
+    return file;
 }
 
 } // namespace quarn::calvane

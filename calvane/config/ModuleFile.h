@@ -1,5 +1,6 @@
 #pragma once
 
+#include <map>
 #include <string>
 #include <vector>
 
@@ -15,9 +16,9 @@ namespace quarn::calvane {
 /// and have what it wants of them, shows only when it is loaded.
 ///
 /// Threads: any; nothing changes after construction.
-/// Errors:  construction throws Exception: "Cannot load module PATH: " and the reason for what cannot be read
+/// Errors:  construction throws Exception: "Cannot load module NAME: " and the reason for what cannot be read
 ///          or is no shared object for this processor; "Cannot find symbol gCalvaneModuleDefinition in module
-///          PATH" for a shared object that is no module.
+///          NAME" and the macro that defines it for a shared object that is no module.
 class CALVANE_API ModuleFile {
 public:
     /// The version of the framework that the module was built against.
@@ -27,8 +28,9 @@ public:
         unsigned short patch;
     };
 
-    /// Reads the file at `path`; see FindModule for where modules lie. Refuses more than 256 MiB.
-    explicit ModuleFile(const std::string& path);
+    /// Reads the file at `path`; see FindModule for where modules lie. Refuses more than 256 MiB. Error texts
+    /// name the module as `name`, or by its path when there is none.
+    explicit ModuleFile(const std::string& path, const std::string& name = {});
     /// Takes `bytes` for a file; `name` stands for its path in error texts.
     static ModuleFile FromBytes(const std::string& bytes, const std::string& name);
 
@@ -36,13 +38,17 @@ public:
     const Version& GetVersion() const { return version_; }
     /// The plugin types that the module exports, in ascending order.
     const std::vector<std::string>& GetTypes() const { return types_; }
+    /// The texts of the declarations that the module exports, by type; see PluginDeclaration.
+    const std::map<std::string, std::string>& GetDeclarations() const { return declarations_; }
 
 private:
-    ModuleFile(const std::string& bytes, const std::string& name);
+    ModuleFile() = default;
+    void Read(const std::string& bytes, const std::string& name);
 
     std::string path_;
     Version version_{};
     std::vector<std::string> types_;
+    std::map<std::string, std::string> declarations_;
 };
 
 } // namespace quarn::calvane

@@ -7,7 +7,7 @@
 #include <cerrno>
 #include <cstdlib>
 #include <filesystem>
-#include <vector>
+#include <set>
 
 #include "quarn/core/StringUtil.h"
 #include "quarn/osa/Exception.h"
@@ -109,6 +109,22 @@ std::string FindInFolders(const std::string& module) {
 }
 
 } // namespace
+
+std::vector<std::string> FindModules() {
+    std::vector<std::string> modules;
+    std::set<std::string> names;
+    for (const std::string& folder : Folders()) {
+        std::error_code ignored;
+        std::set<std::string> found;
+        for (const auto& entry : std::filesystem::directory_iterator(folder, ignored)) {
+            if (entry.path().extension() == ".so" && names.insert(entry.path().filename()).second) {
+                found.insert(entry.path());
+            }
+        }
+        modules.insert(modules.end(), found.begin(), found.end());
+    }
+    return modules;
+}
 
 std::string FindModule(const std::string& module) {
     if (module.empty()) {

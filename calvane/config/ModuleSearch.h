@@ -1,6 +1,7 @@
 #pragma once
 
 #include <string>
+#include <vector>
 
 #include "calvane/Export.h"
 
@@ -22,5 +23,10 @@ inline constexpr char kPluginPathVariable[] = "CALVANE_PLUGIN_PATH";
 /// Errors:  Exception that names the module and every folder searched, or the file or folder that is refused
 ///          with its mode or owner.
 CALVANE_API std::string FindModule(const std::string& module);
+
+/// The paths of all files in these folders whose names end in ".so", in the order of the folders and in ascending
+/// order in each; of files of one name the first one, which is what FindModule finds. Folders that cannot be read
+/// are passed over, and nothing is said yet of whether the files are modules or may be loaded.
+CALVANE_API std::vector<std::string> FindModules();
 
 } // namespace quarn::calvane

@@ -1,163 +1,44 @@
 #include "calvane/config/PipelineLoader.h"
 
-#include <algorithm>
 #include <map>
-#include <set>
 #include <vector>
 
+#include "calvane/config/Description.h"
 #include "calvane/config/DescriptionKeys.h"
 #include "calvane/config/IPluginFactory.h"
 #include "calvane/config/IniPluginConfig.h"
-#include "calvane/config/internal/ConnectionTaps.h"
+#include "calvane/config/internal/LoadRecord.h"
+#include "calvane/graph/FormatException.h"
 #include "calvane/graph/PluginContainer.h"
 #include "calvane/graph/SettingException.h"
 #include "quarn/core/IniFile.h"
 #include "quarn/core/Logger.h"
-#include "quarn/core/StringUtil.h"
 #include "quarn/osa/Exception.h"
 
 namespace quarn::calvane {
 
 namespace {
 
-/// Where a plugin hangs: an output of the one before it. The head of a pipeline hangs nowhere.
-struct Upstream {
-    PipelinePlugin* plugin = nullptr;
-    const std::string* outputName = nullptr; // Null for the default output.
-    std::string key;                         // The key that names the successor.
-};
-
-} // namespace
-
-class PipelineLoader::PipelineLoaderImpl {
+/// Builds one pipeline along a walk through its description.
+class PipelineBuilder final : public Description::IVisitor {
 public:
-    PipelineLoaderImpl(IPluginFactory* factory, ConnectionTaps* taps) : factory_(factory), taps_(taps) {}
+    PipelineBuilder(IPluginFactory& factory, const Description& description, LoadRecord& record)
+        : factory_(factory), description_(description), record_(record) {}
 
-    void LoadPipeline(PluginContainer& container, const core::IniFile& ini,
-                      const std::string& pipelineGroup) {
-        logger_->Debug("Constructing pipeline %s", pipelineGroup.c_str());
-        if (!ini.HasValue(pipelineGroup, keys::kHead)) {
-            throw SettingException(
-                pipelineGroup, keys::kHead,
-                std::string("Missing ") + keys::kHead + " setting in " + pipelineGroup + " group");
-        }
-        PluginContainer working;
-        connections_.clear();
-        path_.clear();
-        try {
-            AddPlugin(working, Upstream(), ini, ini.GetValue(pipelineGroup, keys::kHead));
-        } catch (const std::exception& error) {
-            logger_->Error("LoadPipeline failed: %s", error.what());
-            DisconnectFromSurvivors(working);
-            namesMade_.clear();
-            throw;
-        }
-        working.swap(container);
+    void Build(const DescribedPipeline& pipeline) {
+        pipeline_ = pipeline.name;
+        record_.threads.AddPipeline(pipeline.name, pipeline.head);
+        description_.Walk(pipeline, *this);
+        RefuseThreadConflict();
     }
 
-private:
-    struct Connection {
-        PipelinePlugin* upstream;
-        PipelinePlugin* downstream;
-        const Sink* sink;
-    };
-
-    // Creates one plugin and everything downstream of it.
-    void AddPlugin(PluginContainer& container, const Upstream& upstream, const core::IniFile& ini,
-                   const std::string& name) {
-        RefuseCycle(upstream, name);
-        RefuseExcess(container, upstream, name);
-        PipelinePlugin* const plugin = CreatePlugin(ini, name);
-        container.AddPlugin(plugin);
-        if (upstream.plugin != nullptr) {
-            Connect(upstream, plugin);
-        }
-        path_.push_back(name);
-        AddSuccessors(container, Upstream{plugin, nullptr, keys::kNext}, ini, name);
-        for (const auto& entry : ini[name]) {
-            if (core::StringUtil::StartsWith(entry.first, keys::kNextPrefix)) {
-                const std::string output = entry.first.substr(sizeof keys::kNextPrefix - 1);
-                AddSuccessors(container, Upstream{plugin, &output, entry.first}, ini, name);
-            }
-        }
-        path_.pop_back();
-    }
-
-    void AddSuccessors(PluginContainer& container, const Upstream& upstream, const core::IniFile& ini,
-                       const std::string& name) {
-        const std::string successors = ini.GetValueOrDefault(name, upstream.key);
-        if (successors.empty()) {
-            return;
-        }
-        for (const std::string& successor : core::StringUtil::Split(successors, ',')) {
-            AddPlugin(container, upstream, ini, successor);
-        }
-    }
-
-    PipelinePlugin* CreatePlugin(const core::IniFile& ini, const std::string& name) {
-        const IniPluginConfig config(&ini, name);
-        PluginReference plugin(factory_->CreatePlugin(config));
-        if (!plugin) {
-            throw SettingException(name, keys::kPluginType,
-                                   "No plugin was made for " + name + " of type " + config.GetPluginType());
-        }
-        if (namesMade_.insert(name).second) {
-            config.LogUnusedSettings();
-        } // Otherwise it is an instance that was made before and reads no settings again.
-        return plugin.release();
-    }
-
-    void Connect(const Upstream& upstream, PipelinePlugin* plugin) {
-        Sink* sink = plugin->GetSink();
-        if (sink == nullptr) {
-            throw SettingException(upstream.plugin->GetName(), upstream.key,
-                                   "Plugin " + plugin->GetName() + " has no input and cannot follow " +
-                                       upstream.plugin->GetName());
-        }
-        if (taps_ != nullptr) {
-            const std::string output = upstream.outputName != nullptr ? *upstream.outputName : "";
-            sink = taps_->SinkFor({upstream.plugin->GetName(), output, plugin->GetName()}, sink);
-        }
-        try {
-            if (upstream.outputName != nullptr) {
-                upstream.plugin->ConnectToSink(*upstream.outputName, sink);
-            } else {
-                upstream.plugin->ConnectToSink(sink);
-            }
-        } catch (const osa::Exception& error) {
-            throw SettingException(upstream.plugin->GetName(), upstream.key, error.what());
-        }
-        connections_.push_back({upstream.plugin, plugin, sink});
-    }
-
-    void RefuseCycle(const Upstream& upstream, const std::string& name) const {
-        // A path can be long: it is looked through only for a name that was met before.
-        if (namesMade_.count(name) == 0 || std::find(path_.begin(), path_.end(), name) == path_.end()) {
-            return;
-        }
-        std::string way;
-        for (const std::string& step : path_) {
-            way += step + " -> ";
-        }
-        throw SettingException(path_.back(), upstream.key,
-                               "Plugin " + name + " is its own successor: " + way + name);
-    }
-
-    void RefuseExcess(const PluginContainer& container, const Upstream& upstream,
-                      const std::string& name) const {
-        const std::string group = path_.empty() ? name : path_.back();
-        if (path_.size() == keys::kLongestPath) {
-            throw SettingException(group, upstream.key, keys::kTooLong);
-        }
-        if (container.GetPlugins().size() == keys::kMostPlaces) {
-            throw SettingException(group, upstream.key, keys::kTooManyWays);
-        }
-    }
+    PluginContainer& GetContainer() { return container_; }
 
     // Plugins that another pipeline shares live on and must not push to those that go with this failed load.
-    void DisconnectFromSurvivors(const PluginContainer& failed) {
+    void RollBack() {
+        record_.threads.RemovePipeline(pipeline_);
         std::map<const PipelinePlugin*, int> held;
-        for (const PipelinePlugin* plugin : failed.GetPlugins()) {
+        for (const PipelinePlugin* plugin : container_.GetPlugins()) {
             ++held[plugin];
         }
         for (auto made = connections_.rbegin(); made != connections_.rend(); ++made) {
@@ -167,22 +48,168 @@ private:
         }
     }
 
-    core::Logger* const logger_ = core::Logger::GetLogger("PipelineLoader");
-    IPluginFactory* const factory_;
-    ConnectionTaps* const taps_;
-    std::vector<std::string> path_; // From the head down to the plugin being built.
+private:
+    struct Connection {
+        PipelinePlugin* upstream;
+        PipelinePlugin* downstream;
+        const Sink* sink;
+    };
+
+    bool Enter(const DescriptionStep& step) override {
+        if (container_.GetPlugins().size() == keys::kMostPlaces) {
+            throw SettingException(step.place.group, step.place.key, keys::kTooManyWays);
+        }
+        PipelinePlugin* const plugin = CreatePlugin(step.plugin);
+        container_.AddPlugin(plugin);
+        record_.threads.SetThreading(step.plugin, plugin->GetThreading());
+        if (step.upstream != nullptr) {
+            record_.place = step.place;
+            record_.threads.AddConnection(step.upstream->name, step.plugin, pipeline_);
+            Connect(*path_.back(), step, *plugin);
+        }
+        path_.push_back(plugin);
+        return true;
+    }
+
+    void Leave(const DescriptionStep&) override { path_.pop_back(); }
+
+    void OnCycle(const DescriptionStep& step, const std::string& cycle) override {
+        throw SettingException(step.place.group, step.place.key,
+                               "Plugin " + step.plugin + " is its own successor: " + cycle);
+    }
+
+    void OnTooLong(const DescriptionStep& step) override {
+        throw SettingException(step.place.group, step.place.key, keys::kTooLong);
+    }
+
+    PipelinePlugin* CreatePlugin(const std::string& name) {
+        record_.place = {name, ""};
+        const IniPluginConfig config(&description_.GetIni(), name);
+        PluginReference plugin(factory_.CreatePlugin(config));
+        if (!plugin) {
+            throw SettingException(name, keys::kPluginType,
+                                   "No plugin was made for " + name + " of type " + config.GetPluginType());
+        }
+        // An instance that was there before has read its settings before.
+        if (plugin->HasNoMoreReferencesThan(1)) {
+            config.LogUnusedSettings();
+            for (const std::string& key : config.GetUnusedKeys()) {
+                record_.unusedSettings.push_back({name, key});
+            }
+        }
+        return plugin.release();
+    }
+
+    void Connect(PipelinePlugin& upstream, const DescriptionStep& step, PipelinePlugin& plugin) {
+        Sink* sink = plugin.GetSink();
+        if (sink == nullptr) {
+            throw SettingException(
+                step.place.group, step.place.key,
+                "Plugin " + plugin.GetName() + " has no input and cannot follow " + upstream.GetName());
+        }
+        sink = record_.taps.SinkFor({upstream.GetName(), step.output->name, plugin.GetName()}, sink);
+        try {
+            if (step.output->name.empty()) {
+                upstream.ConnectToSink(sink);
+            } else {
+                upstream.ConnectToSink(step.output->name, sink);
+            }
+        } catch (const FormatException& error) {
+            record_.detail = "plugin " + plugin.GetName() + " requires " + error.DescribeRequired() +
+                             ", plugin " + upstream.GetName() + " offers " + error.DescribeOffered();
+            throw;
+        } catch (...) {
+            record_.detail = DescribeOutputs(upstream);
+            throw;
+        }
+        connections_.push_back({&upstream, &plugin, sink});
+    }
+
+    static std::string DescribeOutputs(const PipelinePlugin& plugin) {
+        std::string outputs;
+        for (const std::string& name : plugin.GetOutputNames()) {
+            outputs +=
+                (outputs.empty() ? "" : ", ") + (name.empty() ? std::string("one without a name") : name);
+        }
+        return "plugin " + plugin.GetName() + " has these outputs: " + (outputs.empty() ? "none" : outputs);
+    }
+
+    void RefuseThreadConflict() {
+        const auto conflict = record_.threads.FindConflict();
+        if (!conflict.first.empty()) {
+            throw SettingException(conflict.first, "", PipelineThreads::DescribeConflict(conflict));
+        }
+    }
+
+    IPluginFactory& factory_;
+    const Description& description_;
+    LoadRecord& record_;
+    std::string pipeline_;
+    PluginContainer container_;
+    std::vector<PipelinePlugin*> path_; // From the head to the plugin before the one at hand.
     std::vector<Connection> connections_;
-    std::set<std::string> namesMade_;
 };
 
-PipelineLoader::PipelineLoader(IPluginFactory* factory, ConnectionTaps* taps)
-    : impl_(std::make_unique<PipelineLoaderImpl>(factory, taps)) {}
+} // namespace
+
+class PipelineLoader::PipelineLoaderImpl {
+public:
+    PipelineLoaderImpl(IPluginFactory* factory, LoadRecord* record) : factory_(factory), record_(record) {}
+
+    void LoadPipeline(PluginContainer& container, const Description& description,
+                      const std::string& pipelineGroup) {
+        logger_->Debug("Constructing pipeline %s", pipelineGroup.c_str());
+        if (!description.GetIni().HasValue(pipelineGroup, keys::kHead)) {
+            throw SettingException(
+                pipelineGroup, keys::kHead,
+                std::string("Missing ") + keys::kHead + " setting in " + pipelineGroup + " group");
+        }
+        LoadRecord ownRecord; // Of one pipeline by itself, which shares its threads with no other.
+        LoadRecord& record = record_ != nullptr ? *record_ : ownRecord;
+        record.detail.clear();
+        PipelineBuilder builder(*factory_, description, record);
+        try {
+            builder.Build(description.GetPipeline(pipelineGroup));
+        } catch (const SettingException& error) {
+            record.place = {error.GetGroup(), error.GetKey()};
+            Fail(builder, error.what());
+            throw;
+        } catch (const std::exception& error) {
+            Fail(builder, error.what());
+            throw;
+        } catch (...) {
+            Fail(builder, "Unknown exception");
+            throw;
+        }
+        builder.GetContainer().swap(container);
+    }
+
+private:
+    void Fail(PipelineBuilder& builder, const char* text) {
+        logger_->Error("LoadPipeline failed: %s", text);
+        builder.RollBack();
+    }
+
+    core::Logger* const logger_ = core::Logger::GetLogger("PipelineLoader");
+    IPluginFactory* const factory_;
+    LoadRecord* const record_;
+};
+
+PipelineLoader::PipelineLoader(IPluginFactory* factory) : PipelineLoader(factory, nullptr) {}
+
+PipelineLoader::PipelineLoader(IPluginFactory* factory, LoadRecord* record)
+    : impl_(std::make_unique<PipelineLoaderImpl>(factory, record)) {}
 
 PipelineLoader::~PipelineLoader() = default;
 
 void PipelineLoader::LoadPipeline(PluginContainer& container, const core::IniFile& ini,
                                   const std::string& pipelineGroup) {
-    impl_->LoadPipeline(container, ini, pipelineGroup);
+    impl_->LoadPipeline(container, Description(ini), pipelineGroup);
+}
+
+void PipelineLoader::LoadPipeline(PluginContainer& container, const Description& description,
+                                  const std::string& pipelineGroup) {
+    impl_->LoadPipeline(container, description, pipelineGroup);
 }
 
 } // namespace quarn::calvane

@@ -1,17 +1,17 @@
 #include "calvane/config/PluginManager.h"
 
 #include <cstdint>
-#include <filesystem>
 #include <limits>
 #include <map>
 #include <utility>
 
 #include "calvane/config/DefaultPluginConfiguration.h"
 #include "calvane/config/ModuleSearch.h"
+#include "calvane/config/internal/Environment.h"
 #include "calvane/config/internal/ModuleNames.h"
+#include "calvane/config/internal/ModuleVersion.h"
 #include "calvane/config/internal/PluginInstances.h"
 #include "calvane/graph/SettingException.h"
-#include "calvane/runtime/CalvaneEnv.h"
 #include "quarn/core/Logger.h"
 #include "quarn/core/StringBuilder.h"
 #include "quarn/osa/Exception.h"
@@ -24,7 +24,12 @@ namespace {
 
 const char* const kLoggerName = "PluginManager";
 
-using Registry = std::map<std::string, PluginFactoryFunction>;
+/// A built-in type.
+struct BuiltinType {
+    PluginFactoryFunction factory;
+    std::string declaration; // Empty: none.
+};
+using Registry = std::map<std::string, BuiltinType>;
 
 // Static objects of other source files register before main, in any order, so the map is made on first use.
 // It is never destroyed, since plugins may be made as late as that.
@@ -33,15 +38,14 @@ Registry& BuiltinRegistry() {
     return *registry;
 }
 
-/// A module whose version has been found to fit.
+/// A module whose version has been found to fit. Errors name it by `path`, as the configuration does; the code
+/// comes from `file`.
 class PluginModule {
 public:
-    explicit PluginModule(const std::string& path) : path_(path), module_(path) {
+    PluginModule(const std::string& path, const std::string& file) : path_(path), module_(file) {
         const auto* version = static_cast<const uint16_t*>(module_.FindSymPtr(kDefinitionSymbol));
-        CalvaneEnv::AssertVersionCompatible(path, version[0], version[1], version[2]);
+        AssertModuleVersionCompatible(path, version[0], version[1], version[2]);
     }
-
-    const std::string& GetPath() const { return path_; }
 
     PipelinePlugin* Create(const std::string& type, CalvaneEnv* env,
                            const IPluginConfiguration& config) const {
@@ -71,7 +75,7 @@ private:
     const osa::Module module_;
 };
 
-/// Modules by their real file.
+/// Modules by their path as the configuration gave it.
 using ModuleCollection = std::map<std::string, std::unique_ptr<PluginModule>>;
 
 // Keeps a module until the process ends.
@@ -93,8 +97,8 @@ public:
 
     ~PluginManagerImpl() {
         env_.reset();
-        for (auto& [file, module] : modules_) {
-            Unload(file, std::move(module));
+        for (auto& [path, module] : modules_) {
+            Unload(path, std::move(module));
         }
     }
 
@@ -119,7 +123,7 @@ private:
         if (found == BuiltinRegistry().end()) {
             throw osa::Exception("No registered plugin with type " + type);
         }
-        PluginReference plugin(found->second(env_.get(), config));
+        PluginReference plugin(found->second.factory(env_.get(), config));
         if (!plugin) {
             return nullptr;
         }
@@ -130,30 +134,27 @@ private:
 
     PipelinePlugin* CreateFromModule(const std::string& module, const std::string& type,
                                      const std::string& name, const IPluginConfiguration& config) {
-        const auto& [file, loaded] = LoadModule(module);
-        PluginReference plugin(loaded->Create(type, env_.get(), config));
-        logger_->Debug("Successfully created %s plugin from module %s: \"%s\".", type.c_str(),
-                       loaded->GetPath().c_str(), name.c_str());
-        instances_->Register(name, file, *plugin, env_);
+        PluginReference plugin(LoadModule(module).Create(type, env_.get(), config));
+        logger_->Debug("Successfully created %s plugin from module %s: \"%s\".", type.c_str(), module.c_str(),
+                       name.c_str());
+        instances_->Register(name, module, *plugin, env_);
         return plugin.release();
     }
 
-    // Links and other ways to name the same file lead to one module.
-    const ModuleCollection::value_type& LoadModule(const std::string& module) {
-        const std::string path = FindModule(module);
-        const std::string file = std::filesystem::canonical(path).string();
-        auto found = modules_.find(file);
+    const PluginModule& LoadModule(const std::string& module) {
+        auto found = modules_.find(module);
         if (found == modules_.end()) {
-            logger_->Debug("Loading module %s", path.c_str());
-            found = modules_.emplace(file, std::make_unique<PluginModule>(path)).first;
+            logger_->Debug("Loading module %s", module.c_str());
+            const std::string file = FindModule(module);
+            logger_->Debug("Module %s is the file %s", module.c_str(), file.c_str());
+            found = modules_.emplace(module, std::make_unique<PluginModule>(module, file)).first;
         }
-        return *found;
+        return *found->second;
     }
 
-    void Unload(const std::string& file, std::unique_ptr<PluginModule> module) const {
+    void Unload(const std::string& path, std::unique_ptr<PluginModule> module) const {
         core::Logger* const logger = core::Logger::GetLogger(kLoggerName);
-        const std::string path = module->GetPath();
-        const std::string user = instances_->FindUser(file);
+        const std::string user = instances_->FindUser(path);
         if (!user.empty()) {
             logger->Warning("Module %s stays loaded: plugin %s is still in use", path.c_str(), user.c_str());
             KeepLoaded(std::move(module));
@@ -168,10 +169,10 @@ private:
     const std::shared_ptr<PluginInstances> instances_;
 };
 
-PluginManager::PluginManager() : impl_(std::make_unique<PluginManagerImpl>(std::make_shared<CalvaneEnv>())) {}
+PluginManager::PluginManager() : impl_(std::make_unique<PluginManagerImpl>(MakeEnvironment())) {}
 
 PluginManager::PluginManager(IPipelineReporter* reporter, bool ownsReporter)
-    : impl_(std::make_unique<PluginManagerImpl>(std::make_shared<CalvaneEnv>(reporter, ownsReporter))) {}
+    : impl_(std::make_unique<PluginManagerImpl>(MakeEnvironment(reporter, ownsReporter))) {}
 
 PluginManager::~PluginManager() = default;
 
@@ -195,7 +196,12 @@ std::string PluginManager::GeneratePluginNameForType(const std::string& type) {
 }
 
 void PluginManager::RegisterPlugin(const std::string& type, PluginFactoryFunction factory) {
-    BuiltinRegistry()[type] = factory;
+    RegisterPlugin(type, factory, "");
+}
+
+void PluginManager::RegisterPlugin(const std::string& type, PluginFactoryFunction factory,
+                                   const std::string& declaration) {
+    BuiltinRegistry()[type] = {factory, declaration};
 }
 
 std::vector<std::string> PluginManager::GetBuiltinTypes() {
@@ -206,9 +212,24 @@ std::vector<std::string> PluginManager::GetBuiltinTypes() {
     return types;
 }
 
+std::map<std::string, std::string> PluginManager::GetBuiltinDeclarations() {
+    std::map<std::string, std::string> declarations;
+    for (const auto& [type, builtin] : BuiltinRegistry()) {
+        if (!builtin.declaration.empty()) {
+            declarations.emplace(type, builtin.declaration);
+        }
+    }
+    return declarations;
+}
+
 PluginManager::PluginAutoRegister::PluginAutoRegister(const std::string& type,
                                                       PluginFactoryFunction factory) {
     RegisterPlugin(type, factory);
+}
+
+PluginManager::PluginAutoRegister::PluginAutoRegister(const std::string& type, PluginFactoryFunction factory,
+                                                      const std::string& declaration) {
+    RegisterPlugin(type, factory, declaration);
 }
 
 } // namespace quarn::calvane

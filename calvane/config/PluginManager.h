@@ -1,5 +1,6 @@
 #pragma once
 
+#include <map>
 #include <memory>
 #include <string>
 #include <vector>
@@ -16,8 +17,8 @@ class IPipelineReporter;
 using PluginFactoryFunction = PipelinePlugin* (*)(CalvaneEnv* env, const IPluginConfiguration& config);
 
 /// The factory of plugins: of built-in types, which register themselves before main, and of types that
-/// modules export. It gives out one instance per name and loads every module once, however it is named.
-/// FindModule says where a module lies; errors and log lines name the path that it found first.
+/// modules export. It gives out one instance per name and loads every module once. A module is known by its
+/// path as the configuration gives it, in errors too; FindModule says which file that is.
 ///
 /// Threads:   CreatePlugin and LoadBuiltinPlugin from one thread at a time; plugins may be released on any.
 /// Ownership: the caller owns one reference of every plugin. The manager owns none: a plugin that is gone is
@@ -50,13 +51,20 @@ public:
 
     /// Enters the factory of a built-in type, or replaces it. Before main, or while no manager is in use.
     static void RegisterPlugin(const std::string& type, PluginFactoryFunction factory);
+    /// `declaration`: what the type declares, in the form that PluginDeclaration describes.
+    static void RegisterPlugin(const std::string& type, PluginFactoryFunction factory,
+                               const std::string& declaration);
     /// The names of all built-in types in ascending order.
     static std::vector<std::string> GetBuiltinTypes();
+    /// The texts of the declarations of built-in types, by type.
+    static std::map<std::string, std::string> GetBuiltinDeclarations();
 
     /// Registers a built-in type from a static object of the plugin's own source file.
     class CALVANE_API PluginAutoRegister {
     public:
         PluginAutoRegister(const std::string& type, PluginFactoryFunction factory);
+        PluginAutoRegister(const std::string& type, PluginFactoryFunction factory,
+                           const std::string& declaration);
     };
 
 private:

@@ -2,8 +2,9 @@
 
 #include <utility>
 
-#include "calvane/config/IPluginConfiguration.h"
+#include "calvane/graph/IPluginConfiguration.h"
 #include "calvane/graph/SettingException.h"
+#include "calvane/graph/internal/RunningPlugin.h"
 #include "quarn/core/Logger.h"
 #include "quarn/core/StringBuilder.h"
 #include "quarn/core/StringUtil.h"
@@ -53,6 +54,7 @@ public:
     IDrainHandler* drainHandler = nullptr;
     IQueueStatisticsHandler* queueStatisticsHandler = nullptr;
     std::vector<std::string> outputNames;
+    PluginThreading threading = PluginThreading::One;
     osa::InterlockedObj refLock;
     int refCount = 1;
 };
@@ -79,7 +81,11 @@ Sink* PipelinePlugin::GetSink(const std::string& name) {
                         name.c_str());
         return nullptr;
     }
-    return impl_->getSinkHandler->OnGetSink(name);
+    Sink* const sink = impl_->getSinkHandler->OnGetSink(name);
+    if (sink != nullptr) {
+        sink->SetOwner(impl_->logger->GetName().c_str());
+    }
+    return sink;
 }
 
 void PipelinePlugin::ConnectToSink(Sink* sink) {
@@ -107,13 +113,24 @@ bool PipelinePlugin::GenerateBuffer(osa::TimeStruct& next) {
         logger->Warning("IGenerateBufferHandler not implemented!");
         return false;
     }
-    return impl_->generateBufferHandler->OnGenerateBuffer(next);
+    const char* const before = RunningPlugin::Enter(impl_->logger->GetName().c_str());
+    const bool goesOn = impl_->generateBufferHandler->OnGenerateBuffer(next);
+    RunningPlugin::Leave(before);
+    return goesOn;
 }
 
 void PipelinePlugin::Drain() {
     if (impl_->drainHandler != nullptr) {
         impl_->drainHandler->OnDrain();
     }
+}
+
+PluginThreading PipelinePlugin::GetThreading() const {
+    return impl_->threading;
+}
+
+void PipelinePlugin::SetThreading(PluginThreading threading) {
+    impl_->threading = threading;
 }
 
 bool PipelinePlugin::GetQueueStatistics(QueueStatistics& statistics) const {

@@ -5,6 +5,7 @@
 #include <vector>
 
 #include "calvane/Export.h"
+#include "calvane/graph/PluginThreading.h"
 #include "calvane/graph/QueueStatistics.h"
 #include "calvane/graph/Sink.h"
 #include "quarn/osa/TimeStruct.h"
@@ -104,6 +105,9 @@ public:
     /// keep nothing return at once. Any thread but the plugin's own.
     void Drain();
 
+    /// How many threads may call the plugin: one, unless the plugin says otherwise.
+    PluginThreading GetThreading() const;
+
     /// Returns false and leaves `statistics` alone when the plugin has no queue. Any thread.
     bool GetQueueStatistics(QueueStatistics& statistics) const;
 
@@ -112,6 +116,8 @@ public:
     void SetGetSinkHandler(IGetSinkHandler* handler);
     void SetDrainHandler(IDrainHandler* handler);
     void SetQueueStatisticsHandler(IQueueStatisticsHandler* handler);
+    /// In the constructor. Loading refuses a description in which more threads call the plugin than it allows.
+    void SetThreading(PluginThreading threading);
     /// Lets others know of an output. The base classes beside this one do so themselves; it connects nothing.
     void DeclareOutput(const std::string& name);
 
@@ -121,6 +127,7 @@ public:
     [[noreturn]] void ErrorInSetting(const std::string& key, const std::string& message) const;
 
     void IncRefCount();
+    bool HasNoMoreReferencesThan(int count) const;
     /// Gives one reference back and deletes the plugin with the last one. Null is ignored.
     static void Destroy(PipelinePlugin* plugin);
 
@@ -128,7 +135,6 @@ public:
 
 private:
     friend class PluginInstances;
-    friend class PipelineLoader;
     class PipelinePluginImpl;
 
     /// Something that is deleted when the plugin is disposed of.
@@ -139,8 +145,6 @@ private:
     void Attach(std::unique_ptr<IAttachment> attachment);
     /// Adds a reference unless the last one has been given back.
     bool IncRefCountIfAlive();
-    bool HasNoMoreReferencesThan(int count) const;
-
     std::unique_ptr<PipelinePluginImpl> impl_;
 
 protected:

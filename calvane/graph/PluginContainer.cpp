@@ -1,5 +1,7 @@
 #include "calvane/graph/PluginContainer.h"
 
+#include "calvane/graph/internal/RunningPlugin.h"
+#include "quarn/core/Logger.h"
 #include "quarn/osa/Exception.h"
 
 namespace quarn::calvane {
@@ -48,7 +50,10 @@ void PluginContainer::AddPlugin(PipelinePlugin* plugin) {
 void PluginContainer::PipelinesConstructed() {
     for (PipelinePlugin* plugin : impl_->plugins) {
         if (plugin != nullptr) {
+            const char* const before =
+                RunningPlugin::Enter(core::Logger::GetLogger(plugin->GetName())->GetName().c_str());
             plugin->PipelinesConstructed();
+            RunningPlugin::Leave(before);
         }
     }
 }

@@ -1,5 +1,6 @@
 #include "calvane/graph/Sink.h"
 
+#include "calvane/graph/internal/RunningPlugin.h"
 #include "quarn/core/Logger.h"
 #include "quarn/osa/Exception.h"
 
@@ -11,6 +12,7 @@ public:
 
     IBufferHandler* const bufferHandler;
     IFormatHandler* formatHandler = nullptr;
+    const char* owner = nullptr;
     BufferFormat format;
 };
 
@@ -27,7 +29,9 @@ void Sink::SetFormatHandler(IFormatHandler* handler) {
 
 void Sink::PushBuffer(Buffer* buffer) const {
     if (impl_->bufferHandler != nullptr) {
+        const char* const before = RunningPlugin::Enter(impl_->owner);
         impl_->bufferHandler->OnBuffer(this, buffer);
+        RunningPlugin::Leave(before);
         return;
     }
     const std::unique_ptr<Buffer> unwanted(buffer);
@@ -37,6 +41,12 @@ void Sink::PushBuffer(Buffer* buffer) const {
 void Sink::PushFormat(const BufferFormat& format) const {
     if (impl_->formatHandler != nullptr) {
         impl_->formatHandler->OnNewFormat(this, format);
+    }
+}
+
+void Sink::SetOwner(const char* plugin) {
+    if (impl_->owner == nullptr) {
+        impl_->owner = plugin;
     }
 }
 

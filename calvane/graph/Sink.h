@@ -44,6 +44,10 @@ public:
     void PushBuffer(Buffer* buffer) const;
     void PushFormat(const BufferFormat& format) const;
 
+    /// Failures of the buffer handler are attributed to the plugin of this name from now on. The first call
+    /// counts. `plugin` lives as long as the process, as the name of a logger does.
+    void SetOwner(const char* plugin);
+
     /// The format that this sink requires of its sources; empty (anything goes) at first.
     const BufferFormat& GetFormat() const;
     void SetFormat(const BufferFormat& format);

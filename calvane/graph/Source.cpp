@@ -61,7 +61,7 @@ void Source::PushBuffer(Buffer* buffer) {
     }
     const auto last = impl_->sinks.end() - 1;
     for (auto sink = impl_->sinks.begin(); sink != last; ++sink) {
-        (*sink)->PushBuffer(owned->Duplicate());
+        (*sink)->PushBuffer(owned ? owned->Duplicate() : nullptr);
     }
     (*last)->PushBuffer(owned.release());
 }

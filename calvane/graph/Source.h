@@ -31,7 +31,8 @@ public:
     bool Disconnect(const Sink* sink);
 
     /// Takes over `buffer`, also when it throws. The last sink gets the buffer itself; those before it get
-    /// duplicates, which are read-only while another one lives. Without sinks it is deleted.
+    /// duplicates, which are read-only while another one lives. Without sinks it is deleted. Null reaches
+    /// every sink as null.
     void PushBuffer(Buffer* buffer);
 
     /// Announces `newFormat` to every sink and adopts it. When one refuses it ("Incompatible formats", or

@@ -30,7 +30,34 @@ PipelinePlugin* CreateFileSink(CalvaneEnv*, const IPluginConfiguration& config) 
     return new FileSink(config);
 }
 
-const PluginManager::PluginAutoRegister kRegistration("FileSink", &CreateFileSink);
+const PluginManager::PluginAutoRegister kRegistration("FileSink", &CreateFileSink, R"(
+[plugin]
+summary = Writes the bytes of every buffer to one file, one behind the other
+inputs = default
+
+[setting filename]
+kind = path
+required = yes
+summary = the file to write; its folder must exist
+
+[setting openmode]
+kind = choice
+choices = truncate, append
+default = truncate
+summary = whether an existing file is emptied or continued
+
+[setting start.count]
+kind = integer
+default = 0
+range = -2147483648 to 2147483647
+summary = write only buffers behind this number, counted from 1; see end.count
+
+[setting end.count]
+kind = integer
+default = 0
+range = -2147483648 to 2147483647
+summary = write only buffers before this number; equal to start.count: write all
+)");
 
 } // namespace
 

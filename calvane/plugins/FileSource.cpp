@@ -30,7 +30,44 @@ PipelinePlugin* CreateFileSource(CalvaneEnv* env, const IPluginConfiguration& co
     return new FileSource(env, config);
 }
 
-const PluginManager::PluginAutoRegister kRegistration("FileSource", &CreateFileSource);
+const PluginManager::PluginAutoRegister kRegistration("FileSource", &CreateFileSource, R"(
+[plugin]
+summary = Reads a file in blocks and pushes each as one buffer
+outputs = -
+generates = yes
+limit = buffer.blocksize.bytes / 64 * buffer.maxcount <= 67108863, The memory of all buffers must stay below 4 GiB
+
+[setting filename]
+kind = path
+required = yes
+summary = the file to read; it is opened when the plugin is made
+
+[setting loop]
+kind = flag
+default = 0
+summary = start again at the end of the file
+
+[setting buffer.blocksize.bytes]
+kind = integer
+unit = bytes
+default = 1024
+range = 1 to 2147483647
+summary = size of one block; the last one before the end may be shorter
+
+[setting buffer.total]
+kind = integer
+unit = buffers
+default = -1
+range = -2147483648 to 2147483647
+summary = how many blocks to read; below 0: no limit
+
+[setting buffer.maxcount]
+kind = integer
+unit = buffers
+default = 5
+range = 1 to 2147483647
+summary = how many buffers may be on their way at once
+)");
 
 } // namespace
 

@@ -9,6 +9,7 @@
 namespace quarn::calvane {
 
 FormatFilterPlugin::FormatFilterPlugin(const IPluginConfiguration& config) : BasicFilterPlugin(config) {
+    SetThreading(PluginThreading::Any);
     std::vector<std::string> keys;
     config.GetKeys(keys);
     BufferFormat format;

@@ -11,13 +11,21 @@ PipelinePlugin* CreateIdentityPlugin(CalvaneEnv*, const IPluginConfiguration& co
     return new IdentityPlugin(config);
 }
 
-const PluginManager::PluginAutoRegister kRegistration("IdentityPlugin", &CreateIdentityPlugin);
+const PluginManager::PluginAutoRegister kRegistration("IdentityPlugin", &CreateIdentityPlugin, R"(
+[plugin]
+summary = Hands every buffer on as it is
+inputs = default
+outputs = -
+threads = any
+)");
 
 } // namespace
 
 IdentityPlugin::IdentityPlugin() : IdentityPlugin(DefaultPluginConfiguration("IdentityPlugin")) {}
 
-IdentityPlugin::IdentityPlugin(const IPluginConfiguration& config) : BasicFilterPlugin(config) {}
+IdentityPlugin::IdentityPlugin(const IPluginConfiguration& config) : BasicFilterPlugin(config) {
+    SetThreading(PluginThreading::Any);
+}
 
 IdentityPlugin::~IdentityPlugin() = default;
 

@@ -16,7 +16,20 @@ PipelinePlugin* CreateOverwriteFileSink(CalvaneEnv*, const IPluginConfiguration&
     return new OverwriteFileSink(config);
 }
 
-const PluginManager::PluginAutoRegister kRegistration("OverwriteFileSink", &CreateOverwriteFileSink);
+const PluginManager::PluginAutoRegister kRegistration("OverwriteFileSink", &CreateOverwriteFileSink, R"(
+[plugin]
+summary = Keeps a file that always holds exactly the latest buffer
+inputs = default
+
+[setting filename]
+kind = path
+required = yes
+summary = the file to replace
+
+[setting temp.filename]
+kind = path
+summary = the file written first, on the same file system; empty: filename with .tmp behind it
+)");
 
 } // namespace
 

@@ -29,6 +29,18 @@ signed char ReadPriority(const IPluginConfiguration& config) {
     return static_cast<signed char>(priority);
 }
 
+// A length that 16 bits do not hold is cut down to them, which hardly anybody means.
+unsigned short ReadLength(const IPluginConfiguration& config) {
+    const int length = config.GetIntOrDefault("queue.length", 500);
+    const auto bound = static_cast<unsigned short>(length);
+    if (bound != length || bound == 0) {
+        core::Logger::GetLogger(config.GetPluginName())
+            ->Warning("queue.length = %d is outside of 1 to 65535: %u buffers fit", length,
+                      static_cast<unsigned int>(bound));
+    }
+    return bound;
+}
+
 /// Holds the gate of a queue open for its holder alone.
 class GateHolder {
 public:
@@ -49,13 +61,51 @@ PipelinePlugin* CreateQueuePlugin(CalvaneEnv* env, const IPluginConfiguration& c
     return new QueuePlugin(env, config);
 }
 
-const PluginManager::PluginAutoRegister kRegistration("QueuePlugin", &CreateQueuePlugin);
+const PluginManager::PluginAutoRegister kRegistration("QueuePlugin", &CreateQueuePlugin, R"(
+[plugin]
+summary = Moves what follows it onto a thread of its own, behind a bounded queue
+inputs = default
+outputs = -
+threads = own
+
+[setting queue.length]
+kind = integer
+unit = buffers
+default = 500
+range = 1 to 65535
+summary = how many buffers fit
+
+[setting thread.stack.bytes]
+kind = integer
+unit = bytes
+default = 2048
+range = 0 to 2147483647
+summary = stack of its thread
+
+[setting thread.priority]
+kind = integer
+default = 0
+range = -119 to 20
+summary = priority of its thread
+
+[setting procmon.timeout.seconds]
+kind = integer
+unit = seconds
+default = 0
+range = -2147483648 to 2147483647
+summary = anything but 0: the watchdog, whose period is its own, watches the thread
+
+[setting allow.drop.on.write]
+kind = flag
+default = 0
+summary = drop buffers that do not fit instead of failing
+)");
 
 } // namespace
 
 QueuePlugin::QueuePlugin(CalvaneEnv* env, const IPluginConfiguration& config)
     : BasicFilterPlugin(config), env_(env) {
-    const auto queueLength = static_cast<unsigned short>(config.GetIntOrDefault("queue.length", 500));
+    const unsigned short queueLength = ReadLength(config);
     const auto stackBytes =
         static_cast<unsigned int>(std::max(config.GetIntOrDefault("thread.stack.bytes", 2048), 0));
     const signed char priority = ReadPriority(config);
@@ -65,6 +115,7 @@ QueuePlugin::QueuePlugin(CalvaneEnv* env, const IPluginConfiguration& config)
         std::make_shared<QueueConsumer>(config.GetPluginName(), queueLength, watched, logger,
                                         env != nullptr ? env->GetPipelineReporter() : nullptr, source);
     thread_ = std::make_unique<osa::Thread>(consumer_->GetName(), this, stackBytes, priority);
+    SetThreading(PluginThreading::Own);
     SetDrainHandler(this);
     SetQueueStatisticsHandler(this);
     logger->Debug("Created QueuePlugin");
@@ -104,16 +155,23 @@ void QueuePlugin::OnBuffer(const Sink*, Buffer* buffer) {
     bool periodEnded = false;
     try {
         Enqueue(owned, periodEnded);
+    } catch (const std::exception& error) {
+        OnRefused(std::move(owned), error.what());
     } catch (...) {
-        owned.reset();
-        ++droppedEver_;
-        if (!allowDrop_) {
-            Error("Receiving thread is not running");
-        }
-        firstAfterGap_ = true;
-        ++dropped_;
+        OnRefused(std::move(owned), "Unknown exception");
     }
     CheckDropStats(periodEnded);
+}
+
+void QueuePlugin::OnRefused(std::unique_ptr<Buffer> buffer, const char* reason) {
+    buffer.reset();
+    ++droppedEver_;
+    logger->Debug("A buffer is refused: %s", reason);
+    if (!allowDrop_) {
+        Error("Receiving thread is not running");
+    }
+    firstAfterGap_ = true;
+    ++dropped_;
 }
 
 void QueuePlugin::Run() {

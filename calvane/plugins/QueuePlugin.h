@@ -20,7 +20,7 @@ class QueueConsumer;
 
 /// Moves the rest of a pipeline onto a thread of its own, behind a bounded queue.
 ///
-/// Settings: "queue.length" (500; modulo 65536) buffers that fit; "thread.stack.bytes" (2048);
+/// Settings: "queue.length" (500; 1 to 65535, others modulo 65536 with a warning) buffers that fit; "thread.stack.bytes" (2048);
 ///           "thread.priority" (0; -119 to 20); "procmon.timeout.seconds" (0; anything else puts the thread
 ///           under the watchdog, whose period is its own); "allow.drop.on.write" (0; anything else drops a
 ///           buffer that does not fit instead of failing).
@@ -30,7 +30,7 @@ class QueueConsumer;
 /// Errors:    a buffer that does not fit, or that comes when the thread has ended, is deleted. If drops are
 ///            allowed it is counted, the next one that fits carries the metadata "FirstAfterGap" = 1, and
 ///            every 100 buffers a line tells the number; otherwise OnBuffer throws "NAME: Receiving thread is
-///            not running". A failure downstream is reported and ends the thread; the queue is emptied.
+///            not running". A debug line has the reason. A failure downstream is reported and ends the thread; the queue is emptied.
 /// Lifetime:  the thread runs from construction to destruction, which first lets it push what is queued. If
 ///            the queue is full at that time, there is no room to say stop: its buffers are deleted and the
 ///            thread is left to end by itself. Destruction then waits for up to 2 s for a push under way and
@@ -53,6 +53,7 @@ public:
 private:
     void OnDrain() override;
     QueueStatistics OnGetQueueStatistics() const override;
+    void OnRefused(std::unique_ptr<Buffer> buffer, const char* reason);
     void Enqueue(std::unique_ptr<Buffer>& buffer, bool& periodEnded);
     void CheckDropStats(bool periodEnded);
 

@@ -36,7 +36,23 @@ PipelinePlugin* CreateStatsCollectorPlugin(CalvaneEnv*, const IPluginConfigurati
     return new StatsCollectorPlugin(config);
 }
 
-const PluginManager::PluginAutoRegister kRegistration("StatsCollectorPlugin", &CreateStatsCollectorPlugin);
+const PluginManager::PluginAutoRegister kRegistration("StatsCollectorPlugin", &CreateStatsCollectorPlugin, R"(
+[plugin]
+summary = Measures number, rate, sizes and delays of the buffers that pass, and logs them
+inputs = default
+outputs = -
+
+[setting dump.modulo]
+kind = integer
+unit = buffers
+default = 0
+range = -2147483648 to 2147483647
+summary = how many buffers lie between two entries in the log; 0: only one, in the end
+
+[setting filter.*]
+kind = integer
+summary = also count the buffers whose integer metadata of the name behind the dot has this value by themselves
+)");
 
 } // namespace
 

@@ -4,12 +4,12 @@
 #include <list>
 #include <map>
 
+#include "calvane/config/internal/Environment.h"
+#include "calvane/config/internal/ModuleVersion.h"
 #include "calvane/runtime/DefaultPipelineReporter.h"
 #include "calvane/runtime/MonitorThread.h"
 #include "quarn/core/ContigMemAllocator.h"
-#include "quarn/core/Logger.h"
 #include "quarn/core/StandardHeapAllocator.h"
-#include "quarn/core/StringBuilder.h"
 #include "quarn/memory/ContigMemAlloc.h"
 #include "quarn/msgbus/MsgBus.h"
 #include "quarn/osa/Exception.h"
@@ -70,18 +70,7 @@ CalvaneEnv::~CalvaneEnv() = default;
 
 void CalvaneEnv::AssertVersionCompatible(const std::string& name, unsigned short major, unsigned short minor,
                                          unsigned short patch) {
-    core::StringBuilder version;
-    version << static_cast<unsigned int>(major) << '.' << static_cast<unsigned int>(minor) << '.'
-            << static_cast<unsigned int>(patch);
-    if (major != kVersionMajor || minor > kVersionMinor) {
-        throw osa::Exception(name + " expects version " + version.ToString() +
-                             " of calvane, which is incompatible with the current version of " + kVersion);
-    }
-    if (minor == kVersionMinor && patch > kVersionPatch) {
-        core::Logger::GetLogger("calvane")->Information(
-            "%s was built against version %s of calvane, which is newer than the current version of %s",
-            name.c_str(), version.ToString().c_str(), kVersion);
-    }
+    AssertModuleVersionCompatible(name, major, minor, patch);
 }
 
 core::IMemoryAllocator* CalvaneEnv::GetDefaultAllocator(int props) {
@@ -142,6 +131,14 @@ CalvaneEnv::PluginComm* CalvaneEnv::GetCommObject(const std::string& name) {
     const osa::MutexAutoLock lock(impl_->lock);
     const auto found = impl_->commObjects.find(name);
     return found != impl_->commObjects.end() ? found->second : nullptr;
+}
+
+std::shared_ptr<CalvaneEnv> MakeEnvironment() {
+    return std::make_shared<CalvaneEnv>();
+}
+
+std::shared_ptr<CalvaneEnv> MakeEnvironment(IPipelineReporter* reporter, bool ownsReporter) {
+    return std::make_shared<CalvaneEnv>(reporter, ownsReporter);
 }
 
 } // namespace quarn::calvane

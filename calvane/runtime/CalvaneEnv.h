@@ -4,6 +4,7 @@
 #include <string>
 
 #include "calvane/Export.h"
+#include "calvane/Version.h"
 
 namespace quarn::core {
 class IMemoryAllocator;
@@ -18,12 +19,6 @@ class QuarnSettingsClient;
 namespace quarn::calvane {
 
 class IPipelineReporter;
-
-/// The version of the framework: modules are built against it and checked against it when they are loaded.
-inline constexpr unsigned short kVersionMajor = 1;
-inline constexpr unsigned short kVersionMinor = 3;
-inline constexpr unsigned short kVersionPatch = 0;
-inline constexpr char kVersion[] = "1.3.0";
 
 /// What the plugins of one plugin manager share: allocators, the reporter of failures, the settings client,
 /// one message bus, objects by which plugins find each other, and entries of the watchdog.

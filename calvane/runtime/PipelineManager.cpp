@@ -5,16 +5,17 @@
 #include <list>
 #include <set>
 
+#include "calvane/config/Description.h"
 #include "calvane/config/DescriptionKeys.h"
 #include "calvane/config/PipelineLoader.h"
 #include "calvane/config/PluginManager.h"
-#include "calvane/config/internal/ConnectionTaps.h"
+#include "calvane/config/internal/LoadRecord.h"
 #include "calvane/graph/SettingException.h"
+#include "calvane/graph/internal/RunningPlugin.h"
 #include "calvane/runtime/IPipelineReporter.h"
 #include "calvane/runtime/internal/PipelineRunner.h"
 #include "quarn/core/IniFile.h"
 #include "quarn/core/Logger.h"
-#include "quarn/core/StringUtil.h"
 #include "quarn/osa/Exception.h"
 #include "quarn/osa/MutexAutoLock.h"
 
@@ -32,7 +33,8 @@ public:
         const osa::MutexAutoLock lock(lock_);
         const std::string text = pipelineName + " shut down with fatal error: " + message;
         logger_->Error("Initiating shutdown: %s", text.c_str());
-        failures_.push_back(text);
+        const char* const plugin = RunningPlugin::Get();
+        failures_.push_back({text, plugin != nullptr ? plugin : ""});
         StopUnlocked();
     }
 
@@ -50,17 +52,21 @@ public:
         }
     }
 
-    void AddConnectionTap(IConnectionTap* tap) { taps_.Add(tap); }
+    void AddConnectionTap(IConnectionTap* tap) { record_.taps.Add(tap); }
 
     void ConfigureFromIniFile(const core::IniFile& ini) {
-        const std::vector<std::string> names = ReadPipelineNames(ini);
+        const Description description(ini);
+        record_.place = {keys::kFrameworkGroup, keys::kPipelines};
+        record_.detail.clear();
+        RefuseRepeatedNames(description);
+        const std::vector<std::string>& names = description.GetPipelineNames();
         logger_->Debug("Loading %u pipelines", static_cast<unsigned int>(names.size()));
         DropRemainsOfFailedLoad(names);
-        PipelineLoader loader(factory_, &taps_);
+        PipelineLoader loader(factory_, &record_);
         const size_t before = pipelines_.size();
         try {
             for (const std::string& name : names) {
-                pipelines_.push_back(std::make_unique<PipelineHead>(name, this, loader, ini));
+                pipelines_.push_back(MakeHead(name, loader, description));
             }
         } catch (...) {
             for (auto head = std::next(pipelines_.begin(), static_cast<std::ptrdiff_t>(before));
@@ -72,10 +78,23 @@ public:
     }
 
     void PipelinesConstructed() {
-        for (const auto& head : pipelines_) {
-            head->PipelinesConstructed();
+        record_.place = {};
+        record_.detail.clear();
+        try {
+            for (const auto& head : pipelines_) {
+                head->PipelinesConstructed();
+            }
+        } catch (...) {
+            if (const char* const plugin = RunningPlugin::Get()) {
+                record_.place.group = plugin;
+                RunningPlugin::Leave(nullptr);
+            }
+            throw;
         }
     }
+
+    LoadFailure GetLoadFailure() const { return {record_.place, record_.detail}; }
+    std::vector<DescriptionPlace> GetUnusedSettings() const { return record_.unusedSettings; }
 
     void Start() {
         const osa::MutexAutoLock lock(lock_);
@@ -103,7 +122,7 @@ public:
         // Threads of plugins may still report.
         const osa::MutexAutoLock lock(lock_);
         if (!failures_.empty()) {
-            throw osa::Exception(failures_.front());
+            throw osa::Exception(failures_.front().text);
         }
     }
 
@@ -126,6 +145,11 @@ public:
         return all;
     }
 
+    std::vector<PipelineFailure> GetFailures() const {
+        const osa::MutexAutoLock lock(lock_);
+        return {failures_.begin(), failures_.end()};
+    }
+
     std::vector<QueueStatus> GetQueueStatus() const {
         std::vector<QueueStatus> queues;
         std::set<const PipelinePlugin*> seen;
@@ -142,23 +166,31 @@ public:
     }
 
 private:
-    static std::vector<std::string> ReadPipelineNames(const core::IniFile& ini) {
-        if (!ini.HasValue(keys::kFrameworkGroup, keys::kPipelines)) {
+    // Twice the same would be two threads in one generator.
+    static void RefuseRepeatedNames(const Description& description) {
+        if (!description.GetIni().HasValue(keys::kFrameworkGroup, keys::kPipelines)) {
             throw SettingException(keys::kFrameworkGroup, keys::kPipelines,
                                    std::string("Missing ") + keys::kPipelines + " setting in " +
                                        keys::kFrameworkGroup + " group");
         }
-        std::vector<std::string> names =
-            core::StringUtil::Split(ini.GetValue(keys::kFrameworkGroup, keys::kPipelines), ',');
-        // Twice the same would be two threads in one generator.
         std::set<std::string> seen;
-        for (const std::string& name : names) {
+        for (const std::string& name : description.GetPipelineNames()) {
             if (!seen.insert(name).second) {
                 throw SettingException(keys::kFrameworkGroup, keys::kPipelines,
                                        "Pipeline " + name + " is named twice");
             }
         }
-        return names;
+    }
+
+    std::unique_ptr<PipelineHead> MakeHead(const std::string& name, PipelineLoader& loader,
+                                           const Description& description) {
+        try {
+            return std::make_unique<PipelineHead>(name, this, loader, description);
+        } catch (const SettingException& error) {
+            record_.place = {error.GetGroup(), error.GetKey()};
+            record_.threads.RemovePipeline(name);
+            throw;
+        }
     }
 
     void DropRemainsOfFailedLoad(const std::vector<std::string>& names) {
@@ -188,12 +220,12 @@ private:
     core::Logger* const logger_ = core::Logger::GetLogger("PipelineManager");
     IPluginFactory* const factory_;
     const bool ownsFactory_;
-    ConnectionTaps taps_;
+    LoadRecord record_;
     std::list<std::unique_ptr<PipelineHead>> pipelines_; // Changed only while loading, and at the end.
     std::set<std::string> remainsOfFailedLoad_;
 
-    osa::Mutex lock_;
-    std::list<std::string> failures_; // In the order reported, never cleared.
+    mutable osa::Mutex lock_;
+    std::list<PipelineFailure> failures_; // In the order reported, never cleared.
 };
 
 PipelineManager::PipelineManager() : impl_(std::make_unique<PipelineManagerImpl>()) {}
@@ -213,6 +245,14 @@ void PipelineManager::LoadFromIniFile(const core::IniFile& ini) {
 
 void PipelineManager::PipelinesConstructed() {
     impl_->PipelinesConstructed();
+}
+
+LoadFailure PipelineManager::GetLoadFailure() const {
+    return impl_->GetLoadFailure();
+}
+
+std::vector<DescriptionPlace> PipelineManager::GetUnusedSettings() const {
+    return impl_->GetUnusedSettings();
 }
 
 void PipelineManager::Start() {
@@ -241,6 +281,10 @@ bool PipelineManager::IsRunning() const {
 
 std::vector<PipelineStatus> PipelineManager::GetStatus() const {
     return impl_->GetStatus();
+}
+
+std::vector<PipelineFailure> PipelineManager::GetFailures() const {
+    return impl_->GetFailures();
 }
 
 std::vector<QueueStatus> PipelineManager::GetQueueStatus() const {

@@ -22,8 +22,9 @@ class IPluginFactory;
 ///
 /// Threads:   loading, PipelinesConstructed and Start from one thread. Stop, SignalShutdown, WaitForFinish,
 ///            IsRunning, GetStatus and ReportFailure from any, also at once, once loading is done.
-/// Errors:    SettingException and Exception for a bad description; Exception with the text of the first
-///            failure, every time, from WaitForFinish and Stop.
+/// Errors:    what the loader, the factory or a plugin throws for a bad description, see PipelineLoader;
+///            SettingException where several threads would call a plugin that allows one; Exception with the
+///            text of the first failure, every time, from WaitForFinish and Stop.
 /// Lifetime:  construct -> LoadFromIniFile (again for more) -> PipelinesConstructed -> Start -> WaitForFinish
 ///            or Stop -> destroy. Destruction stops what runs; what it finds wrong is logged.
 ///
@@ -47,6 +48,10 @@ public:
     /// be loaded. The file is not needed afterwards.
     void LoadFromIniFile(const core::IniFile& ini);
     void PipelinesConstructed();
+    /// After LoadFromIniFile or PipelinesConstructed has thrown.
+    LoadFailure GetLoadFailure() const;
+    /// The settings that no plugin has read, in the order in which the plugins were made.
+    std::vector<DescriptionPlace> GetUnusedSettings() const;
     void Start();
     /// SignalShutdown, then WaitForFinish.
     void Stop();
@@ -62,6 +67,8 @@ public:
     bool IsRunning() const;
     /// Every pipeline in the order loaded.
     std::vector<PipelineStatus> GetStatus() const;
+    /// Every failure so far, in the order reported.
+    std::vector<PipelineFailure> GetFailures() const;
     /// Every plugin that has a queue, once, in the order loaded.
     std::vector<QueueStatus> GetQueueStatus() const;
 

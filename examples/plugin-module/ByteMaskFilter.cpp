@@ -17,11 +17,11 @@ ByteMaskFilter::ByteMaskFilter(CalvaneEnv* env, const IPluginConfiguration& conf
     : BasicFilterPlugin(config), allocator_(env->GetDefaultAllocator(AllocatorProps::kAddressable)) {
     GetSink()->SetFormatHandler(this);
     const int value = config.GetIntOrDefault("value", 255);
+    const std::string operation = config.GetStringOrDefault("operation", "xor");
     if (value < 0 || value > 255) {
         ErrorInSetting("value", "value must be from 0 to 255, not " + std::to_string(value));
     }
     const auto byte = static_cast<unsigned char>(value);
-    const std::string operation = config.GetStringOrDefault("operation", "xor");
     if (operation == "xor") {
         turn_ = byte;
     } else if (operation == "and") {

@@ -3,3 +3,29 @@
 
 CALVANE_DEFINE_MODULE();
 CALVANE_EXPORT_PLUGIN(recording::, RecordingSink);
+CALVANE_DECLARE_PLUGIN(RecordingSink, R"(
+[plugin]
+summary = Records every buffer on a track of the device's recording
+inputs = default
+
+[setting track]
+kind = choice
+choices = video, audio, metadata
+required = yes
+summary = the track to record on
+
+[setting gap.timeout.ms]
+kind = integer
+unit = ms
+default = 500
+range = 1 to 1000
+summary = data counts as absent when no buffer came for so long
+
+[setting clock]
+kind = flag
+default = 0
+summary = take the time of all records from the clock instead of from the buffers
+
+[setting info.*]
+summary = a value for the track's info, before what the format of the buffers says
+)");

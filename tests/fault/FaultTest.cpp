@@ -98,7 +98,7 @@ TEST_F(FullDisk, FailsThePipelineWithAReason) {
         EXPECT_EQ(1, program.Wait());
         EXPECT_THAT(program.Err(), HasSubstr("No space left on device"));
         EXPECT_THAT(program.Err(),
-                    HasSubstr("calvane: " + (next == "queue" ? next : "p") +
+                    HasSubstr("d.ini:14: [writer] " + (next == "queue" ? next : "p") +
                               " shut down with fatal error: Failed to write file " + target + "\n"));
         unlink(target.c_str());
     }

@@ -39,34 +39,48 @@ const std::string kGood = CALVANE_TEST_MODULE_DIR "/GoodModule.so";
 
 } // namespace
 
-TEST_F(InspectionTest, TellsWhatEachTypeReadsTakesAndGives) {
+TEST_F(InspectionTest, ShowsWhatTypesDeclare) {
     const auto source = Plugins({"FileSource"});
-    EXPECT_EQ("loop buffer.blocksize.bytes buffer.total filename! buffer.maxcount ", Keys(source));
-    EXPECT_EQ(R"({"default":-1,"key":"buffer.total","kind":"integer","required":false})",
-              source["settings"][2].dump());
+    EXPECT_EQ("filename! loop buffer.blocksize.bytes buffer.total buffer.maxcount ", Keys(source));
+    EXPECT_EQ(
+        R"({"default":5,"key":"buffer.maxcount","kind":"integer","range":[1,2147483647],"required":false,)"
+        R"("summary":"how many buffers may be on their way at once","unit":"buffers"})",
+        source["settings"][4].dump());
     EXPECT_EQ("[] [\"\"]", source["inputs"].dump() + " " + source["outputs"].dump());
-    EXPECT_EQ("FileSource: You must provide a valid filename setting", source["failure"]);
-    const auto sink = Plugins({"FileSink"});
-    EXPECT_EQ("filename! openmode start.count end.count ", Keys(sink));
-    EXPECT_EQ("[\"default\"] []", sink["inputs"].dump() + " " + sink["outputs"].dump());
-    const auto statistics = Plugins({"StatsCollectorPlugin"});
-    EXPECT_TRUE(statistics["readsOtherSettings"]);
-    EXPECT_TRUE(statistics["failure"].is_null());
-
-    ASSERT_EQ(0, Calvane({"plugins", "QueuePlugin"}));
-    EXPECT_THAT(out, HasSubstr("inputs:   default\noutputs:  one without a name\nsettings:\n"
-                               "  queue.length             integer  500\n"));
+    ASSERT_EQ(0, Calvane({"plugins", "FileSink"}));
+    EXPECT_THAT(out, HasSubstr("inputs:   default\noutputs:  none\nthreads:  one may call it\nsettings:\n"
+                               "  filename     path     required"));
+    EXPECT_THAT(out, HasSubstr("  openmode     choice   truncate  truncate, append  whether "));
     EXPECT_EQ("", err);
     EXPECT_EQ(2, Calvane({"plugins", "QuePlugin"}));
     EXPECT_EQ("calvane: No registered plugin with type QuePlugin (did you mean \"QueuePlugin\"?)\n", err);
     EXPECT_TRUE(std::filesystem::is_empty(folder.Path()));
 }
 
-TEST_F(InspectionTest, TellsOfModules) {
+TEST_F(InspectionTest, ListsTheTypesOfAllModulesOnThePath) {
+    folder.Write("text.so", "no module");
+    std::filesystem::create_symlink(kGood, folder.Path("good.so"));
+    setenv("CALVANE_PLUGIN_PATH", folder.Path().c_str(), 1);
+    ASSERT_EQ(0, Calvane({"plugins"}));
+    EXPECT_THAT(out,
+                testing::StartsWith("Built into calvane 1.3.0:\n  FileSink              Writes the bytes "));
+    EXPECT_THAT(out, HasSubstr("\n" + folder.Path("good.so") +
+                               ", built against calvane 1.3.0:\n  Crasher               "
+                               "Ends the process\n  Invert\n"));
+    EXPECT_EQ("calvane: warning: Cannot load module " + folder.Path("text.so") + ": it is not an ELF file\n",
+              err);
+    const auto all = Plugins({});
+    EXPECT_EQ("Ends the process", all["modules"][0]["summaries"]["Crasher"]);
+    unsetenv("CALVANE_PLUGIN_PATH");
+}
+
+TEST_F(InspectionTest, MakesAPluginOfAModuleThatDeclaresNothing) {
     const auto module = Plugins({"--module", kGood});
-    EXPECT_EQ("1.3.0 [\"Invert\",\"Nothing\",\"Thrower\"]",
+    EXPECT_EQ("1.3.0 [\"Crasher\",\"Invert\",\"Nothing\",\"Thrower\"]",
               module["version"].get<std::string>() + " " + module["types"].dump());
-    EXPECT_EQ("mask ", Keys(Plugins({"Invert", "--module", kGood})));
+    const auto invert = Plugins({"Invert", "--module", kGood});
+    EXPECT_EQ("mask [\"default\"] [\"\"]",
+              Keys(invert) + invert["inputs"].dump() + " " + invert["outputs"].dump());
     const auto thrower = Plugins({"Thrower", "--module", kGood});
     EXPECT_EQ("setting ", Keys(thrower));
     EXPECT_TRUE(thrower["inputs"].is_null());
@@ -80,11 +94,13 @@ TEST_F(InspectionTest, TellsOfModules) {
 TEST_F(InspectionTest, DrawsThreadsAndConnections) {
     folder.Write("d.ini",
                  "[calvane]\nt.pipelines = p, q\n[p]\nt.pipeline.head = a\n[q]\nt.pipeline.head = b\n"
-                 "[a]\nt.plugin.type = FileSource\nt.pipeline.next.video = queue, odd \"x\\\n"
-                 "[b]\nt.plugin.type = FileSource\nt.pipeline.next = odd \"x\\, odd \"x\\\n"
-                 "[queue]\nt.plugin.type = QueuePlugin\nt.pipeline.next = \xC3\xB6 &amp;\n"
-                 "[odd \"x\\]\nt.plugin.type = IdentityPlugin\n[\xC3\xB6 &amp;]\nt.plugin.type = Invert\n"
-                 "t.plugin.module = " +
+                 "[a]\nt.plugin.type = Invert\nt.plugin.module = " +
+                     kGood +
+                     "\nt.pipeline.next.video = queue, odd \"x\\\n"
+                     "[b]\nt.plugin.type = FileSource\nfilename = f\nt.pipeline.next = odd \"x\\, odd \"x\\\n"
+                     "[queue]\nt.plugin.type = QueuePlugin\nt.pipeline.next = \xC3\xB6 &amp;\n"
+                     "[odd \"x\\]\nt.plugin.type = IdentityPlugin\n[\xC3\xB6 &amp;]\nt.plugin.type = Invert\n"
+                     "t.plugin.module = " +
                      kGood + "\n");
     ASSERT_EQ(0, Calvane({"graph", "d.ini"})) << err;
     const auto frame = [](int number, const std::string& label, const std::string& nodes) {
@@ -92,7 +108,7 @@ TEST_F(InspectionTest, DrawsThreadsAndConnections) {
                "  }\n";
     };
     EXPECT_EQ("digraph {\n  rankdir=LR;\n  node [shape=box];\n" +
-                  frame(0, "thread: pipeline p", "    \"a\" [label=\"a\\nFileSource\"];\n") +
+                  frame(0, "thread: pipeline p", "    \"a\" [label=\"a\\nInvert\\n" + kGood + "\"];\n") +
                   frame(1, "thread: queue queue",
                         "    \"queue\" [label=\"queue\\nQueuePlugin\"];\n    \"\xC3\xB6 &amp;amp;\" "
                         "[label=\"\xC3\xB6 "

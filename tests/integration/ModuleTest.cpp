@@ -93,25 +93,39 @@ TEST(Module, StaysLoadedWhileItsPluginsOutliveTheManager) {
     plugin.reset();
 }
 
-TEST(Module, IsLoadedOnceHoweverItIsNamed) {
+TEST(Module, IsKnownByTheNameThatTheConfigurationGives) {
     const TempFolder folder;
     std::filesystem::create_symlink(kGood, folder.Path("link.so"));
     setenv("CALVANE_PLUGIN_PATH", (folder.Path() + ":" + kFolder).c_str(), 1);
     const LogCapture log;
-    PluginManager plugins;
-    PluginPtr(Create(plugins, "GoodModule.so", "Invert")).reset();
-    PluginPtr(Create(plugins, "link.so", "Invert")).reset();
-    PluginPtr(Create(plugins, kGood, "Invert")).reset();
-    EXPECT_EQ(1U, log.Count("Loading module " + kGood));
-    EXPECT_FALSE(log.Contains("Loading module " + folder.Path("link.so")));
-    EXPECT_THAT(ThrownText([&] { Create(plugins, "none.so", "Invert"); }),
-                StartsWith("Module \"none.so\" cannot be found in " + folder.Path() + ", " + kFolder + ", "));
+    {
+        PluginManager plugins;
+        for (const std::string& name :
+             {std::string("GoodModule.so"), std::string("link.so"), std::string("link.so")}) {
+            PluginPtr(Create(plugins, name, "Invert")).reset();
+        }
+        EXPECT_EQ("Thrower factory method in module link.so returned threw no camera",
+                  ThrownText([&] { Create(plugins, "link.so", "Thrower"); }));
+        EXPECT_THAT(
+            ThrownText([&] { Create(plugins, "none.so", "Invert"); }),
+            StartsWith("Module \"none.so\" cannot be found in " + folder.Path() + ", " + kFolder + ", "));
+    }
+    for (const auto& [name, file] : {std::pair(std::string("GoodModule.so"), kGood),
+                                     std::pair(std::string("link.so"), folder.Path("link.so"))}) {
+        EXPECT_EQ(1U, log.Count("Loading module " + name));
+        EXPECT_EQ(1U, log.Count("Module " + name + " is the file " + file));
+        EXPECT_EQ(1U, log.Count("Unloading module " + name));
+    }
+    EXPECT_FALSE(IsLoaded(kGood));
     unsetenv("CALVANE_PLUGIN_PATH");
 }
 
 TEST(ModuleFile, TellsWhatAModuleIsWithoutLoadingIt) {
     const ModuleFile good(kGood);
-    EXPECT_EQ((Texts{"Invert", "Nothing", "Thrower"}), good.GetTypes());
+    EXPECT_EQ((Texts{"Crasher", "Invert", "Nothing", "Thrower"}), good.GetTypes());
+    EXPECT_EQ("[plugin]\nsummary = Ends the process\ninputs = default\n",
+              good.GetDeclarations().at("Crasher"));
+    EXPECT_EQ(1U, good.GetDeclarations().size());
     EXPECT_EQ(3, good.GetVersion().minor);
     EXPECT_EQ(4, ModuleFile(kFolder + "/TooNewModule.so").GetVersion().minor);
     EXPECT_FALSE(IsLoaded(kGood));
@@ -120,7 +134,8 @@ TEST(ModuleFile, TellsWhatAModuleIsWithoutLoadingIt) {
     const std::string zero = kFolder + "/ZeroVersionModule.so";
     const std::string noModule = kFolder + "/NoModule.so";
     const std::map<std::string, std::string> reasons{
-        {noModule, "Cannot find symbol gCalvaneModuleDefinition in module " + noModule},
+        {noModule, "Cannot find symbol gCalvaneModuleDefinition in module " + noModule +
+                       "; CALVANE_DEFINE_MODULE() defines it"},
         {zero, "Cannot load module " + zero + ": it holds no value of gCalvaneModuleDefinition"},
         {"/dev/null", "Cannot load module /dev/null: it is not a regular file"},
         {folder.Path("none"), "Cannot load module " + folder.Path("none") + ": No such file or directory"}};

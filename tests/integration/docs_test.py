@@ -7,11 +7,13 @@ A comment before a fenced block says what it is:
                                right behind it is what the program writes to standard error
   <!-- output of: calvane ARGUMENTS -->
                                all that this command, run in the folder of the repository, writes to standard output
-Any other ini block is a description that can be loaded. Links inside the repository must lead somewhere."""
+Any other ini block is a description that can be loaded. Tables of settings in the guide say what plugin types declare. Links inside the repository must lead somewhere."""
 
 import collections
+import json
 import pathlib
 import re
+import shlex
 import subprocess
 import sys
 import tempfile
@@ -78,7 +80,7 @@ def check_description(block, calvane, name, status):
 
 
 def check_output(block, calvane, arguments):
-    run = subprocess.run([calvane, *arguments.split()], cwd=ROOT, capture_output=True, text=True, check=False)
+    run = subprocess.run([calvane, *shlex.split(arguments)], cwd=ROOT, capture_output=True, text=True, check=False)
     if run.returncode != 0 or run.stdout != block.text:
         return [f"{block.where}: calvane {arguments} ends with {run.returncode} and writes\n{run.stdout}{run.stderr}"]
     return []
@@ -89,7 +91,8 @@ def check_block(block, calvane):
     if excerpt:
         return check_excerpt(block, excerpt.group(1))
     if output := OUTPUT.fullmatch(block.mark):
-        return check_output(block, calvane, output.group(1))
+        loads = check_description(block, calvane, "description.ini", 0) if block.language == "ini" else []
+        return check_output(block, calvane, output.group(1)) + loads
     if block.mark and not check:
         return [f"{block.where}: this comment means nothing: {block.mark}"]
     if block.language == "cpp":
@@ -117,6 +120,43 @@ def check_link(document, where, link):
     return []
 
 
+def stated_settings(document):
+    """The rows of the tables of settings below the headings of plugin types: type -> key -> kind, default, range."""
+    stated, heading = collections.defaultdict(dict), ""
+    for _, line in split(document)[1]:
+        if line.startswith("#"):
+            heading = line.lstrip("#").strip()
+        elif line.startswith("| `") and line.count("|") == 6:
+            key, *said = (cell.strip() for cell in line.split("|")[1:5])
+            stated[heading][key.strip("`")] = tuple(said)
+    return stated
+
+
+def declared_range(setting):
+    least, most = setting.get("range", (-2**31, 2**31 - 1))
+    if "choices" in setting:
+        return ", ".join(setting["choices"])
+    if most < 2**31 - 1:
+        return f"{least} to {most}"
+    return f"from {least}" if least > -2**31 else ""
+
+
+def check_settings(calvane):
+    """The tables of the guide say what the built-in plugin types declare, and leave none out."""
+    stated = stated_settings(ROOT / "docs/guide/pipelines.md")
+    listed = json.loads(subprocess.run([calvane, "plugins", "--json"], capture_output=True, check=True).stdout)
+    faults = []
+    for kind in listed["types"]:
+        shown = subprocess.run([calvane, "plugins", kind, "--json"], capture_output=True, check=True).stdout
+        declared = {}
+        for setting in json.loads(shown)["settings"]:
+            default = "required" if setting["required"] else str(setting["default"])
+            declared[setting["key"]] = (setting["kind"], default, declared_range(setting))
+        if declared != stated.get(kind, {}):
+            faults.append(f"docs/guide/pipelines.md: {kind} declares {declared}, but its table says {stated.get(kind)}")
+    return faults
+
+
 def check_embedding(embed_example):
     """The program that the guide shows copies a file with the first description of the README."""
     content = bytes(range(256)) * 1000
@@ -135,7 +175,7 @@ def check_embedding(embed_example):
 
 def main():
     calvane, embed_example = (pathlib.Path(argument).resolve() for argument in sys.argv[1:3])
-    faults, blocks, links = check_embedding(embed_example), 0, 0
+    faults, blocks, links = check_embedding(embed_example) + check_settings(calvane), 0, 0
     for document in documents():
         found, prose, unclosed = split(document)
         faults += unclosed

@@ -1,9 +1,11 @@
-// A module as an author writes one: a filter, and two types that misbehave.
+// A module as an author writes one: a filter, and types that misbehave.
 
+#include <csignal>
 #include <stdexcept>
 
 #include "calvane/config/ModuleDefinition.h"
 #include "calvane/graph/BasicFilterPlugin.h"
+#include "calvane/graph/BasicSinkPlugin.h"
 #include "calvane/graph/SettingException.h"
 
 namespace test_module {
@@ -28,6 +30,16 @@ private:
     const unsigned char mask_;
 };
 
+/// Has a fault that ends the process.
+class Crasher : public BasicSinkPlugin {
+public:
+    Crasher(CalvaneEnv*, const IPluginConfiguration& config) : BasicSinkPlugin(config) {}
+    void OnBuffer(const Sink*, Buffer* buffer) override {
+        delete buffer;
+        raise(SIGSEGV);
+    }
+};
+
 class Thrower : public BasicFilterPlugin {
 public:
     Thrower(CalvaneEnv*, const IPluginConfiguration& config) : BasicFilterPlugin(config) {
@@ -44,6 +56,8 @@ public:
 CALVANE_DEFINE_MODULE();
 CALVANE_EXPORT_PLUGIN(test_module::, Invert);
 CALVANE_EXPORT_PLUGIN(test_module::, Thrower);
+CALVANE_EXPORT_PLUGIN(test_module::, Crasher);
+CALVANE_DECLARE_PLUGIN(Crasher, "[plugin]\nsummary = Ends the process\ninputs = default\n");
 
 extern "C" [[gnu::visibility("default")]] quarn::calvane::PipelinePlugin* CalvaneCreatePlugin__Nothing(
     quarn::calvane::CalvaneEnv*, const quarn::calvane::IPluginConfiguration&);

@@ -50,7 +50,9 @@ public:
 
 class TestFilter : public quarn::calvane::BasicFilterPlugin {
 public:
-    explicit TestFilter(const std::string& name) : BasicFilterPlugin(TestConfig(name)) {}
+    explicit TestFilter(const std::string& name) : BasicFilterPlugin(TestConfig(name)) {
+        SetThreading(quarn::calvane::PluginThreading::Any);
+    }
     void OnBuffer(const quarn::calvane::Sink*, quarn::calvane::Buffer* buffer) override {
         source->PushBuffer(buffer);
     }
@@ -59,7 +61,9 @@ public:
 /// Gives its output "a" a duplicate of every buffer, and then "b" the buffer itself.
 class TestSplitter : public quarn::calvane::MultiOutputFilterPlugin {
 public:
-    explicit TestSplitter(const std::string& name) : MultiOutputFilterPlugin(TestConfig(name)) {}
+    explicit TestSplitter(const std::string& name) : MultiOutputFilterPlugin(TestConfig(name)) {
+        SetThreading(quarn::calvane::PluginThreading::Any);
+    }
     void OnBuffer(const quarn::calvane::Sink*, quarn::calvane::Buffer* buffer) override {
         a_->PushBuffer(buffer->Duplicate());
         b_->PushBuffer(buffer);

@@ -8,11 +8,11 @@
 #include <thread>
 #include <utility>
 
-#include "calvane/DescribedPipelines.h"
-#include "calvane/ExitStatus.h"
-#include "calvane/Findings.h"
 #include "calvane/recording/RecordingManager.h"
 #include "drenn/core/Settings.h"
+#include "pipelines/DescribedPipelines.h"
+#include "pipelines/ExitStatus.h"
+#include "pipelines/Findings.h"
 #include "quarn/core/Logger.h"
 
 namespace calvane_recorder {
@@ -66,11 +66,10 @@ RecorderHost::RecorderHost(HostOptions options) : options_(std::move(options)) {
 RecorderHost::~RecorderHost() = default;
 
 int RecorderHost::Run() {
-    std::optional<quarn::core::IniFile> ini;
+    std::optional<CheckedDescription> description;
     if (!options_.file.empty()) {
-        ini.emplace(options_.file);
-        unsigned int warnings = 0;
-        if (PrintFindings(*ini, warnings) != 0) {
+        description.emplace(options_.file);
+        if (!description->Check()) {
             return kBadInput;
         }
     }
@@ -79,12 +78,12 @@ int RecorderHost::Run() {
         stop_ = true;
         stopped_.notify_all();
     });
-    const int status = RunServices(ini ? &*ini : nullptr);
+    const int status = RunServices(description ? &*description : nullptr);
     watcher_.End();
     return status;
 }
 
-int RecorderHost::RunServices(const quarn::core::IniFile* ini) {
+int RecorderHost::RunServices(calvane_program::CheckedDescription* description) {
     std::optional<Recorder> recorder;
     try {
         recorder.emplace(options_.root);
@@ -98,8 +97,8 @@ int RecorderHost::RunServices(const quarn::core::IniFile* ini) {
         SayWhatToDo();
     }
     int status = kDone;
-    if (ini != nullptr) {
-        DescribedPipelines pipelines(*ini);
+    if (description != nullptr) {
+        DescribedPipelines pipelines(*description);
         status = pipelines.Load() ? RunPipelines(pipelines) : kBadInput;
     } else {
         Serve(nullptr);

@@ -6,12 +6,12 @@
 #include <mutex>
 #include <string>
 
-#include "calvane/SignalWatcher.h"
-#include "quarn/core/IniFile.h"
+#include "pipelines/SignalWatcher.h"
 
 namespace calvane_program {
+class CheckedDescription;
 class DescribedPipelines;
-}
+} // namespace calvane_program
 
 namespace calvane_recorder {
 
@@ -35,7 +35,7 @@ public:
     int Run();
 
 private:
-    int RunServices(const quarn::core::IniFile* ini);
+    int RunServices(calvane_program::CheckedDescription* description);
     int RunPipelines(calvane_program::DescribedPipelines& pipelines);
     void SayWhatToDo() const;
     bool WaitForStop(std::chrono::milliseconds time);

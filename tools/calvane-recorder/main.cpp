@@ -2,9 +2,9 @@
 #include <cstdlib>
 
 #include "RecorderHost.h"
-#include "calvane/ExitStatus.h"
-#include "calvane/Findings.h"
 #include "calvane/runtime/CalvaneEnv.h"
+#include "pipelines/ExitStatus.h"
+#include "pipelines/Findings.h"
 #include "quarn/core/Logger.h"
 
 namespace {

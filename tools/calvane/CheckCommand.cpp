@@ -1,57 +1,54 @@
-#include "calvane/CheckCommand.h"
-
-#include <exception>
 #include <iostream>
 
-#include "calvane/DescribedPipelines.h"
-#include "calvane/ExitStatus.h"
-#include "calvane/Findings.h"
-#include "quarn/core/IniFile.h"
+#include "Commands.h"
+#include "Source.h"
+#include "pipelines/DescribedPipelines.h"
+#include "pipelines/ExitStatus.h"
 #include "quarn/core/LogCapture.h"
 
 namespace calvane_program {
 
 namespace {
 
-// Where the setting stands that a warning calls unused; nowhere for other warnings.
-Place FindUnusedSetting(const quarn::core::IniFile& ini, const std::string& warning) {
-    for (const std::string& group : ini.GetGroups()) {
-        for (const auto& entry : ini[group]) {
-            if (warning == group + ": Setting " + entry.first + " was never used.") {
-                return {group, entry.first};
-            }
-        }
-    }
-    return {};
-}
-
-// What the plugins and the loader warn about while they are made belongs to the findings; their errors come
-// as exceptions.
-bool Build(const quarn::core::IniFile& ini, unsigned int& warnings) {
+// What plugins warn about while they are made belongs to the diagnostics. What the framework's own loggers say is
+// printed with its place anyway.
+void Build(CheckedDescription& description) {
     const quarn::core::LogCapture log(quarn::core::LogLevel::Warning);
-    const bool good = DescribedPipelines(ini).Load();
+    DescribedPipelines(description).Load();
     for (const auto& line : log.GetLines()) {
-        if (line.level == quarn::core::LogLevel::Warning) {
-            PrintError(Locate(ini, FindUnusedSetting(ini, line.text), line.text, "warning: "));
-            ++warnings;
+        if (line.level == quarn::core::LogLevel::Warning && line.logger != "IniPluginConfig") {
+            const bool isPlugin = description.GetIni().HasGroup(line.logger);
+            description.PrintWarning({isPlugin ? line.logger : "", ""}, line.text);
         }
     }
-    return good;
 }
 
 } // namespace
 
-int Check(const std::string& file, bool build) {
+int Check(const DescriptionSource& source, bool build) {
     try {
-        const quarn::core::IniFile ini(file);
-        unsigned int warnings = 0;
-        unsigned int errors = PrintFindings(ini, warnings);
-        if (errors == 0 && build && !Build(ini, warnings)) {
-            ++errors;
+        CheckedDescription description(ReadDescription(source));
+        if (description.Check() && build) {
+            Build(description);
         }
-        std::cout << file << ": " << errors << (errors == 1 ? " error, " : " errors, ") << warnings
+        const unsigned int errors = description.GetErrorCount();
+        const unsigned int warnings = description.GetWarningCount();
+        std::cout << description.GetIni().GetFileName() << ": " << errors
+                  << (errors == 1 ? " error, " : " errors, ") << warnings
                   << (warnings == 1 ? " warning" : " warnings") << std::endl;
         return errors == 0 ? kDone : kBadInput;
+    } catch (const std::exception& error) {
+        PrintError(error.what());
+        return kBadInput;
+    }
+}
+
+int PrintIni(const DescriptionSource& source) {
+    try {
+        std::cout << (source.isLine && source.sets.empty() ? ToIni(source.file)
+                                                           : ToText(ReadDescription(source)))
+                  << std::flush;
+        return kDone;
     } catch (const std::exception& error) {
         PrintError(error.what());
         return kBadInput;

@@ -1,16 +1,20 @@
-#include "calvane/GraphCommand.h"
-
 #include <algorithm>
 #include <iostream>
 #include <sstream>
 
-#include "calvane/DescribedGraph.h"
-#include "calvane/ExitStatus.h"
-#include "calvane/Findings.h"
+#include "Commands.h"
+#include "Source.h"
+#include "calvane/config/PipelineThreads.h"
+#include "pipelines/ExitStatus.h"
+#include "pipelines/Findings.h"
 
 namespace calvane_program {
 
 namespace {
+
+using quarn::calvane::DescribedPlugin;
+using quarn::calvane::DescriptionGraph;
+using quarn::calvane::PipelineThreads;
 
 // A quoted text of the DOT language. There, a backslash starts an escape, and in what is shown a & starts the
 // name of a character.
@@ -38,6 +42,24 @@ std::string QuoteLines(const std::vector<std::string>& lines) {
     return '"' + all + '"';
 }
 
+/// The threads that work on each plugin. A plugin whose type declares nothing is taken to work on those before it.
+PipelineThreads::NamesByPlugin FindThreads(CheckedDescription& description) {
+    const DescriptionGraph& graph = description.GetGraph();
+    PipelineThreads threads;
+    for (const auto& pipeline : graph.GetPipelines()) {
+        threads.AddPipeline(pipeline.name, pipeline.head);
+    }
+    for (const auto& connection : graph.GetConnections()) {
+        threads.AddConnection(connection.from, connection.to);
+    }
+    for (const DescribedPlugin* plugin : graph.GetPlugins()) {
+        if (const auto* declaration = description.GetTypes().FindDeclaration(plugin->module, plugin->type)) {
+            threads.SetThreading(plugin->name, declaration->threading);
+        }
+    }
+    return threads.FindWorkers();
+}
+
 std::string FrameOf(const std::set<std::string>& threads) {
     std::string all;
     for (const std::string& thread : threads) {
@@ -46,22 +68,20 @@ std::string FrameOf(const std::set<std::string>& threads) {
     return (threads.size() == 1 ? "thread: " : "several threads: ") + all;
 }
 
-void WriteFrame(std::ostream& out, size_t number, const std::string& frame, const DescribedGraph& graph) {
+void WriteFrame(std::ostream& out, size_t number, const std::string& frame,
+                const std::vector<const DescribedPlugin*>& plugins) {
     out << "  subgraph cluster_" << number << " {\n    label=" << Quote(frame) << ";\n";
-    for (const std::string& plugin : graph.GetPlugins()) {
-        if (FrameOf(graph.GetThreads(plugin)) != frame) {
-            continue;
+    for (const DescribedPlugin* plugin : plugins) {
+        std::vector<std::string> lines{plugin->name, plugin->type};
+        if (!plugin->module.empty()) {
+            lines.push_back(plugin->module);
         }
-        std::vector<std::string> lines{plugin, graph.GetType(plugin)};
-        if (!graph.GetModule(plugin).empty()) {
-            lines.push_back(graph.GetModule(plugin));
-        }
-        out << "    " << Quote(plugin) << " [label=" << QuoteLines(lines) << "];\n";
+        out << "    " << Quote(plugin->name) << " [label=" << QuoteLines(lines) << "];\n";
     }
     out << "  }\n";
 }
 
-void WriteConnection(std::ostream& out, const DescribedGraph::Connection& connection) {
+void WriteConnection(std::ostream& out, const DescriptionGraph::Connection& connection) {
     out << "  " << Quote(connection.from) << " -> " << Quote(connection.to);
     if (!connection.output.empty()) {
         out << " [label=" << Quote(connection.output) << "]";
@@ -69,18 +89,22 @@ void WriteConnection(std::ostream& out, const DescribedGraph::Connection& connec
     out << ";\n";
 }
 
-std::string ToDot(const DescribedGraph& graph) {
+std::string ToDot(const DescriptionGraph& graph, const PipelineThreads::NamesByPlugin& threads) {
     std::ostringstream out;
     out << "digraph {\n  rankdir=LR;\n  node [shape=box];\n";
-    std::vector<std::string> frames;
-    for (const std::string& plugin : graph.GetPlugins()) {
-        const std::string frame = FrameOf(graph.GetThreads(plugin));
-        if (std::find(frames.begin(), frames.end(), frame) == frames.end()) {
-            WriteFrame(out, frames.size(), frame, graph);
+    std::vector<std::string> frames; // In the order of their first plugins.
+    std::map<std::string, std::vector<const DescribedPlugin*>> plugins;
+    for (const DescribedPlugin* plugin : graph.GetPlugins()) {
+        const std::string frame = FrameOf(threads.at(plugin->name));
+        if (plugins[frame].empty()) {
             frames.push_back(frame);
         }
+        plugins[frame].push_back(plugin);
     }
-    for (const DescribedGraph::Connection& connection : graph.GetConnections()) {
+    for (size_t i = 0; i != frames.size(); ++i) {
+        WriteFrame(out, i, frames[i], plugins[frames[i]]);
+    }
+    for (const DescriptionGraph::Connection& connection : graph.GetConnections()) {
         WriteConnection(out, connection);
     }
     out << "}\n";
@@ -89,14 +113,13 @@ std::string ToDot(const DescribedGraph& graph) {
 
 } // namespace
 
-int Graph(const std::string& file) {
+int Graph(const DescriptionSource& source) {
     try {
-        const quarn::core::IniFile ini(file);
-        unsigned int warnings = 0;
-        if (PrintFindings(ini, warnings) != 0) {
+        CheckedDescription description(ReadDescription(source));
+        if (!description.Check()) {
             return kBadInput;
         }
-        std::cout << ToDot(DescribedGraph(ini)) << std::flush;
+        std::cout << ToDot(description.GetGraph(), FindThreads(description)) << std::flush;
         return kDone;
     } catch (const std::exception& error) {
         PrintError(error.what());

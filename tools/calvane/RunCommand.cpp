@@ -1,16 +1,16 @@
-#include "calvane/RunCommand.h"
-
+#include <algorithm>
 #include <exception>
 #include <iostream>
 #include <optional>
 
-#include "calvane/DescribedPipelines.h"
-#include "calvane/ExitStatus.h"
-#include "calvane/Findings.h"
-#include "calvane/SignalWatcher.h"
-#include "calvane/StatsPrinter.h"
-#include "calvane/TraceRecorder.h"
-#include "quarn/core/IniFile.h"
+#include "Commands.h"
+#include "Source.h"
+#include "StatsPrinter.h"
+#include "TraceRecorder.h"
+#include "calvane/runtime/CrashReport.h"
+#include "pipelines/DescribedPipelines.h"
+#include "pipelines/ExitStatus.h"
+#include "pipelines/SignalWatcher.h"
 #include "quarn/core/Logger.h"
 
 namespace calvane_program {
@@ -22,6 +22,22 @@ using quarn::calvane::PipelineState;
 using quarn::calvane::PipelineStatus;
 using quarn::calvane::QueueStatus;
 using quarn::core::Logger;
+
+/// Warnings and errors, but for what the program prints itself, with its place in the description: the names of
+/// loggers, and those of pipelines, which log how they end.
+std::string DefaultLevels(const CheckedDescription& description) {
+    std::string levels = "*=warning,IniPluginConfig=error,PipelineLoader=off,PipelineManager=off";
+    const auto& graph = description.GetGraph();
+    for (const auto& pipeline : graph.GetPipelines()) {
+        const bool isPlugin =
+            std::any_of(graph.GetPlugins().begin(), graph.GetPlugins().end(),
+                        [&pipeline](const auto* plugin) { return plugin->name == pipeline.name; });
+        if (!isPlugin && pipeline.name.find_first_of("=,*") == std::string::npos) {
+            levels += "," + pipeline.name + "=off";
+        }
+    }
+    return levels;
+}
 
 void SetUpLogging(const RunOptions& options) {
     Logger::SetLevels(options.logLevels);
@@ -61,7 +77,8 @@ void PrintEnds(const PipelineManager& manager) {
     std::cout << std::flush;
 }
 
-int RunToTheEnd(PipelineManager& manager) {
+int RunToTheEnd(DescribedPipelines& pipelines) {
+    PipelineManager& manager = pipelines.GetManager();
     int status = kDone;
     try {
         manager.Start();
@@ -69,7 +86,11 @@ int RunToTheEnd(PipelineManager& manager) {
         manager.Drain(); // What is still in queues counts: a full disk may show only now.
         manager.WaitForFinish();
     } catch (const std::exception& error) {
-        PrintError(std::string("calvane: ") + error.what());
+        if (manager.GetFailures().empty()) {
+            PrintError(std::string("calvane: ") + error.what()); // A thread that could not be started.
+        } else {
+            pipelines.PrintFailure();
+        }
         status = kFailedWhileRunning;
         manager.SignalShutdown();
     }
@@ -85,7 +106,7 @@ int RunDescribed(DescribedPipelines& pipelines, SignalWatcher& watcher, StatsPri
     if (stats != nullptr) {
         stats->Begin(manager);
     }
-    const int status = RunToTheEnd(manager);
+    const int status = RunToTheEnd(pipelines);
     if (stats != nullptr) {
         stats->End();
     }
@@ -95,12 +116,12 @@ int RunDescribed(DescribedPipelines& pipelines, SignalWatcher& watcher, StatsPri
 }
 
 // What watches the pipelines outlives them.
-int RunObserved(const quarn::core::IniFile& ini, const RunOptions& options, SignalWatcher& watcher) {
+int RunObserved(CheckedDescription& description, const RunOptions& options, SignalWatcher& watcher) {
     std::optional<StatsPrinter> stats;
     std::optional<TraceRecorder> trace;
     int status = kDone;
     {
-        DescribedPipelines pipelines(ini);
+        DescribedPipelines pipelines(description);
         if (options.statsSeconds > 0) {
             pipelines.GetManager().AddConnectionTap(&stats.emplace(options.statsSeconds).GetMeter());
         }
@@ -108,6 +129,9 @@ int RunObserved(const quarn::core::IniFile& ini, const RunOptions& options, Sign
             pipelines.GetManager().AddConnectionTap(&trace.emplace(options.traceFile));
         }
         status = RunDescribed(pipelines, watcher, stats ? &*stats : nullptr);
+        if (status == kFailedWhileRunning) {
+            Logger::SetLevels("off"); // The manager logs the failure once more when it goes.
+        }
     }
     if (trace) {
         try {
@@ -125,13 +149,16 @@ int RunObserved(const quarn::core::IniFile& ini, const RunOptions& options, Sign
 int Run(const RunOptions& options) {
     try {
         SignalWatcher watcher;
+        quarn::calvane::InstallCrashReport("calvane");
         SetUpLogging(options);
-        const quarn::core::IniFile ini(options.file);
-        unsigned int warnings = 0;
-        if (PrintFindings(ini, warnings) != 0) {
+        CheckedDescription description(ReadDescription(options.source));
+        if (!description.Check()) {
             return kBadInput;
         }
-        return RunObserved(ini, options, watcher);
+        if (options.logLevels.empty()) {
+            Logger::SetLevels(DefaultLevels(description));
+        }
+        return RunObserved(description, options, watcher);
     } catch (const std::exception& error) {
         PrintError(error.what());
         return kBadInput;

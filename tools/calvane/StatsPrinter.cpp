@@ -1,4 +1,4 @@
-#include "calvane/StatsPrinter.h"
+#include "StatsPrinter.h"
 
 #include <unistd.h>
 

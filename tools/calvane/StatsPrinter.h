@@ -2,7 +2,7 @@
 
 #include <vector>
 
-#include "calvane/Throughput.h"
+#include "Throughput.h"
 #include "calvane/runtime/ConnectionMeter.h"
 #include "calvane/runtime/PipelineManager.h"
 #include "quarn/osa/Runnable.h"

@@ -1,4 +1,4 @@
-#include "calvane/Throughput.h"
+#include "Throughput.h"
 
 #include <algorithm>
 #include <array>
@@ -73,12 +73,26 @@ std::uint64_t NewDrops(const PluginThroughput& before, const PluginThroughput& n
 
 using Row = std::array<std::string, 13>;
 
-Row MakeRow(const PluginThroughput& before, const PluginThroughput& now, double seconds) {
-    const TrafficText in = Describe(before.in, now.in, seconds);
-    const TrafficText out = Describe(before.out, now.out, seconds);
-    Row row{now.plugin, in.rate,  in.byteRate, out.rate, out.byteRate,
-            in.buffers, in.bytes, out.buffers, out.bytes};
-    if (now.queue) {
+std::optional<Traffic> FindOutput(const PluginThroughput& plugin, const std::string& name) {
+    const auto found = plugin.out.find(name);
+    return found != plugin.out.end() ? std::optional(found->second) : std::nullopt;
+}
+
+/// The row of a plugin, or, with an output's name, that of the output.
+Row MakeRow(const PluginThroughput& before, const PluginThroughput& now, const std::string& output,
+            double seconds) {
+    const TrafficText in = Describe(before.in, output.empty() ? now.in : std::nullopt, seconds);
+    const TrafficText out = Describe(FindOutput(before, output), FindOutput(now, output), seconds);
+    Row row{output.empty() ? now.plugin : "  " + output,
+            in.rate,
+            in.byteRate,
+            out.rate,
+            out.byteRate,
+            in.buffers,
+            in.bytes,
+            out.buffers,
+            out.bytes};
+    if (now.queue && output.empty()) {
         row[9] = FormatText("%u/%u", now.queue->waiting, now.queue->capacity);
         row[10] = std::to_string(now.queue->highWaterMark);
         row[11] = std::to_string(NewDrops(before, now));
@@ -87,9 +101,9 @@ Row MakeRow(const PluginThroughput& before, const PluginThroughput& now, double 
     return row;
 }
 
-std::string Sentence(const char* way, const TrafficText& text) {
+std::string Sentence(const std::string& way, const TrafficText& text) {
     return text.rate.empty() ? ""
-                             : FormatText(" %s %s/s %s/s, in all %s and %s;", way, text.rate.c_str(),
+                             : FormatText(" %s %s/s %s/s, in all %s and %s;", way.c_str(), text.rate.c_str(),
                                           text.byteRate.c_str(), text.buffers.c_str(), text.bytes.c_str());
 }
 
@@ -98,16 +112,12 @@ std::string Sentence(const char* way, const TrafficText& text) {
 std::vector<PluginThroughput> SumUp(const std::vector<ConnectionCounts>& connections,
                                     const std::vector<QueueStatus>& queues) {
     std::vector<PluginThroughput> plugins;
-    std::map<std::pair<std::string, std::string>, Traffic> outputs;
     for (const auto& [connection, buffers, bytes] : connections) {
         Entry(plugins, connection.upstream);
         Add(Entry(plugins, connection.downstream).in, {buffers, bytes});
         // The sinks of one output get the same buffers, one after the other.
-        Traffic& output = outputs[{connection.upstream, connection.output}];
+        Traffic& output = Entry(plugins, connection.upstream).out[connection.output];
         output = {std::max(output.buffers, buffers), std::max(output.bytes, bytes)};
-    }
-    for (const auto& [output, traffic] : outputs) {
-        Add(Entry(plugins, output.first).out, traffic);
     }
     for (const QueueStatus& queue : queues) {
         Entry(plugins, queue.name).queue = queue.statistics;
@@ -120,7 +130,13 @@ std::vector<std::string> FormatTable(const std::vector<PluginThroughput>& before
     std::vector<Row> rows{
         {"plugin", "in/s", "", "out/s", "", "in", "", "out", "", "queue", "most", "drops", "in all"}};
     for (const PluginThroughput& plugin : now) {
-        rows.push_back(MakeRow(Earlier(before, plugin.plugin), plugin, seconds));
+        const PluginThroughput earlier = Earlier(before, plugin.plugin);
+        rows.push_back(MakeRow(earlier, plugin, "", seconds));
+        for (const auto& output : plugin.out) {
+            if (!output.first.empty()) {
+                rows.push_back(MakeRow(earlier, plugin, output.first, seconds));
+            }
+        }
     }
     std::array<size_t, std::tuple_size<Row>::value> widths{};
     for (const Row& row : rows) {
@@ -144,9 +160,12 @@ std::vector<std::string> FormatLines(const std::vector<PluginThroughput>& before
     std::vector<std::string> lines;
     for (const PluginThroughput& plugin : now) {
         const PluginThroughput earlier = Earlier(before, plugin.plugin);
-        std::string line = "plugin " + plugin.plugin + ":" +
-                           Sentence("in", Describe(earlier.in, plugin.in, seconds)) +
-                           Sentence("out", Describe(earlier.out, plugin.out, seconds));
+        std::string line =
+            "plugin " + plugin.plugin + ":" + Sentence("in", Describe(earlier.in, plugin.in, seconds));
+        for (const auto& [name, traffic] : plugin.out) {
+            line += Sentence(name.empty() ? "out" : "out " + name,
+                             Describe(FindOutput(earlier, name), traffic, seconds));
+        }
         if (plugin.queue) {
             line += FormatText(" queue %u of %u, at most %u; dropped %llu, in all %llu;",
                                plugin.queue->waiting, plugin.queue->capacity, plugin.queue->highWaterMark,

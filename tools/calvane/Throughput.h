@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstdint>
+#include <map>
 #include <optional>
 #include <string>
 #include <vector>
@@ -19,9 +20,8 @@ struct Traffic {
 /// What one plugin has done since the start.
 struct PluginThroughput {
     std::string plugin;
-    std::optional<Traffic> in; ///< None for a plugin that nothing feeds.
-    std::optional<Traffic>
-        out; ///< None for a plugin that feeds nothing. Each buffer counts once for each output.
+    std::optional<Traffic> in;          ///< None for a plugin that nothing feeds.
+    std::map<std::string, Traffic> out; ///< By output, the one without a name having an empty one.
     std::optional<quarn::calvane::QueueStatistics> queue;
 };
 
@@ -29,8 +29,8 @@ struct PluginThroughput {
 std::vector<PluginThroughput> SumUp(const std::vector<quarn::calvane::ConnectionCounts>& connections,
                                     const std::vector<quarn::calvane::QueueStatus>& queues);
 
-/// A table of what the plugins did in the last `seconds` and since the start, one line for each plugin below a
-/// line of titles. `before` is what SumUp gave that long ago, or empty.
+/// A table of what the plugins did in the last `seconds` and since the start, one line for each plugin, and for each
+/// named output of it, below a line of titles. `before` is what SumUp gave that long ago, or empty.
 std::vector<std::string> FormatTable(const std::vector<PluginThroughput>& before,
                                      const std::vector<PluginThroughput>& now, double seconds);
 

@@ -1,4 +1,4 @@
-#include "calvane/TraceRecorder.h"
+#include "TraceRecorder.h"
 
 #include <pthread.h>
 #include <unistd.h>

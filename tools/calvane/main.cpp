@@ -1,46 +1,71 @@
 #include <CLI/CLI.hpp>
 #include <iostream>
 
-#include "calvane/CheckCommand.h"
-#include "calvane/ExitStatus.h"
-#include "calvane/Findings.h"
-#include "calvane/GraphCommand.h"
-#include "calvane/PluginsCommand.h"
-#include "calvane/RunCommand.h"
-#include "calvane/runtime/CalvaneEnv.h"
+#include "Commands.h"
+#include "calvane/Version.h"
+#include "pipelines/ExitStatus.h"
+#include "pipelines/Findings.h"
 
 namespace {
 
 using namespace calvane_program;
 
-void DefineRun(CLI::App& program, RunOptions& options) {
-    CLI::App* const run = program.add_subcommand("run", "Run the pipelines of a description to their end");
-    run->add_option("FILE", options.file, "The description (INI)")->required();
-    run->add_option("--log", options.logLevels,
-                    "Levels by logger name, e.g. QueuePlugin=debug,*=warning; one of off, error, warning, "
-                    "information, debug, trace")
-        ->capture_default_str();
+void DefineSource(CLI::App& command, DescriptionSource& source) {
+    command.add_option("FILE", source.file, "The description (INI)")->required();
+    command.add_option("--set", source.sets, "Set a value of the description")
+        ->type_name("GROUP.KEY=VALUE")
+        ->take_all();
+}
+
+void DefineRunning(CLI::App& command, RunOptions& options) {
+    command.add_option(
+        "--log", options.logLevels,
+        "Levels by logger name, e.g. QueuePlugin=debug,*=warning; one of off, error, warning, "
+        "information, debug, trace. Without it: warnings, and errors that are not printed anyway");
     CLI::Option* const logFile =
-        run->add_option("--log-file", options.logFile, "Append the log to this file");
-    run->add_flag("--syslog", options.syslog, "Send the log to syslog")->excludes(logFile);
-    run->add_option("--stats", options.statsSeconds,
+        command.add_option("--log-file", options.logFile, "Append the log to this file");
+    command.add_flag("--syslog", options.syslog, "Send the log to syslog")->excludes(logFile);
+    command
+        .add_option("--stats", options.statsSeconds,
                     "Print every so many seconds what each plugin and queue did")
         ->type_name("SECONDS")
         ->check(CLI::Range(0.1, 86400.0));
-    run->add_option("--trace", options.traceFile, "Write a timeline of every push to this file, for Perfetto")
+    command
+        .add_option("--trace", options.traceFile, "Write a timeline of every push to this file, for Perfetto")
         ->type_name("FILE");
+}
+
+void DefineRun(CLI::App& program, RunOptions& options) {
+    CLI::App* const run = program.add_subcommand("run", "Run the pipelines of a description to their end");
+    DefineSource(*run, options.source);
+    DefineRunning(*run, options);
     run->footer(
         "SIGINT and SIGTERM stop all pipelines in order; a second one ends the process at once.\n"
         "Exit status: 0 done, 1 failed while running, 2 bad description or command line.\n"
         "Examples:\n"
         "  calvane run camera.ini\n"
+        "  calvane run camera.ini --set reader.filename=other.bin\n"
         "  calvane run camera.ini --stats 2 --trace camera.json\n"
         "  calvane run camera.ini --log 'PipelineLoader=debug,*=information' --log-file camera.log");
 }
 
-void DefineCheck(CLI::App& program, std::string& file, bool& build) {
-    CLI::App* const check = program.add_subcommand("check", "Tell all that is wrong with a description");
-    check->add_option("FILE", file, "The description (INI)")->required();
+void DefineLaunch(CLI::App& program, RunOptions& options, std::vector<std::string>& line, bool& ini) {
+    CLI::App* const launch = program.add_subcommand("launch", "Run pipelines that are written in one line");
+    launch->add_option("LINE", line, "TYPE [KEY=VALUE ...] ! TYPE [KEY=VALUE ...] ! ...")->required();
+    launch->add_flag("--ini", ini, "Print the line as a description, and run nothing");
+    DefineRunning(*launch, options);
+    launch->footer(
+        "name=NAME names a plugin; a chain that begins with NAME. or NAME.OUTPUT goes on from there.\n"
+        "Exit status: as that of run.\n"
+        "Examples:\n"
+        "  calvane launch 'FileSource filename=a.bin ! QueuePlugin ! FileSink filename=b.bin'\n"
+        "  calvane launch 'FileSource name=a filename=a.bin ! FileSink filename=b.bin  a. ! FileSink "
+        "filename=c.bin'");
+}
+
+void DefineCheck(CLI::App& program, DescriptionSource& source, bool& build) {
+    CLI::App* const check = program.add_subcommand("check", "Report every error in a description");
+    DefineSource(*check, source);
     check->add_flag("--build", build, "Also make and connect every plugin, without starting a pipeline");
     check->footer(
         "Makes no plugin and loads no module unless told to.\n"
@@ -52,14 +77,13 @@ void DefineCheck(CLI::App& program, std::string& file, bool& build) {
 
 void DefinePlugins(CLI::App& program, PluginsOptions& options) {
     CLI::App* const plugins =
-        program.add_subcommand("plugins", "List plugin types, or tell what one takes and gives");
-    plugins->add_option("TYPE", options.type, "Tell of this type");
+        program.add_subcommand("plugins", "List plugin types, or show the settings of one");
+    plugins->add_option("TYPE", options.type, "Show this type");
     plugins->add_option("--module", options.module, "Of this module, as t.plugin.module names it")
         ->type_name("PATH");
     plugins->add_flag("--json", options.json, "Print JSON");
     plugins->footer(
-        "Listing loads nothing. To tell of a type, one plugin is made without any setting, and let go "
-        "again.\n"
+        "Listing loads nothing. Of a type that declares nothing, one plugin is made without any setting.\n"
         "Exit status: 0 done, 2 no such type or module.\n"
         "Examples:\n"
         "  calvane plugins\n"
@@ -67,14 +91,22 @@ void DefinePlugins(CLI::App& program, PluginsOptions& options) {
         "  calvane plugins --module camera.so --json");
 }
 
-void DefineGraph(CLI::App& program, std::string& file) {
-    CLI::App* const graph = program.add_subcommand("graph", "Draw the graph of a description (DOT)");
-    graph->add_option("FILE", file, "The description (INI)")->required();
+void DefineGraph(CLI::App& program, DescriptionSource& source) {
+    CLI::App* const graph = program.add_subcommand("graph", "Print the graph of a description (DOT)");
+    DefineSource(*graph, source);
     graph->footer(
         "Makes no plugin and loads no module. There is a frame for each thread.\n"
         "Exit status: 0 done, 2 bad description.\n"
         "Example:\n"
         "  calvane graph camera.ini | dot -Tsvg -o camera.svg");
+}
+
+int Launch(RunOptions options, const std::vector<std::string>& line, bool ini) {
+    options.source.isLine = true;
+    for (const std::string& word : line) {
+        options.source.file += (options.source.file.empty() ? "" : " ") + word;
+    }
+    return ini ? PrintIni(options.source) : Run(options);
 }
 
 // The parser itself would only say that a command is required.
@@ -93,13 +125,17 @@ int RunProgram(int argc, char** argv) {
 
     RunOptions runOptions;
     DefineRun(program, runOptions);
-    std::string checkFile;
+    RunOptions launchOptions;
+    std::vector<std::string> line;
+    bool ini = false;
+    DefineLaunch(program, launchOptions, line, ini);
+    DescriptionSource checked;
     bool build = false;
-    DefineCheck(program, checkFile, build);
+    DefineCheck(program, checked, build);
     PluginsOptions pluginsOptions;
     DefinePlugins(program, pluginsOptions);
-    std::string graphFile;
-    DefineGraph(program, graphFile);
+    DescriptionSource drawn;
+    DefineGraph(program, drawn);
 
     try {
         program.parse(argc, argv);
@@ -112,10 +148,13 @@ int RunProgram(int argc, char** argv) {
     if (program.got_subcommand("run")) {
         return Run(runOptions);
     }
-    if (program.got_subcommand("check")) {
-        return Check(checkFile, build);
+    if (program.got_subcommand("launch")) {
+        return Launch(launchOptions, line, ini);
     }
-    return program.got_subcommand("graph") ? Graph(graphFile) : Plugins(pluginsOptions);
+    if (program.got_subcommand("check")) {
+        return Check(checked, build);
+    }
+    return program.got_subcommand("graph") ? Graph(drawn) : Plugins(pluginsOptions);
 }
 
 } // namespace

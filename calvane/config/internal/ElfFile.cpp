@@ -119,7 +119,7 @@ std::vector<ElfFile::Symbol> ElfFile::ReadExportedSymbols() const {
             const uint64_t left = dynamic_.stringsSize - symbol.st_name;
             const size_t room = left < kMaxNameBytes ? static_cast<size_t>(left) : kMaxNameBytes;
             exported.push_back({std::string(names + symbol.st_name, strnlen(names + symbol.st_name, room)),
-                                symbol.st_value});
+                                symbol.st_value, symbol.st_size});
         }
     }
     return exported;

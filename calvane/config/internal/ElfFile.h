@@ -24,6 +24,7 @@ public:
     struct Symbol {
         std::string name;
         uint64_t address;
+        uint64_t size;
     };
     /// What is defined in this file and offered to others, in the order of its symbol table. Of names longer
     /// than 256 bytes, the beginning.

@@ -20,7 +20,7 @@ public:
     /// The plugin of that name with one more reference, or null.
     PipelinePlugin* Find(const std::string& name);
     bool Contains(const std::string& name) const;
-    /// `module`: the file that its code comes from, empty for a built-in type.
+    /// `module`: the module that its code comes from, empty for a built-in type.
     void Register(const std::string& name, const std::string& module, PipelinePlugin& plugin,
                   std::shared_ptr<CalvaneEnv> env);
     /// The name of a living plugin from `module`, or the empty text.

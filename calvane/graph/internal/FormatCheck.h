@@ -1,14 +1,17 @@
 #pragma once
 
+#include "calvane/graph/FormatException.h"
 #include "calvane/graph/Sink.h"
-#include "quarn/osa/Exception.h"
 
 namespace quarn::calvane {
 
-/// Throws Exception "Incompatible formats" when `format` lacks what `sink` requires.
+/// Throws FormatException when `format` lacks what `sink` requires.
 inline void AssertCompatible(const Sink& sink, const BufferFormat& format) {
-    if (!sink.GetFormat().IsCompatibleWith(format)) {
-        throw osa::Exception("Incompatible formats");
+    if (const char* const property = sink.GetFormat().FindMismatch(format)) {
+        int offered = 0;
+        const bool offers = format.Get(property, offered);
+        throw FormatException(property, sink.GetFormat().GetInt(property),
+                              offers ? std::optional(offered) : std::nullopt);
     }
 }
 

@@ -1,6 +1,8 @@
 #include <exception>
 #include <utility>
 
+#include "calvane/graph/internal/RunningPlugin.h"
+#include "calvane/graph/internal/SignalStack.h"
 #include "calvane/plugins/internal/QueueConsumer.h"
 #include "calvane/runtime/IPipelineReporter.h"
 #include "calvane/runtime/MonitorThread.h"
@@ -58,6 +60,8 @@ QueueStatistics QueueConsumer::GetStatistics() const {
 }
 
 void QueueConsumer::Run() {
+    const SignalStack signalStack;
+    RunningPlugin::Enter(logger_->GetName().c_str());
     entered_.Release();
     try {
         logger_->Information("QueuePlugin thread started");
@@ -71,6 +75,7 @@ void QueueConsumer::Run() {
     } catch (...) {
         Report("Unknown exception");
     }
+    RunningPlugin::Enter(logger_->GetName().c_str()); // Out of the plugin that has failed.
     try {
         gate_.Lock(); // For good: no producer gets in from here on.
         ClearBuffers();

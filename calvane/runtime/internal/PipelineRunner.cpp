@@ -1,8 +1,11 @@
 #include <exception>
 
+#include "calvane/config/Description.h"
 #include "calvane/config/DescriptionKeys.h"
 #include "calvane/config/PipelineLoader.h"
 #include "calvane/graph/SettingException.h"
+#include "calvane/graph/internal/RunningPlugin.h"
+#include "calvane/graph/internal/SignalStack.h"
 #include "calvane/runtime/IPipelineReporter.h"
 #include "calvane/runtime/internal/PipelineRunner.h"
 #include "quarn/core/IniFile.h"
@@ -46,12 +49,13 @@ void Sleep(osa::TimeStruct period) {
 } // namespace
 
 PipelineRunner::PipelineRunner(const std::string& name, IPipelineReporter* reporter, PipelineLoader& loader,
-                               const core::IniFile& ini)
+                               const Description& description)
     : logger_(core::Logger::GetLogger(name)), name_(name), reporter_(reporter) {
-    loader.LoadPipeline(container_, ini, name);
+    loader.LoadPipeline(container_, description, name);
 }
 
 void PipelineRunner::Run() {
+    const SignalStack signalStack;
     logger_->Information("Pipeline starting");
     running_ = true;
     SetState(PipelineState::Running);
@@ -99,6 +103,7 @@ void PipelineRunner::OnException(const std::string& text) {
     running_ = false;
     logger_->Error("Pipeline exiting due to exception: %s", text.c_str());
     reporter_->ReportFailure(name_, text);
+    RunningPlugin::Leave(nullptr);
 }
 
 void PipelineRunner::SetState(PipelineState state, const std::string& failure) {
@@ -108,11 +113,11 @@ void PipelineRunner::SetState(PipelineState state, const std::string& failure) {
 }
 
 PipelineHead::PipelineHead(const std::string& name, IPipelineReporter* reporter, PipelineLoader& loader,
-                           const core::IniFile& ini)
-    : runner_(name, reporter, loader, ini),
+                           const Description& description)
+    : runner_(name, reporter, loader, description),
       thread_{name.c_str(), &runner_,
-              ReadThreadSetting(ini, name, keys::kThreadStackBytes, kDefaultStackBytes),
-              ReadThreadSetting(ini, name, keys::kThreadPriority, kDefaultPriority)} {}
+              ReadThreadSetting(description.GetIni(), name, keys::kThreadStackBytes, kDefaultStackBytes),
+              ReadThreadSetting(description.GetIni(), name, keys::kThreadPriority, kDefaultPriority)} {}
 
 PipelineHead::~PipelineHead() {
     Stop();

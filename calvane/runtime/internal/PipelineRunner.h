@@ -10,12 +10,12 @@
 #include "quarn/osa/Thread.h"
 
 namespace quarn::core {
-class IniFile;
 class Logger;
 } // namespace quarn::core
 
 namespace quarn::calvane {
 
+class Description;
 class IPipelineReporter;
 class PipelineLoader;
 
@@ -26,7 +26,7 @@ class PipelineRunner final : public osa::Runnable {
 public:
     /// Loads the pipeline; throws what the loader throws.
     PipelineRunner(const std::string& name, IPipelineReporter* reporter, PipelineLoader& loader,
-                   const core::IniFile& ini);
+                   const Description& description);
 
     void Run() override;
     /// Asks Run to end before its next call of the generator; a sleep under way is finished first.
@@ -58,7 +58,7 @@ private:
 class PipelineHead {
 public:
     PipelineHead(const std::string& name, IPipelineReporter* reporter, PipelineLoader& loader,
-                 const core::IniFile& ini);
+                 const Description& description);
     ~PipelineHead();
     PipelineHead(const PipelineHead&) = delete;
     PipelineHead& operator=(const PipelineHead&) = delete;

@@ -187,6 +187,15 @@ const IniFile::Group& IniFile::operator[](const std::string& group) const {
     return section != nullptr ? section->values : empty;
 }
 
+void IniFile::SetValue(const std::string& group, const std::string& key, const std::string& value) {
+    const auto found = sections_.find(group);
+    if (found == sections_.end()) {
+        throw Exception("%s: no group \"%s\", in which the key \"%s\" is to be set", fileName_.c_str(),
+                        group.c_str(), key.c_str());
+    }
+    found->second.values[key] = value;
+}
+
 unsigned int IniFile::GetGroupLine(const std::string& group) const {
     const Section* const section = Find(group);
     return section != nullptr ? section->line : 0;

@@ -18,7 +18,8 @@ namespace quarn::core {
 /// nothing. A group may be empty. Lines end in LF or CR LF; a UTF-8 byte order mark is passed over. There is
 /// no continuation and no escape.
 ///
-/// Threads: any number of readers at once; nothing changes after construction except by assignment.
+/// Threads: any number of readers at once; nothing changes after construction except by assignment and
+///          SetValue.
 /// Errors:  Exception "file:line: what" for a group that stands twice, a key that stands twice in its group
 ///          (both name the first line), a key before the first group, a line that is neither, an empty group
 ///          or key name, a group without closing bracket, text behind the bracket, and NUL bytes; Exception
@@ -41,6 +42,10 @@ public:
     std::string GetValueOrDefault(const std::string& group, const std::string& key) const;
     /// The keys and values of `group`; empty when there is no such group. Good for as long as the file lives.
     const Group& operator[](const std::string& group) const;
+
+    /// Sets or adds a value of a group that there is. A key that is added has no line. Throws Exception that
+    /// names file and group when there is no such group.
+    void SetValue(const std::string& group, const std::string& key, const std::string& value);
 
     /// The names of all groups in the order of the file.
     const std::vector<std::string>& GetGroups() const { return order_; }

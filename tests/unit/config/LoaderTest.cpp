@@ -4,6 +4,7 @@
 
 #include "calvane/config/DescriptionCheck.h"
 #include "calvane/config/PluginManager.h"
+#include "calvane/graph/FormatException.h"
 #include "calvane/graph/PluginContainer.h"
 #include "calvane/runtime/CalvaneEnv.h"
 #include "support/TestPlugins.h"
@@ -33,6 +34,14 @@ const Register kSink("TestSink", [](CalvaneEnv*, const Config& config) -> Pipeli
 });
 const Register kSplitter("TestSplitter", [](CalvaneEnv*, const Config& config) -> PipelinePlugin* {
     return new TestSplitter(config.GetPluginName());
+});
+const Register kBomb("TestBomb", [](CalvaneEnv*, const Config&) -> PipelinePlugin* { throw 42; });
+const Register kPicky("TestPicky", [](CalvaneEnv*, const Config& config) -> PipelinePlugin* {
+    auto* const sink = new TestSink(config.GetPluginName());
+    BufferFormat required;
+    required.Set("width", 640);
+    sink->GetSink()->SetFormat(required);
+    return sink;
 });
 const Register kNothing("TestNothing", [](CalvaneEnv*, const Config&) -> PipelinePlugin* { return nullptr; });
 
@@ -88,7 +97,7 @@ TEST_F(PipelineLoaderTest, RefusesWhatCannotRunUntilItIsCorrected) {
     const std::map<std::string, std::string> wrong{
         {"Missing configuration group for plugin s", "[p]\nt.pipeline.head=s\n"},
         {"No registered plugin with type TestSorce", head + "TestSorce\n"},
-        {"Plugin a is its own successor: s -> a -> b -> a",
+        {"Plugin a is its own successor: a -> b -> a",
          source + "TestFilter\nt.pipeline.next=b\n[b]\nt.plugin.type=TestFilter\nt.pipeline.next=a\n"},
         {"Plugin a has no input and cannot follow s", source + "TestSource\n"},
         {"No plugin was made for a of type TestNothing", source + "TestNothing\n"},
@@ -145,6 +154,31 @@ TEST_F(PipelineLoaderTest, DisconnectsSharedPluginsFromThoseThatAFailureTakesAwa
                       "[t]\nt.plugin.type=TestSink\n[gone]\nt.plugin.type=TestSink\n[bad]\n"),
                  quarn::osa::Exception);
     EXPECT_EQ((Texts{"t:x"}), RunOnce(first)); // To t still, and not to what is gone.
+}
+
+// Whatever is thrown, and by whom: the survivors push only to what is still there.
+TEST_F(PipelineLoaderTest, PassesOnWhatIsThrownUnchangedAndRollsBack) {
+    const std::string text =
+        "[p]\nt.pipeline.head=s\n[s]\nt.plugin.type=TestSource\nt.pipeline.next=f\n"
+        "[f]\nt.plugin.type=TestFilter\nt.pipeline.next=t\n[t]\nt.plugin.type=TestSink\n";
+    const std::string more =
+        "[p]\nt.pipeline.head=s2\n[s2]\nt.plugin.type=TestSource\nt.pipeline.next=f\n"
+        "[f]\nt.plugin.type=TestFilter\nt.pipeline.next=t,gone,bad\n[t]\n"
+        "t.plugin.type=TestSink\n[gone]\nt.plugin.type=TestSink\n[bad]\nt.plugin.type=";
+    PluginContainer first;
+    PluginContainer second;
+    Load(first, text);
+    const LogCapture log;
+    EXPECT_THROW(Load(second, more + "TestBomb\n"), int);
+    EXPECT_TRUE(log.Contains("LoadPipeline failed: Unknown exception"));
+    try {
+        Load(second, more + "TestPicky\n");
+        ADD_FAILURE() << "formats that do not fit were connected";
+    } catch (const FormatException& error) {
+        EXPECT_STREQ("Incompatible formats", error.what());
+        EXPECT_EQ("width = 640 and no width", error.DescribeRequired() + " and " + error.DescribeOffered());
+    }
+    EXPECT_EQ((Texts{"t:x"}), RunOnce(first));
 }
 
 TEST(PluginManager, GivesOneInstancePerNameForAsLongAsItLives) {

@@ -2,6 +2,7 @@
 
 #include <atomic>
 
+#include "calvane/config/PluginManager.h"
 #include "calvane/plugins/QueuePlugin.h"
 #include "calvane/runtime/CalvaneEnv.h"
 #include "quarn/osa/Semaphore.h"
@@ -68,6 +69,59 @@ TEST_F(PipelineManagerTest, ReportsWhatIsNoStandardExceptionToo) {
     manager.Start();
     EXPECT_EQ("one shut down with fatal error: Unknown exception",
               ThrownText([&] { manager.WaitForFinish(); }));
+}
+
+TEST_F(PipelineManagerTest, AttributesFailuresToPlugins) {
+    a = [](Source& out, auto&) {
+        out.PushBuffer(MakeBuffer("x"));
+        return true;
+    };
+    factory.makers["sink"] = [](const auto& config) {
+        return new TestSink(config.GetPluginName(), [](auto&) { throw std::runtime_error("no"); });
+    };
+    factory.makers["a"] = [this](const auto& config) { return new TestSource(config.GetPluginName(), a); };
+    factory.makers["filter"] = [](const auto& config) { return new TestFilter(config.GetPluginName()); };
+    manager.LoadFromIniFile(IniFile::FromText(
+        "[calvane]\nt.pipelines=one\n[one]\nt.pipeline.head=h\n[h]\nt.plugin.type=a\nt.pipeline.next=f\n"
+        "[f]\nt.plugin.type=filter\nt.pipeline.next=s\n[s]\nt.plugin.type=sink\n"));
+    manager.Start();
+    EXPECT_EQ("one shut down with fatal error: no", ThrownText([&] { manager.WaitForFinish(); }));
+    ASSERT_EQ(1U, manager.GetFailures().size());
+    EXPECT_EQ("s", manager.GetFailures()[0].plugin);
+}
+
+// Also those that only a second load brings, and a description without the fault can be loaded afterwards.
+TEST_F(PipelineManagerTest, RefusesSeveralThreadsInAPluginThatAllowsOne) {
+    const auto description = [](const std::string& pipelines, const std::string& joint) {
+        return IniFile::FromText("[calvane]\nt.pipelines=" + pipelines +
+                                 "\n[one]\nt.pipeline.head=h1\n[two]\nt.pipeline.head=h2\n"
+                                 "[h1]\nt.plugin.type=source\nt.pipeline.next=joint\n"
+                                 "[h2]\nt.plugin.type=source\nt.pipeline.next=" +
+                                 joint +
+                                 "\n[joint]\nt.plugin.type=sink\nunread=1\n[other]\nt.plugin.type=sink\n");
+    };
+    const auto make = [](const std::string& type, auto maker) { PluginManager::RegisterPlugin(type, maker); };
+    make("source", [](CalvaneEnv*, const IPluginConfiguration& config) -> PipelinePlugin* {
+        return new TestSource(config.GetPluginName());
+    });
+    make("sink", [](CalvaneEnv*, const IPluginConfiguration& config) -> PipelinePlugin* {
+        return new TestSink(config.GetPluginName());
+    });
+    const std::string refusal =
+        "Several threads would call plugin joint, which allows one: pipeline one, pipeline two; let them "
+        "feed a "
+        "QueuePlugin before it";
+    PipelineManager together;
+    const LogCapture log;
+    EXPECT_EQ(refusal, ThrownText([&] { together.LoadFromIniFile(description("one,two", "joint")); }));
+    EXPECT_EQ("joint", together.GetLoadFailure().place.group);
+    PipelineManager apart;
+    apart.LoadFromIniFile(description("one", "joint"));
+    EXPECT_EQ(refusal, ThrownText([&] { apart.LoadFromIniFile(description("two", "joint")); }));
+    apart.LoadFromIniFile(description("two", "other"));
+    // The setting that nobody reads is named when its plugin is made, and not when it is shared.
+    EXPECT_EQ(2U, log.Count("joint: Setting unread was never used."));
+    EXPECT_EQ(1U, apart.GetUnusedSettings().size());
 }
 
 TEST_F(PipelineManagerTest, StopsFromOneThreadWhileAnotherWaits) {

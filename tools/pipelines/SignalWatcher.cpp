@@ -1,4 +1,4 @@
-#include "calvane/SignalWatcher.h"
+#include "pipelines/SignalWatcher.h"
 
 #include <poll.h>
 #include <sys/eventfd.h>

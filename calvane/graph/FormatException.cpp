@@ -1,0 +1,24 @@
+#include "calvane/graph/FormatException.h"
+
+#include <utility>
+
+namespace quarn::calvane {
+
+FormatException::FormatException(std::string property, int required, std::optional<int> offered)
+    : Exception("Incompatible formats"),
+      property_(std::move(property)),
+      required_(required),
+      offered_(offered) {}
+
+FormatException::FormatException(const FormatException& other) = default;
+FormatException::~FormatException() = default;
+
+std::string FormatException::DescribeRequired() const {
+    return property_ + " = " + std::to_string(required_);
+}
+
+std::string FormatException::DescribeOffered() const {
+    return offered_ ? property_ + " = " + std::to_string(*offered_) : "no " + property_;
+}
+
+} // namespace quarn::calvane

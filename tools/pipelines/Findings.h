@@ -1,0 +1,54 @@
+#pragma once
+
+#include <set>
+#include <string>
+#include <utility>
+
+#include "calvane/config/DescriptionCheck.h"
+#include "calvane/config/DescriptionGraph.h"
+#include "calvane/config/PluginTypes.h"
+#include "quarn/core/IniFile.h"
+
+namespace calvane_program {
+
+/// Writes one line to the standard error stream.
+void PrintError(const std::string& line);
+
+/// A description, what it stands for, and the diagnostics about it. Prints each on the standard error stream, as
+/// "FILE:LINE: [group] key: text" as far as the place is known.
+class CheckedDescription {
+public:
+    /// Reads the file at `path`; throws what IniFile throws.
+    explicit CheckedDescription(const std::string& path);
+    explicit CheckedDescription(quarn::core::IniFile ini);
+    CheckedDescription(const CheckedDescription&) = delete;
+    CheckedDescription& operator=(const CheckedDescription&) = delete;
+
+    /// Checks the description and prints what is found. Returns whether it can be loaded.
+    bool Check();
+    /// Prints settings that no plugin has read, unless Check had something to say about them.
+    void WarnAboutUnused(const std::vector<quarn::calvane::DescriptionPlace>& settings);
+
+    void PrintError(const quarn::calvane::DescriptionPlace& place, const std::string& text);
+    void PrintWarning(const quarn::calvane::DescriptionPlace& place, const std::string& text);
+    unsigned int GetErrorCount() const { return errors_; }
+    unsigned int GetWarningCount() const { return warnings_; }
+
+    const quarn::core::IniFile& GetIni() const { return ini_; }
+    const quarn::calvane::DescriptionGraph& GetGraph() const { return graph_; }
+    quarn::calvane::PluginTypes& GetTypes() { return types_; }
+
+private:
+    void Print(const quarn::calvane::DescriptionPlace& place, const std::string& mark,
+               const std::string& text);
+
+    const quarn::core::IniFile ini_;
+    const quarn::calvane::Description description_;
+    const quarn::calvane::DescriptionGraph graph_;
+    quarn::calvane::PluginTypes types_;
+    std::set<std::pair<std::string, std::string>> places_; // Of what was printed.
+    unsigned int errors_ = 0;
+    unsigned int warnings_ = 0;
+};
+
+} // namespace calvane_program
