@@ -55,7 +55,7 @@ Bytes MakeSegment(std::uint64_t& length) {
 TEST(SegmentFormat, IsThatOfTheGoldenFile) {
     std::uint64_t length = 0;
     const Bytes made = MakeSegment(length);
-    const std::string path = std::string(CALVANE_SOURCE_DIR) + "/tests/unit/drenn/golden.seg";
+    const std::string path = std::string(CALVANE_SOURCE_DIR) + "/tests/store/golden.seg";
     std::ostringstream golden;
     golden << std::ifstream(path, std::ios::binary).rdbuf();
     EXPECT_TRUE(golden.str() == std::string(made.begin(), made.end())) << path;
