@@ -143,7 +143,11 @@ QueuePlugin::~QueuePlugin() {
         consumer_->Abandon();
     }
     if (monitorEntry_ != nullptr) {
-        env_->DeleteMonitorEntry(monitorEntry_);
+        try {
+            env_->DeleteMonitorEntry(monitorEntry_);
+        } catch (...) {
+            // A destructor may not throw, and the plugin goes whatever becomes of its entry.
+        }
     }
 }
 

@@ -2,10 +2,10 @@
 
 #include <unistd.h>
 
-#include <chrono>
-#include <cstdlib>
+#include <csignal>
+#include <cstdio>
 #include <exception>
-#include <thread>
+#include <optional>
 
 #include "quarn/core/Logger.h"
 #include "quarn/osa/MutexAutoLock.h"
@@ -16,7 +16,18 @@ namespace {
 
 constexpr unsigned int kStackBytes = 32768;
 constexpr int kHungStatus = -1;
-constexpr std::chrono::seconds kExitLimit{5};
+constexpr unsigned int kExitLimitSeconds = 5;
+
+// The log or a stream may be what the hung thread holds: nothing may keep the process alive. An alarm needs no
+// memory and no further thread, and reaches this thread even while it waits for a lock.
+void EndProcessInAnyCase() {
+    std::signal(SIGALRM, [](int) { _exit(kHungStatus); });
+    sigset_t alarms;
+    sigemptyset(&alarms);
+    sigaddset(&alarms, SIGALRM);
+    pthread_sigmask(SIG_UNBLOCK, &alarms, nullptr);
+    alarm(kExitLimitSeconds);
+}
 
 } // namespace
 
@@ -32,7 +43,7 @@ MonitorThread::~MonitorThread() {
     try {
         thread_->Join();
     } catch (const std::exception&) {
-        // A static object goes while the watchdog itself ends the process: there is nothing to wait for.
+        // Destroyed by its own thread: there is nothing to wait for.
     }
 }
 
@@ -79,22 +90,29 @@ void MonitorThread::Stop() {
 }
 
 void MonitorThread::CheckEntries() {
-    const osa::MutexAutoLock lock(lock_);
-    for (Entry& entry : entries_) {
-        if (entry.name != nullptr && !__atomic_exchange_n(&entry.alive, false, __ATOMIC_RELAXED)) {
-            EndProcess(entry.name);
+    std::optional<std::string> hung; // A copy: once the lock is free the entry and its name may go.
+    {
+        const osa::MutexAutoLock lock(lock_);
+        for (Entry& entry : entries_) {
+            if (entry.name != nullptr && !__atomic_exchange_n(&entry.alive, false, __ATOMIC_RELAXED)) {
+                EndProcessInAnyCase();
+                hung = entry.name;
+                break;
+            }
         }
+    }
+    if (hung) {
+        EndProcess(*hung);
     }
 }
 
-void MonitorThread::EndProcess(const char* threadName) {
-    core::Logger::GetLogger("calvane")->Error("Thread %s failure\n", threadName);
-    // Handlers that run at exit may need what the hung thread holds; they cannot keep the process alive.
-    std::thread([] {
-        std::this_thread::sleep_for(kExitLimit);
-        _exit(kHungStatus);
-    }).detach();
-    std::exit(kHungStatus);
+// exit() would run the destructors of static objects on this thread while all others still use them. A static
+// pipeline manager would even stop its pipelines, and the main thread, released from its wait, would call
+// exit() with a status of its own: the hang would look like success.
+void MonitorThread::EndProcess(const std::string& threadName) {
+    core::Logger::GetLogger("calvane")->Error("Thread %s failure\n", threadName.c_str());
+    std::fflush(nullptr);
+    _exit(kHungStatus);
 }
 
 } // namespace quarn::calvane

@@ -3,6 +3,7 @@
 #include <array>
 #include <atomic>
 #include <memory>
+#include <string>
 
 #include "calvane/Export.h"
 #include "quarn/osa/Mutex.h"
@@ -17,7 +18,8 @@ namespace quarn::calvane {
 /// Threads:   all operations from any thread. A monitored thread sets its flag, with Kick, at least once per
 ///            period; the monitor clears it.
 /// Errors:    a hung thread is logged ("Thread NAME failure") on the logger "calvane"; then the process ends
-///            with exit status -1, which a parent sees as 255. Nothing is cleaned up.
+///            with exit status -1, which a parent sees as 255. Open streams are flushed, for at most 5 s;
+///            neither handlers registered with atexit nor destructors of static objects run.
 /// Lifetime:  watches from construction until Stop or destruction.
 class CALVANE_API MonitorThread final : public osa::Runnable {
 public:
@@ -51,7 +53,7 @@ private:
     };
 
     void CheckEntries();
-    [[noreturn]] static void EndProcess(const char* threadName);
+    [[noreturn]] static void EndProcess(const std::string& threadName);
 
     const unsigned int periodMs_;
     std::unique_ptr<osa::Thread> thread_;
