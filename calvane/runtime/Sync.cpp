@@ -66,32 +66,25 @@ timespec RealTimeAfter(int timeoutMs) {
 } // namespace
 
 /// All events of the process, by name.
+///
+/// Lifetime: made at first use and never destroyed. Threads may wait while the process ends, and the destructor
+///           of a condition waits until the last of them has left it: the process would not end before their
+///           time-outs. Its end gives all of this back anyway.
 class Sync::SyncFactory {
 public:
-    // Threads that still wait are woken, since a condition cannot be destroyed under them.
-    ~SyncFactory() {
-        const osa::MutexAutoLock lock(_sSyncFactoryMutex);
-        for (const auto& entry : _sSyncStructList) {
-            pthread_cond_broadcast(&entry.second->condition);
-            delete entry.second;
-        }
-        _sSyncStructList.clear();
-    }
-
     static SyncStruct* Attach(const std::string& name) {
-        const osa::MutexAutoLock lock(_sSyncFactoryMutex);
-        const auto found = _sSyncStructList.find(name);
-        if (found != _sSyncStructList.end()) {
-            return found->second;
+        static auto* const factory = new SyncFactory;
+        const osa::MutexAutoLock lock(factory->mutex_);
+        std::unique_ptr<SyncStruct>& event = factory->events_[name];
+        if (!event) {
+            event = std::make_unique<SyncStruct>(name);
         }
-        auto made = std::make_unique<SyncStruct>(name);
-        _sSyncStructList.emplace(name, made.get());
-        return made.release();
+        return event.get();
     }
 
 private:
-    static osa::Mutex _sSyncFactoryMutex;
-    static std::map<std::string, SyncStruct*> _sSyncStructList;
+    osa::Mutex mutex_{"SyncFactory"};
+    std::map<std::string, std::unique_ptr<SyncStruct>> events_;
 };
 
 class Sync::SyncImpl {
@@ -100,15 +93,7 @@ public:
     virtual ~SyncImpl() = default;
 
     SyncStruct* const event; // The factory's.
-
-private:
-    static SyncFactory _sFactory;
 };
-
-// In this order, so that the factory goes first.
-osa::Mutex Sync::SyncFactory::_sSyncFactoryMutex("SyncFactory");
-std::map<std::string, SyncStruct*> Sync::SyncFactory::_sSyncStructList;
-Sync::SyncFactory Sync::SyncImpl::_sFactory;
 
 Sync::Sync(const std::string& name) : impl_(std::make_unique<SyncImpl>(name)) {}
 

@@ -50,3 +50,7 @@ TEST(Watchdog, TakesAQueueWithoutBuffersForHung) {
 TEST(Watchdog, EndsAHostWhoseConsoleStalls) {
     EXPECT_THAT(Unsound(255, "", "WatchdogHost", {"console"}), IsEmpty());
 }
+
+TEST(Sync, LetsAProcessEndWhileThreadsWait) {
+    EXPECT_THAT(Unsound(0, "", "SyncHost", {}), IsEmpty());
+}
