@@ -15,13 +15,6 @@ namespace {
 const char* const kNoPointer = "Could not get a pointer to this buffer";
 const char* const kBeyondView = "Tried to create a SubBuffer that extends beyond the current buffer";
 
-std::unique_ptr<core::IMemoryHandle> CheckHandle(std::unique_ptr<core::IMemoryHandle> handle) {
-    if (!handle) {
-        throw osa::Exception("A buffer cannot be made without a memory handle");
-    }
-    return handle;
-}
-
 // A sum with a null pointer is not defined in C++, but a view behind the start of unaddressable memory is
 // asked for its address all the same.
 template <typename T>
@@ -55,6 +48,14 @@ public:
     static void* operator new(std::size_t bytes) { return TakeRecycled(Recycled::View, bytes); }
     static void operator delete(void* place) noexcept { GiveRecycled(Recycled::View, place); }
 
+    /// The first view of a memory. Owns `handle` before it takes memory for itself, which may be what fails.
+    static BufferImpl* Make(core::IMemoryHandle* handle, const BufferFormat* initialFormat) {
+        std::unique_ptr<core::IMemoryHandle> memory(handle);
+        if (!memory) {
+            throw osa::Exception("A buffer cannot be made without a memory handle");
+        }
+        return new BufferImpl(std::move(memory), initialFormat);
+    }
     /// Instead of deletion.
     static void Release(BufferImpl* view) noexcept {
         BufferImpl* const first = view->first_;
@@ -92,11 +93,10 @@ void Buffer::ReleaseImpl::operator()(BufferImpl* impl) const noexcept {
     BufferImpl::Release(impl);
 }
 
-Buffer::Buffer(core::IMemoryHandle* handle)
-    : impl_(new BufferImpl(CheckHandle(std::unique_ptr<core::IMemoryHandle>(handle)), nullptr)) {}
+Buffer::Buffer(core::IMemoryHandle* handle) : impl_(BufferImpl::Make(handle, nullptr)) {}
 
 Buffer::Buffer(core::IMemoryHandle* handle, const BufferFormat& format)
-    : impl_(new BufferImpl(CheckHandle(std::unique_ptr<core::IMemoryHandle>(handle)), &format)) {}
+    : impl_(BufferImpl::Make(handle, &format)) {}
 
 Buffer::Buffer(const Buffer& other) : impl_(new BufferImpl(*other.impl_)) {}
 

@@ -21,7 +21,9 @@ namespace quarn::calvane {
 /// Errors:    Exception with the texts named below; a failed operation changes nothing.
 class CALVANE_API Buffer {
 public:
-    /// Takes over `handle`, also when it throws. The view is the whole memory.
+    /// Takes over `handle`, also when it throws. The view is the whole memory. In `new Buffer(handle)` memory
+    /// for the Buffer may run out before the constructor is called: pass `owner.release()`, which is not
+    /// evaluated then.
     explicit Buffer(core::IMemoryHandle* handle);
     Buffer(core::IMemoryHandle* handle, const BufferFormat& format);
     /// Shares the memory; copies view, format, metadata and timestamp.

@@ -103,8 +103,9 @@ bool FileSource::OnGenerateBuffer(osa::TimeStruct&) {
     if (remaining_ == 0) {
         return false;
     }
-    auto buffer =
-        std::make_unique<Buffer>(allocator_->Allocate(static_cast<unsigned int>(blockSize_)), format_);
+    // Allocated in the argument, behind the memory of the buffer: no handle is lost when that runs out.
+    std::unique_ptr<Buffer> buffer(
+        new Buffer(allocator_->Allocate(static_cast<unsigned int>(blockSize_)), format_));
     stream_->read(reinterpret_cast<char*>(buffer->GetDataForWrite()), blockSize_);
     if (stream_->bad()) {
         logger->Error("Failed to read file %s: %s", fileName_.c_str(), osa::ErrnoText(errno).c_str());
