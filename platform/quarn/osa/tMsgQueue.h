@@ -97,9 +97,11 @@ public:
         return true;
     }
 
+    /// How many of the messages that had been sent when this call began are left: at most as many as fit.
     int Size() const {
-        const uint32_t taken = taken_.load(std::memory_order_acquire);
-        return static_cast<int>(sent_.Get() - taken);
+        const uint32_t sent = sent_.Get(); // First, so that what comes meanwhile is not counted.
+        const auto left = static_cast<int32_t>(sent - taken_.load(std::memory_order_acquire));
+        return std::max(left, 0); // Below 0 when more than those have been taken meanwhile.
     }
 
     /// The largest number of messages that were found in the queue: by a consumer that looked for more, by a

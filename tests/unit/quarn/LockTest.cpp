@@ -96,8 +96,13 @@ TEST(MessageQueue, LosesAndRepeatsNothingBetweenManyThreads) {
     tMsgQueue<int> queue("numbers", 7);
     std::atomic<int> left{kProducers * kMessages};
     std::atomic<int> outOfOrder{0};
+    std::atomic<int> mostSeen{0};
     std::vector<std::atomic<int>> seen(kProducers * kMessages);
-    RunInThreads(kProducers + 2, [&](int self) {
+    RunInThreads(kProducers + 3, [&](int self) {
+        while (self == kProducers + 2 && left > 0) { // Only looks.
+            const int size = queue.Size();
+            mostSeen = std::max({mostSeen.load(), size, queue.HighWaterMark()});
+        }
         for (int sent = 0; self < kProducers && sent != kMessages;) {
             try {
                 queue.SendMsg(self * kMessages + sent);
@@ -108,7 +113,7 @@ TEST(MessageQueue, LosesAndRepeatsNothingBetweenManyThreads) {
         }
         std::vector<int> last(kProducers, -1);
         int message = 0;
-        while (self >= kProducers && left > 0) {
+        while (self >= kProducers && self != kProducers + 2 && left > 0) {
             if (queue.TryGetMsg(message, 1)) {
                 int& before = last[static_cast<size_t>(message / kMessages)];
                 outOfOrder += message > before ? 0 : 1;
@@ -122,4 +127,5 @@ TEST(MessageQueue, LosesAndRepeatsNothingBetweenManyThreads) {
     EXPECT_EQ(0, outOfOrder);
     EXPECT_EQ(0, queue.Size());
     EXPECT_EQ(7, queue.HighWaterMark());
+    EXPECT_EQ(7, mostSeen);
 }
