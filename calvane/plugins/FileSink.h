@@ -42,7 +42,7 @@ private:
     std::ios_base::openmode openMode_;
     const int startCount_;
     const int endCount_;
-    int bufferCount_ = 0;
+    long long bufferCount_ = 0; // 32 bits would last 25 days at 1,000 buffers a second.
 };
 
 } // namespace quarn::calvane
