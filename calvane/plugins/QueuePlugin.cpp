@@ -131,6 +131,8 @@ QueuePlugin::QueuePlugin(CalvaneEnv* env, const IPluginConfiguration& config)
         }
         throw;
     }
+    // On a busy machine the thread may come to run later than a producer waits at the gate.
+    consumer_->WaitUntilReady();
 }
 
 QueuePlugin::~QueuePlugin() {

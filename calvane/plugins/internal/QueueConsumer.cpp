@@ -36,6 +36,18 @@ private:
     std::atomic<unsigned int>& counter_;
 };
 
+/// Releases a semaphore at the end of a block, however that is left.
+class ReleaseAtEnd {
+public:
+    explicit ReleaseAtEnd(osa::Semaphore& semaphore) : semaphore_(semaphore) {}
+    ~ReleaseAtEnd() { semaphore_.Release(); }
+    ReleaseAtEnd(const ReleaseAtEnd&) = delete;
+    ReleaseAtEnd& operator=(const ReleaseAtEnd&) = delete;
+
+private:
+    osa::Semaphore& semaphore_;
+};
+
 } // namespace
 
 QueueConsumer::QueueConsumer(std::string name, unsigned short queueLength, bool logTimeouts,
@@ -62,10 +74,12 @@ QueueStatistics QueueConsumer::GetStatistics() const {
 void QueueConsumer::Run() {
     const SignalStack signalStack;
     RunningPlugin::Enter(logger_->GetName().c_str());
-    entered_.Release();
     try {
-        logger_->Information("QueuePlugin thread started");
-        gate_.Release();
+        {
+            const ReleaseAtEnd ready(ready_);
+            logger_->Information("QueuePlugin thread started");
+            gate_.Release();
+        }
         std::unique_ptr<Buffer> buffer(RetrieveNextBuffer());
         while (buffer && Push(std::move(buffer))) {
             buffer.reset(RetrieveNextBuffer());
@@ -92,7 +106,6 @@ void QueueConsumer::Abandon() {
         const osa::MutexAutoLock lock(reportLock_);
         abandoned_ = true;
     }
-    entered_.Lock(); // The thread has its own hold on this object now.
     const unsigned int discarded = DiscardQueued();
     const osa::TimeMonotonic start;
     while (handled_.load(std::memory_order_acquire) + discarded !=

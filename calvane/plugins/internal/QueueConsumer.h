@@ -47,6 +47,8 @@ public:
 
     /// The thread's body.
     void Run();
+    /// Waits until the thread runs and has its own hold on this object. To be called once, when it is started.
+    void WaitUntilReady() { ready_.Lock(); }
 
     /// Tells the thread to end behind the buffers that are queued. Throws when the queue is full.
     void SendStop() { queue_.SendMsg(nullptr); }
@@ -69,7 +71,7 @@ private:
     const bool logTimeouts_;
     core::Logger* const logger_;
     const std::shared_ptr<Source> source_;
-    osa::Semaphore entered_{"QueueEntered", 0, 1};
+    osa::Semaphore ready_{"QueueReady", 0, 1};
     alignas(osa::kCacheLineBytes) osa::Semaphore gate_{"QueueSem", 0, 1}; // Producers change it all the time.
     osa::tMsgQueue<Buffer*> queue_;
 
