@@ -4,7 +4,6 @@
 #include <climits>
 #include <cstdint>
 #include <memory>
-#include <mutex>
 #include <new>
 #include <utility>
 
@@ -71,8 +70,8 @@ private:
     const unsigned int blockCount_;
     const std::unique_ptr<Slot[]> slots_;
 
-    // A lock that inherits priority costs twice as much; threads that share a pool should not differ there.
-    alignas(osa::kCacheLineBytes) std::mutex takers_;
+    // Inherits priority, so that no taker is kept by a less urgent one that was interrupted here.
+    alignas(osa::kCacheLineBytes) osa::Mutex takers_{"BufferPool"};
     uint32_t available_; // The head of the list that blocks are taken from.
 
     alignas(osa::kCacheLineBytes) std::atomic<uint32_t> returned_{kNone}; // The head of the other one.
@@ -125,7 +124,7 @@ BufferPoolAllocator::State::State(std::unique_ptr<IMemoryHandle> slab, unsigned 
 BufferPoolAllocator::State::~State() = default;
 
 IMemoryHandle* BufferPoolAllocator::State::Take(unsigned int length, bool wait) {
-    const std::lock_guard<std::mutex> lock(takers_);
+    const osa::MutexAutoLock lock(takers_);
     if (available_ == kNone && !TakeOverReturned()) {
         if (!wait) {
             return nullptr;

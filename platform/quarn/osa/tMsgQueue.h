@@ -6,7 +6,6 @@
 #include <cstddef>
 #include <cstdint>
 #include <memory>
-#include <mutex>
 #include <new>
 #include <type_traits>
 #include <utility>
@@ -35,7 +34,7 @@ class tMsgQueue {
 public:
     /// `maxCount`: how many messages fit; 0 makes a queue that is always full. `name` is not copied.
     tMsgQueue(const char* name, unsigned short maxCount)
-        : maxCount_(maxCount), slotMask_(SlotsFor(maxCount) - 1), consumers_(name) {
+        : maxCount_(maxCount), slotMask_(SlotsFor(maxCount) - 1), producers_(name), consumers_(name) {
         // Not value-initialised: memory behind places that are never used is never touched.
         slots_.reset(new Slot[std::size_t{slotMask_} + 1]);
     }
@@ -48,7 +47,7 @@ public:
     tMsgQueue& operator=(const tMsgQueue&) = delete;
 
     void SendMsg(const T& msg) {
-        const std::lock_guard<std::mutex> lock(producers_);
+        const MutexAutoLock lock(producers_);
         const uint32_t sent = sent_.Get();
         // What was last seen is never more than what has been taken: the difference is too large, if
         // anything.
@@ -164,8 +163,8 @@ private:
     const uint32_t slotMask_;
     std::unique_ptr<Slot[]> slots_; // A ring; the oldest message stands at taken_.
 
-    // Held for a few instructions and seldom waited for; a lock that inherits priority costs twice as much.
-    alignas(kCacheLineBytes) std::mutex producers_;
+    // Inherits priority: a producer that is interrupted while it holds the lock may not keep a more urgent one.
+    alignas(kCacheLineBytes) Mutex producers_;
     uint32_t takenSeen_ = 0;
 
     alignas(kCacheLineBytes) ArrivalCount sent_;

@@ -1,7 +1,13 @@
 #include <gmock/gmock.h>
+#include <sched.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <atomic>
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+#include <fstream>
 
 #include "quarn/osa/LockException.h"
 #include "quarn/osa/Mutex.h"
@@ -9,8 +15,10 @@
 #include "quarn/osa/Semaphore.h"
 #include "quarn/osa/TimeStruct.h"
 #include "quarn/osa/tMsgQueue.h"
+#include "support/Emulation.h"
 #include "support/RunInThreads.h"
 #include "support/ThrownText.h"
+#include "support/WaitUntil.h"
 
 using namespace quarn::osa;
 
@@ -44,6 +52,38 @@ TEST(Mutex, TellsAThreadThatItLocksTwiceOrUnlocksWhatItDoesNotHold) {
     mutex.Lock();
     EXPECT_THAT(ThrownText<LockException>([&] { mutex.Lock(); }), testing::HasSubstr("\"mine\""));
     mutex.Unlock();
+}
+
+TEST(Mutex, LendsItsHolderThePriorityOfAWaiter) {
+    SKIP_WHEN_EMULATED("no mutex inherits priority");
+    Mutex mutex("lent");
+    mutex.Lock();
+    const std::string self = "/proc/self/task/" + std::to_string(gettid()) + "/stat";
+    const auto priority = [&self] { // The 18th word: -2 stands for the real-time priority 1.
+        std::ifstream stat(self);
+        stat.ignore(1000, ')');
+        std::string word;
+        for (int skipped = 2; skipped != 18; ++skipped) {
+            stat >> word;
+        }
+        return std::atoi(word.c_str());
+    };
+    std::atomic<int> refused{0};
+    std::thread urgent([&] {
+        sched_param parameters{};
+        parameters.sched_priority = 1;
+        refused = sched_setscheduler(0, SCHED_FIFO, &parameters) != 0 ? errno : 0;
+        mutex.Lock();
+        mutex.Unlock();
+    });
+    const bool lent = WaitUntil([&] { return priority() == -2 || refused != 0; });
+    mutex.Unlock();
+    urgent.join();
+    if (refused != 0) {
+        GTEST_SKIP() << "no right to real-time priorities: " << strerror(refused);
+    }
+    EXPECT_TRUE(lent);
+    EXPECT_NE(-2, priority());
 }
 
 TEST(Semaphore, KeepsItsBoundsAndItsTime) {
