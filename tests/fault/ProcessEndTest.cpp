@@ -3,6 +3,7 @@
 #include <gmock/gmock.h>
 
 #include <algorithm>
+#include <cstdlib>
 #include <list>
 
 #include "support/Emulation.h"
@@ -46,11 +47,20 @@ TEST(Watchdog, TakesAQueueWithoutBuffersForHung) {
     EXPECT_THAT(Unsound(255, kHung, "WatchdogHost", {"idle"}), IsEmpty());
 }
 
-// The hung thread holds the lock of the log, which the watchdog wants to write to.
+// The watchdog has something to say and nobody listens.
 TEST(Watchdog, EndsAHostWhoseConsoleStalls) {
     EXPECT_THAT(Unsound(255, "", "WatchdogHost", {"console"}), IsEmpty());
 }
 
 TEST(Sync, LetsAProcessEndWhileThreadsWait) {
     EXPECT_THAT(Unsound(0, "", "SyncHost", {}), IsEmpty());
+}
+
+// More than a pipe holds, for a reader that is late.
+TEST(Log, ReachesASlowReaderOfAProcessThatEnds) {
+    const TempFolder folder;
+    const std::string host = std::string(CALVANE_EMULATOR) + " " CALVANE_TEST_BIN_DIR "/LogHost";
+    Program shell("/usr/bin/sh", {"-c", host + " 2>&1 | (sleep 0.3; wc -l)"}, folder.Path());
+    EXPECT_EQ(0, shell.Wait());
+    EXPECT_EQ(5000, std::atoi(shell.Out().c_str()));
 }

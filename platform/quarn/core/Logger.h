@@ -19,10 +19,11 @@ namespace quarn::core {
 /// The text may have any length and is written as it stands, line ends included.
 ///
 /// Threads:   any, for every operation. Lines of different threads never mix, also not while the target
-/// changes. Ownership: loggers belong to the process and are never deleted. Errors:    logging itself never
-/// throws for a target that fails: the first failure is told on standard error,
+///            changes.
+/// Ownership: loggers belong to the process and are never deleted.
+/// Errors:    logging itself never throws for a target that fails: the first failure is told on standard error,
 ///            and the next one only after a line went well. It leaves errno alone.
-/// Lifetime:  usable from static constructors to static destructors, and by threads that outlive main.
+/// Lifetime:   usable from static constructors to static destructors, and by threads that outlive main.
 class QUARN_API Logger {
 public:
     /// The logger of this name, made at the first call; the same one every time.
@@ -36,7 +37,8 @@ public:
     /// and then changes nothing.
     static void SetLevels(const std::string& spec);
 
-    /// Directs all lines to standard error; so it is from the start.
+    /// Directs all lines to standard error; so it is from the start. No thread waits for it: what it does not
+    /// take at once is kept, up to 1 MiB, and written by a thread in the background. exit() waits for that.
     static void LogToStderr();
     /// Directs all lines to the end of the file at `path`, which is made if need be; its folder is not.
     /// A line is in the file when the call that logs it returns.

@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdlib>
 #include <fstream>
@@ -125,6 +126,36 @@ TEST_F(LoggerTest, LinesAreNeitherTornNorLostWhileTheTargetChanges) {
         }
     }
     EXPECT_TRUE(written == expected) << written.size() << " lines of " << expected.size();
+}
+
+// As long as nobody reads, and when somebody does after all.
+TEST_F(LoggerTest, KeepsWhatStandardErrorDoesNotTakeAndCountsWhatIsTooMuch) {
+    constexpr int kLines = 30000; // More than 1 MiB and a full pipe hold.
+    const std::string padding(70, 'x');
+    int ends[2];
+    ASSERT_EQ(pipe(ends), 0);
+    const int standardError = dup(STDERR_FILENO);
+    dup2(ends[1], STDERR_FILENO);
+    close(ends[1]);
+    for (int line = 0; line != kLines; ++line) {
+        Logger::GetLogger("Chatty")->Error("%s%d.", padding.c_str(), line);
+    }
+    std::string text;
+    int lost = 0;
+    for (char part[4096]; lost == 0;) {
+        text.append(part, static_cast<size_t>(std::max<ssize_t>(read(ends[0], part, sizeof part), 0)));
+        const size_t notice = text.find("Log lines are lost: standard error took ");
+        lost = notice != std::string::npos && text.back() == '\n' ? std::atoi(text.c_str() + notice + 40) : 0;
+    }
+    dup2(standardError, STDERR_FILENO);
+    close(standardError);
+    close(ends[0]);
+    for (int line = 0; line != kLines - lost; ++line) { // The first ones, in order.
+        const size_t end = text.find(padding + std::to_string(line) + ".\n");
+        ASSERT_NE(end, std::string::npos) << line << " with " << lost << " lost";
+        text.erase(0, end + padding.size());
+    }
+    EXPECT_EQ(text.find(padding), std::string::npos);
 }
 
 TEST_F(LoggerTest, CaptureCollectsInsteadOfTheTargetAndGivesLevelsBack) {

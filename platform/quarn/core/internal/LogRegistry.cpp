@@ -2,19 +2,22 @@
 
 #include <fcntl.h>
 #include <spdlog/details/log_msg.h>
+#include <spdlog/details/null_mutex.h>
 #include <spdlog/pattern_formatter.h>
+#include <spdlog/sinks/base_sink.h>
 #include <spdlog/sinks/basic_file_sink.h>
-#include <spdlog/sinks/stdout_sinks.h>
 #include <spdlog/sinks/syslog_sink.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
 #include <cstdio>
+#include <cstdlib>
 #include <utility>
 
 #include "quarn/core/LogCapture.h"
 #include "quarn/core/Logger.h"
+#include "quarn/core/internal/Console.h"
 #include "quarn/osa/Exception.h"
 #include "quarn/osa/FormatText.h"
 #include "quarn/osa/MutexAutoLock.h"
@@ -44,8 +47,24 @@ spdlog::level::level_enum ToSpdlog(LogLevel level) {
     }
 }
 
+// Never destroyed, like the registry.
+Console& StandardError() {
+    static auto* const console = new Console;
+    return *console;
+}
+
+class ConsoleSink : public spdlog::sinks::base_sink<spdlog::details::null_mutex> {
+private:
+    void sink_it_(const spdlog::details::log_msg& message) override {
+        spdlog::memory_buf_t line;
+        formatter_->format(message, line);
+        StandardError().Write({line.data(), line.size()});
+    }
+    void flush_() override {}
+};
+
 SinkPointer MakeStderrSink() {
-    auto sink = std::make_shared<spdlog::sinks::stderr_sink_st>();
+    auto sink = std::make_shared<ConsoleSink>();
     sink->set_pattern(kLinePattern);
     return sink;
 }
@@ -85,7 +104,9 @@ LogRegistry& LogRegistry::GetInstance() {
     return *instance;
 }
 
-LogRegistry::LogRegistry() : target_(MakeStderrSink()) {}
+LogRegistry::LogRegistry() : target_(MakeStderrSink()) {
+    (void)std::atexit([] { StandardError().Flush(); });
+}
 
 Logger* LogRegistry::GetLogger(const std::string& name) {
     const MutexAutoLock lock(loggersLock_);
