@@ -61,6 +61,11 @@ std::vector<TimeStruct> GetSleeps() {
     return *sleeps;
 }
 
+void Release() {
+    const std::lock_guard<std::mutex> guard(lock);
+    frozen = false;
+}
+
 void LagBehind(const TimeStruct& interval) {
     const std::lock_guard<std::mutex> guard(lock);
     lag = interval;

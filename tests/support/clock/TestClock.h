@@ -17,6 +17,9 @@ void Advance(const quarn::osa::TimeStruct& interval);
 /// The length of each sleep since the last call of Set.
 std::vector<quarn::osa::TimeStruct> GetSleeps();
 
+/// The clock is the kernel's again.
+void Release();
+
 /// The clock runs, but so much behind the kernel's. A wait with a time-out of that length ends at once, since
 /// the kernel finds its deadline in the past.
 void LagBehind(const quarn::osa::TimeStruct& interval);

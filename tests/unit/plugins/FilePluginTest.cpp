@@ -1,9 +1,17 @@
+#include <sys/resource.h>
+
+#include <atomic>
+#include <csignal>
+#include <thread>
+
 #include "calvane/plugins/FileSink.h"
 #include "calvane/plugins/FileSource.h"
 #include "calvane/plugins/OverwriteFileSink.h"
 #include "calvane/runtime/CalvaneEnv.h"
+#include "quarn/osa/Thread.h"
 #include "support/TempFolder.h"
 #include "support/TestPlugins.h"
+#include "support/WaitUntil.h"
 
 using namespace quarn::calvane;
 
@@ -63,6 +71,35 @@ TEST_F(FilePluginTest, SourceReadsBlocksToTheEndOrRoundAndRound) {
     EXPECT_EQ((Sizes{}), Read({{"filename", folder.Write("empty", "")}, {"loop", "1"}}));
 }
 
+TEST_F(FilePluginTest, SourceHasAsManyBuffersUnderWayAsItsPoolHolds) {
+    std::atomic<int> underWay{0};
+    std::vector<std::unique_ptr<Buffer>> held;
+    held.reserve(4); // Filled on one thread and emptied on the other.
+    const PluginPtr source(
+        new FileSource(&env, TestConfig("source", {{"filename", folder.Write("in", "abcd")},
+                                                   {"buffer.blocksize.bytes", "1"},
+                                                   {"buffer.maxcount", "3"}})));
+    const PluginPtr sink(new TestSink("sink", [&](Buffer& buffer) {
+        held.emplace_back(buffer.Duplicate());
+        ++underWay;
+    }));
+    source->ConnectToSink(sink->GetSink());
+    std::thread reader([&] {
+        for (quarn::osa::TimeStruct next; source->GenerateBuffer(next);) {
+        }
+    });
+    EXPECT_TRUE(WaitUntil([&] { return underWay == 3; }));
+    quarn::osa::Thread::CurrentThread::MicroSleep(20000); // Should there be a fourth block, it comes now.
+    EXPECT_EQ(3, underWay);
+    // Should there be fewer, the reader waits for ever: nothing is held back any more.
+    for (int freed = 0; freed != 3; ++freed) {
+        EXPECT_TRUE(WaitUntil([&] { return underWay > freed; }));
+        held[static_cast<size_t>(freed)].reset();
+    }
+    reader.join();
+    EXPECT_EQ(4, underWay);
+}
+
 TEST_F(FilePluginTest, SaysWhatIsWrongWithASetting) {
     const auto refusal = [this](Settings settings) {
         settings.emplace("filename", folder.Write("in", "x"));
@@ -101,4 +138,15 @@ TEST_F(FilePluginTest, OverwritingSinkKeepsTheLatestWholeBuffer) {
                              {"x"});
     EXPECT_EQ("2nd", folder.Read("out"));
     EXPECT_EQ("x", folder.Read("t"));
+    // Half of a buffer does not take the place of a whole one.
+    rlimit before{};
+    getrlimit(RLIMIT_FSIZE, &before);
+    const auto handler = std::signal(SIGXFSZ, SIG_IGN);
+    const rlimit small{100, before.rlim_max};
+    setrlimit(RLIMIT_FSIZE, &small);
+    Write<OverwriteFileSink>({{"filename", out}}, {std::string(5000, 'x')});
+    setrlimit(RLIMIT_FSIZE, &before);
+    std::signal(SIGXFSZ, handler);
+    EXPECT_EQ("2nd", folder.Read("out"));
+    EXPECT_TRUE(folder.Has("out.tmp")) << "nothing was written at all";
 }

@@ -1,5 +1,3 @@
-#include <gmock/gmock.h>
-
 #include <atomic>
 #include <cerrno>
 #include <thread>
@@ -7,75 +5,11 @@
 #include "calvane/graph/ForwardSource.h"
 #include "calvane/plugins/FormatFilterPlugin.h"
 #include "calvane/plugins/IdentityPlugin.h"
-#include "calvane/plugins/StatsCollectorPlugin.h"
 #include "calvane/runtime/Sync.h"
-#include "quarn/osa/Thread.h"
 #include "support/TestPlugins.h"
 #include "support/WaitUntil.h"
 
 using namespace quarn::calvane;
-using testing::StartsWith;
-
-namespace {
-
-Buffer* MakeKeyed(const std::string& text, int key) {
-    Buffer* const buffer = MakeBuffer(text);
-    buffer->GetMetadata().SetValue("key", key);
-    return buffer;
-}
-
-} // namespace
-
-TEST(StatsCollectorPlugin, CountsSizesAndDelaysAndLogsThem) {
-    const ExpectNoBuffersLeft check;
-    const LogCapture log(quarn::core::LogLevel::Information);
-    std::vector<bool> stamped;
-    {
-        const PluginPtr first(new StatsCollectorPlugin(TestConfig("first")));
-        const PluginPtr second(
-            new StatsCollectorPlugin(TestConfig("second", {{"dump.modulo", "2"}, {"filter.key", "1"}})));
-        const PluginPtr sink(new TestSink("sink", [&](Buffer& buffer) {
-            stamped.push_back(buffer.GetMetadata().GetInt("StatTimeLower") != 0);
-        }));
-        first->ConnectToSink(second->GetSink());
-        second->ConnectToSink(sink->GetSink());
-        first->GetSink()->PushBuffer(MakeKeyed("only starts the clock", 1));
-        quarn::osa::Thread::CurrentThread::MicroSleep(1000); // So that no rate is infinite.
-        first->GetSink()->PushBuffer(MakeKeyed("1234", 1));
-        first->GetSink()->PushBuffer(MakeKeyed("12345678", 0));
-    }
-    EXPECT_EQ((std::vector<bool>{false, true, true}), stamped);
-    // The second collector dumps after its second counted buffer, and again what it has at its end: nothing.
-    for (const char* line : {"Cumulative Total buffers: 2", "Cumulative Min buffer size : 4 bytes",
-                             "Incremental Max buffer size : 8 bytes\n", "key Cumulative Total buffers: 1",
-                             "key Incremental Max buffer size : 4 bytes\n"}) {
-        EXPECT_GE(log.Count(line), 1U) << line;
-    }
-    EXPECT_EQ(1U, log.Count("Incremental Total buffers: 0"));
-}
-
-TEST(StatsCollectorPlugin, MeasuresTheDelayFromTheNearestCollectorBeforeIt) {
-    const LogCapture log(quarn::core::LogLevel::Information);
-    {
-        const PluginPtr collector(new StatsCollectorPlugin(TestConfig("collector")));
-        for (const unsigned int secondsAgo : {0U, 3U, 5U}) {
-            Buffer* const buffer = MakeBuffer("x");
-            const auto stamp = quarn::osa::TimeMonotonic() - quarn::osa::TimeStruct(secondsAgo, 0);
-            const uint64_t microseconds = uint64_t{stamp.seconds} * 1000000 + stamp.microseconds;
-            buffer->GetMetadata().SetValue("StatTimeLower", static_cast<int>(microseconds & 0xFFFFFFFF));
-            buffer->GetMetadata().SetValue("StatTimeUpper", static_cast<int>(microseconds >> 32));
-            collector->GetSink()->PushBuffer(buffer);
-        }
-    }
-    Texts lines;
-    for (const LogCapture::Line& line : log.GetLines()) {
-        lines.push_back(line.text);
-    }
-    // The first buffer is not counted.
-    EXPECT_THAT(lines, testing::IsSupersetOf({StartsWith("Cumulative minimum Delta time : 3."),
-                                              StartsWith("Cumulative maximum Delta time : 5."),
-                                              StartsWith("Cumulative Average Delta Time :  4.")}));
-}
 
 TEST(PassThroughPlugins, HandOnTheVeryBufferAndPinTheFormat) {
     const ExpectNoBuffersLeft check;

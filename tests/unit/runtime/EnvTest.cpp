@@ -55,6 +55,8 @@ TEST(CalvaneEnv, OwnsAllocatorsAndItsReporterButNoObjectOfAPlugin) {
         EXPECT_EQ(&first, env.AddCommObject("a", new Watched<CalvaneEnv::PluginComm>(deleted)));
         EXPECT_EQ(1, deleted);
         EXPECT_EQ(&first, env.GetCommObject("a"));
+        EXPECT_EQ(nullptr, env.GetCommObject("b"));
+        EXPECT_EQ(env.GetMsgBusPtr(), env.GetMsgBusPtr());
     }
     EXPECT_EQ(3, deleted); // The reporter and the allocator too.
 }

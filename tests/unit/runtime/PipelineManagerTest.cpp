@@ -134,23 +134,6 @@ TEST_F(PipelineManagerTest, StopsFromOneThreadWhileAnotherWaits) {
     EXPECT_EQ("one3 two3 ", Describe(manager.GetStatus()));
 }
 
-TEST_F(PipelineManagerTest, CountsTheTimeOfTheCallAgainstTheInterval) {
-    std::vector<TimeStruct> calls;
-    a = [&calls](auto&, TimeStruct& next) {
-        calls.emplace_back(true);
-        next = calls.size() == 1 ? TimeStruct(0, 60000) : TimeStruct(0, 1000);
-        quarn::osa::Thread::CurrentThread::MicroSleep(10000);
-        return calls.size() < 4;
-    };
-    Load(manager);
-    manager.Start();
-    manager.WaitForFinish();
-    ASSERT_EQ(4U, calls.size());
-    // The interval, less what passed between its start and the first line of the call.
-    EXPECT_GE(calls[1] - calls[0], TimeStruct(0, 40000));
-    EXPECT_GE(calls[2] - calls[1], TimeStruct(0, 10000)); // The call took longer: no pause.
-}
-
 TEST_F(PipelineManagerTest, LoadsACorrectedDescriptionInPlaceOfAFailedOne) {
     const std::string start = "[calvane]\nt.pipelines=one,two\n[one]\nt.pipeline.head=h1\n";
     const std::string end = "[h1]\nt.plugin.type=a\n[h2]\nt.plugin.type=a\n[two]\nt.pipeline.head=h2\n";
