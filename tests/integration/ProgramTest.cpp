@@ -121,8 +121,12 @@ TEST_F(ProgramTest, RunsALineOfPlugins) {
     EXPECT_EQ("contentcontentcontent", folder.Read("a b") + folder.Read("c") + folder.Read("d"));
     EXPECT_EQ(0, Calvane({"launch", "--ini", line}));
     folder.Write("d.ini", out);
-    EXPECT_EQ(0, Calvane({"run", "d.ini", "--set", "FileSink0.filename=e", "--set", "r.loop=0"})) << err;
+    folder.Write("d.ini", out + "[FileSink0.x]\n"); // A group whose name goes on behind that of another.
+    EXPECT_EQ(0,
+              Calvane({"run", "d.ini", "--set", "FileSink0.filename=e", "--set", "FileSink0.x.filename=f"}))
+        << err;
     EXPECT_EQ("content", folder.Read("e"));
+    EXPECT_THAT(err, testing::Not(HasSubstr("x.filename")));
     const std::map<std::string, std::string> wrong{
         {"FileSource filename=in ! QueuPlugin",
          "<launch>:13: [QueuPlugin0] t.plugin.type: No registered plugin with type QueuPlugin (did you mean "
@@ -164,8 +168,7 @@ TEST_F(ProgramTest, FailsWithTheFirstFailureOnStandardError) {
     EXPECT_EQ(1, Calvane("run", kCopy + "no/such/folder\n"));
     EXPECT_EQ("pipeline copy: failed: Failed to open file no/such/folder\n", out);
     // Once, with the place of the plugin that failed.
-    EXPECT_EQ("d.ini:9: [writer] copy shut down with fatal error: Failed to open file no/such/folder\n",
-              err);
+    EXPECT_EQ("d.ini:9: [writer] copy shut down with fatal error: Failed to open file no/such/folder\n", err);
 }
 
 TEST_F(ProgramTest, StopsInOrderOnASignalAndAtOnceOnTheSecond) {

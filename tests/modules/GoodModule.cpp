@@ -1,6 +1,5 @@
 // A module as an author writes one: a filter, and types that misbehave.
 
-#include <csignal>
 #include <stdexcept>
 
 #include "calvane/config/ModuleDefinition.h"
@@ -30,13 +29,20 @@ private:
     const unsigned char mask_;
 };
 
-/// Has a fault that ends the process.
+/// Has a fault that ends the process: it goes beyond its stack.
 class Crasher : public BasicSinkPlugin {
 public:
     Crasher(CalvaneEnv*, const IPluginConfiguration& config) : BasicSinkPlugin(config) {}
     void OnBuffer(const Sink*, Buffer* buffer) override {
         delete buffer;
-        raise(SIGSEGV);
+        Descend(0);
+    }
+
+private:
+    static int Descend(int depth) { // NOLINT(misc-no-recursion)
+        volatile char bytes[4096] = {};
+        bytes[depth % 4096] = 1;
+        return depth == -1 ? 0 : Descend(depth + 1) + bytes[0];
     }
 };
 

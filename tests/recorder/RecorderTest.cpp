@@ -38,7 +38,7 @@ TEST_F(RecorderTest, RefusesWhatIsWrongByName) {
     Start(bad);
     EXPECT_EQ(recorder->Wait(), 2);
     EXPECT_THAT(recorder->Err(), HasSubstr(bad + ":8: [s] track: "));
-    EXPECT_THAT(recorder->Err(), HasSubstr("track must be video, audio or metadata, not \"vidio\""));
+    EXPECT_THAT(recorder->Err(), HasSubstr("track: \"vidio\" is none of video, audio, metadata"));
     Start(folder.Path("absent.ini"));
     EXPECT_EQ(recorder->Wait(), 2);
     EXPECT_THAT(recorder->Err(), HasSubstr("absent.ini"));

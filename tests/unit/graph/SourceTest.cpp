@@ -14,7 +14,7 @@ public:
     void OnBuffer(const Sink*, Buffer* buffer) override {
         const std::unique_ptr<Buffer> owned(buffer);
         received.push_back(buffer);
-        writable.push_back(buffer->IsWritable());
+        writable.push_back(buffer != nullptr && buffer->IsWritable());
         Refuse();
     }
     void OnNewFormat(const Sink*, const BufferFormat& format) override {
@@ -102,6 +102,9 @@ TEST(Source, DestroysEveryBufferOnceWhateverHappensToIt) {
     last.refuse = false;
     source.PushBuffer(MakeBuffer("the lock was given back"));
     EXPECT_EQ(2U, last.received.size());
+    source.PushBuffer(nullptr);
+    EXPECT_EQ(nullptr, first.received.back());
+    EXPECT_EQ(nullptr, last.received.back());
 }
 
 TEST(Source, RefusesToBeCalledFromItsOwnDownstream) {

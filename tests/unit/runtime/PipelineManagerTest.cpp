@@ -71,23 +71,35 @@ TEST_F(PipelineManagerTest, ReportsWhatIsNoStandardExceptionToo) {
               ThrownText([&] { manager.WaitForFinish(); }));
 }
 
+// The sink fails at the first buffer, or the source behind a push that went well.
 TEST_F(PipelineManagerTest, AttributesFailuresToPlugins) {
-    a = [](Source& out, auto&) {
-        out.PushBuffer(MakeBuffer("x"));
-        return true;
+    bool sinkFails = true;
+    factory.makers["sink"] = [&sinkFails](const auto& config) {
+        return new TestSink(config.GetPluginName(), [&sinkFails](auto&) {
+            if (sinkFails) {
+                throw std::runtime_error("no");
+            }
+        });
     };
-    factory.makers["sink"] = [](const auto& config) {
-        return new TestSink(config.GetPluginName(), [](auto&) { throw std::runtime_error("no"); });
+    factory.makers["source"] = [](const auto& config) {
+        return new TestSource(config.GetPluginName(), [](Source& out, auto&) -> bool {
+            out.PushBuffer(MakeBuffer("x"));
+            throw std::runtime_error("no");
+        });
     };
-    factory.makers["a"] = [this](const auto& config) { return new TestSource(config.GetPluginName(), a); };
     factory.makers["filter"] = [](const auto& config) { return new TestFilter(config.GetPluginName()); };
-    manager.LoadFromIniFile(IniFile::FromText(
-        "[calvane]\nt.pipelines=one\n[one]\nt.pipeline.head=h\n[h]\nt.plugin.type=a\nt.pipeline.next=f\n"
-        "[f]\nt.plugin.type=filter\nt.pipeline.next=s\n[s]\nt.plugin.type=sink\n"));
-    manager.Start();
-    EXPECT_EQ("one shut down with fatal error: no", ThrownText([&] { manager.WaitForFinish(); }));
-    ASSERT_EQ(1U, manager.GetFailures().size());
-    EXPECT_EQ("s", manager.GetFailures()[0].plugin);
+    for (const std::string plugin : {"s", "h"}) {
+        sinkFails = plugin == "s";
+        PipelineManager failing(&factory, false);
+        failing.LoadFromIniFile(
+            IniFile::FromText("[calvane]\nt.pipelines=one\n[one]\nt.pipeline.head=h\n[h]\nt.plugin.type="
+                              "source\nt.pipeline.next=f\n"
+                              "[f]\nt.plugin.type=filter\nt.pipeline.next=s\n[s]\nt.plugin.type=sink\n"));
+        failing.Start();
+        EXPECT_EQ("one shut down with fatal error: no", ThrownText([&] { failing.WaitForFinish(); }));
+        ASSERT_EQ(1U, failing.GetFailures().size());
+        EXPECT_EQ(plugin, failing.GetFailures()[0].plugin);
+    }
 }
 
 // Also those that only a second load brings, and a description without the fault can be loaded afterwards.
