@@ -83,7 +83,7 @@ private:
 
 bool HasErrors(const IniFile& ini) {
     bool found = false;
-    for (const DescriptionFinding& finding : CheckDescription(ini)) {
+    for (const DescriptionDiagnostic& finding : CheckDescription(ini)) {
         REQUIRE(!finding.text.empty());
         REQUIRE(finding.key.empty() || finding.line != 0 || !ini.HasValue(finding.group, finding.key));
         found = found || finding.isError;

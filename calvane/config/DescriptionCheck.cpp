@@ -26,7 +26,7 @@ public:
     Checker(const DescriptionGraph& graph, PluginTypes& types)
         : graph_(graph), description_(graph.GetDescription()), ini_(description_.GetIni()), types_(types) {}
 
-    std::vector<DescriptionFinding> Check() {
+    std::vector<DescriptionDiagnostic> Check() {
         for (const DescriptionFault& fault : graph_.GetFaults()) {
             Complain(fault.place, fault.text);
         }
@@ -42,9 +42,9 @@ public:
         CheckConnections();
         CheckThreads();
         WarnAboutGroupsAndKeys();
-        std::stable_sort(findings_.begin(), findings_.end(),
+        std::stable_sort(diagnostics_.begin(), diagnostics_.end(),
                          [](const auto& a, const auto& b) { return a.line < b.line; });
-        return findings_;
+        return diagnostics_;
     }
 
 private:
@@ -180,10 +180,10 @@ private:
     }
 
     void Complain(const DescriptionPlace& place, const std::string& text) {
-        findings_.push_back({description_.GetLine(place), true, place.group, place.key, text});
+        diagnostics_.push_back({description_.GetLine(place), true, place.group, place.key, text});
     }
     void Warn(const DescriptionPlace& place, const std::string& text) {
-        findings_.push_back({description_.GetLine(place), false, place.group, place.key, text});
+        diagnostics_.push_back({description_.GetLine(place), false, place.group, place.key, text});
     }
 
     const DescriptionGraph& graph_;
@@ -194,18 +194,18 @@ private:
     std::map<std::string, const PluginDeclaration*> declarations_; // By plugin.
     std::map<std::string, std::vector<std::string>> knownKeys_;    // By group.
     std::set<std::string> anyKeys_; // Plugins whose own settings nobody declares.
-    std::vector<DescriptionFinding> findings_;
+    std::vector<DescriptionDiagnostic> diagnostics_;
 };
 
 } // namespace
 
-std::vector<DescriptionFinding> CheckDescription(const core::IniFile& ini) {
+std::vector<DescriptionDiagnostic> CheckDescription(const core::IniFile& ini) {
     const Description description(ini);
     PluginTypes types;
     return CheckDescription(DescriptionGraph(description), types);
 }
 
-std::vector<DescriptionFinding> CheckDescription(const DescriptionGraph& graph, PluginTypes& types) {
+std::vector<DescriptionDiagnostic> CheckDescription(const DescriptionGraph& graph, PluginTypes& types) {
     return Checker(graph, types).Check();
 }
 

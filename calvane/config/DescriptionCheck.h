@@ -15,7 +15,7 @@ class DescriptionGraph;
 class PluginTypes;
 
 /// One fault, or doubtful place, of a description.
-struct DescriptionFinding {
+struct DescriptionDiagnostic {
     unsigned int line; ///< Of the description; 0 when what is missing has no line.
     bool isError;      ///< Otherwise a warning: the description can be loaded.
     std::string group;
@@ -34,9 +34,9 @@ struct DescriptionFinding {
 ///
 /// Warnings: groups that nothing refers to, keys that neither the framework nor the plugin type knows, and
 /// thread priorities that do not exist.
-CALVANE_API std::vector<DescriptionFinding> CheckDescription(const core::IniFile& ini);
+CALVANE_API std::vector<DescriptionDiagnostic> CheckDescription(const core::IniFile& ini);
 /// The same for a graph at hand. `types` is asked about plugin types.
-CALVANE_API std::vector<DescriptionFinding> CheckDescription(const DescriptionGraph& graph,
-                                                             PluginTypes& types);
+CALVANE_API std::vector<DescriptionDiagnostic> CheckDescription(const DescriptionGraph& graph,
+                                                                PluginTypes& types);
 
 } // namespace quarn::calvane

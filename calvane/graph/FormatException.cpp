@@ -13,6 +13,15 @@ FormatException::FormatException(std::string property, int required, std::option
 FormatException::FormatException(const FormatException& other) = default;
 FormatException::~FormatException() = default;
 
+void FormatException::ThrowUnlessCompatible(const BufferFormat& required, const BufferFormat& offered) {
+    if (const char* const property = required.FindMismatch(offered)) {
+        int value = 0;
+        const bool offers = offered.Get(property, value);
+        throw FormatException(property, required.GetInt(property),
+                              offers ? std::optional(value) : std::nullopt);
+    }
+}
+
 std::string FormatException::DescribeRequired() const {
     return property_ + " = " + std::to_string(required_);
 }

@@ -4,6 +4,7 @@
 #include <string>
 
 #include "calvane/Export.h"
+#include "calvane/buffer/BufferFormat.h"
 #include "quarn/osa/Exception.h"
 
 namespace quarn::calvane {
@@ -15,6 +16,9 @@ public:
     FormatException(std::string property, int required, std::optional<int> offered);
     FormatException(const FormatException& other);
     ~FormatException() override;
+
+    /// Throws one when `offered` lacks what `required` requires.
+    static void ThrowUnlessCompatible(const BufferFormat& required, const BufferFormat& offered);
 
     /// "width = 640"
     std::string DescribeRequired() const;

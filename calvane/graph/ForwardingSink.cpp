@@ -1,6 +1,6 @@
 #include "calvane/graph/ForwardingSink.h"
 
-#include "calvane/graph/internal/FormatCheck.h"
+#include "calvane/graph/FormatException.h"
 
 namespace quarn::calvane {
 
@@ -15,7 +15,8 @@ void ForwardingSink::OnBuffer(const Sink*, Buffer* buffer) {
 }
 
 void ForwardingSink::OnNewFormat(const Sink*, const BufferFormat& format) {
-    AssertCompatible(*next_, format); // Its requirement may have changed since it was connected.
+    FormatException::ThrowUnlessCompatible(
+        next_->GetFormat(), format); // Its requirement may have changed since it was connected.
     next_->PushFormat(format);
 }
 

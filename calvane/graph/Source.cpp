@@ -3,7 +3,7 @@
 #include <algorithm>
 #include <vector>
 
-#include "calvane/graph/internal/FormatCheck.h"
+#include "calvane/graph/FormatException.h"
 #include "quarn/osa/CacheLine.h"
 #include "quarn/osa/Exception.h"
 #include "quarn/osa/MutexAutoLock.h"
@@ -35,7 +35,7 @@ void Source::ConnectTo(Sink* sink) {
     if (impl_->IsConnectedTo(sink)) {
         return;
     }
-    AssertCompatible(*sink, impl_->format);
+    FormatException::ThrowUnlessCompatible(sink->GetFormat(), impl_->format);
     impl_->sinks.push_back(sink);
     try {
         sink->PushFormat(impl_->format);
@@ -69,7 +69,7 @@ void Source::PushBuffer(Buffer* buffer) {
 void Source::SetFormat(const BufferFormat& newFormat) {
     const osa::MutexAutoLock lock(impl_->lock);
     for (const Sink* sink : impl_->sinks) {
-        AssertCompatible(*sink, newFormat);
+        FormatException::ThrowUnlessCompatible(sink->GetFormat(), newFormat);
         sink->PushFormat(newFormat);
     }
     impl_->format = newFormat;

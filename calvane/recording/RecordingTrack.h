@@ -97,10 +97,10 @@ private:
     };
 
     RecordHeader readHeader(unsigned int index) const;
-    unsigned int reckonFirstIndexNotBefore(const Ptime& t, unsigned int size) const;
+    unsigned int interpolateFirstIndexNotBefore(const Ptime& t, unsigned int size) const;
     unsigned int search(Bracket bracket) const;
     bool lookAt(Bracket& bracket, double place) const;
-    double reckonFromSeen(const Bracket& bracket) const;
+    double interpolateBetweenSeen(const Bracket& bracket) const;
     void noteSeen(unsigned int index, std::int64_t ticks) const;
     bool adoptTrack(drenn::multi_track_recorder::Recording& recording);
     void reportErased(unsigned int first, unsigned int last) const;

@@ -85,7 +85,7 @@ unsigned int RecordingTrack::getFirstIndexNotBefore(const ptime& t) const {
         return 0;
     }
     try {
-        return reckonFirstIndexNotBefore(t, size);
+        return interpolateFirstIndexNotBefore(t, size);
     } catch (const std::exception&) { // A record cannot be read; others that halving looks at perhaps can.
         unsigned int low = 0;
         for (unsigned int left = size; left > 0;) {
@@ -99,7 +99,7 @@ unsigned int RecordingTrack::getFirstIndexNotBefore(const ptime& t) const {
 }
 
 /// Within the lock, and with records.
-unsigned int RecordingTrack::reckonFirstIndexNotBefore(const ptime& t, unsigned int size) const {
+unsigned int RecordingTrack::interpolateFirstIndexNotBefore(const ptime& t, unsigned int size) const {
     Bracket bracket{ticksFromTime(t), 0, size - 1, readHeader(0).ticks, 0};
     if (bracket.lowTicks >= bracket.wanted) {
         return 0;
@@ -110,12 +110,13 @@ unsigned int RecordingTrack::reckonFirstIndexNotBefore(const ptime& t, unsigned 
 
 /// Within the lock.
 ///
-/// Every header that is looked at may be a read from the device, and halving looks at one for each bit of the size. But
-/// records come at a nearly constant rate where there are any. So the place is reckoned, first from what searches before
-/// have seen, then from the nearer end with the highest rate seen, and moved by a margin so that it comes to lie beyond
-/// the wanted time. When that did not halve what is left, for there was a gap, the next margin is larger, up to halving.
+/// An interpolation search. Every header that is read may be a read from the device, and a binary search reads one for
+/// each bit of the size. But records come at a nearly constant rate where there are any. So the place is interpolated,
+/// first between headers that earlier searches have read, then from the nearer end with the highest rate seen, and moved
+/// by a margin so that it lies beyond the wanted time. Where a gap kept a step from halving what is left, the next margin
+/// is larger, up to a step of the binary search.
 unsigned int RecordingTrack::search(Bracket bracket) const {
-    const double place = reckonFromSeen(bracket);
+    const double place = interpolateBetweenSeen(bracket);
     lookAt(bracket, place + kLeastMargin);
     lookAt(bracket, place - kLeastMargin);
     unsigned int margin = kLeastMargin;
@@ -158,7 +159,7 @@ bool RecordingTrack::lookAt(Bracket& bracket, double place) const {
     return true;
 }
 
-double RecordingTrack::reckonFromSeen(const Bracket& bracket) const {
+double RecordingTrack::interpolateBetweenSeen(const Bracket& bracket) const {
     const auto next = _seen.lower_bound(bracket.wanted);
     const bool hasNext = next != _seen.end();
     const bool hasLast = next != _seen.begin();

@@ -6,7 +6,7 @@
 
 #include "calvane/config/internal/Environment.h"
 #include "calvane/config/internal/ModuleVersion.h"
-#include "calvane/runtime/DefaultPipelineReporter.h"
+#include "calvane/runtime/IPipelineReporter.h"
 #include "calvane/runtime/MonitorThread.h"
 #include "quarn/core/ContigMemAllocator.h"
 #include "quarn/core/StandardHeapAllocator.h"

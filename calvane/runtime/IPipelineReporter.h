@@ -14,4 +14,10 @@ public:
     virtual ~IPipelineReporter() = default;
 };
 
+/// The reporter of an environment that was given none: it does nothing.
+class CALVANE_API DefaultPipelineReporter : public IPipelineReporter {
+public:
+    void ReportFailure(const std::string&, const std::string&) override {}
+};
+
 } // namespace quarn::calvane

@@ -10,9 +10,9 @@
 
 #include "calvane/recording/RecordingManager.h"
 #include "drenn/core/Settings.h"
+#include "pipelines/CheckedDescription.h"
 #include "pipelines/DescribedPipelines.h"
 #include "pipelines/ExitStatus.h"
-#include "pipelines/Findings.h"
 #include "quarn/core/Logger.h"
 
 namespace calvane_recorder {

@@ -3,8 +3,8 @@
 
 #include "RecorderHost.h"
 #include "calvane/runtime/CalvaneEnv.h"
+#include "pipelines/CheckedDescription.h"
 #include "pipelines/ExitStatus.h"
-#include "pipelines/Findings.h"
 #include "quarn/core/Logger.h"
 
 namespace {

@@ -3,8 +3,8 @@
 
 #include "Commands.h"
 #include "calvane/Version.h"
+#include "pipelines/CheckedDescription.h"
 #include "pipelines/ExitStatus.h"
-#include "pipelines/Findings.h"
 
 namespace {
 

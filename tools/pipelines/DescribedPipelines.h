@@ -1,7 +1,7 @@
 #pragma once
 
 #include "calvane/runtime/PipelineManager.h"
-#include "pipelines/Findings.h"
+#include "pipelines/CheckedDescription.h"
 
 namespace calvane_program {
 

@@ -142,7 +142,7 @@ public:
 };
 thread_local ThreadEnd tThreadEnd;
 
-void* TakeSlowly(unsigned int kind, std::size_t bytes) {
+void* AllocateSlowPath(unsigned int kind, std::size_t bytes) {
     if (!tEnded) {
         tThreadEnd.Expect();
         Cache& cache = tCaches[kind];
@@ -155,7 +155,7 @@ void* TakeSlowly(unsigned int kind, std::size_t bytes) {
     return ::operator new(static_cast<std::size_t>(osa::RoundUpToCacheLine(bytes)), kAlignment);
 }
 
-void GiveSlowly(unsigned int kind, void* block) noexcept {
+void FreeSlowPath(unsigned int kind, void* block) noexcept {
     if (tEnded) {
         ::operator delete(block, kAlignment);
         return;
@@ -176,7 +176,7 @@ void GiveSlowly(unsigned int kind, void* block) noexcept {
 
 void* TakeRecycled(Recycled kind, std::size_t bytes) {
     Cache& cache = tCaches[static_cast<unsigned int>(kind)];
-    return cache.used.count != 0 ? Pop(cache.used) : TakeSlowly(static_cast<unsigned int>(kind), bytes);
+    return cache.used.count != 0 ? Pop(cache.used) : AllocateSlowPath(static_cast<unsigned int>(kind), bytes);
 }
 
 void GiveRecycled(Recycled kind, void* block) noexcept {
@@ -184,7 +184,7 @@ void GiveRecycled(Recycled kind, void* block) noexcept {
     if (cache.used.count < cache.limit) {
         Push(cache.used, block);
     } else {
-        GiveSlowly(static_cast<unsigned int>(kind), block);
+        FreeSlowPath(static_cast<unsigned int>(kind), block);
     }
 }
 

@@ -1,8 +1,14 @@
 #include "quarn/osa/TimeStruct.h"
 
+#include <sys/types.h>
+
 #include <ctime>
 
 namespace quarn::osa {
+
+// Where offsets in files have 32 bits, a write at 5 GiB lands at 1 GiB without an error; 32-bit times end in 2038.
+static_assert(sizeof(off_t) == 8, "build with _FILE_OFFSET_BITS=64");
+static_assert(sizeof(std::time_t) == 8, "build with _TIME_BITS=64");
 
 TimeStruct::TimeStruct(bool now) {
     if (now) {

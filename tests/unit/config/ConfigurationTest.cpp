@@ -15,7 +15,7 @@ namespace {
 
 Texts FindingsOf(const std::string& text) {
     Texts lines;
-    for (const DescriptionFinding& finding : CheckDescription(IniFile::FromText(text, "d.ini"))) {
+    for (const DescriptionDiagnostic& finding : CheckDescription(IniFile::FromText(text, "d.ini"))) {
         lines.push_back(std::to_string(finding.line) + (finding.isError ? " error [" : " warning [") +
                         finding.group + "] " + finding.key + ": " + finding.text);
     }

@@ -136,7 +136,7 @@ TEST_F(PipelineLoaderTest, RefusesTooManyWaysAndTooLongOnes) {
     for (const auto& [message, text] : excessive) {
         const LogCapture log(quarn::core::LogLevel::Off);
         EXPECT_EQ(message, ThrownText([&, description = text] { Load(container, description); }));
-        const std::vector<DescriptionFinding> findings = CheckDescription(IniFile::FromText(text));
+        const std::vector<DescriptionDiagnostic> findings = CheckDescription(IniFile::FromText(text));
         EXPECT_TRUE(std::any_of(findings.begin(), findings.end(),
                                 [wanted = message](const auto& finding) { return finding.text == wanted; }));
     }

@@ -1,4 +1,4 @@
-#include "pipelines/Findings.h"
+#include "pipelines/CheckedDescription.h"
 
 #include <iostream>
 

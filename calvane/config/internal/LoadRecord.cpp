@@ -1,4 +1,4 @@
-#include "calvane/config/internal/ConnectionTaps.h"
+#include "calvane/config/internal/LoadRecord.h"
 
 namespace quarn::calvane {
 
