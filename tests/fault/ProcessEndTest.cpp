@@ -15,13 +15,13 @@ namespace {
 
 const std::string kHung = "calvane: Thread q failure\n\n";
 
-/// Runs `host` several times at once, each a process of its own. What each but the sound ones came to: those
+/// Runs `host` `count` times at once, each a process of its own. What each but the sound ones came to: those
 /// that ended with `status` and had `said` as their last words.
-std::vector<std::string> Unsound(int status, const std::string& said, const std::string& host,
+std::vector<std::string> Unsound(int count, int status, const std::string& said, const std::string& host,
                                  const std::vector<std::string>& arguments) {
     const TempFolder folder;
     std::list<Program> runs;
-    for (int run = 0; run != (kEmulated ? 4 : 25); ++run) {
+    for (int run = 0; run != (kEmulated ? 4 : count); ++run) {
         runs.emplace_back(CALVANE_TEST_BIN_DIR "/" + host, arguments, folder.Path());
     }
     std::vector<std::string> unsound;
@@ -39,21 +39,25 @@ std::vector<std::string> Unsound(int status, const std::string& said, const std:
 } // namespace
 
 TEST(Watchdog, EndsAHostWithAStaticManagerWithItsStatus) {
-    EXPECT_THAT(Unsound(255, kHung, "WatchdogHost", {"hung"}), IsEmpty());
+    EXPECT_THAT(Unsound(25, 255, kHung, "WatchdogHost", {"hung"}), IsEmpty());
 }
 
 // A queue that waits for buffers shows no sign of life, whatever it logs meanwhile.
 TEST(Watchdog, TakesAQueueWithoutBuffersForHung) {
-    EXPECT_THAT(Unsound(255, kHung, "WatchdogHost", {"idle"}), IsEmpty());
+    EXPECT_THAT(Unsound(5, 255, kHung, "WatchdogHost", {"idle"}), IsEmpty());
+}
+
+TEST(Watchdog, FindsNothingWhereBuffersPass) {
+    EXPECT_THAT(Unsound(1, 0, "", "WatchdogHost", {"lively"}), IsEmpty());
 }
 
 // The watchdog has something to say and nobody listens.
 TEST(Watchdog, EndsAHostWhoseConsoleStalls) {
-    EXPECT_THAT(Unsound(255, "", "WatchdogHost", {"console"}), IsEmpty());
+    EXPECT_THAT(Unsound(5, 255, "", "WatchdogHost", {"console"}), IsEmpty());
 }
 
 TEST(Sync, LetsAProcessEndWhileThreadsWait) {
-    EXPECT_THAT(Unsound(0, "", "SyncHost", {}), IsEmpty());
+    EXPECT_THAT(Unsound(25, 0, "", "SyncHost", {}), IsEmpty());
 }
 
 // More than a pipe holds, for a reader that is late.

@@ -55,6 +55,7 @@ TEST_F(RunnerClockTest, SleepsForWhatIsLeftOfTheInterval) {
     sleeps.erase(sleeps.begin());
     TimeStruct longSleep;
     for (const TimeStruct& sleep : sleeps) {
+        EXPECT_FALSE(sleep.IsZero());
         longSleep = longSleep + sleep;
     }
     EXPECT_EQ(TimeStruct(7200, 999999), longSleep);

@@ -170,8 +170,28 @@ TEST_F(QueuePluginTest, ServesSeveralProducersAtOnce) {
     EXPECT_GE(dropped + passed + 100, kAll);
 }
 
+TEST_F(QueuePluginTest, IsWatchedOnlyWhenAskedToBe) {
+    const auto freeEntries = [this] {
+        std::vector<bool*> taken;
+        for (bool* entry = env.AddMonitorEntry("x"); entry != nullptr; entry = env.AddMonitorEntry("x")) {
+            taken.push_back(entry);
+        }
+        for (bool* const entry : taken) {
+            env.DeleteMonitorEntry(entry);
+        }
+        return taken.size();
+    };
+    Make({});
+    EXPECT_EQ(100U, freeEntries());
+    Make({{"procmon.timeout.seconds", "1"}});
+    EXPECT_EQ(99U, freeEntries());
+    queue.reset();
+    EXPECT_EQ(100U, freeEntries());
+}
+
 TEST_F(QueuePluginTest, AcceptsPrioritiesInItsRangeOnly) {
     Make({{"thread.priority", "-119"}});
+    Make({{"thread.priority", "20"}});
     for (const char* bad : {"21", "-120"}) {
         EXPECT_EQ("Invalid value of thread.priority", ThrownText([&] { Make({{"thread.priority", bad}}); }));
     }

@@ -34,9 +34,12 @@ TEST(CalvaneEnv, AcceptsModulesOfTheSameMajorAndNoNewerMinorVersion) {
     CalvaneEnv::AssertVersionCompatible("m.so", 1, 3, 2);
     EXPECT_TRUE(log.Contains(
         "m.so was built against version 1.3.2 of calvane, which is newer than the current version of 1.3.0"));
-    EXPECT_EQ(
-        "m.so expects version 2.0.0 of calvane, which is incompatible with the current version of 1.3.0",
-        ThrownText([&] { CalvaneEnv::AssertVersionCompatible("m.so", 2, 0, 0); }));
+    const unsigned short refused[][2] = {{1, 4}, {0, 9}, {2, 0}};
+    for (const auto& [major, minor] : refused) {
+        EXPECT_EQ("m.so expects version " + std::to_string(major) + "." + std::to_string(minor) +
+                      ".0 of calvane, which is incompatible with the current version of 1.3.0",
+                  ThrownText([&] { CalvaneEnv::AssertVersionCompatible("m.so", major, minor, 0); }));
+    }
 }
 
 TEST(CalvaneEnv, OwnsAllocatorsAndItsReporterButNoObjectOfAPlugin) {
@@ -69,6 +72,7 @@ TEST(MonitorThread, HasAHundredEntriesAndStopsAtOnce) {
         for (int i = 0; i != 100; ++i) {
             entries.push_back(monitor.AddMonitorEntry("entry"));
             ASSERT_NE(nullptr, entries.back());
+            EXPECT_TRUE(*entries.back()); // Has a whole period to come to life.
         }
         bool stranger = false;
         monitor.DeleteMonitorEntry(&stranger);

@@ -58,6 +58,7 @@ TEST_F(PipelineManagerTest, StopsAllPipelinesOnTheFirstFailure) {
         failing.Start();
         EXPECT_EQ(failure, ThrownText([&] { failing.WaitForFinish(); }));
         EXPECT_EQ("one3 two450% broken ", Describe(failing.GetStatus()));
+        EXPECT_FALSE(failing.IsRunning());
     }
     EXPECT_EQ(1U, log.Count("Initiating shutdown: " + failure));
     EXPECT_EQ(1U, log.Count("~PipelineManagerImpl: discarding exception from Stop(): " + failure));
@@ -69,6 +70,8 @@ TEST_F(PipelineManagerTest, ReportsWhatIsNoStandardExceptionToo) {
     manager.Start();
     EXPECT_EQ("one shut down with fatal error: Unknown exception",
               ThrownText([&] { manager.WaitForFinish(); }));
+    manager.ReportFailure("two", "later"); // The first one counts, every time.
+    EXPECT_EQ("one shut down with fatal error: Unknown exception", ThrownText([&] { manager.Stop(); }));
 }
 
 // The sink fails at the first buffer, or the source behind a push that went well.
@@ -144,6 +147,32 @@ TEST_F(PipelineManagerTest, StopsFromOneThreadWhileAnotherWaits) {
     RunInThreads(3, [this](int number) { number == 0 ? manager.WaitForFinish() : manager.Stop(); });
     EXPECT_FALSE(manager.IsRunning());
     EXPECT_EQ("one3 two3 ", Describe(manager.GetStatus()));
+    for (int round = 0; round != 50; ++round) {
+        PipelineManager started(&factory, false);
+        Load(started);
+        started.Start();
+        EXPECT_TRUE(started.IsRunning()); // Also before its threads have come to run.
+        started.Stop();
+    }
+}
+
+TEST_F(PipelineManagerTest, DeletesItsOwnFactoryBehindTheLastPlugin) {
+    static std::vector<std::string> deleted;
+    struct Factory : TestFactory {
+        ~Factory() override { deleted.emplace_back("factory"); }
+    };
+    struct Head : TestSource {
+        Head() : TestSource("h1") {}
+        ~Head() override { deleted.emplace_back("plugin"); }
+    };
+    auto* const own = new Factory;
+    own->makers["a"] = [](const auto&) { return new Head; };
+    {
+        PipelineManager owner(own, true);
+        owner.LoadFromIniFile(IniFile::FromText(
+            "[calvane]\nt.pipelines=one\n[one]\nt.pipeline.head=h1\n[h1]\nt.plugin.type=a\n"));
+    }
+    EXPECT_EQ((Texts{"plugin", "factory"}), deleted);
 }
 
 TEST_F(PipelineManagerTest, LoadsACorrectedDescriptionInPlaceOfAFailedOne) {
@@ -178,6 +207,7 @@ TEST_F(PipelineManagerTest, DrainsQueuesAndTellsOfFailuresInThem) {
         return new TestSink("t", [&](Buffer&) {
             if (written == 0) {
                 go.Lock();
+                quarn::osa::Thread::CurrentThread::MicroSleep(20000); // Who does not wait is here first.
             }
             if (++written == 4) {
                 throw quarn::osa::Exception("disk full");
