@@ -3,12 +3,14 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <cerrno>
+#include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <fstream>
 #include <regex>
 #include <set>
+#include <utility>
 
 #include "quarn/core/LogCapture.h"
 #include "quarn/osa/Warning.h"
@@ -140,22 +142,29 @@ TEST_F(LoggerTest, KeepsWhatStandardErrorDoesNotTakeAndCountsWhatIsTooMuch) {
     for (int line = 0; line != kLines; ++line) {
         Logger::GetLogger("Chatty")->Error("%s%d.", padding.c_str(), line);
     }
-    std::string text;
+    int last = -1;
+    int received = 0;
     int lost = 0;
-    for (char part[4096]; lost == 0;) {
-        text.append(part, static_cast<size_t>(std::max<ssize_t>(read(ends[0], part, sizeof part), 0)));
-        const size_t notice = text.find("Log lines are lost: standard error took ");
-        lost = notice != std::string::npos && text.back() == '\n' ? std::atoi(text.c_str() + notice + 40) : 0;
+    std::FILE* const reader = fdopen(ends[0], "r");
+    for (char line[200]; received + lost < kLines && std::fgets(line, sizeof line, reader) != nullptr;) {
+        int count = 0;
+        if (std::sscanf(line, "Log lines are lost: standard error took %d of them too slowly\n", &count) ==
+            1) {
+            lost += count;
+        } else {
+            const char* const number = std::strstr(line, padding.c_str());
+            ASSERT_NE(number, nullptr) << line;
+            const int before = std::exchange(last, std::atoi(number + padding.size()));
+            ASSERT_GT(last, before);
+            ++received;
+        }
     }
     dup2(standardError, STDERR_FILENO);
     close(standardError);
-    close(ends[0]);
-    for (int line = 0; line != kLines - lost; ++line) { // The first ones, in order.
-        const size_t end = text.find(padding + std::to_string(line) + ".\n");
-        ASSERT_NE(end, std::string::npos) << line << " with " << lost << " lost";
-        text.erase(0, end + padding.size());
-    }
-    EXPECT_EQ(text.find(padding), std::string::npos);
+    std::fclose(reader);
+    EXPECT_EQ(received + lost, kLines);
+    EXPECT_GT(lost, 0);
+    EXPECT_GT(received, 5000); // Most of 1 MiB.
 }
 
 TEST_F(LoggerTest, CaptureCollectsInsteadOfTheTargetAndGivesLevelsBack) {
