@@ -6,6 +6,7 @@ namespace quarn::calvane {
 
 ForwardingSink::ForwardingSink(Sink* next) : sink_(this), next_(next) {
     sink_.SetFormatHandler(this);
+    sink_.SetOwner(next->GetOwner());
 }
 
 ForwardingSink::~ForwardingSink() = default;

@@ -1,6 +1,5 @@
 #include "calvane/graph/Sink.h"
 
-#include "calvane/graph/internal/RunningPlugin.h"
 #include "quarn/core/Logger.h"
 #include "quarn/osa/Exception.h"
 
@@ -29,9 +28,7 @@ void Sink::SetFormatHandler(IFormatHandler* handler) {
 
 void Sink::PushBuffer(Buffer* buffer) const {
     if (impl_->bufferHandler != nullptr) {
-        const char* const before = RunningPlugin::Enter(impl_->owner);
         impl_->bufferHandler->OnBuffer(this, buffer);
-        RunningPlugin::Leave(before);
         return;
     }
     const std::unique_ptr<Buffer> unwanted(buffer);
@@ -48,6 +45,10 @@ void Sink::SetOwner(const char* plugin) {
     if (impl_->owner == nullptr) {
         impl_->owner = plugin;
     }
+}
+
+const char* Sink::GetOwner() const {
+    return impl_->owner;
 }
 
 const BufferFormat& Sink::GetFormat() const {

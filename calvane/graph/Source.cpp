@@ -4,6 +4,7 @@
 #include <vector>
 
 #include "calvane/graph/FormatException.h"
+#include "calvane/graph/internal/RunningPlugin.h"
 #include "quarn/osa/CacheLine.h"
 #include "quarn/osa/Exception.h"
 #include "quarn/osa/MutexAutoLock.h"
@@ -59,11 +60,17 @@ void Source::PushBuffer(Buffer* buffer) {
     if (impl_->sinks.empty()) {
         return;
     }
+    // The plugins are entered here, and not by their sinks, so that a push takes no further place on the stack.
+    const char* const before = RunningPlugin::Get();
     const auto last = impl_->sinks.end() - 1;
     for (auto sink = impl_->sinks.begin(); sink != last; ++sink) {
-        (*sink)->PushBuffer(owned ? owned->Duplicate() : nullptr);
+        Buffer* const duplicate = owned ? owned->Duplicate() : nullptr;
+        RunningPlugin::Enter((*sink)->GetOwner());
+        (*sink)->PushBuffer(duplicate);
     }
+    RunningPlugin::Enter((*last)->GetOwner());
     (*last)->PushBuffer(owned.release());
+    RunningPlugin::Leave(before);
 }
 
 void Source::SetFormat(const BufferFormat& newFormat) {

@@ -76,7 +76,7 @@ TEST_F(InspectionTest, ListsTheTypesOfAllModulesOnThePath) {
 
 TEST_F(InspectionTest, MakesAPluginOfAModuleThatDeclaresNothing) {
     const auto module = Plugins({"--module", kGood});
-    EXPECT_EQ("1.3.0 [\"Crasher\",\"Invert\",\"Nothing\",\"Thrower\"]",
+    EXPECT_EQ("1.3.0 [\"Crasher\",\"Invert\",\"Nothing\",\"Split\",\"Thrower\"]",
               module["version"].get<std::string>() + " " + module["types"].dump());
     const auto invert = Plugins({"Invert", "--module", kGood});
     EXPECT_EQ("mask [\"default\"] [\"\"]",

@@ -122,7 +122,7 @@ TEST(Module, IsKnownByTheNameThatTheConfigurationGives) {
 
 TEST(ModuleFile, TellsWhatAModuleIsWithoutLoadingIt) {
     const ModuleFile good(kGood);
-    EXPECT_EQ((Texts{"Crasher", "Invert", "Nothing", "Thrower"}), good.GetTypes());
+    EXPECT_EQ((Texts{"Crasher", "Invert", "Nothing", "Split", "Thrower"}), good.GetTypes());
     EXPECT_EQ("[plugin]\nsummary = Ends the process\ninputs = default\n",
               good.GetDeclarations().at("Crasher"));
     EXPECT_EQ(1U, good.GetDeclarations().size());
@@ -179,6 +179,10 @@ TEST(DescriptionCheck, LooksIntoModules) {
     EXPECT_EQ(
         "t.plugin.type: Module " + kGood + " exports no plugin with type Inverted (did you mean \"Invert\"?)",
         finding(kGood, "Inverted"));
+    EXPECT_EQ("t.plugin.type: Module " + kFolder +
+                  "/EmptyModule.so exports no plugin with type Any; "
+                  "CALVANE_EXPORT_PLUGIN exports one",
+              finding(kFolder + "/EmptyModule.so", "Any"));
     EXPECT_THAT(finding(tooNew, "Any"),
                 StartsWith("t.plugin.module: " + tooNew + " expects version 1.4.0 of calvane, which is"));
     EXPECT_THAT(finding(kFolder, "Any"), testing::EndsWith(" is not a regular file"));

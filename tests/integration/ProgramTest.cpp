@@ -89,14 +89,22 @@ TEST_F(ProgramTest, ChecksWithoutMakingAnythingUnlessTold) {
 
 TEST_F(ProgramTest, AddsToAFailureWhatItsTextDoesNotSay) {
     folder.Write("in", "x");
-    EXPECT_EQ(2, Calvane("run", std::string(kCopy).replace(kCopy.find("= writer"), 8, "= invert") +
-                                    "out\n[invert]\n"
-                                    "t.plugin.type = Invert\nt.plugin.module = " +
-                                    kGoodModule + "\nt.pipeline.next.video = writer\n"));
+    const std::string split = "FileSource filename=in ! Split name=s t.plugin.module=" + kGoodModule;
+    const std::string sink = " ! FileSink name=sink filename=out";
+    EXPECT_EQ(2, Calvane({"launch", split + " picky=1  s.a" + sink}));
     EXPECT_EQ(
-        "d.ini:15: [invert] t.pipeline.next.video: invert: Named sources are not supported by this plugin\n"
-        "d.ini:15: [invert] t.pipeline.next.video: plugin invert has these outputs: one without a name\n",
+        "<launch>:10: [FileSource0] t.pipeline.next: Incompatible formats\n"
+        "<launch>:10: [FileSource0] t.pipeline.next: plugin s requires width = 640, plugin FileSource0 "
+        "offers "
+        "no "
+        "width\n",
         WithoutLog(err));
+    EXPECT_EQ(2, Calvane({"launch", split + "  s.c" + sink}));
+    EXPECT_THAT(err, HasSubstr("[s] t.pipeline.next.c: No source named c exists in collection\n"));
+    EXPECT_THAT(err, HasSubstr("[s] t.pipeline.next.c: plugin s has these outputs: a, b\n"));
+    EXPECT_EQ(0, Calvane({"launch", split + "  s.b" + sink, "--stats", "60"})) << err;
+    EXPECT_THAT(out, HasSubstr("plugin s: in "));
+    EXPECT_THAT(out, HasSubstr("in all 1 and 1B; out b "));
 }
 
 TEST_F(ProgramTest, NamesThePluginAndTheThreadOfACrash) {
@@ -110,6 +118,21 @@ TEST_F(ProgramTest, NamesThePluginAndTheThreadOfACrash) {
                            kGoodModule + "\n");
         EXPECT_THAT(err, HasSubstr("calvane: SIGSEGV in plugin bomb on thread " + thread + " ("));
     }
+}
+
+// What watches them takes its place on the stack, too.
+TEST_F(ProgramTest, RunsTheLongestLineThatIsAllowed) {
+    folder.Write("in", "content");
+    std::string line = "FileSource filename=in";
+    for (int i = 0; i != 998; ++i) {
+        line += " ! IdentityPlugin";
+    }
+    EXPECT_EQ(
+        0, Calvane({"launch", line + " ! FileSink filename=out", "--trace", "trace.json", "--stats", "60"}))
+        << err;
+    EXPECT_EQ("content", folder.Read("out"));
+    EXPECT_EQ(2, Calvane({"launch", line + " ! IdentityPlugin ! FileSink filename=out"}));
+    EXPECT_THAT(err, HasSubstr("More than 1000 plugins follow one another\n"));
 }
 
 TEST_F(ProgramTest, RunsALineOfPlugins) {

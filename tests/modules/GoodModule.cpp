@@ -5,6 +5,7 @@
 #include "calvane/config/ModuleDefinition.h"
 #include "calvane/graph/BasicFilterPlugin.h"
 #include "calvane/graph/BasicSinkPlugin.h"
+#include "calvane/graph/MultiOutputFilterPlugin.h"
 #include "calvane/graph/SettingException.h"
 
 namespace test_module {
@@ -27,6 +28,26 @@ public:
 
 private:
     const unsigned char mask_;
+};
+
+/// Gives each output every buffer. Requires the property "width" of 640 if told to.
+class Split : public MultiOutputFilterPlugin {
+public:
+    Split(CalvaneEnv*, const IPluginConfiguration& config) : MultiOutputFilterPlugin(config) {
+        if (config.GetIntOrDefault("picky", 0) != 0) {
+            BufferFormat required;
+            required.Set("width", 640);
+            GetSink()->SetFormat(required);
+        }
+    }
+    void OnBuffer(const Sink*, Buffer* buffer) override {
+        a_->PushBuffer(buffer->Duplicate());
+        b_->PushBuffer(buffer);
+    }
+
+private:
+    const std::unique_ptr<Source> a_{CreateSource("a")};
+    const std::unique_ptr<Source> b_{CreateSource("b")};
 };
 
 /// Has a fault that ends the process: it goes beyond its stack.
@@ -61,6 +82,7 @@ public:
 
 CALVANE_DEFINE_MODULE();
 CALVANE_EXPORT_PLUGIN(test_module::, Invert);
+CALVANE_EXPORT_PLUGIN(test_module::, Split);
 CALVANE_EXPORT_PLUGIN(test_module::, Thrower);
 CALVANE_EXPORT_PLUGIN(test_module::, Crasher);
 CALVANE_DECLARE_PLUGIN(Crasher, "[plugin]\nsummary = Ends the process\ninputs = default\n");

@@ -149,6 +149,13 @@ TEST(DescriptionCheck, RefusesSeveralThreadsInAPluginThatAllowsOne) {
             "18 error [s] : Several threads would call plugin s, which allows one: pipeline p, pipeline q; "
             "let them feed a QueuePlugin before it"}),
         FindingsOf(heads + sink));
+    // Of those that follow one another the first is named, whatever its name.
+    EXPECT_EQ(
+        (Texts{
+            "18 error [s] : Several threads would call plugin s, which allows one: pipeline p, pipeline q; "
+            "let them feed a QueuePlugin before it"}),
+        FindingsOf(heads + "[s]\nt.plugin.type=StatsCollectorPlugin\nt.pipeline.next=a1\n[a1]\n"
+                           "t.plugin.type=FileSink\nfilename=y\n"));
     // Behind a queue it is one thread, unless another way leads around the queue.
     const std::string queue =
         "[s]\nt.plugin.type=QueuePlugin\nt.pipeline.next=t\n[t]\nt.plugin.type=FileSink\n"
