@@ -27,6 +27,9 @@ protected:
             if (text == "fail") {
                 throw quarn::osa::Exception("sink failed");
             }
+            if (text == "throw") {
+                throw 42;
+            }
             collector.Add(text);
         }));
         queue->ConnectToSink(sink->GetSink());
@@ -59,6 +62,7 @@ TEST_F(QueuePluginTest, PushesEverythingInOrderBeforeItGoes) {
     for (const char* text : {"1", "2", "3", "4"}) {
         expected.push_back(text);
         Push(text);
+        queue->GetSink()->PushBuffer(nullptr); // Not the message to stop.
     }
     go.Release();
     queue.reset();
@@ -111,6 +115,14 @@ TEST_F(QueuePluginTest, ReportsAFailureDownstreamAndThenTakesNoMore) {
     EXPECT_EQ((Texts{"q: sink failed"}), reporter.reports.Get());
     EXPECT_EQ(kRefused, ThrownText([this] { Push("too late"); }));
     EXPECT_EQ((Texts{"hold"}), collector.Get());
+}
+
+TEST_F(QueuePluginTest, ReportsWhatIsNoStandardExceptionToo) {
+    Make({});
+    Push("throw");
+    queue->Drain();
+    queue.reset();
+    EXPECT_EQ((Texts{"q: Unknown exception"}), reporter.reports.Get());
 }
 
 TEST_F(QueuePluginTest, LeavesItsThreadBehindWhenItIsFullAndPushesNothingAnyMore) {
