@@ -8,6 +8,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <fstream>
+#include <memory>
 
 #include "quarn/osa/LockException.h"
 #include "quarn/osa/Mutex.h"
@@ -128,6 +129,41 @@ TEST(MessageQueue, IsBoundedAndFirstInFirstOut) {
     EXPECT_TRUE(queue.GetMsg(message, 0) && message == 2);
     EXPECT_FALSE(queue.TryGetMsg(message, 5));
     EXPECT_EQ("Lock Timeout", ThrownText<LockException>([&] { queue.GetMsg(message, 5); }));
+}
+
+TEST(MessageQueue, RemembersHowFullItWasAndDestroysWhatIsLeft) {
+    const auto message = std::make_shared<int>(1);
+    std::shared_ptr<int> taken;
+    {
+        tMsgQueue<std::shared_ptr<int>> queue("shared", 3);
+        queue.SendMsg(message);
+        queue.SendMsg(message);
+        EXPECT_TRUE(queue.TryGetMsg(taken, 0));
+        queue.SendMsg(message);
+        queue.SendMsg(message);
+        EXPECT_THROW(queue.SendMsg(message), Exception); // Only now somebody sees three.
+        EXPECT_TRUE(queue.TryGetMsg(taken, 0));
+        EXPECT_EQ(3, queue.HighWaterMark());
+        EXPECT_EQ(2, queue.Size());
+    }
+    EXPECT_EQ(2, message.use_count());
+}
+
+TEST(MessageQueue, TakesFromProducersThatDoNotWaitForEachOther) {
+    constexpr int kMessages = 30000;
+    tMsgQueue<int> queue("numbers", 2 * kMessages);
+    RunInThreads(2, [&queue](int self) {
+        for (int sent = 0; sent != kMessages; ++sent) {
+            queue.SendMsg(2 * sent + self);
+        }
+    });
+    std::vector<int> last{-2, -1};
+    for (int message = 0; queue.TryGetMsg(message, 0);) {
+        int& before = last[static_cast<size_t>(message % 2)];
+        ASSERT_EQ(before + 2, message);
+        before = message;
+    }
+    EXPECT_EQ((std::vector<int>{2 * kMessages - 2, 2 * kMessages - 1}), last);
 }
 
 TEST(MessageQueue, LosesAndRepeatsNothingBetweenManyThreads) {
