@@ -59,6 +59,7 @@ TEST_F(InspectionTest, ShowsWhatTypesDeclare) {
 
 TEST_F(InspectionTest, ListsTheTypesOfAllModulesOnThePath) {
     folder.Write("text.so", "no module");
+    folder.Write("notes.txt", "no module either");
     std::filesystem::create_symlink(kGood, folder.Path("good.so"));
     setenv("CALVANE_PLUGIN_PATH", folder.Path().c_str(), 1);
     ASSERT_EQ(0, Calvane({"plugins"}));

@@ -118,6 +118,14 @@ TEST_F(ProgramTest, NamesThePluginAndTheThreadOfACrash) {
                            kGoodModule + "\n");
         EXPECT_THAT(err, HasSubstr("calvane: SIGSEGV in plugin bomb on thread " + thread + " ("));
     }
+    // A signal from outside has its effect as well.
+    folder.Write("d.ini", kEndless);
+    folder.Write("in", std::string(5000, 'x'));
+    Program program("calvane", {"run", "d.ini"}, folder.Path());
+    ASSERT_TRUE(WaitUntil([this] { return folder.Has("latest"); }));
+    program.Signal(SIGABRT);
+    EXPECT_EQ(128 + SIGABRT, program.Wait());
+    EXPECT_THAT(program.Err(), HasSubstr("calvane: SIGABRT"));
 }
 
 // What watches them takes its place on the stack, too.

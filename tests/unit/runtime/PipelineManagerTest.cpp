@@ -108,12 +108,12 @@ TEST_F(PipelineManagerTest, AttributesFailuresToPlugins) {
 // Also those that only a second load brings, and a description without the fault can be loaded afterwards.
 TEST_F(PipelineManagerTest, RefusesSeveralThreadsInAPluginThatAllowsOne) {
     const auto description = [](const std::string& pipelines, const std::string& joint) {
-        return IniFile::FromText("[calvane]\nt.pipelines=" + pipelines +
-                                 "\n[one]\nt.pipeline.head=h1\n[two]\nt.pipeline.head=h2\n"
-                                 "[h1]\nt.plugin.type=source\nt.pipeline.next=joint\n"
-                                 "[h2]\nt.plugin.type=source\nt.pipeline.next=" +
-                                 joint +
-                                 "\n[joint]\nt.plugin.type=sink\nunread=1\n[other]\nt.plugin.type=sink\n");
+        return IniFile::FromText(
+            "[calvane]\nt.pipelines=" + pipelines +
+            "\n[one]\nt.pipeline.head=h1\n[two]\nt.pipeline.head=h2\n"
+            "[three]\nt.pipeline.head=h2\n[h1]\nt.plugin.type=source\nt.pipeline.next=joint\n"
+            "[h2]\nt.plugin.type=source\nt.pipeline.next=" +
+            joint + "\n[joint]\nt.plugin.type=sink\nunread=1\n[other]\nt.plugin.type=sink\n");
     };
     const auto make = [](const std::string& type, auto maker) { PluginManager::RegisterPlugin(type, maker); };
     make("source", [](CalvaneEnv*, const IPluginConfiguration& config) -> PipelinePlugin* {
@@ -133,7 +133,7 @@ TEST_F(PipelineManagerTest, RefusesSeveralThreadsInAPluginThatAllowsOne) {
     PipelineManager apart;
     apart.LoadFromIniFile(description("one", "joint"));
     EXPECT_EQ(refusal, ThrownText([&] { apart.LoadFromIniFile(description("two", "joint")); }));
-    apart.LoadFromIniFile(description("two", "other"));
+    apart.LoadFromIniFile(description("three", "other"));
     // The setting that nobody reads is named when its plugin is made, and not when it is shared.
     EXPECT_EQ(2U, log.Count("joint: Setting unread was never used."));
     EXPECT_EQ(1U, apart.GetUnusedSettings().size());
