@@ -42,7 +42,7 @@ struct DescriptionPlace {
     std::string key; ///< Empty when the group as a whole is meant.
 };
 
-/// One place of a pipeline in which a plugin stands: a plugin that several outputs feed stands in several.
+/// One place of a plugin in a pipeline: a plugin that several outputs feed has several.
 struct DescriptionStep {
     std::string plugin;              ///< The plugin's name. It need not have a group.
     const DescribedPlugin* upstream; ///< The plugin that names it; null for the head.
@@ -65,8 +65,8 @@ public:
 
     /// The names that "t.pipelines" lists, in that order; one empty name when its value is empty.
     const std::vector<std::string>& GetPipelineNames() const { return pipelineNames_; }
-    /// What the group of that name says as the group of a pipeline; every field but the name is empty when
-    /// there is no such group.
+    /// The group of that name, read as that of a pipeline; every field but the name is empty when there is no
+    /// such group.
     DescribedPipeline GetPipeline(const std::string& name) const;
     /// Null when there is no group of that name.
     const DescribedPlugin* FindPlugin(const std::string& name) const;
@@ -87,8 +87,8 @@ public:
 
     /// Visits the head of a pipeline and what follows it, depth first, in the order in which plugins are made:
     /// the successors of the output without a name first, then those of named outputs in ascending order of
-    /// their keys. A plugin is visited in every place in which it stands, unless Enter says otherwise. What the
-    /// visitor throws ends the walk.
+    /// their keys. A plugin is visited in each of its places, unless Enter returns false before. What the visitor
+    /// throws ends the walk.
     void Walk(const DescribedPipeline& pipeline, IVisitor& visitor) const;
 
     /// The line of a place, counted from 1: that of the key, or else of the group. 0 when neither is there.

@@ -28,7 +28,7 @@ struct DescriptionDiagnostic {
 ///
 /// Errors: missing groups, keys and values, plugins that are their own successors, values of the framework's
 /// own keys that do not parse, unknown types, modules that cannot be found or do not fit, as far as their files
-/// tell, plugins that more threads would call than they allow, and whatever contradicts the declaration of a
+/// show, plugins that more threads would call than they allow, and whatever contradicts the declaration of a
 /// plugin type: settings that are missing, of the wrong kind or out of range, outputs and inputs that plugins
 /// of this type do not have. (Loading reads numbers less strictly; what is no number is a mistake all the same.)
 ///

@@ -16,8 +16,8 @@ struct DescriptionFault {
     std::string text;
 };
 
-/// The graph that a description stands for, each plugin and each connection once, and the faults for which it
-/// stands for none.
+/// The graph of a description, each plugin and each connection once, and the structural faults because of which
+/// it cannot be built.
 ///
 /// Threads:  any number of readers at once.
 /// Lifetime: the description must outlive this object.

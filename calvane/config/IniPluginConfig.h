@@ -16,7 +16,7 @@ namespace quarn::calvane {
 /// The configuration of a plugin that is described by one group of an INI file; the group's name is the
 /// plugin's.
 ///
-/// Integers are read the way strtol does: what follows the digits is passed over, a text without digits is 0,
+/// Integers are read as strtol does: what follows the digits is ignored, a text without digits is 0,
 /// and what does not fit is clamped. A setting that is absent takes its default, with a line in the log.
 ///
 /// Ownership: the INI file stays the caller's and must outlive this object.

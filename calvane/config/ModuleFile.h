@@ -8,12 +8,12 @@
 
 namespace quarn::calvane {
 
-/// What the file of a module tells of itself. It is read and not loaded: none of its code runs, and no byte
-/// of it is trusted.
+/// The version, types and declarations in the file of a module. The file is read and not loaded: none of its
+/// code runs.
 ///
-/// The file is looked at the way the dynamic linker does: through the program headers and the dynamic
-/// section. So a stripped module tells as much as any other. Whether the libraries that it needs are there,
-/// and have what it wants of them, shows only when it is loaded.
+/// They are found through the table of dynamic symbols, so a stripped module can be read like any other.
+/// Whether the libraries that it needs are installed and have the symbols that it needs shows only when it is
+/// loaded.
 ///
 /// Threads: any; nothing changes after construction.
 /// Errors:  construction throws Exception: "Cannot load module NAME: " and the reason for what cannot be read
@@ -31,7 +31,7 @@ public:
     /// Reads the file at `path`; see FindModule for where modules lie. Refuses more than 256 MiB. Error texts
     /// name the module as `name`, or by its path when there is none.
     explicit ModuleFile(const std::string& path, const std::string& name = {});
-    /// Takes `bytes` for a file; `name` stands for its path in error texts.
+    /// Reads the bytes of a file; `name` takes the place of its path in error texts.
     static ModuleFile FromBytes(const std::string& bytes, const std::string& name);
 
     const std::string& GetPath() const { return path_; }

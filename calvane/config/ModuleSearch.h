@@ -10,7 +10,7 @@ namespace quarn::calvane {
 /// The environment variable that lists further folders of modules, separated by colons.
 inline constexpr char kPluginPathVariable[] = "CALVANE_PLUGIN_PATH";
 
-/// The file that `t.plugin.module` means. An absolute path is taken as it stands. Anything else is looked for
+/// The file that `t.plugin.module` names. An absolute path is used unchanged. Anything else is searched
 /// in the folders that the environment variable CALVANE_PLUGIN_PATH lists, and then in the plugins folder:
 /// "calvane/plugins" beside libcalvane, wherever that lies. The working folder counts only if it is listed.
 ///
@@ -26,7 +26,7 @@ CALVANE_API std::string FindModule(const std::string& module);
 
 /// The paths of all files in these folders whose names end in ".so", in the order of the folders and in ascending
 /// order in each; of files of one name the first one, which is what FindModule finds. Folders that cannot be read
-/// are passed over, and nothing is said yet of whether the files are modules or may be loaded.
+/// are skipped. Whether the files are modules, and may be loaded, is not checked.
 CALVANE_API std::vector<std::string> FindModules();
 
 } // namespace quarn::calvane

@@ -57,7 +57,7 @@ public:
         virtual ~IGetSinkHandler() = default;
     };
 
-    /// Hands on what the plugin holds back.
+    /// Flushes a plugin that buffers data.
     class CALVANE_API IDrainHandler {
     public:
         /// Returns when everything that the plugin had accepted has been handed on or deleted.
@@ -65,7 +65,7 @@ public:
         virtual ~IDrainHandler() = default;
     };
 
-    /// Tells how a plugin that queues buffers is doing.
+    /// Returns statistics of a plugin that queues buffers.
     class CALVANE_API IQueueStatisticsHandler {
     public:
         /// Any thread.

@@ -18,7 +18,7 @@ public:
     PluginContainer();
     ~PluginContainer() override;
 
-    /// Nothing is checked; a null is passed over later.
+    /// Nothing is checked; a null is ignored later.
     void AddPlugin(PipelinePlugin* plugin);
     /// Tells every plugin, in the order added.
     void PipelinesConstructed() override;

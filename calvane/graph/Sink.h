@@ -24,7 +24,7 @@ public:
         virtual ~IBufferHandler() = default;
     };
 
-    /// Is told of the formats that a connected source announces.
+    /// Is called with the formats that a connected source announces.
     class CALVANE_API IFormatHandler {
     public:
         /// Refuses the format by throwing.
@@ -51,7 +51,7 @@ public:
     /// The name that was set, or null.
     const char* GetOwner() const;
 
-    /// The format that this sink requires of its sources; empty (anything goes) at first.
+    /// The format that this sink requires of its sources; empty (no requirement) at first.
     const BufferFormat& GetFormat() const;
     void SetFormat(const BufferFormat& format);
 

@@ -27,7 +27,7 @@ public:
     /// "Incompatible formats" when the format lacks what the sink requires, and when `sink` is null. A sink
     /// that refuses the format is not connected.
     void ConnectTo(Sink* sink);
-    /// Returns whether `sink` was connected. The sink is not told.
+    /// Returns whether `sink` was connected. The sink is not notified.
     bool Disconnect(const Sink* sink);
 
     /// Takes over `buffer`, also when it throws. The last sink gets the buffer itself; those before it get
@@ -36,7 +36,7 @@ public:
     void PushBuffer(Buffer* buffer);
 
     /// Announces `newFormat` to every sink and adopts it. When one refuses it ("Incompatible formats", or
-    /// what its handler throws), those before it have been told all the same and the source keeps its old
+    /// what its handler throws), those before it have been notified all the same and the source keeps its old
     /// format.
     void SetFormat(const BufferFormat& newFormat);
     /// Not to be called while another thread sets the format.

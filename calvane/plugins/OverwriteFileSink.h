@@ -15,7 +15,7 @@ namespace quarn::calvane {
 ///
 /// Threads:   one at a time.
 /// Errors:    construction throws "NAME: You must provide a valid OutputFileName setting". A buffer that
-///            cannot be written is passed over; the next one tries again.
+///            cannot be written is skipped; the next one tries again.
 class CALVANE_API OverwriteFileSink : public BasicSinkPlugin {
 public:
     explicit OverwriteFileSink(const IPluginConfiguration& config);

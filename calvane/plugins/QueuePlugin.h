@@ -29,13 +29,13 @@ class QueueConsumer;
 ///            Everything downstream runs on the plugin's thread.
 /// Errors:    a buffer that does not fit, or that comes when the thread has ended, is deleted. If drops are
 ///            allowed it is counted, the next one that fits carries the metadata "FirstAfterGap" = 1, and
-///            every 100 buffers a line tells the number; otherwise OnBuffer throws "NAME: Receiving thread is
+///            every 100 buffers the number is logged; otherwise OnBuffer throws "NAME: Receiving thread is
 ///            not running". A debug line has the reason. A failure downstream is reported and ends
 ///            the thread; the queue is emptied.
 /// Lifetime:  construction waits until the thread runs; destruction lets it push what is queued and then ends
-///            it. If the queue is full at that time, there is no room to say stop: its buffers are deleted and
+///            it. If the queue is full at that time, there is no room for the stop message: its buffers are deleted and
 ///            the thread is left to end by itself. Destruction then waits for up to 2 s for a push under way
-///            and nothing is pushed any more, so what lies downstream may go next unless it hangs for good.
+///            and nothing is pushed any more, so what is downstream may be destroyed next, unless it hangs forever.
 class CALVANE_API QueuePlugin : public BasicFilterPlugin,
                                 public osa::Runnable,
                                 private PipelinePlugin::IDrainHandler,

@@ -6,7 +6,7 @@
 
 namespace quarn::calvane {
 
-/// Is told of failures that end a pipeline or a plugin's thread.
+/// Receives the failures that end a pipeline or a plugin's thread.
 class CALVANE_API IPipelineReporter {
 public:
     /// `pipelineName`: the pipeline, or the plugin whose own thread failed. Called from any thread.

@@ -17,7 +17,7 @@ class IConnectionTap;
 class IPipelineReporter;
 class IPluginFactory;
 
-/// An application's way in: loads the pipelines of a description, gives each a thread, starts and stops them
+/// The entry point for applications: loads the pipelines of a description, gives each a thread, starts and stops them
 /// together, and turns the first failure into an orderly stop of all.
 ///
 /// Threads:   loading, PipelinesConstructed and Start from one thread. Stop, SignalShutdown, WaitForFinish,
@@ -41,7 +41,7 @@ public:
     PipelineManager& operator=(const PipelineManager&) = delete;
 
     /// Has every connection that is loaded from now on go through `tap`, which stays the caller's and outlives
-    /// this manager. Several taps lie one behind the other, the last one added first.
+    /// this manager. Several taps are chained, the last one added first.
     void AddConnectionTap(IConnectionTap* tap);
     /// Adds the pipelines that "t.pipelines" of the group "calvane" names. When one fails, those before it
     /// stay; a later call that names such a pipeline again replaces it, so that a corrected description can

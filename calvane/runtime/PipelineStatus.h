@@ -32,7 +32,7 @@ struct PipelineFailure {
 /// What made loading fail, beside the exception.
 struct LoadFailure {
     DescriptionPlace place; ///< Where the fault lies; the group is empty when that is not known.
-    std::string detail;     ///< What the text of the exception does not say; may be empty.
+    std::string detail;     ///< Details that the text of the exception does not have; may be empty.
 };
 
 /// What is known of the queue of one plugin at one moment.

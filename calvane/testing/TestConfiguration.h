@@ -17,7 +17,7 @@ namespace quarn::calvane::testkit {
 using Settings = std::map<std::string, std::string>;
 
 /// A plugin's configuration that a test writes down in place. Integers are read as those of a description
-/// are: what follows the digits is passed over, a text without digits is 0, what does not fit is clamped.
+/// are: what follows the digits is ignored, a text without digits is 0, what does not fit is clamped.
 ///
 /// Threads: one at a time.
 class TestConfiguration : public IPluginConfiguration {

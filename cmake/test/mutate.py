@@ -106,7 +106,7 @@ def configure():
     launcher = ["-DCMAKE_CXX_COMPILER_LAUNCHER=ccache"] if subprocess.run(
         ["sh", "-c", "command -v ccache"], stdout=subprocess.DEVNULL, check=False).returncode == 0 else []
     log = WORK / "configure.log"
-    if run(["cmake", "-S", SOURCE, "-B", BUILD, "-G", "Ninja", "-DCMAKE_BUILD_TYPE=None", "-DCMAKE_CXX_FLAGS=-O1",
+    if run(["cmake", "-S", SOURCE, "-B", BUILD, "-G", "Ninja", "-DCMAKE_BUILD_TYPE=None", "-DCMAKE_CXX_FLAGS=-O2",
             "-DCALVANE_WERROR=OFF", *launcher], log) != 0:
         raise Fault(f"the sources cannot be configured:\n{tail(log)}")
 

@@ -5,7 +5,7 @@ CALVANE_DEFINE_MODULE();
 CALVANE_EXPORT_PLUGIN(testrecords::, TestRecordSource);
 CALVANE_DECLARE_PLUGIN(TestRecordSource, R"(
 [plugin]
-summary = Produces records that show by themselves whether they come back whole
+summary = Produces records that can be verified when they are read back
 outputs = -
 generates = yes
 

@@ -15,7 +15,7 @@ class IMemoryAllocator;
 
 namespace testrecords {
 
-/// Produces records that tell whether they come back whole: 8 bytes of a number that counts from 0 and 4 bytes of the
+/// Produces records that can be verified when they are read back: 8 bytes of a number that counts from 0 and 4 bytes of the
 /// record's length, both little-endian, then bytes that count up from the number. Each has the present UTC as
 /// timestamp. Every thirtieth has the metadata "KeyFrame" 1.
 ///

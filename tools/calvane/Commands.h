@@ -29,7 +29,7 @@ int Run(const RunOptions& options);
 /// pipeline.
 int Check(const DescriptionSource& source, bool build);
 
-/// Prints the graph that a description stands for in the DOT language. Makes no plugin and loads no module.
+/// Prints the graph of a description in the DOT language. Makes no plugin and loads no module.
 int Graph(const DescriptionSource& source);
 
 /// Prints the description itself, as an INI file.

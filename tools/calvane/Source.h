@@ -8,14 +8,14 @@ namespace calvane_program {
 /// Reads a description and puts `sets` into it. Throws Exception for what cannot be read.
 quarn::core::IniFile ReadDescription(const DescriptionSource& source);
 
-/// The text of the INI file that a line of plugins stands for:
+/// Translates a line of plugins into the text of an INI file:
 ///
 ///     TYPE [KEY=VALUE ...] ! TYPE [KEY=VALUE ...] ! ...
 ///
-/// A plugin is called by its type and a number from 0, or as `name=NAME` says. Its keys are those of its group.
-/// Further chains follow behind the first one, after a blank; one that begins with `NAME.` or `NAME.OUTPUT` goes on
-/// from an output of a plugin that was named before, every other one is a pipeline of its own. Blanks in values
-/// stand between double quotes. Throws Exception with the place and what is wrong.
+/// A plugin is named after its type with a number from 0, or by `name=NAME`. Its keys are those of its group.
+/// Further chains may follow the first one; a chain that begins with `NAME.` or `NAME.OUTPUT` continues at an
+/// output of an earlier plugin, any other chain is a pipeline of its own. Values with blanks are enclosed in double
+/// quotes. Throws Exception with the place and what is wrong.
 std::string ToIni(const std::string& line);
 
 /// The text of an INI file with the content of `ini`.

@@ -20,7 +20,7 @@ namespace calvane_program {
 ///
 /// Threads:  OnConnect while loading; pushes on any; Finish when no plugin pushes any more.
 /// Errors:   the constructor throws Exception when the file cannot be created. When it cannot be written, the
-///           rest of the events is passed over, and Finish throws.
+///           rest of the events is dropped, and Finish throws.
 /// Lifetime: outlives the pipelines and all threads that push through them.
 class TraceRecorder final : public quarn::calvane::IConnectionTap {
 public:

@@ -14,7 +14,7 @@ namespace calvane_program {
 /// Writes one line to the standard error stream.
 void PrintError(const std::string& line);
 
-/// A description, what it stands for, and the diagnostics about it. Prints each on the standard error stream, as
+/// A description, its graph, and the diagnostics about it. Prints each on the standard error stream, as
 /// "FILE:LINE: [group] key: text" as far as the place is known.
 class CheckedDescription {
 public:
@@ -26,7 +26,7 @@ public:
 
     /// Checks the description and prints what is found. Returns whether it can be loaded.
     bool Check();
-    /// Prints settings that no plugin has read, unless Check had something to say about them.
+    /// Prints settings that no plugin has read, unless Check has reported them already.
     void WarnAboutUnused(const std::vector<quarn::calvane::DescriptionPlace>& settings);
 
     void PrintError(const quarn::calvane::DescriptionPlace& place, const std::string& text);

@@ -8,7 +8,7 @@ namespace quarn::calvane {
 /// deleted all the time and, where a queue lies between, made on one thread and deleted on another, which is
 /// what a general heap does worst.
 ///
-/// Each thread keeps two small stacks of free blocks of each kind. Only a whole stack goes to the store that
+/// Each thread keeps two small stacks of free blocks of each kind. Only whole stacks are exchanged with the store that
 /// all threads share, or comes from there, so that a lock is taken once for many blocks. The store is
 /// bounded; what does not fit goes back to the heap, and so does what a thread keeps when it ends.
 ///

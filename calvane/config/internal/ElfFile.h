@@ -13,7 +13,7 @@ namespace quarn::calvane {
 /// The symbols that a shared object in the ELF format exports, read from the bytes of its file with libelf.
 ///
 /// Ownership: `bytes` stays the caller's and must outlive this object.
-/// Errors:    Exception, of which the text tells only what is wrong.
+/// Errors:    Exception; the text describes the fault without naming the file.
 class ElfFile {
 public:
     explicit ElfFile(const std::string& bytes);

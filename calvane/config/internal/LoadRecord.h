@@ -42,7 +42,7 @@ public:
     std::vector<DescriptionPlace> unusedSettings;
     /// Where the loader was last: after a failure, the place at fault.
     DescriptionPlace place;
-    /// What the text of a failure does not say; empty when there is nothing to add.
+    /// Details of a failure that its text does not have; may be empty.
     std::string detail;
 };
 

@@ -8,7 +8,7 @@
 namespace quarn::calvane {
 
 /// Where the settings of a plugin contradict what its type declares: settings that are missing, not of their
-/// kind or out of range. Settings that are not declared are passed over.
+/// kind or out of range. Settings that are not declared are ignored.
 std::vector<DescriptionFault> FindSettingFaults(const DescribedPlugin& plugin,
                                                 const PluginDeclaration& declaration,
                                                 const core::IniFile& ini);

@@ -5,8 +5,8 @@
 
 namespace quarn::calvane {
 
-/// Gives the calling thread a stack of its own for signal handlers, for as long as this object lives, if somebody
-/// wants to handle signals on such stacks. Without memory for it the thread goes on without.
+/// An alternate signal stack for the calling thread, for as long as this object lives, if Enable was called. Without
+/// memory for it the thread runs without one.
 ///
 /// Threads: made and destroyed on the thread that it is for.
 class SignalStack {

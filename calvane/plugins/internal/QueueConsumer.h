@@ -52,7 +52,7 @@ public:
 
     /// Tells the thread to end behind the buffers that are queued. Throws when the queue is full.
     void SendStop() { queue_.SendMsg(nullptr); }
-    /// For a plugin that goes without having joined the thread: deletes what is queued and sees to it that
+    /// For a plugin that is destroyed without having joined the thread: deletes what is queued and ensures that
     /// nothing is pushed, reported or kicked any more.
     void Abandon();
     /// Waits until every accepted buffer has been pushed or deleted.

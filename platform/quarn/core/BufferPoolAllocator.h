@@ -22,7 +22,7 @@ public:
     BufferPoolAllocator(IMemoryAllocator* parent, unsigned int blockSize, unsigned int blockCount, bool wait);
     ~BufferPoolAllocator() override;
 
-    /// A block whose handle tells `length`, which is at most the block size. CleanCpuCache of the handle acts
+    /// A block whose handle reports `length`, which is at most the block size. CleanCpuCache of the handle acts
     /// on the whole slab.
     IMemoryHandle* Allocate(unsigned int length) override;
     /// Those of the parent.

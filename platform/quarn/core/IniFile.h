@@ -15,7 +15,7 @@ namespace quarn::core {
 ///     key = value                split at the first =; blanks around key and value do not count
 ///
 /// Names are case-sensitive. A value may be empty, of any length, and contain = ; # and quotes, which mean
-/// nothing. A group may be empty. Lines end in LF or CR LF; a UTF-8 byte order mark is passed over. There is
+/// nothing. A group may be empty. Lines end in LF or CR LF; a UTF-8 byte order mark is skipped. There is
 /// no continuation and no escape.
 ///
 /// Threads: any number of readers at once; nothing changes after construction except by assignment and
@@ -31,7 +31,7 @@ public:
 
     /// Reads the file at `path`.
     explicit IniFile(const std::string& path);
-    /// Reads `text`; `name` stands for the path in error texts.
+    /// Reads `text`; `name` takes the place of the path in error texts.
     static IniFile FromText(const std::string& text, const std::string& name = "<text>");
 
     bool HasGroup(const std::string& group) const;

@@ -16,12 +16,12 @@ namespace quarn::core {
 ///
 ///     2024-05-17 09:30:00.000125 warning [4711] QueuePlugin: Queue is full
 ///
-/// The text may have any length and is written as it stands, line ends included.
+/// The text may have any length and is written unchanged, line ends included.
 ///
 /// Threads:   any, for every operation. Lines of different threads never mix, also not while the target
 ///            changes.
 /// Ownership: loggers belong to the process and are never deleted.
-/// Errors:    logging itself never throws for a target that fails: the first failure is told on standard error,
+/// Errors:    logging itself never throws for a target that fails: the first failure is reported on standard error,
 ///            and the next one only after a line went well. It leaves errno alone.
 /// Lifetime:   usable from static constructors to static destructors, and by threads that outlive main.
 class QUARN_API Logger {

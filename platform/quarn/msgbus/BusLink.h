@@ -36,7 +36,7 @@ public:
 /// A connection to the device's bus that one thread keeps up and does everything on: it answers calls, sends what
 /// was posted, and connects again with growing pauses when the bus is lost.
 ///
-/// Which bus: what the environment variable DRENN_BUS says ("session", "system", or an address as D-Bus writes
+/// Which bus: the one that the environment variable DRENN_BUS selects ("session", "system", or an address as D-Bus writes
 /// them); without it the session bus if DBUS_SESSION_BUS_ADDRESS is set, else the system bus.
 ///
 /// Threads:  Post from any, under any lock; the rest from the owner's.

@@ -10,7 +10,7 @@ namespace quarn::osa {
 /// The failure that every operation of the platform and of the framework throws.
 ///
 /// Threads: immutable after construction; a copy shares nothing with what it was copied from.
-/// Errors:  a finished text is taken as it stands, percent signs included. Only the form with arguments
+/// Errors:  a finished text is taken unchanged, percent signs included. Only the form with arguments
 ///          reads its first argument as a printf format, and the compiler checks it.
 class QUARN_API Exception : public std::exception {
 public:

@@ -13,7 +13,7 @@ namespace quarn::osa {
 /// Lifetime: closed on destruction; nothing that came from it may be used afterwards.
 class QUARN_API Module {
 public:
-    /// A path with a slash is taken as it stands; a bare name goes through the dynamic linker's search.
+    /// A path with a slash is used unchanged; a bare name is searched by the dynamic linker.
     explicit Module(const std::string& path);
     ~Module();
     Module(const Module&) = delete;

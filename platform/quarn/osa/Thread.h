@@ -30,7 +30,7 @@ public:
     /// `name` is copied; `ps -L` shows its first 15 bytes. `stackBytes` is raised to kMinimumStackBytes.
     /// `priority`: 0 takes over the scheduling of the thread that calls Run; -20 to 20 are nice values, 20
     /// meaning 19; -21 to -119 are the real-time (SCHED_FIFO) priorities 1 to 99. Others, and those that the
-    /// process has no right to, are passed over with one warning for the whole process.
+    /// process has no right to, are ignored with one warning for the whole process.
     Thread(const char* name, Runnable* runnable, unsigned int stackBytes, signed char priority);
     ~Thread();
     Thread(const Thread&) = delete;

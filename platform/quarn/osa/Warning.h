@@ -4,7 +4,7 @@
 
 namespace quarn::osa {
 
-/// Receives what this layer has to say when it goes on in spite of a fault. The text has no line end.
+/// Receives the warnings of this layer about faults in spite of which it continues. The text has no line end.
 using WarningHandler = void (*)(const char* text);
 
 /// Replaces the handler for the whole process. The first one writes to the standard error stream; the logger,

@@ -13,7 +13,7 @@ namespace quarn::osa {
 ///
 /// Needs:  free pages in /proc/sys/vm/nr_hugepages, CAP_SYS_ADMIN to see physical addresses, and a limit on
 ///         locked memory that admits the pages.
-/// Errors: Exception that says what is missing and what to do about it.
+/// Errors: Exception that names what is missing and what to do about it.
 class QUARN_API HugePages : public IPageSource {
 public:
     /// The line "Hugepagesize" of /proc/meminfo.

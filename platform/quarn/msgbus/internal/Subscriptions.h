@@ -13,7 +13,7 @@
 
 namespace quarn::msgbus {
 
-/// Who in this process wants which topic.
+/// The subscriptions of this process, by topic.
 ///
 /// Threads: any; callbacks are called without its lock.
 class Subscriptions {
