@@ -1,7 +1,9 @@
 #include <sys/resource.h>
 
+#include <algorithm>
 #include <atomic>
 #include <csignal>
+#include <filesystem>
 #include <thread>
 
 #include "calvane/plugins/FileSink.h"
@@ -124,6 +126,22 @@ TEST_F(FilePluginTest, SinkWritesTheBuffersOfItsRange) {
     EXPECT_EQ("1234567", written({{"start.count", "3"}, {"end.count", "3"}}));
     EXPECT_EQ("12345671234567", written({{"openmode", "APPEND"}}));
     EXPECT_EQ("1234567", written({{"openmode", "Truncate"}}));
+}
+
+TEST_F(FilePluginTest, SinkClosesItsFileBehindItsRange) {
+    const auto isOpen = [this] {
+        const std::filesystem::directory_iterator descriptors("/proc/self/fd");
+        return std::any_of(begin(descriptors), end(descriptors), [this](const auto& descriptor) {
+            std::error_code gone; // That of the iterator itself, in the end.
+            return std::filesystem::read_symlink(descriptor, gone) == folder.Path("out");
+        });
+    };
+    const PluginPtr sink(new FileSink(
+        TestConfig("sink", {{"filename", folder.Path("out")}, {"start.count", "0"}, {"end.count", "2"}})));
+    for (const bool open : {true, true, false}) {
+        sink->GetSink()->PushBuffer(MakeBuffer("x"));
+        EXPECT_EQ(open, isOpen());
+    }
 }
 
 TEST_F(FilePluginTest, OverwritingSinkKeepsTheLatestWholeBuffer) {
