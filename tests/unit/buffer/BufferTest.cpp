@@ -93,6 +93,8 @@ TEST(Buffer, DeletesTheMemoryOnceWithItsLastUserOrWhenItCannotBeMade) {
     buffer.reset();
     EXPECT_EQ("bc", TextOf(*view));
     EXPECT_EQ("no length", ThrownText<std::runtime_error>([] { Buffer unmade(new FailingMemory()); }));
+    quarn::core::IMemoryHandle* const none = nullptr;
+    EXPECT_EQ("A buffer cannot be made without a memory handle", ThrownText([none] { Buffer unmade(none); }));
 }
 
 // Memory of deleted buffers goes round between threads, some of which end while they still have a buffer.

@@ -70,7 +70,10 @@ protected:
 
     ExpectNoBuffersLeft check;
     std::unique_ptr<LogCapture> log = std::make_unique<LogCapture>(quarn::core::LogLevel::Information);
-    PluginPtr sink{new TestSink("sink")};
+    std::vector<bool> withStamp;
+    PluginPtr sink{new TestSink("sink", [this](Buffer& buffer) {
+        withStamp.push_back(buffer.GetMetadata().Contains("StatTimeLower"));
+    })};
     PluginPtr collector;
 };
 
@@ -94,6 +97,7 @@ TEST_F(StatsClockTest, DumpsTotalsAndEachPeriodByItself) {
                     Dump("key Cumulative", "3.500000", "1", "0.285714", {"4.000000", "4", "4"}),
                     Dump("key Incremental", "0.500000", "0", "0.000000", {})}),
               TakeLines());
+    EXPECT_EQ((std::vector<bool>{false, true, true, true}), withStamp);
 }
 
 TEST_F(StatsClockTest, MeasuresTheDelayFromTheNearestCollectorBeforeIt) {

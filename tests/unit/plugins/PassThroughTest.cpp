@@ -55,6 +55,7 @@ TEST(ForwardSource, RelaysBetweenEndsThatCanBeExchanged) {
     sink->GetSink()->SetFormat(format);
     EXPECT_EQ("Incompatible formats", ThrownText([&] { relay.SetForwardedSource(&b); }));
     a.PushBuffer(MakeBuffer("still a"));
+    b.PushBuffer(MakeBuffer("not connected"));
     b.SetFormat(format);
     relay.SetForwardedSource(&b);
     a.PushBuffer(MakeBuffer("disconnected"));
