@@ -148,6 +148,6 @@ void StartUp(benchmark::State& state) {
         state.ResumeTiming();
     }
 }
-BENCHMARK(StartUp)->Arg(100)->Arg(1000);
+BENCHMARK(StartUp)->Arg(100)->Arg(998); // With head and end the longest line that is allowed.
 
 } // namespace
