@@ -101,6 +101,11 @@ TEST(PluginContainer, HoldsPluginsAndDrivesTheFirst) {
         container.AddPlugin(shared);
         container.PipelinesConstructed();
         EXPECT_EQ(2, shared->count);
+        PluginContainer alone;
+        shared->IncRefCount();
+        alone.AddPlugin(shared);
+        alone.PipelinesConstructed(); // The first one, too.
+        EXPECT_EQ(3, shared->count);
         PluginContainer other;
         swap(container, other);
         EXPECT_TRUE(other.GenerateBuffer(next));
