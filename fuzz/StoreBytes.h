@@ -5,7 +5,7 @@
 #include <limits>
 #include <memory>
 
-#include "drenn/multi_track_recorder/internal/SegmentWalker.h"
+#include "drenn/multi_track_recorder/internal/recovery/SegmentWalker.h"
 
 /// The fuzzer does not find checksums by itself: these put the right ones into bytes that look like a segment.
 namespace store_bytes {

@@ -10,7 +10,7 @@
 #include "Require.h"
 #include "StoreBytes.h"
 #include "drenn/multi_track_recorder/internal/Store.h"
-#include "drenn/multi_track_recorder/internal/StoreVerifier.h"
+#include "drenn/multi_track_recorder/internal/recovery/StoreVerifier.h"
 #include "quarn/core/LogCapture.h"
 #include "support/store/SimFileSystem.h"
 

@@ -10,7 +10,7 @@
 
 #include <vector>
 
-#include "drenn/multi_track_recorder/internal/SegmentFormat.h"
+#include "drenn/multi_track_recorder/internal/format/SegmentFormat.h"
 
 namespace {
 

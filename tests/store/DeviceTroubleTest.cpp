@@ -2,7 +2,7 @@
 
 #include <cerrno>
 
-#include "drenn/multi_track_recorder/internal/StoreVerifier.h"
+#include "drenn/multi_track_recorder/internal/recovery/StoreVerifier.h"
 #include "quarn/core/LogCapture.h"
 #include "support/TestStore.h"
 #include "support/ThrownText.h"

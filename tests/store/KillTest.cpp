@@ -10,7 +10,7 @@
 #include <new>
 #include <random>
 
-#include "drenn/multi_track_recorder/internal/StoreVerifier.h"
+#include "drenn/multi_track_recorder/internal/recovery/StoreVerifier.h"
 #include "support/TempFolder.h"
 #include "support/WaitUntil.h"
 #include "support/store/Workload.h"

@@ -1,6 +1,6 @@
 #include <gmock/gmock.h>
 
-#include "drenn/multi_track_recorder/internal/StoreVerifier.h"
+#include "drenn/multi_track_recorder/internal/recovery/StoreVerifier.h"
 #include "quarn/core/LogCapture.h"
 #include "support/store/Workload.h"
 

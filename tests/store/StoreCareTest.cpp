@@ -5,7 +5,7 @@
 #include <fstream>
 
 #include "drenn/multi_track_recorder/StoreInspection.h"
-#include "drenn/multi_track_recorder/internal/FileError.h"
+#include "drenn/multi_track_recorder/internal/io/FileError.h"
 #include "support/TestStore.h"
 #include "support/ThrownText.h"
 

@@ -3,7 +3,7 @@
 #include <atomic>
 #include <thread>
 
-#include "drenn/multi_track_recorder/internal/FileError.h"
+#include "drenn/multi_track_recorder/internal/io/FileError.h"
 #include "support/TestStore.h"
 #include "support/ThrownText.h"
 

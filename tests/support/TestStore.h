@@ -7,7 +7,7 @@
 #include <vector>
 
 #include "drenn/multi_track_recorder/internal/Store.h"
-#include "drenn/multi_track_recorder/internal/StoreVerifier.h"
+#include "drenn/multi_track_recorder/internal/recovery/StoreVerifier.h"
 #include "support/TempFolder.h"
 
 /// A store in a temporary folder that does nothing by itself, to be opened again and again.

@@ -3,12 +3,12 @@
 #include <map>
 #include <stdexcept>
 
-#include "drenn/multi_track_recorder/internal/Opening.h"
-#include "drenn/multi_track_recorder/internal/Rebuilder.h"
-#include "drenn/multi_track_recorder/internal/SqliteVfs.h"
 #include "drenn/multi_track_recorder/internal/Store.h"
-#include "drenn/multi_track_recorder/internal/StoreVerifier.h"
 #include "drenn/multi_track_recorder/internal/Survivors.h"
+#include "drenn/multi_track_recorder/internal/io/SqliteVfs.h"
+#include "drenn/multi_track_recorder/internal/recovery/Opening.h"
+#include "drenn/multi_track_recorder/internal/recovery/Rebuilder.h"
+#include "drenn/multi_track_recorder/internal/recovery/StoreVerifier.h"
 
 namespace drenn::multi_track_recorder {
 namespace {

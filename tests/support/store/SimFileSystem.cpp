@@ -5,7 +5,7 @@
 #include <cstring>
 #include <random>
 
-#include "drenn/multi_track_recorder/internal/FileError.h"
+#include "drenn/multi_track_recorder/internal/io/FileError.h"
 
 using namespace drenn::multi_track_recorder;
 using Kind = DiskOperation::Kind;

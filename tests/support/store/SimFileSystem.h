@@ -9,7 +9,7 @@
 #include <string>
 #include <vector>
 
-#include "drenn/multi_track_recorder/internal/FileSystem.h"
+#include "drenn/multi_track_recorder/internal/io/FileSystem.h"
 
 /// One change of a disk, or one sync.
 struct DiskOperation {

@@ -4,7 +4,7 @@
 #include <vector>
 
 #include "drenn/multi_track_recorder/BlobRecord.h"
-#include "drenn/multi_track_recorder/internal/SegmentFormat.h"
+#include "drenn/multi_track_recorder/internal/format/SegmentFormat.h"
 
 namespace drenn::multi_track_recorder {
 

@@ -4,7 +4,7 @@
 #include "drenn/multi_track_recorder/Track.h"
 #include "drenn/multi_track_recorder/internal/PendingBlock.h"
 #include "drenn/multi_track_recorder/internal/SegmentReader.h"
-#include "drenn/multi_track_recorder/internal/SegmentWalker.h"
+#include "drenn/multi_track_recorder/internal/recovery/SegmentWalker.h"
 
 namespace drenn::multi_track_recorder {
 namespace {

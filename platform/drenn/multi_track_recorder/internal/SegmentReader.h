@@ -9,8 +9,8 @@
 #include <vector>
 
 #include "drenn/multi_track_recorder/BlobRecord.h"
-#include "drenn/multi_track_recorder/internal/Catalogue.h"
-#include "drenn/multi_track_recorder/internal/FileSystem.h"
+#include "drenn/multi_track_recorder/internal/io/Catalogue.h"
+#include "drenn/multi_track_recorder/internal/io/FileSystem.h"
 
 namespace drenn::multi_track_recorder {
 

@@ -15,12 +15,12 @@
 #include <vector>
 
 #include "drenn/multi_track_recorder/MultiTrackRecorder.h"
-#include "drenn/multi_track_recorder/internal/FileSystem.h"
-#include "drenn/multi_track_recorder/internal/Opening.h"
 #include "drenn/multi_track_recorder/internal/RecordingImpl.h"
-#include "drenn/multi_track_recorder/internal/SqliteVfs.h"
 #include "drenn/multi_track_recorder/internal/StoreContext.h"
 #include "drenn/multi_track_recorder/internal/StoreOptions.h"
+#include "drenn/multi_track_recorder/internal/io/FileSystem.h"
+#include "drenn/multi_track_recorder/internal/io/SqliteVfs.h"
+#include "drenn/multi_track_recorder/internal/recovery/Opening.h"
 
 namespace drenn::multi_track_recorder {
 

@@ -2,8 +2,8 @@
 #include <chrono>
 #include <stdexcept>
 
-#include "drenn/multi_track_recorder/internal/Opening.h"
 #include "drenn/multi_track_recorder/internal/StoreContext.h"
+#include "drenn/multi_track_recorder/internal/recovery/Opening.h"
 #include "quarn/core/Logger.h"
 
 namespace drenn::multi_track_recorder {

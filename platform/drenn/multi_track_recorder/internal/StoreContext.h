@@ -7,11 +7,11 @@
 #include <string>
 
 #include "drenn/multi_track_recorder/MultiTrackRecorder.h"
-#include "drenn/multi_track_recorder/internal/Catalogue.h"
-#include "drenn/multi_track_recorder/internal/FileError.h"
-#include "drenn/multi_track_recorder/internal/FileSystem.h"
 #include "drenn/multi_track_recorder/internal/SegmentReader.h"
 #include "drenn/multi_track_recorder/internal/StoreOptions.h"
+#include "drenn/multi_track_recorder/internal/io/Catalogue.h"
+#include "drenn/multi_track_recorder/internal/io/FileError.h"
+#include "drenn/multi_track_recorder/internal/io/FileSystem.h"
 
 namespace quarn::core {
 class Logger;

@@ -3,7 +3,7 @@
 #include <cstdint>
 #include <vector>
 
-#include "drenn/multi_track_recorder/internal/SegmentFormat.h"
+#include "drenn/multi_track_recorder/internal/format/SegmentFormat.h"
 
 namespace drenn::multi_track_recorder {
 

@@ -5,9 +5,9 @@
 #include <utility>
 #include <vector>
 
-#include "drenn/multi_track_recorder/internal/Opening.h"
-#include "drenn/multi_track_recorder/internal/SegmentWalker.h"
 #include "drenn/multi_track_recorder/internal/Survivors.h"
+#include "drenn/multi_track_recorder/internal/recovery/Opening.h"
+#include "drenn/multi_track_recorder/internal/recovery/SegmentWalker.h"
 
 namespace drenn::multi_track_recorder {
 

@@ -6,8 +6,8 @@
 #include <string>
 #include <vector>
 
-#include "drenn/multi_track_recorder/internal/Catalogue.h"
-#include "drenn/multi_track_recorder/internal/FileSystem.h"
+#include "drenn/multi_track_recorder/internal/io/Catalogue.h"
+#include "drenn/multi_track_recorder/internal/io/FileSystem.h"
 
 namespace drenn::multi_track_recorder {
 

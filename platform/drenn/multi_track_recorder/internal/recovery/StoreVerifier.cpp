@@ -4,11 +4,11 @@
 #include <set>
 #include <stdexcept>
 
-#include "drenn/multi_track_recorder/internal/Opening.h"
-#include "drenn/multi_track_recorder/internal/SegmentWalker.h"
-#include "drenn/multi_track_recorder/internal/SqliteVfs.h"
-#include "drenn/multi_track_recorder/internal/StoreVerifier.h"
 #include "drenn/multi_track_recorder/internal/Survivors.h"
+#include "drenn/multi_track_recorder/internal/io/SqliteVfs.h"
+#include "drenn/multi_track_recorder/internal/recovery/Opening.h"
+#include "drenn/multi_track_recorder/internal/recovery/SegmentWalker.h"
+#include "drenn/multi_track_recorder/internal/recovery/StoreVerifier.h"
 
 namespace drenn::multi_track_recorder {
 namespace {

@@ -5,8 +5,8 @@
 #include <string>
 #include <vector>
 
-#include "drenn/multi_track_recorder/internal/Database.h"
-#include "drenn/multi_track_recorder/internal/SegmentFormat.h"
+#include "drenn/multi_track_recorder/internal/format/SegmentFormat.h"
+#include "drenn/multi_track_recorder/internal/io/Database.h"
 
 namespace drenn::multi_track_recorder {
 

@@ -3,8 +3,8 @@
 #include <optional>
 #include <string>
 
-#include "drenn/multi_track_recorder/internal/FileSystem.h"
-#include "drenn/multi_track_recorder/internal/SegmentFormat.h"
+#include "drenn/multi_track_recorder/internal/format/SegmentFormat.h"
+#include "drenn/multi_track_recorder/internal/io/FileSystem.h"
 
 namespace drenn::multi_track_recorder {
 

@@ -1,7 +1,7 @@
 #define XXH_INLINE_ALL
 #include <xxhash.h>
 
-#include "drenn/multi_track_recorder/internal/SegmentFormat.h"
+#include "drenn/multi_track_recorder/internal/format/SegmentFormat.h"
 
 namespace drenn::multi_track_recorder {
 namespace {

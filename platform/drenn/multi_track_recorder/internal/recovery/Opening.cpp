@@ -4,8 +4,8 @@
 #include <random>
 #include <stdexcept>
 
-#include "drenn/multi_track_recorder/internal/Opening.h"
-#include "drenn/multi_track_recorder/internal/Recovery.h"
+#include "drenn/multi_track_recorder/internal/recovery/Opening.h"
+#include "drenn/multi_track_recorder/internal/recovery/Recovery.h"
 
 namespace drenn::multi_track_recorder {
 namespace {

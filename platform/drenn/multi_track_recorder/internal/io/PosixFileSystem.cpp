@@ -10,8 +10,8 @@
 #include <future>
 #include <system_error>
 
-#include "drenn/multi_track_recorder/internal/FileError.h"
-#include "drenn/multi_track_recorder/internal/FileSystem.h"
+#include "drenn/multi_track_recorder/internal/io/FileError.h"
+#include "drenn/multi_track_recorder/internal/io/FileSystem.h"
 
 namespace drenn::multi_track_recorder {
 namespace {

@@ -1,4 +1,4 @@
-#include "drenn/multi_track_recorder/internal/Rebuilder.h"
+#include "drenn/multi_track_recorder/internal/recovery/Rebuilder.h"
 
 #include <algorithm>
 #include <limits>

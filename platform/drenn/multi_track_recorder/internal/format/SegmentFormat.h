@@ -6,7 +6,7 @@
 #include <string>
 #include <vector>
 
-#include "drenn/multi_track_recorder/internal/ByteOrder.h"
+#include "drenn/multi_track_recorder/internal/format/ByteOrder.h"
 
 namespace drenn::multi_track_recorder {
 

@@ -4,7 +4,7 @@
 #include <memory>
 #include <string>
 
-#include "drenn/multi_track_recorder/internal/ByteOrder.h"
+#include "drenn/multi_track_recorder/internal/format/ByteOrder.h"
 
 struct sqlite3;
 struct sqlite3_stmt;

@@ -3,7 +3,7 @@
 #include <string>
 #include <vector>
 
-#include "drenn/multi_track_recorder/internal/FileSystem.h"
+#include "drenn/multi_track_recorder/internal/io/FileSystem.h"
 
 namespace drenn::multi_track_recorder {
 

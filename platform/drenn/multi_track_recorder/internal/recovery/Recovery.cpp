@@ -1,4 +1,4 @@
-#include "drenn/multi_track_recorder/internal/Recovery.h"
+#include "drenn/multi_track_recorder/internal/recovery/Recovery.h"
 
 #include <algorithm>
 #include <limits>

@@ -7,9 +7,9 @@
 #include <string>
 #include <utility>
 
-#include "drenn/multi_track_recorder/internal/FileError.h"
-#include "drenn/multi_track_recorder/internal/FileSystem.h"
-#include "drenn/multi_track_recorder/internal/SqliteVfs.h"
+#include "drenn/multi_track_recorder/internal/io/FileError.h"
+#include "drenn/multi_track_recorder/internal/io/FileSystem.h"
+#include "drenn/multi_track_recorder/internal/io/SqliteVfs.h"
 
 namespace drenn::multi_track_recorder {
 

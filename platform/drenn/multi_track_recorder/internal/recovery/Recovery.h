@@ -4,8 +4,8 @@
 #include <string>
 #include <vector>
 
-#include "drenn/multi_track_recorder/internal/Opening.h"
-#include "drenn/multi_track_recorder/internal/SegmentWalker.h"
+#include "drenn/multi_track_recorder/internal/recovery/Opening.h"
+#include "drenn/multi_track_recorder/internal/recovery/SegmentWalker.h"
 
 namespace drenn::multi_track_recorder {
 

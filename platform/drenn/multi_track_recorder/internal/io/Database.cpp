@@ -2,8 +2,8 @@
 
 #include <cerrno>
 
-#include "drenn/multi_track_recorder/internal/Database.h"
-#include "drenn/multi_track_recorder/internal/FileError.h"
+#include "drenn/multi_track_recorder/internal/io/Database.h"
+#include "drenn/multi_track_recorder/internal/io/FileError.h"
 
 namespace drenn::multi_track_recorder {
 namespace {

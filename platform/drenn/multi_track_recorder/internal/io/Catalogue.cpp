@@ -1,4 +1,4 @@
-#include "drenn/multi_track_recorder/internal/Catalogue.h"
+#include "drenn/multi_track_recorder/internal/io/Catalogue.h"
 
 #include <algorithm>
 

@@ -1,7 +1,7 @@
 #include <cerrno>
 #include <system_error>
 
-#include "drenn/multi_track_recorder/internal/FileError.h"
+#include "drenn/multi_track_recorder/internal/io/FileError.h"
 
 namespace drenn::multi_track_recorder {
 

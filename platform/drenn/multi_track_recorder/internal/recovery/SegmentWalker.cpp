@@ -1,6 +1,6 @@
 #include <algorithm>
 
-#include "drenn/multi_track_recorder/internal/SegmentWalker.h"
+#include "drenn/multi_track_recorder/internal/recovery/SegmentWalker.h"
 
 namespace drenn::multi_track_recorder {
 namespace {

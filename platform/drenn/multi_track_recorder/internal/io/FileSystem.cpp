@@ -1,6 +1,6 @@
 #include <exception>
 
-#include "drenn/multi_track_recorder/internal/FileSystem.h"
+#include "drenn/multi_track_recorder/internal/io/FileSystem.h"
 
 namespace drenn::multi_track_recorder {
 
