@@ -27,7 +27,7 @@ LaneState State() {
     LaneState state;
     state.recording = 1;
     state.recordingInfo = "M,1";
-    state.tracks.push_back({3, "0", 1, 8, 10, 9, "info", {{9, 10}}});
+    state.tracks.push_back({3, "0", 1, 8, 10, 9, "info", {{9, 10}}, false});
     return state;
 }
 

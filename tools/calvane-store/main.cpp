@@ -28,18 +28,26 @@ nlohmann::json ToJson(const StoreFacts& facts) {
         }
         recordings.push_back({{"id", recording.id}, {"info", recording.info}, {"tracks", tracks}});
     }
-    return {{"id", facts.id},
-            {"segments", facts.segments},
-            {"bytes", facts.bytes},
-            {"unsealed", facts.unsealed},
+    nlohmann::json aside = nlohmann::json::array();
+    for (const SetAside& file : facts.aside) {
+        aside.push_back({{"path", file.path}, {"bytes", file.bytes}});
+    }
+    return {{"id", facts.id},          {"segments", facts.segments},
+            {"bytes", facts.bytes},    {"unsealed", facts.unsealed},
+            {"damage", facts.damage},  {"aside", aside},
             {"recordings", recordings}};
 }
 
 void Print(const StoreFacts& facts) {
     std::cout << "store " << facts.id << ": " << facts.segments << " segments, " << facts.bytes << " bytes\n";
     if (facts.unsealed > 0) {
-        std::cout << "not closed: " << facts.unsealed
-                  << " more segments, whose records are not counted here\n";
+        std::cout << "not closed: " << facts.unsealed << " of them\n";
+    }
+    for (const std::string& line : facts.damage) {
+        std::cout << "damaged: " << line << "\n";
+    }
+    for (const SetAside& file : facts.aside) {
+        std::cout << "set aside: " << file.path << ", " << file.bytes << " bytes\n";
     }
     for (const RecordingFacts& recording : facts.recordings) {
         std::cout << "recording " << recording.id << " \"" << recording.info << "\"\n";
@@ -72,9 +80,26 @@ int Report(const std::vector<std::string>& lines, const char* good) {
     return lines.empty() ? kGood : kSomethingWrong;
 }
 
+int Verify(const StoreInspection& store) {
+    const VerifyReport report = store.Verify();
+    for (const std::string& line : report.wrong) {
+        std::cout << line << "\n";
+    }
+    for (const std::string& line : report.notes) {
+        std::cout << "note: " << line << "\n";
+    }
+    std::cout << "checked: "
+              << (report.checked.empty() ? "nothing; the store was never made" : report.checked) << "\n";
+    if (report.wrong.empty()) {
+        std::cout << (report.notes.empty() ? "good" : "good, except what the notes say") << "\n";
+    }
+    return report.wrong.empty() ? kGood : kSomethingWrong;
+}
+
 struct Commands {
     CLI::App* info;
     CLI::App* verify;
+    CLI::App* aside;
     CLI::App* rebuild;
     CLI::App* trim;
 };
@@ -84,7 +109,28 @@ struct Options {
     bool json = false;
     unsigned int track = 0;
     unsigned int count = 0;
+    std::string show;
+    bool empty = false;
 };
+
+int LookAside(const StoreInspection& store, const Options& options) {
+    if (options.empty) {
+        for (const std::string& path : store.EmptyAside()) {
+            std::cout << "removed " << path << "\n";
+        }
+        return kGood;
+    }
+    if (!options.show.empty()) {
+        for (const std::string& line : store.ShowAside(options.show)) {
+            std::cout << line << "\n";
+        }
+        return kGood;
+    }
+    for (const SetAside& file : store.Describe().aside) {
+        std::cout << file.path << ", " << file.bytes << " bytes\n";
+    }
+    return kGood;
+}
 
 int Trim(const StoreInspection& store, const Options& options) {
     const unsigned int left = store.Trim(options.track, options.count);
@@ -105,7 +151,10 @@ int Run(const Commands& commands, const Options& options) {
             return Describe(*store, options.json);
         }
         if (commands.verify->parsed()) {
-            return Report(store->Verify(), "good");
+            return Verify(*store);
+        }
+        if (commands.aside->parsed()) {
+            return LookAside(*store, options);
         }
         if (commands.trim->parsed()) {
             return Trim(*store, options);
@@ -128,13 +177,18 @@ int ParseAndRun(int argc, char** argv) {
     const Commands commands{
         program.add_subcommand("info", "Print what there is"),
         program.add_subcommand("verify", "Check every invariant and every checksum"),
+        program.add_subcommand("aside", "List what was set aside since nothing in it could be read"),
         program.add_subcommand("rebuild", "Make a lost or damaged catalogue from the segments"),
         program.add_subcommand("trim",
                                "Erase the newest records of a track, such as one that cannot be read")};
-    for (CLI::App* command : {commands.info, commands.verify, commands.rebuild, commands.trim}) {
+    for (CLI::App* command :
+         {commands.info, commands.verify, commands.aside, commands.rebuild, commands.trim}) {
         command->add_option("DIR", options.folder, "The folder of the store")->required();
     }
     commands.info->add_flag("--json", options.json, "Print JSON");
+    const auto show =
+        commands.aside->add_option("--show", options.show, "Tell what can be read of this file");
+    commands.aside->add_flag("--empty", options.empty, "Remove all of it")->excludes(show);
     commands.trim->add_option("TRACK", options.track, "The track's number, as info prints it")->required();
     commands.trim->add_option("COUNT", options.count, "How many records")
         ->required()

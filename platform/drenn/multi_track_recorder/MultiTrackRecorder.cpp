@@ -36,6 +36,10 @@ StoreState MultiTrackRecorder::getState() const {
     return store_->GetState();
 }
 
+std::vector<std::string> MultiTrackRecorder::getDamage() const {
+    return store_->GetDamage();
+}
+
 boost::signals2::connection MultiTrackRecorder::connectToStateSignal(const StateSignal::slot_type& slot) {
     return store_->ConnectToStateSignal(slot);
 }

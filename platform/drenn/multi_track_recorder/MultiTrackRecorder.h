@@ -7,6 +7,7 @@
 #include <list>
 #include <memory>
 #include <string>
+#include <vector>
 
 #include "drenn/Export.h"
 #include "drenn/multi_track_recorder/Recording.h"
@@ -18,7 +19,8 @@ class Store;
 /// What the store can do at the moment.
 enum class StoreState {
     Good,     ///< Everything.
-    ReadOnly, ///< The device refused to keep data twice, or is mounted read-only: what is there can be read.
+    ReadOnly, ///< The device refused to keep data twice, is mounted read-only or full, or part of the store is
+              ///< damaged: what is there can be read.
     NoCard,   ///< The folders are gone. Every descriptor is closed; the store goes on when they are back.
     OtherCard ///< There is another store in their place; it is left alone.
 };
@@ -55,6 +57,9 @@ public:
     void flush();
 
     StoreState getState() const;
+    /// What was found damaged when the store was opened, and what is known to be damaged since earlier: a line for each
+    /// file and place. What is damaged is kept, and the records around it can be read.
+    std::vector<std::string> getDamage() const;
     /// Raised with the new state, on a thread of the store's own and without its locks.
     boost::signals2::connection connectToStateSignal(const StateSignal::slot_type& slot);
 

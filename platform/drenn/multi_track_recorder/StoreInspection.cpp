@@ -1,5 +1,6 @@
 #include "drenn/multi_track_recorder/StoreInspection.h"
 
+#include <algorithm>
 #include <map>
 #include <stdexcept>
 
@@ -7,34 +8,12 @@
 #include "drenn/multi_track_recorder/internal/Survivors.h"
 #include "drenn/multi_track_recorder/internal/io/SqliteVfs.h"
 #include "drenn/multi_track_recorder/internal/recovery/Opening.h"
-#include "drenn/multi_track_recorder/internal/recovery/Rebuilder.h"
+#include "drenn/multi_track_recorder/internal/recovery/SegmentScan.h"
+#include "drenn/multi_track_recorder/internal/recovery/StoreRebuilding.h"
 #include "drenn/multi_track_recorder/internal/recovery/StoreVerifier.h"
 
 namespace drenn::multi_track_recorder {
 namespace {
-
-/// Keeps other processes out for as long as it lives.
-std::unique_ptr<IFile> LockStore(IFileSystem& files, const StoreFolders& folders, OpenMode mode) {
-    if (mode == OpenMode::Read && !files.Exists(folders.Lock())) {
-        return nullptr; // Nobody can have it.
-    }
-    auto lock = files.Open(folders.Lock(), mode);
-    if (!lock->TryLock()) {
-        throw std::runtime_error("The store at " + folders.storage + " is open in another process");
-    }
-    return lock;
-}
-
-bool IsWhole(const StoreFolders& folders, const char* vfs) {
-    try {
-        Catalogue catalogue(folders.Catalogue(), vfs, Catalogue::Mode::ReadOnly);
-        const bool isMade = catalogue.GetId() != StoreId{};
-        catalogue.Load();
-        return isMade && catalogue.Check().empty();
-    } catch (const std::exception&) {
-        return false;
-    }
-}
 
 void RequireCatalogue(IFileSystem& files, const StoreFolders& folders) {
     if (!files.Exists(folders.Catalogue())) {
@@ -87,14 +66,20 @@ StoreInspection::StoreInspection(const std::string& folder)
 StoreFacts StoreInspection::Describe() const {
     IFileSystem& files = PosixFileSystem();
     const StoreFolders folders{storage_, database_};
-    const auto lock = LockStore(files, folders, OpenMode::Read);
     RequireCatalogue(files, folders);
-    const SqliteVfs vfs(files);
-    Catalogue catalogue(folders.Catalogue(), vfs.Name(), Catalogue::Mode::ReadOnly);
-    const CatalogueContent content = catalogue.Load();
+    const SqliteVfs vfs(files, SqliteVfs::Access::ReadOnly);
+    const OpenedStore opened = OpenStoreToRead(files, folders, vfs.Name());
+    const CatalogueContent& content = opened.content;
     StoreFacts facts;
-    facts.id = ToText(catalogue.GetId());
+    facts.id = ToText(opened.id);
     AddTracks(content, facts);
+    facts.damage = opened.told;
+    for (const DamageRow& row : opened.catalogue->Load().damage) {
+        facts.damage.push_back(ToText(row, folders.PathOf(row.segment)));
+    }
+    for (const std::string& path : ListAside(files, folders)) {
+        facts.aside.push_back({path, files.Open(path, OpenMode::Read)->Size()});
+    }
     for (const SegmentRow& segment : content.segments) {
         ++facts.segments;
         facts.bytes += segment.length;
@@ -109,35 +94,44 @@ StoreFacts StoreInspection::Describe() const {
     return facts;
 }
 
-std::vector<std::string> StoreInspection::Verify() const {
-    return VerifyStore(PosixFileSystem(), storage_, database_);
+VerifyReport StoreInspection::Verify() const {
+    return ExamineStore(PosixFileSystem(), storage_, database_);
 }
 
 std::vector<std::string> StoreInspection::Rebuild() const {
+    return RebuildStore(PosixFileSystem(), storage_, database_);
+}
+
+std::vector<std::string> StoreInspection::ShowAside(const std::string& path) const {
     IFileSystem& files = PosixFileSystem();
     const StoreFolders folders{storage_, database_};
-    files.MakeFolder(database_); // It may be lost with the catalogue.
-    const auto lock = LockStore(files, folders, OpenMode::Create);
-    const SqliteVfs vfs(files);
-    const std::string catalogue = folders.Catalogue();
-    if (files.Exists(catalogue) && IsWhole(folders, vfs.Name())) {
-        throw std::runtime_error("The catalogue " + catalogue + " is whole; there is nothing to rebuild");
+    const std::vector<std::string> paths = ListAside(files, folders);
+    if (std::find(paths.begin(), paths.end(), path) == paths.end()) {
+        throw std::runtime_error(path + " was not set aside in " + storage_);
     }
-    const std::string made = catalogue + ".new";
-    for (const char* suffix : {"", "-wal", "-journal"}) {
-        files.Remove(made + suffix);
+    const auto file = files.Open(path, OpenMode::Read);
+    std::vector<std::string> lines{path + ": " + std::to_string(file->Size()) + " bytes"};
+    const auto segment = SegmentOf(path.substr(path.rfind('/') + 1, FileNameOf({}).size()));
+    if (segment) {
+        const SegmentScan scan = ScanSegment(*file, path, ReadIdentity(files, folders.Identity()), *segment);
+        lines.push_back("it may be a segment; " + std::to_string(scan.blocks.size()) +
+                        " headers of blocks can be read");
+        lines.insert(lines.end(), scan.faults.begin(), scan.faults.end());
+    } else {
+        lines.emplace_back("it is part of a catalogue that was made anew");
     }
-    Rebuilder rebuilder(files, folders);
-    std::vector<std::string> lost = rebuilder.Write(made, vfs.Name());
-    for (const char* suffix : {"-wal", "-journal", ""}) {
-        if (files.Exists(catalogue + suffix)) {
-            files.Rename(catalogue + suffix, catalogue + ".damaged" + suffix);
-        }
+    return lines;
+}
+
+std::vector<std::string> StoreInspection::EmptyAside() const {
+    IFileSystem& files = PosixFileSystem();
+    const StoreFolders folders{storage_, database_};
+    const StoreLock lock = LockStore(files, folders);
+    const std::vector<std::string> paths = ListAside(files, folders);
+    for (const std::string& path : paths) {
+        files.Remove(path);
     }
-    files.Rename(made, catalogue);
-    files.SyncFolder(database_);
-    WriteIdentity(files, folders, rebuilder.Id());
-    return lost;
+    return paths;
 }
 
 unsigned int StoreInspection::Trim(unsigned int track, unsigned int count) const {

@@ -13,7 +13,7 @@ struct TrackFacts {
     unsigned int id = 0;
     bool isSparse = false;
     DataFormatVersion format;
-    std::uint64_t records = 0; ///< In sealed segments.
+    std::uint64_t records = 0;
 };
 
 struct RecordingFacts {
@@ -22,14 +22,29 @@ struct RecordingFacts {
     std::vector<TrackFacts> tracks;
 };
 
+/// A file that is kept although nothing in it can be read, until its room is needed.
+struct SetAside {
+    std::string path;
+    std::uint64_t bytes = 0;
+};
+
 /// What a catalogue says, and what lies beside it.
 struct StoreFacts {
     std::string id; ///< The identity, as 32 hexadecimal digits.
     std::vector<RecordingFacts> recordings;
-    std::uint64_t segments = 0; ///< Sealed ones.
-    std::uint64_t bytes = 0;    ///< In them.
-    std::uint64_t unsealed =
-        0; ///< Segments whose records are counted when the store is opened the next time.
+    std::uint64_t segments = 0;
+    std::uint64_t bytes = 0;         ///< In them.
+    std::uint64_t unsealed = 0;      ///< Segments that a crash left open; their records are counted, too.
+    std::vector<std::string> damage; ///< What is known to be damaged, one line for each place.
+    std::vector<SetAside> aside;
+};
+
+/// What a check of a store came to.
+struct VerifyReport {
+    std::vector<std::string> wrong; ///< One line for each thing that is wrong.
+    std::vector<std::string>
+        notes;           ///< Damage that is known and kept, what was set aside, what could not be checked.
+    std::string checked; ///< What was looked at: files, blocks, records.
 };
 
 /// Looks at a store that no process has open, and repairs it.
@@ -42,10 +57,15 @@ public:
     explicit StoreInspection(const std::string& folder);
 
     StoreFacts Describe() const;
-    /// A line for each thing that is wrong; nothing is changed.
-    std::vector<std::string> Verify() const;
-    /// Makes a catalogue from the segments in place of one that is lost or damaged, which is kept under another
-    /// name. Returns a line for each thing that could not be taken over. Throws when the catalogue is whole.
+    /// Checks everything; nothing is changed.
+    VerifyReport Verify() const;
+    /// What can be told of a file that was set aside, one line each. Throws when there is none of this path.
+    std::vector<std::string> ShowAside(const std::string& path) const;
+    /// Removes what was set aside, and returns the paths.
+    std::vector<std::string> EmptyAside() const;
+    /// Makes a catalogue from the segments in place of one that is lost or damaged, which is set aside, or the file with
+    /// the identity where only that is lost. Returns a line for each thing that could not be taken over. Throws when
+    /// both are whole.
     std::vector<std::string> Rebuild() const;
     /// Erases the newest `count` records of a track, of whichever recording, and returns how many are left. Throws
     /// when there is no such track, or it has fewer.

@@ -55,7 +55,8 @@ public:
     /// position one on. When it throws, the position stays and the record is empty.
     Track& operator>>(BlobRecord& record);
     /// Appends a record. It can be read at once; a killed process loses at most the last 250 ms of what was
-    /// appended and a power cut the last second, always the newest; see MultiTrackRecorder::flush.
+    /// appended and a power cut the last second: all of it, or what the device had not written yet, while order and
+    /// content stay. See MultiTrackRecorder::flush.
     Track& operator<<(const BlobRecord& record);
 
     /// The first and the last index of the records around the read position that the same call of setInfo holds

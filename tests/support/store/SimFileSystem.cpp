@@ -60,6 +60,7 @@ void DiskImage::Apply(const DiskOperation& operation) {
             break;
         case Kind::SyncFile:
         case Kind::SyncFolder:
+        case Kind::FailedSync:
             break;
     }
 }
@@ -76,16 +77,15 @@ class SimFileSystem::SimFile : public IFile {
 public:
     SimFile(SimFileSystem& disk, unsigned int inode, std::string path)
         : disk_(disk), inode_(inode), path_(std::move(path)), counted_(disk.openFiles_) {}
-    ~SimFile() override {
-        const std::lock_guard<std::mutex> lock(disk_.lock_);
-        if (hasLock_) {
-            disk_.locked_.erase(inode_);
-        }
-    }
 
     std::size_t Read(std::uint64_t offset, void* bytes, std::size_t length) const override {
         const std::lock_guard<std::mutex> lock(disk_.lock_);
         disk_.Check("read", path_);
+        for (const BadBytes& bad : disk_.bad_) {
+            if (bad.path == path_ && offset < bad.end && bad.first < offset + length) {
+                throw FileError("read", path_, EIO);
+            }
+        }
         const DiskImage::Bytes& content = *disk_.image_.files.at(inode_);
         if (offset >= content.size()) {
             return 0;
@@ -108,8 +108,8 @@ public:
             if (disk_.Used() + growth > disk_.capacity_) {
                 throw FileError("write", path_, ENOSPC);
             }
-        } catch (const FileError&) {
-            if (disk_.present_ && disk_.Used() + growth / 2 <= disk_.capacity_) {
+        } catch (const FileError& error) {
+            if (disk_.present_ && error.GetError() != EROFS && disk_.Used() + growth / 2 <= disk_.capacity_) {
                 write(length / 2);
             }
             throw;
@@ -128,7 +128,7 @@ public:
     }
     void Sync() override {
         const std::lock_guard<std::mutex> lock(disk_.lock_);
-        disk_.Check("sync", path_);
+        disk_.CheckSync("sync", path_, inode_);
         disk_.Do({Kind::SyncFile, inode_, path_, "", 0, {}});
     }
     std::uint64_t Size() const override {
@@ -136,19 +136,12 @@ public:
         disk_.Check("size", path_);
         return disk_.image_.files.at(inode_)->size();
     }
-    bool TryLock() override {
-        const std::lock_guard<std::mutex> lock(disk_.lock_);
-        disk_.Check("lock", path_);
-        hasLock_ = hasLock_ || disk_.locked_.insert(inode_).second;
-        return hasLock_;
-    }
 
 private:
     SimFileSystem& disk_;
     const unsigned int inode_;
     const std::string path_;
     const std::shared_ptr<int> counted_;
-    bool hasLock_ = false;
 };
 
 SimFileSystem::SimFileSystem(DiskImage image) : image_(std::move(image)) {
@@ -178,6 +171,29 @@ void SimFileSystem::SetDevice(std::uint64_t device) {
     device_ = device;
 }
 
+void SimFileSystem::SetBadBytes(const std::string& path, std::uint64_t first, std::uint64_t end) {
+    const std::lock_guard<std::mutex> lock(lock_);
+    bad_.push_back({path, first, end});
+}
+
+void SimFileSystem::SetUnreadable(const std::string& path) {
+    const std::lock_guard<std::mutex> lock(lock_);
+    unreadable_ = path;
+    image_.names[path] = ++lastInode_;
+    image_.files[lastInode_] = std::make_shared<DiskImage::Bytes>(1);
+}
+
+DiskImage SimFileSystem::GetDurable() const {
+    DiskImage durable;
+    PowerCuts(GetTrace()).ForEach(1, 0, [&](std::size_t, const DiskImage& image) { durable = image; });
+    return durable;
+}
+
+std::uint64_t SimFileSystem::GetUsed() const {
+    const std::lock_guard<std::mutex> lock(lock_);
+    return Used();
+}
+
 void SimFileSystem::SetPresent(bool present) {
     const std::lock_guard<std::mutex> lock(lock_);
     present_ = present;
@@ -201,6 +217,9 @@ DiskImage SimFileSystem::GetImage() const {
 std::unique_ptr<IFile> SimFileSystem::Open(const std::string& path, OpenMode mode) {
     const std::lock_guard<std::mutex> lock(lock_);
     Check("open", path);
+    if (path == unreadable_) {
+        throw FileError("open", path, EIO);
+    }
     const auto found = image_.names.find(path);
     const bool exists = found != image_.names.end();
     if (exists && mode == OpenMode::CreateNew) {
@@ -211,9 +230,32 @@ std::unique_ptr<IFile> SimFileSystem::Open(const std::string& path, OpenMode mod
     }
     const unsigned int inode = exists ? found->second : ++lastInode_;
     if (!exists) {
+        Check("create", path);
         Do({Kind::Create, inode, path, "", 0, {}});
     }
     return std::make_unique<SimFile>(*this, inode, path);
+}
+
+/// Of a folder.
+class SimFileSystem::SimLock : public IFolderLock {
+public:
+    SimLock(SimFileSystem& disk, std::string path)
+        : disk_(disk), path_(std::move(path)), counted_(disk.openFiles_) {}
+    ~SimLock() override {
+        const std::lock_guard<std::mutex> lock(disk_.lock_);
+        disk_.locked_.erase(path_);
+    }
+
+private:
+    SimFileSystem& disk_;
+    const std::string path_;
+    const std::shared_ptr<int> counted_;
+};
+
+std::unique_ptr<IFolderLock> SimFileSystem::TryLockFolder(const std::string& path) {
+    const std::lock_guard<std::mutex> lock(lock_);
+    Check("lock", path);
+    return locked_.insert(path).second ? std::make_unique<SimLock>(*this, path) : nullptr;
 }
 
 void SimFileSystem::MakeFolder(const std::string& path) {
@@ -258,7 +300,7 @@ void SimFileSystem::Remove(const std::string& path) {
 
 void SimFileSystem::SyncFolder(const std::string& path) {
     const std::lock_guard<std::mutex> lock(lock_);
-    Check("sync folder", path);
+    CheckSync("sync folder", path, 0);
     Do({Kind::SyncFolder, 0, path, "", 0, {}});
 }
 
@@ -281,6 +323,15 @@ void SimFileSystem::Check(const char* operation, const std::string& path) const 
     }
     if (const int error = fault_ ? fault_(operation, path) : 0; error != 0) {
         throw FileError(operation, path, error);
+    }
+}
+
+void SimFileSystem::CheckSync(const char* operation, const std::string& path, unsigned int inode) {
+    try {
+        Check(operation, path);
+    } catch (const FileError& error) {
+        Do({Kind::FailedSync, inode, path, "", 0, {}});
+        throw SyncError(path, error.GetError());
     }
 }
 
@@ -320,6 +371,8 @@ std::size_t PowerCuts::ForEach(unsigned int imagesEach, unsigned int seed,
         const DiskOperation& next = trace_[moment];
         if (next.kind == Kind::SyncFile || next.kind == Kind::SyncFolder) {
             MakeDurable(pending, next);
+        } else if (next.kind == Kind::FailedSync) {
+            Strand(pending, next);
         } else {
             pending.push_back(next);
         }
@@ -360,8 +413,20 @@ DiskImage PowerCuts::Settle(const std::vector<DiskOperation>& pending, unsigned 
     return image;
 }
 
+/// The pages count as clean now: later syncs do not write them, though they may have got to the disk.
+void PowerCuts::Strand(std::vector<DiskOperation>& pending, const DiskOperation& sync) {
+    DiskOperation good = sync;
+    good.kind = sync.inode == 0 ? Kind::SyncFolder : Kind::SyncFile;
+    for (DiskOperation& operation : pending) {
+        operation.isStranded =
+            operation.isStranded || (IsSyncedBy(operation, good) && !ChangesNames(operation));
+    }
+}
+
 void PowerCuts::MakeDurable(std::vector<DiskOperation>& pending, const DiskOperation& sync) {
-    const auto synced = [&sync](const DiskOperation& operation) { return IsSyncedBy(operation, sync); };
+    const auto synced = [&sync](const DiskOperation& operation) {
+        return !operation.isStranded && IsSyncedBy(operation, sync);
+    };
     for (const DiskOperation& operation : pending) {
         if (synced(operation)) {
             durable_.Apply(operation);

@@ -13,7 +13,16 @@
 
 /// One change of a disk, or one sync.
 struct DiskOperation {
-    enum class Kind { Write, Truncate, Create, Rename, Remove, SyncFile, SyncFolder };
+    enum class Kind {
+        Write,
+        Truncate,
+        Create,
+        Rename,
+        Remove,
+        SyncFile,
+        SyncFolder,
+        FailedSync ///< Of a file, or of a folder if there is no inode: what was pending is lost for later syncs.
+    };
 
     Kind kind;
     unsigned int inode = 0;           ///< Of the file concerned; none for SyncFolder.
@@ -21,6 +30,7 @@ struct DiskOperation {
     std::string target;               ///< Of Rename.
     std::uint64_t position = 0;       ///< Of Write; of Truncate the new length.
     std::vector<unsigned char> bytes; ///< Of Write.
+    bool isStranded = false;          ///< A sync that was to write it failed.
 };
 
 /// Files by path and their content.
@@ -56,14 +66,22 @@ public:
     /// What DeviceOf gives; and whether the card is there at all: without it everything fails with ENOENT or EIO.
     void SetDevice(std::uint64_t device);
     void SetPresent(bool present);
+    /// Reading any of these bytes of a file fails with EIO; a file that is unreadable cannot even be opened, or made.
+    void SetBadBytes(const std::string& path, std::uint64_t first, std::uint64_t end);
+    void SetUnreadable(const std::string& path);
 
     std::vector<DiskOperation> GetTrace() const;
     std::size_t GetTraceLength() const;
     DiskImage GetImage() const;
+    /// What is on the disk for certain. A sync that failed makes nothing durable, and neither does a later one of the
+    /// same file for what was written before it.
+    DiskImage GetDurable() const;
+    std::uint64_t GetUsed() const;
     unsigned int CountOpenFiles() const { return static_cast<unsigned int>(openFiles_.use_count() - 1); }
 
     std::unique_ptr<drenn::multi_track_recorder::IFile> Open(
         const std::string& path, drenn::multi_track_recorder::OpenMode mode) override;
+    std::unique_ptr<drenn::multi_track_recorder::IFolderLock> TryLockFolder(const std::string& path) override;
     void MakeFolder(const std::string& path) override;
     std::vector<std::string> List(const std::string& folder) const override;
     bool Exists(const std::string& path) const override;
@@ -75,16 +93,25 @@ public:
 
 private:
     class SimFile;
+    class SimLock;
 
     void Check(const char* operation, const std::string& path) const;
+    void CheckSync(const char* operation, const std::string& path, unsigned int inode);
     void Do(DiskOperation operation);
     std::uint64_t Used() const;
 
     mutable std::mutex lock_;
+    struct BadBytes {
+        std::string path;
+        std::uint64_t first;
+        std::uint64_t end;
+    };
     Fault fault_;
+    std::vector<BadBytes> bad_;
+    std::string unreadable_;
     DiskImage image_;
     std::set<std::string> folders_;
-    std::set<unsigned int> locked_;
+    std::set<std::string> locked_;                   ///< Folders.
     std::map<unsigned int, std::uint64_t> reserved_; ///< Room set aside, by inode.
     std::vector<DiskOperation> trace_;
     bool tracing_ = true;
@@ -111,6 +138,7 @@ private:
     DiskImage Settle(const std::vector<DiskOperation>& pending, unsigned int variant,
                      unsigned int seed) const;
     void MakeDurable(std::vector<DiskOperation>& pending, const DiskOperation& sync);
+    static void Strand(std::vector<DiskOperation>& pending, const DiskOperation& sync);
 
     const std::vector<DiskOperation> trace_;
     DiskImage durable_;

@@ -5,6 +5,16 @@
 #include "quarn/core/Logger.h"
 
 namespace drenn::multi_track_recorder {
+namespace {
+
+// Texts in a state, which begins every segment, are at most this share of it. Longer ones are in their own blocks and
+// in the catalogue only.
+constexpr std::uint32_t kStateTextsShare = 64;
+constexpr std::uint32_t kLeastStateTexts = 4096;
+// Offsets have 32 bits.
+constexpr std::uint64_t kLargestSegment = 1ULL << 32U;
+
+} // namespace
 
 Lane::Lane(StoreContext& context, SegmentKey next, std::uint32_t recording, bool sparse)
     : context_(context),
@@ -72,7 +82,8 @@ std::vector<std::shared_ptr<Segment>> Lane::DeadSegments() const {
     const std::lock_guard<std::mutex> lock(tablesMutex_);
     std::vector<std::shared_ptr<Segment>> dead;
     std::copy_if(segments_.begin(), segments_.end(), std::back_inserter(dead), [this](const auto& segment) {
-        return segment->survivors == 0 && !segment->isRemoving && !(segment->key == newest_);
+        return segment->survivors == 0 && !segment->isRemoving && !segment->isDamaged &&
+               !(segment->key == newest_);
     });
     return dead;
 }
@@ -257,8 +268,15 @@ std::shared_ptr<PendingBlock> Lane::MakeState() {
         const std::lock_guard<std::mutex> lock(tablesMutex_);
         state.recordingInfo = recordingInfo_;
     }
+    std::size_t room = std::max(kLeastStateTexts, context_.options.segmentBytes / kStateTextsShare);
     for (const auto& track : Tracks()) {
-        state.tracks.push_back(StateOf(*track));
+        TrackState each = StateOf(*track);
+        each.isInfoElsewhere = each.info.size() > room;
+        if (each.isInfoElsewhere) {
+            each.info.clear();
+        }
+        room -= each.info.size();
+        state.tracks.push_back(std::move(each));
     }
     return std::make_shared<PendingBlock>(BlockKind::State, 0, 0, EncodeBody(state));
 }
@@ -331,7 +349,8 @@ void Lane::Publish(const SegmentWriter::Placed& placed) {
         track->AddExtent(writer_->GetSegment(), {block.FirstSerial(), block.EndSerial()});
     } else if (block.Kind() == BlockKind::Info) {
         const std::string text(block.Body().begin(), block.Body().end());
-        infos_.emplace_back(track, InfoText{block.FirstSerial(), std::make_shared<const std::string>(text)});
+        infos_.emplace_back(track,
+                            InfoText{block.FirstSerial(), std::make_shared<const std::string>(text), 0});
     }
     context_.memory -= static_cast<std::size_t>(block.Length());
     track->pending.pop_front();
@@ -347,6 +366,10 @@ void Lane::SealLocked() {
         transaction.AddSegment({segment->key, segment->length, segment->time, false});
         for (const ExtentRow& extent : extents_) {
             transaction.AddExtent(extent);
+        }
+        if (writer_->IsBroken() && segment->length > 0) {
+            transaction.AddDamage(
+                {segment->key, segment->length, kLargestSegment, DamageRow::Kind::Unfinished});
         }
         for (const auto& [track, info] : infos_) {
             const std::lock_guard<std::mutex> lock(track->mutex);

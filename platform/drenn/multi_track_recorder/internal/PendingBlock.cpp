@@ -40,8 +40,8 @@ void FillRecord(const unsigned char* payload, std::size_t bytes, std::uint32_t b
     }
 }
 
-PendingBlock::PendingBlock(std::uint32_t track, std::uint64_t firstSerial)
-    : kind_(BlockKind::Records), track_(track), firstSerial_(firstSerial) {}
+PendingBlock::PendingBlock(std::uint32_t track, std::uint64_t firstSerial, std::uint32_t infoTag)
+    : kind_(BlockKind::Records), track_(track), firstSerial_(firstSerial), infoTag_(infoTag) {}
 
 PendingBlock::PendingBlock(BlockKind kind, std::uint32_t track, std::uint64_t firstSerial, Bytes body)
     : isOpen(false), kind_(kind), track_(track), firstSerial_(firstSerial), body_(std::move(body)) {}
@@ -110,6 +110,7 @@ void PendingBlock::Encode(std::uint32_t offset, std::uint64_t salt, std::uint64_
     header.count = Count();
     header.firstSerial = firstSerial_;
     header.time = time;
+    header.infoTag = infoTag_;
     header.indexBytes = static_cast<std::uint32_t>(index.size());
     header.payloadBytes = static_cast<std::uint32_t>(payloadBytes_);
     header.indexChecksum = ChecksumOf(index.data(), index.size(), salt);

@@ -25,8 +25,8 @@ public:
         std::size_t length;
     };
 
-    /// A block of records from `firstSerial` on.
-    PendingBlock(std::uint32_t track, std::uint64_t firstSerial);
+    /// A block of records from `firstSerial` on; `infoTag` as in BlockHeader.
+    PendingBlock(std::uint32_t track, std::uint64_t firstSerial, std::uint32_t infoTag = 0);
     /// One of the other kinds.
     PendingBlock(BlockKind kind, std::uint32_t track, std::uint64_t firstSerial, Bytes body);
 
@@ -66,6 +66,7 @@ private:
     const BlockKind kind_;
     const std::uint32_t track_;
     const std::uint64_t firstSerial_;
+    const std::uint32_t infoTag_ = 0;
     std::vector<Record> records_;
     std::vector<Chunk> chunks_;
     std::uint64_t payloadBytes_ = 0;

@@ -14,7 +14,7 @@ constexpr std::size_t kEntriesTogether = 64;   // 3 KiB; a read of one costs nea
 constexpr std::size_t kMostParts = 16;         // 48 KiB of each open segment.
 constexpr std::size_t kMostBlocks = 1U << 17U; // 3 MiB of directories.
 constexpr std::uint64_t kLargestFooter = 16ULL << 20U;
-constexpr std::uint32_t kLargestPayload = Track::kMaxRecordBytes + 4 * Track::kMaxRecordBlobs;
+static_assert(kLargestPayload == Track::kMaxRecordBytes + 4 * Track::kMaxRecordBlobs);
 
 } // namespace
 
@@ -71,9 +71,6 @@ void SegmentReader::Read(std::uint32_t track, std::uint64_t serial, BlobRecord& 
     if (wanted == 1 && entry.firstBlobBytes <= kInlineBytes) {
         record.add(Blob(Bytes(entry.firstBytes.begin(), entry.firstBytes.begin() + entry.firstBlobBytes)));
         return;
-    }
-    if (entry.payloadBytes > kLargestPayload) {
-        Fail(track, serial, "its length is not one of a record");
     }
     Bytes payload(entry.payloadBytes);
     const std::uint64_t payloads =
@@ -220,25 +217,30 @@ void SegmentCache::Shrink() {
 std::shared_ptr<SegmentReader> SegmentCache::Open(const Segment& segment) const {
     const std::shared_ptr<const IFile> file = files_.Open(segment.path, OpenMode::Read);
     SegmentWalker walker(*file, segment.length);
+    if (walker.LaterVersion()) {
+        throw std::runtime_error("Cannot read " + segment.path + ": a later version of the store (" +
+                                 std::to_string(*walker.LaterVersion()) + ") wrote it");
+    }
     const auto& header = walker.Header();
-    if (!header || header->store != store_ || header->lane != segment.key.lane ||
-        header->sequence != segment.key.sequence) {
+    const bool isOther = header && (header->store != store_ || header->lane != segment.key.lane ||
+                                    header->sequence != segment.key.sequence);
+    if (isOther || !walker.Salt()) {
         throw std::runtime_error("Cannot read " + segment.path +
                                  ": its header is damaged or another segment's");
     }
-    auto reader = std::make_shared<SegmentReader>(file, segment.path, header->salt);
+    auto reader = std::make_shared<SegmentReader>(file, segment.path, *walker.Salt());
     const std::uint64_t size = file->Size();
     if (size > segment.length && size - segment.length <= kLargestFooter) {
         Bytes footer(static_cast<std::size_t>(size - segment.length));
         file->Read(segment.length, footer.data(), footer.size());
-        if (const auto directory = DecodeFooter(footer, header->salt)) {
+        if (const auto directory = DecodeFooter(footer, *walker.Salt())) {
             for (const BlockRef& block : *directory) {
                 reader->Add(block);
             }
             return reader;
         }
     }
-    while (const auto block = walker.Next(false)) {
+    while (const auto block = walker.Find()) {
         if (block->kind == BlockKind::Records) {
             reader->Add({block->track, block->count, block->firstSerial, block->offset});
         }

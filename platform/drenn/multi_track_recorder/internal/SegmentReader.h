@@ -59,6 +59,7 @@ struct Segment {
     std::uint64_t time = 0;
     bool isSealed = false;
     bool isRemoving = false;
+    bool isDamaged = false; ///< It may hold more than is known of it: only the ring removes it.
 };
 
 /// The segments that are open for reading; few, since descriptors and directories cost.

@@ -128,6 +128,9 @@ void SegmentWriter::Break() {
 
 void SegmentWriter::WriteFooter() {
     const Bytes footer = EncodeFooter(reader_->Directory(), header_.salt);
+    if (file_->Size() > end_) {
+        file_->Truncate(end_); // Of a write that found no room.
+    }
     file_->Write(end_, footer.data(), footer.size());
 }
 

@@ -9,7 +9,11 @@
 namespace drenn::multi_track_recorder {
 
 Store::Store(IFileSystem& files, const StoreOptions& options)
-    : files_(files), options_(options), folders_{options.storage, options.database}, vfs_(files) {
+    : files_(files),
+      options_(options),
+      folders_{options.storage, options.database},
+      vfs_(files),
+      readingVfs_(files, SqliteVfs::Access::ReadOnly) {
     if (options.maxPercent < 1 || options.maxPercent > 100) {
         throw std::runtime_error("The store at " + options.storage + " cannot be kept below " +
                                  std::to_string(options.maxPercent) + " percent; 1 to 100 are possible");
@@ -23,19 +27,12 @@ Store::Store(IFileSystem& files, const StoreOptions& options)
         wakeKeeper_ = true;
         wake_.notify_all();
     };
-    device_ = files_.DeviceOf(options_.storage);
-    lock_ = std::move(opened.lock);
-    context_->SetCatalogue(opened.catalogue);
-    Build(opened);
-    LookAtSpace();
-    try {
-        ForEachLane(
-            [this](Lane& lane) { MarkDead(lane); }); // A crash came before an erasure was done with them.
-    } catch (const FileError& error) {
-        // What is there can be read; the keeper tries again.
-        context_->logger.Warning("%s; removing erased segments has to wait", error.what());
+    TakeOver(opened);
+    if (opened.readOnly.empty()) {
+        Tidy();
+    } else {
+        context_->BecomeReadOnly(opened.readOnly);
     }
-    KeepReserve();
     if (options_.background) {
         committer_ = std::thread([this] { RunCommitter(); });
         keeper_ = std::thread([this] { RunKeeper(); });
@@ -76,16 +73,74 @@ Store::~Store() {
 }
 
 OpenedStore Store::Open() {
+    bool lacksRoom = false;
+    try {
+        try {
+            return OpenForChanges();
+        } catch (const FileError& error) {
+            lacksRoom = error.IsOutOfSpace();
+            throw;
+        }
+    } catch (const std::exception& error) {
+        try {
+            OpenedStore opened = OpenStoreToRead(files_, folders_, readingVfs_.Name());
+            opened.readOnly = error.what();
+            opened.lacksRoom = lacksRoom;
+            return opened;
+        } catch (const std::exception&) {
+            // The first error tells more.
+        }
+        throw;
+    }
+}
+
+/// Without room, what is held back and what was set aside is given up for it.
+OpenedStore Store::OpenForChanges() {
     try {
         return OpenStore(files_, folders_, vfs_.Name());
     } catch (const FileError& error) {
-        const std::string reserve = options_.database + "/reserve";
-        if (!error.IsOutOfSpace() || !files_.Exists(reserve)) {
+        if (!error.IsOutOfSpace()) {
             throw;
         }
-        files_.Remove(reserve);
-        return OpenStore(files_, folders_, vfs_.Name());
     }
+    files_.Remove(folders_.Reserve());
+    for (const std::string& path : ListAside(files_, folders_)) {
+        files_.Remove(path);
+    }
+    return OpenStore(files_, folders_, vfs_.Name());
+}
+
+void Store::TakeOver(OpenedStore& opened) {
+    device_ = files_.DeviceOf(options_.storage);
+    lock_ = std::move(opened.lock);
+    lacksRoom_ = opened.lacksRoom;
+    hasAside_ = !ListAside(files_, folders_).empty();
+    context_->SetCatalogue(opened.catalogue);
+    Build(opened);
+    LookAtSpace();
+    std::vector<std::string> damage = opened.told;
+    for (const DamageRow& row : opened.content.damage) {
+        damage.push_back(ToText(row, folders_.PathOf(row.segment)));
+    }
+    const std::lock_guard<std::mutex> lock(recordingsMutex_);
+    damage_ = std::move(damage);
+}
+
+/// What a crash left, once the tables are there.
+void Store::Tidy() {
+    try {
+        ForEachLane(
+            [this](Lane& lane) { MarkDead(lane); }); // A crash came before an erasure was done with them.
+    } catch (const FileError& error) {
+        // What is there can be read; the keeper tries again.
+        context_->logger.Warning("%s; removing erased segments has to wait", error.what());
+    }
+    KeepReserve();
+}
+
+std::vector<std::string> Store::GetDamage() const {
+    const std::lock_guard<std::mutex> lock(recordingsMutex_);
+    return damage_;
 }
 
 Store::Member& Store::Add(const RecordingRow& row) {

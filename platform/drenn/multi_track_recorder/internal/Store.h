@@ -46,6 +46,8 @@ public:
     void Keep();   ///< One round of the keeper: the card, room, removals. Not with a track's lock held.
 
     StoreState GetState() const { return context_->GetState(); }
+    /// What was found damaged when the store was opened, and what is known to be damaged since earlier.
+    std::vector<std::string> GetDamage() const;
     boost::signals2::connection ConnectToStateSignal(const MultiTrackRecorder::StateSignal::slot_type& slot);
 
 private:
@@ -61,6 +63,9 @@ private:
     };
 
     OpenedStore Open();
+    OpenedStore OpenForChanges();
+    void TakeOver(OpenedStore& opened);
+    void Tidy();
     void Build(const OpenedStore& opened);
     void BuildTables(const CatalogueContent& content,
                      const std::map<std::uint32_t, std::shared_ptr<RecordingImpl>>& recordings,
@@ -80,6 +85,8 @@ private:
     void PrepareRoom();
     Space LookAtSpace();
     void MakeRoom();
+    bool RemoveAside();
+    void RetryWithRoom();
     std::shared_ptr<Segment> OldestSegment(bool sparse);
     bool SealBulk();
     void EraseSegment(const std::shared_ptr<Segment>& segment);
@@ -100,20 +107,24 @@ private:
     const StoreOptions options_;
     const StoreFolders folders_;
     SqliteVfs vfs_;
+    SqliteVfs readingVfs_;
     std::unique_ptr<StoreContext> context_;
     MultiTrackRecorder::StateSignal stateSignal_;
 
     const std::shared_ptr<Gate> gate_ = std::make_shared<Gate>();
     mutable std::mutex recordingsMutex_;
-    std::list<Member> recordings_; ///< Guarded by recordingsMutex_.
+    std::list<Member> recordings_;    ///< Guarded by recordingsMutex_.
+    std::vector<std::string> damage_; ///< Guarded by recordingsMutex_.
 
     /// Taken before all locks of tracks: one thread makes room, or looks after the card, at a time.
     std::mutex keeperMutex_;
-    std::unique_ptr<IFile> lock_; ///< Guarded by keeperMutex_.
-    std::uint64_t device_ = 0;    ///< Guarded by keeperMutex_.
-    bool isOverfull_ = false;     ///< Guarded by keeperMutex_.
-    bool hasReserve_ = false;     ///< Guarded by keeperMutex_.
-    std::string findError_;       ///< Why the card that is back cannot be used. Guarded by keeperMutex_.
+    StoreLock lock_;           ///< Guarded by keeperMutex_.
+    std::uint64_t device_ = 0; ///< Guarded by keeperMutex_.
+    bool isOverfull_ = false;  ///< Guarded by keeperMutex_.
+    bool hasAside_ = false; ///< There may be files to be removed before any segment. Guarded by keeperMutex_.
+    bool lacksRoom_ = false;  ///< That is why the store is read-only. Guarded by keeperMutex_.
+    bool hasReserve_ = false; ///< Guarded by keeperMutex_.
+    std::string findError_;   ///< Why the card that is back cannot be used. Guarded by keeperMutex_.
     std::vector<SegmentKey>
         removed_; ///< Files that are gone for good, for the catalogue to forget. Likewise.
 

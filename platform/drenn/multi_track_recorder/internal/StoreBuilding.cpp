@@ -38,9 +38,9 @@ void TakePending(TrackContent& track, StoreContext& context) {
             track.survivors.Append({(*block)->FirstSerial(), (*block)->EndSerial()});
             next = (*block)->EndSerial();
         } else {
-            const Bytes& body = (*block)->Body();
-            track.infos.push_back(
-                {(*block)->FirstSerial(), std::make_shared<const std::string>(body.begin(), body.end())});
+            const std::string text((*block)->Body().begin(), (*block)->Body().end());
+            const std::uint64_t from = (*block)->FirstSerial();
+            track.infos.push_back({from, std::make_shared<const std::string>(text), InfoTag(from, text)});
         }
         ++block;
     }
@@ -111,6 +111,12 @@ void Store::BuildTables(const CatalogueContent& content,
             recording->second->GetLane(row.key.lane % 2 != 0).Add(segment);
         }
     }
+    for (const DamageRow& row : content.damage) {
+        const auto segment = segments.find(row.segment);
+        if (segment != segments.end()) {
+            segment->second->isDamaged = true;
+        }
+    }
     const auto with = [&](std::uint32_t id, auto action) {
         const auto track = tracks.find(id);
         if (track != tracks.end()) {
@@ -121,7 +127,12 @@ void Store::BuildTables(const CatalogueContent& content,
     for (const ExtentRow& row : content.extents) {
         with(row.track, [&](TrackContent& track) {
             const SerialRange range{row.firstSerial, row.firstSerial + row.count};
-            track.AddExtent(segments.at(row.segment), range);
+            const auto segment = segments.find(row.segment);
+            if (segment == segments.end()) {
+                throw std::runtime_error("The catalogue " + folders_.Catalogue() + " has records in " +
+                                         folders_.PathOf(row.segment) + ", which it does not have");
+            }
+            track.AddExtent(segment->second, range);
             track.survivors.Append(range);
         });
     }
@@ -141,7 +152,10 @@ void Store::BuildTables(const CatalogueContent& content,
         });
     }
     for (const InfoRow& row : content.infos) {
-        with(row.track, [&](TrackContent& track) { track.infos.push_back({row.from, nullptr}); });
+        with(row.track, [&](TrackContent& track) {
+            track.infos.push_back(
+                {row.from, row.hasText ? std::make_shared<const std::string>(row.text) : nullptr, 0});
+        });
     }
     for (const auto& track : tracks) {
         with(track.first, [&](TrackContent& each) { TakePending(each, *context_); });

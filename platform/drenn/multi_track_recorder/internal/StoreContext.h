@@ -35,6 +35,9 @@ public:
     /// Who appends when there are more waits for them to be written.
     std::atomic<std::size_t> mostMemory{std::size_t{32} * 1024 * 1024};
 
+    /// What the card has room for, in one record.
+    std::atomic<std::uint64_t> largestRecord{std::uint64_t{64} * 1024 * 1024};
+
     std::string PathOf(SegmentKey segment) const;
     std::string ReservePath() const { return options.database + "/reserve"; }
 

@@ -28,6 +28,7 @@ void Store::Keep() {
     try {
         const std::lock_guard<std::mutex> lock(keeperMutex_);
         CheckCard();
+        RetryWithRoom();
         if (GetState() == StoreState::Good) {
             RemoveDead();
             MakeRoom();
@@ -89,7 +90,7 @@ void Store::LetGo() {
     context_->cache.DropAll();
     context_->SetCatalogue(nullptr);
     removed_.clear(); // Opening looks after them.
-    lock_ = nullptr;
+    lock_ = {};
 }
 
 void Store::FindCard() {
@@ -103,13 +104,10 @@ void Store::FindCard() {
             return;
         }
         OpenedStore opened = Open();
-        device_ = files_.DeviceOf(options_.storage);
-        lock_ = std::move(opened.lock);
-        context_->SetCatalogue(opened.catalogue);
-        Build(opened);
+        TakeOver(opened);
         context_->logger.Information("The card of %s is back", options_.storage.c_str());
         findError_.clear();
-        context_->SetState(StoreState::Good);
+        context_->SetState(opened.readOnly.empty() ? StoreState::Good : StoreState::ReadOnly);
     } catch (const std::exception& error) {
         LetGo();                          // So that it can be unmounted and looked after.
         if (error.what() != findError_) { // Once for each reason; it is tried again all the time.
@@ -134,6 +132,8 @@ void Store::PrepareRoom() {
 Space Store::LookAtSpace() {
     const Space space = files_.GetSpace(options_.storage);
     context_->mostMemory = static_cast<std::size_t>(std::min(kMostMemory, space.usable / 8));
+    // A record must find room without erasing all that is there.
+    context_->largestRecord = space.usable / 100 * options_.maxPercent / 4;
     return space;
 }
 
@@ -149,6 +149,9 @@ void Store::MakeRoom() {
         if (used + coming <= limit) {
             isOverfull_ = false;
             return;
+        }
+        if (RemoveAside()) {
+            continue;
         }
         std::shared_ptr<Segment> oldest = OldestSegment(false);
         if (oldest == nullptr && SealBulk()) {
@@ -167,6 +170,27 @@ void Store::MakeRoom() {
         }
         EraseSegment(oldest);
         RemoveDead();
+    }
+}
+
+/// What was set aside gives way before anything that can be read. False when there was nothing.
+bool Store::RemoveAside() {
+    const std::vector<std::string> paths =
+        hasAside_ ? ListAside(files_, folders_) : std::vector<std::string>();
+    hasAside_ = !paths.empty();
+    if (hasAside_) {
+        files_.Remove(paths.front());
+        context_->logger.Warning("%s had to give way", paths.front().c_str());
+    }
+    return hasAside_;
+}
+
+/// A store that there was no room to open for changes is opened again when there is.
+void Store::RetryWithRoom() {
+    if (GetState() == StoreState::ReadOnly && lacksRoom_ &&
+        files_.GetSpace(options_.database).free > 4 * kReserveBytes) {
+        LetGo();
+        FindCard();
     }
 }
 

@@ -14,7 +14,8 @@ PendingBlock& TrackContent::OpenBlock() {
         pending.back()->isOpen = false;
     }
     if (pending.empty() || !pending.back()->isOpen) {
-        pending.push_back(std::make_shared<PendingBlock>(id, nextSerial));
+        pending.push_back(
+            std::make_shared<PendingBlock>(id, nextSerial, infos.empty() ? 0 : infos.back().tag));
     }
     return *pending.back();
 }

@@ -22,6 +22,7 @@ struct Extent {
 struct InfoText {
     std::uint64_t from;
     std::shared_ptr<const std::string> text; ///< Nothing: the catalogue has it.
+    std::uint32_t tag = 0; ///< InfoTag, or 0 for one that was sealed before the store was opened.
 };
 
 /// What a track consists of; shared by the track, which reads and appends, and its lane, which writes.

@@ -144,6 +144,12 @@ void TrackImpl::CheckSizes(const BlobRecord& record) const {
         throw std::runtime_error(Name() + ": a record of " + std::to_string(bytes) + " bytes is too large; " +
                                  std::to_string(Track::kMaxRecordBytes) + " are allowed");
     }
+    if (bytes > context_.largestRecord) {
+        throw std::runtime_error(Name() + ": a record of " + std::to_string(bytes) +
+                                 " bytes is too large for the card of " + context_.options.storage +
+                                 ", which has room for " + std::to_string(context_.largestRecord) +
+                                 " in one record");
+    }
     if (record.blobs().size() > Track::kMaxRecordBlobs) {
         throw std::runtime_error(Name() + ": a record of " + std::to_string(record.blobs().size()) +
                                  " blobs has too many; " + std::to_string(Track::kMaxRecordBlobs) +
@@ -199,7 +205,7 @@ std::string TrackImpl::GetInfo() const {
     RequireAttached();
     context_.RequireCard();
     const std::uint64_t serial = SerialAtPosition();
-    InfoText info{0, nullptr};
+    InfoText info{0, nullptr, 0};
     {
         const std::lock_guard<std::mutex> lock(content_->mutex);
         const std::size_t place = content_->FindInfo(serial);
@@ -246,7 +252,7 @@ void TrackImpl::SetInfo(const std::string& text) {
     if (!content_->infos.empty() && content_->infos.back().from == from) {
         content_->infos.pop_back();
     }
-    content_->infos.push_back({from, std::make_shared<const std::string>(text)});
+    content_->infos.push_back({from, std::make_shared<const std::string>(text), InfoTag(from, text)});
 }
 
 void TrackImpl::Raise(std::uint32_t first, std::uint32_t last) const {
@@ -353,7 +359,7 @@ void TrackImpl::Remove(Catalogue::Transaction& transaction, SerialRange range) {
     std::vector<std::shared_ptr<Segment>> dead;
     for (const auto& [segment, count] : erasedIn) {
         if (segment->isSealed && !segment->isRemoving && !lane_.IsNewest(segment->key) &&
-            segment->survivors == count) {
+            !segment->isDamaged && segment->survivors == count) {
             transaction.SetRemoving(segment->key);
             dead.push_back(segment);
         }

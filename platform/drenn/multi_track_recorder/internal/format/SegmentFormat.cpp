@@ -11,6 +11,7 @@ constexpr std::uint32_t kFormatVersion = 1;
 constexpr std::uint32_t kBlockMagic = 0x4B4C4243;  // "CBLK"
 constexpr std::uint32_t kFooterMagic = 0x52544643; // "CFTR"
 constexpr std::uint32_t kSegmentHeaderFields = 52;
+constexpr std::uint32_t kSaltOffset = 56;
 constexpr std::uint32_t kBlockRefBytes = 20;
 
 /// Adds the checksum of what was written from `start` on.
@@ -70,6 +71,19 @@ std::optional<SegmentHeader> DecodeSegmentHeader(const unsigned char* bytes, std
     return header;
 }
 
+std::optional<std::uint32_t> LaterVersionOf(const unsigned char* bytes, std::size_t length) {
+    if (length < kSegmentHeaderFields || std::memcmp(bytes, kSegmentMagic, 8) != 0 ||
+        !IsSealed(bytes, kSegmentHeaderFields, 0)) {
+        return std::nullopt;
+    }
+    const std::uint32_t version = ByteReader(bytes + 8, 4).U32();
+    return version > kFormatVersion ? std::optional<std::uint32_t>(version) : std::nullopt;
+}
+
+std::uint64_t SaltOfBlock(const unsigned char* bytes) {
+    return ByteReader(bytes + kSaltOffset, 8).U64();
+}
+
 void Encode(const BlockHeader& header, std::uint64_t salt, Bytes& out) {
     const std::size_t start = out.size();
     ByteWriter writer(out);
@@ -80,7 +94,7 @@ void Encode(const BlockHeader& header, std::uint64_t salt, Bytes& out) {
     writer.U32(header.count);
     writer.U32(header.indexBytes);
     writer.U32(header.payloadBytes);
-    writer.U32(0);
+    writer.U32(header.infoTag);
     writer.U64(header.firstSerial);
     writer.U64(header.time);
     writer.U64(header.indexChecksum);
@@ -90,13 +104,11 @@ void Encode(const BlockHeader& header, std::uint64_t salt, Bytes& out) {
 
 std::optional<BlockHeader> DecodeBlockHeader(const unsigned char* bytes, std::size_t length,
                                              std::uint32_t offset, std::uint64_t salt) {
-    if (length < kBlockHeaderBytes || !IsSealed(bytes, kBlockHeaderBytes, salt)) {
+    if (length < kBlockHeaderBytes || ByteReader(bytes, 4).U32() != kBlockMagic ||
+        !IsSealed(bytes, kBlockHeaderBytes, salt)) {
         return std::nullopt;
     }
-    ByteReader reader(bytes, kBlockHeaderBytes);
-    if (reader.U32() != kBlockMagic) {
-        return std::nullopt;
-    }
+    ByteReader reader(bytes + 4, kBlockHeaderBytes - 4);
     BlockHeader header;
     const std::uint32_t kind = reader.U32();
     header.kind = static_cast<BlockKind>(kind);
@@ -105,7 +117,7 @@ std::optional<BlockHeader> DecodeBlockHeader(const unsigned char* bytes, std::si
     header.count = reader.U32();
     header.indexBytes = reader.U32();
     header.payloadBytes = reader.U32();
-    reader.U32();
+    header.infoTag = reader.U32();
     header.firstSerial = reader.U64();
     header.time = reader.U64();
     header.indexChecksum = reader.U64();
@@ -113,7 +125,8 @@ std::optional<BlockHeader> DecodeBlockHeader(const unsigned char* bytes, std::si
     const bool fits = ofRecords
                           ? header.count > 0 && std::uint64_t{header.count} * kEntryBytes == header.indexBytes
                           : header.count == 0 && header.payloadBytes == 0;
-    if (reader.U64() != salt || header.offset != offset || kind < 1 || kind > 4 || !fits) {
+    if (reader.U64() != salt || header.offset != offset || kind < 1 || kind > 4 || !fits ||
+        header.indexBytes > kLargestIndex) {
         return std::nullopt;
     }
     return header;
@@ -143,11 +156,18 @@ std::optional<RecordEntry> DecodeEntry(const unsigned char* bytes, std::uint64_t
     entry.firstBlobBytes = reader.U32();
     entry.blobs = reader.U32();
     entry.payloadChecksum = reader.U64();
+    if (entry.payloadBytes > kLargestPayload) {
+        return std::nullopt;
+    }
     return entry;
 }
 
 std::uint64_t PayloadSeed(std::uint32_t track, std::uint64_t serial) {
     return (std::uint64_t{track} << 40U) + serial;
+}
+
+std::uint32_t InfoTag(std::uint64_t from, const std::string& text) {
+    return static_cast<std::uint32_t>(ChecksumOf(text.data(), text.size(), from)) | 1U;
 }
 
 Bytes EncodeBody(const LaneState& state) {
@@ -163,7 +183,7 @@ Bytes EncodeBody(const LaneState& state) {
         writer.U32(track.formatVersion);
         writer.U64(track.firstSerial);
         writer.U64(track.nextSerial);
-        writer.U64(track.infoFrom);
+        writer.U64(track.infoFrom + (track.isInfoElsewhere ? kTextElsewhere : 0));
         writer.Text(track.info);
         writer.U32(static_cast<std::uint32_t>(track.erased.size()));
         for (const SerialRange& range : track.erased) {
@@ -189,6 +209,8 @@ std::optional<LaneState> DecodeLaneState(const Bytes& body) {
         track.firstSerial = reader.U64();
         track.nextSerial = reader.U64();
         track.infoFrom = reader.U64();
+        track.isInfoElsewhere = track.infoFrom >= kTextElsewhere;
+        track.infoFrom &= kTextElsewhere - 1;
         track.info = reader.Text();
         const std::uint32_t ranges = reader.U32();
         for (std::uint32_t k = 0; k < ranges && reader.Good(); ++k) {

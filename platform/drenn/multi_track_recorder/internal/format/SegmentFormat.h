@@ -16,6 +16,12 @@ constexpr std::uint32_t kSegmentHeaderBytes = 4096;
 constexpr std::uint32_t kBlockHeaderBytes = 72;
 constexpr std::uint32_t kEntryBytes = 48;
 constexpr std::uint32_t kInlineBytes = 16;
+/// No block has a larger index or body, and no record a larger payload. What says that it has is damaged, so lengths
+/// that were read never size an allocation beyond this.
+constexpr std::uint32_t kLargestIndex = 32U << 20U;
+constexpr std::uint32_t kLargestPayload = (64U << 20U) + 4 * 65536;
+/// From this serial on TrackState::infoFrom says that its text stands elsewhere; see EncodeBody.
+constexpr std::uint64_t kTextElsewhere = 1ULL << 63U;
 
 using StoreId = std::array<unsigned char, 16>;
 std::string ToText(const StoreId& id);
@@ -31,8 +37,11 @@ struct SegmentHeader {
         0; ///< Random: blocks of an earlier file in the same place are not taken for this one's.
 };
 Bytes Encode(const SegmentHeader& header);
-/// Nothing when it is not one, or is damaged.
+/// Nothing when it is not one, is damaged, or is of another version.
 std::optional<SegmentHeader> DecodeSegmentHeader(const unsigned char* bytes, std::size_t length);
+/// The version of a segment that a later program wrote: what comes before the lane, and the checksum, keep their
+/// places in all versions. Nothing for others.
+std::optional<std::uint32_t> LaterVersionOf(const unsigned char* bytes, std::size_t length);
 
 enum class BlockKind : std::uint32_t {
     Records = 1,
@@ -52,11 +61,16 @@ struct BlockHeader {
     std::uint32_t indexBytes = 0;
     std::uint32_t payloadBytes = 0;
     std::uint64_t indexChecksum = 0;
+    /// Of records: InfoTag of the text that holds for them, so that a text that is lost is missed; 0 when there is
+    /// none, or nobody noted it.
+    std::uint32_t infoTag = 0;
 
     std::uint64_t PayloadOffset() const { return std::uint64_t{offset} + kBlockHeaderBytes + indexBytes; }
     std::uint64_t End() const { return PayloadOffset() + payloadBytes; }
 };
 void Encode(const BlockHeader& header, std::uint64_t salt, Bytes& out);
+/// The salt that a block's header says it has; for a segment whose own header is damaged.
+std::uint64_t SaltOfBlock(const unsigned char* bytes);
 /// Nothing unless it is a whole header that belongs to `offset` of the segment with this salt.
 std::optional<BlockHeader> DecodeBlockHeader(const unsigned char* bytes, std::size_t length,
                                              std::uint32_t offset, std::uint64_t salt);
@@ -76,6 +90,9 @@ std::optional<RecordEntry> DecodeEntry(const unsigned char* bytes, std::uint64_t
 /// Payloads are summed up before it is known which segment they go to.
 std::uint64_t PayloadSeed(std::uint32_t track, std::uint64_t serial);
 
+/// Tells an info text that holds from a serial on; never 0.
+std::uint32_t InfoTag(std::uint64_t from, const std::string& text);
+
 struct SerialRange {
     std::uint64_t first;
     std::uint64_t end; ///< Not included.
@@ -91,6 +108,7 @@ struct TrackState {
     std::uint64_t infoFrom = 0; ///< The text holds for the records from here on.
     std::string info;
     std::vector<SerialRange> erased;
+    bool isInfoElsewhere = false; ///< Left out for its length: an info block and the catalogue have it.
 };
 
 struct LaneState {

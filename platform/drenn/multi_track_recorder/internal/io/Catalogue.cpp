@@ -1,6 +1,11 @@
 #include "drenn/multi_track_recorder/internal/io/Catalogue.h"
 
 #include <algorithm>
+#include <map>
+#include <stdexcept>
+
+#include "drenn/multi_track_recorder/internal/io/FileError.h"
+#include "drenn/multi_track_recorder/internal/io/SqliteVfs.h"
 
 namespace drenn::multi_track_recorder {
 namespace {
@@ -10,7 +15,18 @@ namespace {
 constexpr char kPragmas[] =
     "PRAGMA locking_mode=EXCLUSIVE; PRAGMA journal_mode=WAL; PRAGMA synchronous=FULL; PRAGMA mmap_size=0;"
     "PRAGMA cache_size=-512; PRAGMA foreign_keys=OFF; PRAGMA wal_autocheckpoint=64; PRAGMA "
-    "journal_size_limit=262144;";
+    "journal_size_limit=262144; PRAGMA temp_store=MEMORY; PRAGMA cell_size_check=ON;";
+constexpr char kReadPragmas[] =
+    "PRAGMA locking_mode=EXCLUSIVE; PRAGMA mmap_size=0; PRAGMA temp_store=MEMORY; PRAGMA cell_size_check=ON;";
+constexpr char kBuildPragmas[] =
+    "PRAGMA locking_mode=EXCLUSIVE; PRAGMA journal_mode=MEMORY; PRAGMA synchronous=FULL; PRAGMA mmap_size=0;"
+    "PRAGMA temp_store=MEMORY;";
+constexpr char kDamageTable[] =
+    "CREATE TABLE IF NOT EXISTS damage(lane INTEGER, sequence INTEGER, first INTEGER, end INTEGER NOT NULL,"
+    " kind INTEGER NOT NULL, PRIMARY KEY(lane, sequence, first)) WITHOUT ROWID;";
+
+// Far above what a store can reach in the life of a card; sums of a few of them do not overflow.
+constexpr std::uint64_t kMostSerial = 1ULL << 48U;
 
 constexpr char kTables[] =
     "CREATE TABLE store(id BLOB NOT NULL, version INTEGER NOT NULL);"
@@ -32,15 +48,75 @@ std::uint32_t Small(const Statement& row, int column) {
     return static_cast<std::uint32_t>(row.Number(column));
 }
 
+bool IsRange(const SerialRange& range) {
+    return range.first < range.end && range.end <= kMostSerial;
+}
+
+/// What no store can have, whatever happened to it: numbers like these would overflow, or loop for ever. Nothing if
+/// all is possible.
+const char* Absurdity(const CatalogueContent& content) {
+    for (const TrackRow& row : content.tracks) {
+        if (row.firstSerial > kMostSerial || row.nextSerial > kMostSerial) {
+            return "a track whose serials are out of range";
+        }
+    }
+    for (const ErasedRow& row : content.erased) {
+        if (!IsRange(row.range)) {
+            return "an erased range that is none";
+        }
+    }
+    std::map<std::uint32_t, std::uint64_t> ends;
+    for (const ExtentRow& row : content.extents) {
+        if (row.count > kMostSerial || !IsRange({row.firstSerial, row.firstSerial + row.count})) {
+            return "an extent whose serials are out of range";
+        }
+        std::uint64_t& end = ends[row.track]; // The survivors of a track are made in this order.
+        if (row.firstSerial < end) {
+            return "extents of a track that overlap";
+        }
+        end = row.firstSerial + row.count;
+    }
+    return nullptr;
+}
+
 } // namespace
+
+std::string ToText(const DamageRow& row, const std::string& path) {
+    return path + ": bytes " + std::to_string(row.first) + " to " + std::to_string(row.end) +
+           (row.kind == DamageRow::Kind::Damaged ? " are damaged" : " at the end were never finished");
+}
 
 Catalogue::Catalogue(const std::string& path, const char* vfs, Mode mode)
     : database_(path, vfs, mode == Mode::ReadOnly) {
-    if (mode == Mode::OpenOrMake) {
-        database_.Execute(kPragmas);
-    } else {
-        database_.Execute("PRAGMA locking_mode=EXCLUSIVE; PRAGMA mmap_size=0;");
+    if (mode == Mode::ReadOnly) {
+        database_.Execute(kReadPragmas);
+        return;
     }
+    database_.ReserveInPages(SqliteVfs::kReservedBytes); // Before the first page is made.
+    database_.Execute(mode == Mode::Build ? kBuildPragmas : kPragmas);
+    if (HasTable("store")) {
+        Upgrade();
+    }
+}
+
+/// What earlier versions did not have. Without room they stay as they are.
+void Catalogue::Upgrade() {
+    try {
+        database_.Execute(kDamageTable);
+        if (database_.Ask("PRAGMA user_version") < SqliteVfs::kChecksummedVersion) {
+            database_.Execute("VACUUM");
+            database_.Execute("PRAGMA user_version=" + std::to_string(SqliteVfs::kChecksummedVersion));
+        }
+    } catch (const FileError& error) {
+        if (!error.IsOutOfSpace()) {
+            throw;
+        }
+    }
+}
+
+bool Catalogue::HasTable(const char* name) {
+    return database_.Ask(std::string("SELECT count(*) FROM sqlite_master WHERE type='table' AND name='") +
+                         name + "'") != 0;
 }
 
 Catalogue::~Catalogue() {
@@ -50,8 +126,7 @@ Catalogue::~Catalogue() {
 StoreId Catalogue::GetId() {
     const std::lock_guard<std::mutex> lock(mutex_);
     StoreId id{};
-    Statement tables(database_, "SELECT count(*) FROM sqlite_master WHERE name='store'");
-    if (!tables.Step() || tables.Number(0) == 0) {
+    if (!HasTable("store")) {
         return id;
     }
     Statement row(database_, "SELECT id FROM store");
@@ -60,6 +135,16 @@ StoreId Catalogue::GetId() {
         std::copy_n(bytes.begin(), std::min(bytes.size(), id.size()), id.begin());
     }
     return id;
+}
+
+void Catalogue::RequireVersion() {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    const std::uint64_t pages = database_.Ask("PRAGMA user_version");
+    const std::uint64_t version = HasTable("store") ? database_.Ask("SELECT version FROM store") : 0;
+    if (version > kVersion || pages > SqliteVfs::kChecksummedVersion) {
+        throw LaterVersionError(database_.Path(),
+                                std::to_string(version) + ", pages " + std::to_string(pages));
+    }
 }
 
 CatalogueContent Catalogue::Load() {
@@ -96,11 +181,24 @@ CatalogueContent Catalogue::Load() {
         content.erased.push_back({Small(row, 0), {row.Number(1), row.Number(2)}});
     });
     each("SELECT track, from_serial FROM infos ORDER BY track, from_serial", [&](const Statement& row) {
-        content.infos.push_back({Small(row, 0), row.Number(1), {}});
+        content.infos.push_back({Small(row, 0), row.Number(1), {}, false});
     });
     each("SELECT id, next_sequence FROM lanes ORDER BY id", [&](const Statement& row) {
         content.nextSegments.push_back({Small(row, 0), Small(row, 1)});
     });
+    if (HasTable("damage")) {
+        each("SELECT lane, sequence, first, end, kind FROM damage ORDER BY lane, sequence, first",
+             [&](const Statement& row) {
+                 const auto kind =
+                     row.Number(4) == 0 ? DamageRow::Kind::Unfinished : DamageRow::Kind::Damaged;
+                 content.damage.push_back(
+                     {{Small(row, 0), Small(row, 1)}, row.Number(2), row.Number(3), kind});
+             });
+    }
+    if (const char* wrong = Absurdity(content)) {
+        throw std::runtime_error("The catalogue " + database_.Path() + " is damaged: it has " + wrong +
+                                 "; calvane-store rebuild makes a new one");
+    }
     return content;
 }
 
@@ -156,6 +254,8 @@ Statement& Catalogue::Transaction::operator()(const char* sql) {
 
 void Catalogue::Transaction::Make(const StoreId& id) {
     catalogue_.database_.Execute(kTables);
+    catalogue_.database_.Execute(kDamageTable);
+    catalogue_.database_.Execute("PRAGMA user_version=" + std::to_string(SqliteVfs::kChecksummedVersion));
     (*this)("INSERT INTO store VALUES(?, 1)").Bind(std::string(id.begin(), id.end())).Run();
 }
 
@@ -242,6 +342,17 @@ void Catalogue::Transaction::AddInfo(const InfoRow& info) {
         .Run();
 }
 
+void Catalogue::Transaction::AddDamage(const DamageRow& damage) {
+    catalogue_.database_.Execute(kDamageTable); // An earlier version had none.
+    (*this)("INSERT OR REPLACE INTO damage VALUES(?, ?, ?, ?, ?)")
+        .Bind(damage.segment.lane)
+        .Bind(damage.segment.sequence)
+        .Bind(damage.first)
+        .Bind(damage.end)
+        .Bind(static_cast<std::uint32_t>(damage.kind))
+        .Run();
+}
+
 void Catalogue::Transaction::SetNextSerial(std::uint32_t track, std::uint64_t serial) {
     (*this)("UPDATE tracks SET next_serial=max(next_serial, ?) WHERE id=?").Bind(serial).Bind(track).Run();
 }
@@ -258,6 +369,12 @@ void Catalogue::Transaction::Forget(SegmentKey segment) {
         .Bind(segment.lane)
         .Bind(segment.sequence)
         .Run();
+    if (catalogue_.HasTable("damage")) { // There may have been no room for it.
+        (*this)("DELETE FROM damage WHERE lane=? AND sequence=?")
+            .Bind(segment.lane)
+            .Bind(segment.sequence)
+            .Run();
+    }
     (*this)("DELETE FROM segments WHERE lane=? AND sequence=?")
         .Bind(segment.lane)
         .Bind(segment.sequence)
@@ -278,6 +395,11 @@ void Catalogue::Transaction::Restore(const TrackRow& track) {
         .Bind(track.firstSerial)
         .Bind(track.nextSerial)
         .Run();
+}
+
+void Catalogue::Transaction::ReserveTracks(std::uint32_t last) {
+    (*this)("INSERT INTO tracks VALUES(?, 0, 0, x'', 0, 0, 0)").Bind(last).Run();
+    RemoveTrack(last);
 }
 
 void Catalogue::Transaction::Commit() {

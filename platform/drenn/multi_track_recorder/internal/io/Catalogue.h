@@ -42,7 +42,8 @@ struct ExtentRow {
 struct InfoRow {
     std::uint32_t track;
     std::uint64_t from;
-    std::string text; ///< Not loaded by Load.
+    std::string text;     ///< Not loaded by Load.
+    bool hasText = false; ///< It is not in the catalogue, but here.
 };
 struct ErasedRow {
     std::uint32_t track;
@@ -57,6 +58,19 @@ struct TrackRow {
     std::uint64_t firstSerial = 0;
     std::uint64_t nextSerial = 0; ///< Behind the last record in a sealed segment.
 };
+/// Bytes of a sealed segment from which nothing could be taken over, and which are kept.
+struct DamageRow {
+    enum class Kind : std::uint32_t {
+        Unfinished = 0, ///< At the end, as a crash leaves them.
+        Damaged = 1     ///< With blocks behind them, or in a block.
+    };
+    SegmentKey segment;
+    std::uint64_t first;
+    std::uint64_t end;
+    Kind kind;
+};
+/// "FILE: bytes 100 to 200 hold nothing that can be read".
+std::string ToText(const DamageRow& row, const std::string& path);
 struct RecordingRow {
     std::uint32_t id;
     std::string info;
@@ -70,22 +84,33 @@ struct CatalogueContent {
     std::vector<ExtentRow> extents;
     std::vector<ErasedRow> erased;
     std::vector<InfoRow> infos;
+    std::vector<DamageRow> damage;
     std::vector<SegmentKey> nextSegments; ///< Of each lane: the lowest sequence that was not sealed yet.
 };
 
-/// What exists: recordings, tracks, sealed segments, erased ranges, info texts. An SQLite database.
+/// What exists: recordings, tracks, sealed segments, erased ranges, info texts. An SQLite database whose pages carry
+/// checksums; one of an earlier version gets them when it is opened for changes and there is room.
 ///
 /// Threads: any. Changes are made through a Transaction, which keeps the others out until it is destroyed, so
 ///          that tables in memory can be changed with the catalogue as one step.
 /// Errors:  FileError, see Database.
 class Catalogue {
 public:
-    enum class Mode { OpenOrMake, ReadOnly };
+    enum class Mode {
+        OpenOrMake,
+        ReadOnly, ///< With a SqliteVfs that is read-only.
+        Build ///< A new one in one transaction, without a log: it takes no more room than it has in the end.
+    };
+    /// The version of the table `store` that this program writes; later ones are refused by RequireVersion.
+    static constexpr std::uint32_t kVersion = 1;
     Catalogue(const std::string& path, const char* vfs, Mode mode);
     ~Catalogue();
 
     /// All zero when the catalogue has not been made yet.
     StoreId GetId();
+    /// Throws std::runtime_error that names the version when a later program made it.
+    void RequireVersion();
+    /// Throws std::runtime_error when it holds what no store can have.
     CatalogueContent Load();
     std::string GetInfo(std::uint32_t track, std::uint64_t from);
     /// SQLite's own check; lines that say what is wrong.
@@ -111,12 +136,15 @@ public:
         void AddSegment(const SegmentRow& segment);
         void AddExtent(const ExtentRow& extent);
         void AddInfo(const InfoRow& info);
+        void AddDamage(const DamageRow& damage);
         void SetNextSerial(std::uint32_t track, std::uint64_t serial);
         void SetRemoving(SegmentKey segment);
         void Forget(SegmentKey segment);
         /// For a rebuilt catalogue: with the numbers that they had.
         void Restore(const RecordingRow& recording);
         void Restore(const TrackRow& track);
+        /// New tracks get numbers above this one.
+        void ReserveTracks(std::uint32_t last);
         void Commit();
 
     private:
@@ -128,6 +156,8 @@ public:
 
 private:
     Statement& Prepared(const char* sql);
+    bool HasTable(const char* name);
+    void Upgrade();
 
     std::mutex mutex_;
     Database database_;

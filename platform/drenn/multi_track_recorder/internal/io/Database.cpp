@@ -8,6 +8,8 @@
 namespace drenn::multi_track_recorder {
 namespace {
 
+constexpr int kLongestValue = 4 * 1024 * 1024; // Texts have at most 1 MiB.
+
 int ErrnoOf(int result) {
     switch (result & 0xFF) {
         case SQLITE_FULL:
@@ -83,6 +85,22 @@ Database::Database(const std::string& path, const char* vfs, bool readOnly) : pa
         sqlite3_close_v2(database_);
         throw FileError("open the catalogue (" + reason + ")", path, ErrnoOf(result));
     }
+    // Its content is not trusted: nothing in it may run, and no length in it sizes an allocation beyond this.
+    sqlite3_limit(database_, SQLITE_LIMIT_LENGTH, kLongestValue);
+    for (const int option :
+         {SQLITE_DBCONFIG_ENABLE_TRIGGER, SQLITE_DBCONFIG_ENABLE_VIEW, SQLITE_DBCONFIG_TRUSTED_SCHEMA}) {
+        sqlite3_db_config(database_, option, 0, nullptr);
+    }
+    sqlite3_db_config(database_, SQLITE_DBCONFIG_DEFENSIVE, 1, nullptr);
+}
+
+void Database::ReserveInPages(int bytes) {
+    Check(sqlite3_file_control(database_, "main", SQLITE_FCNTL_RESERVE_BYTES, &bytes));
+}
+
+std::uint64_t Database::Ask(const std::string& sql) {
+    Statement row(*this, sql);
+    return row.Step() ? row.Number(0) : 0;
 }
 
 Database::~Database() {

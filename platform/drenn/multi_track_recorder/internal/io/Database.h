@@ -52,6 +52,10 @@ public:
     Database(const Database&) = delete;
     Database& operator=(const Database&) = delete;
 
+    /// Pages that are made from now on, or by VACUUM, keep this much room at their end.
+    void ReserveInPages(int bytes);
+    /// The first column of the first row; 0 without one.
+    std::uint64_t Ask(const std::string& sql);
     /// One or more statements without results.
     void Execute(const std::string& sql);
     std::uint64_t LastInsertId() const;

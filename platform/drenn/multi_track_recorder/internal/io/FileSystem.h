@@ -11,7 +11,7 @@ namespace drenn::multi_track_recorder {
 /// An open file. Closed on destruction, without a look at the result: whatever has to be durable was synced.
 ///
 /// Threads: any; positions are always given.
-/// Errors:  FileError from every operation.
+/// Errors:  FileError from every operation; SyncError from Sync and WriteOut.
 class IFile {
 public:
     /// Reads up to `length` bytes; fewer only at the end of the file. Returns how many.
@@ -23,13 +23,16 @@ public:
     virtual void Reserve(std::uint64_t length) = 0;
     /// Makes content and length durable (fdatasync).
     virtual void Sync() = 0;
-    /// Begins what Sync ends: afterwards the content is with the device, and nothing is durable yet. An error is one
-    /// of Sync.
+    /// Begins what Sync ends: afterwards the content is with the device, and nothing is durable yet.
     virtual void WriteOut() {}
     virtual std::uint64_t Size() const = 0;
-    /// Takes the lock of the whole file without waiting; false when another process has it. Kept until closed.
-    virtual bool TryLock() = 0;
     virtual ~IFile() = default;
+};
+
+/// Keeps others out of a folder for as long as it lives.
+class IFolderLock {
+public:
+    virtual ~IFolderLock() = default;
 };
 
 /// How much room a file system has, in bytes, as a writer without root's reserve sees it.
@@ -48,11 +51,17 @@ enum class OpenMode {
 /// All that the store does with files goes through here, the catalogue's included, so that tests can watch it,
 /// make it fail, and cut the power between any two steps.
 ///
+/// What lies on a card is not trusted: symbolic links are not followed in the last two components of a path, and what
+/// is no regular file is not opened.
+///
 /// Threads: any.
-/// Errors:  FileError, which names the operation, the path and the reason.
+/// Errors:  FileError, which names the operation, the path and the reason; SyncError from SyncFolder.
 class IFileSystem {
 public:
     virtual std::unique_ptr<IFile> Open(const std::string& path, OpenMode mode) = 0;
+    /// Locks the folder itself, which nobody can delete from under its lock as they could a lock file; nothing when
+    /// another process, or another lock of this one, has it.
+    virtual std::unique_ptr<IFolderLock> TryLockFolder(const std::string& path) = 0;
     virtual void MakeFolder(const std::string& path) = 0;                       ///< Nothing when it is there.
     virtual std::vector<std::string> List(const std::string& folder) const = 0; ///< Names, without . and ..
     virtual bool Exists(const std::string& path) const = 0;

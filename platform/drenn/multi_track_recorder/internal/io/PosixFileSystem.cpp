@@ -23,18 +23,22 @@ constexpr std::uint64_t kPageBytes = 4096;
     throw FileError(operation, path, errno);
 }
 
-struct stat StatusOf(const std::string& path) {
-    struct stat status {};
-    if (stat(path.c_str(), &status) != 0) {
-        Fail("look at", path);
-    }
-    return status;
+std::string FolderOf(const std::string& path) {
+    const std::size_t slash = path.rfind('/');
+    return slash == std::string::npos ? "." : path.substr(0, slash == 0 ? 1 : slash);
+}
+
+std::string NameOf(const std::string& path) {
+    return path.substr(path.rfind('/') + 1);
 }
 
 /// A descriptor for the time of a block.
 class Descriptor {
 public:
-    Descriptor(const std::string& path, int flags) : number_(open(path.c_str(), flags | O_CLOEXEC, 0644)) {
+    Descriptor(const std::string& path, int flags) : Descriptor(AT_FDCWD, path, path, flags) {}
+    /// `name` in the folder that is open as `folder`.
+    Descriptor(int folder, const std::string& name, const std::string& path, int flags)
+        : number_(openat(folder, name.c_str(), flags | O_CLOEXEC, 0644)) {
         if (number_ < 0) {
             Fail("open", path);
         }
@@ -47,6 +51,20 @@ public:
 private:
     const int number_;
 };
+
+/// The folder of a path, held so that what is done in it is done in this folder and not behind a link.
+class Folder : public Descriptor {
+public:
+    explicit Folder(const std::string& path) : Descriptor(path, O_RDONLY | O_DIRECTORY | O_NOFOLLOW) {}
+};
+
+struct stat StatusOf(const std::string& path) {
+    struct stat status {};
+    if (fstatat(AT_FDCWD, path.c_str(), &status, AT_SYMLINK_NOFOLLOW) != 0) {
+        Fail("look at", path);
+    }
+    return status;
+}
 
 int FlagsOf(OpenMode mode) {
     switch (mode) {
@@ -64,7 +82,19 @@ int FlagsOf(OpenMode mode) {
 
 class PosixFile : public IFile {
 public:
-    PosixFile(const std::string& path, OpenMode mode) : path_(path), descriptor_(path, FlagsOf(mode)) {}
+    // Opening a FIFO does not wait; what is no regular file is refused before anything is read or written.
+    PosixFile(const std::string& path, OpenMode mode)
+        : path_(path),
+          descriptor_(Folder(FolderOf(path)).Number(), NameOf(path), path,
+                      FlagsOf(mode) | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY) {
+        struct stat status {};
+        if (fstat(descriptor_.Number(), &status) != 0) {
+            Fail("look at", path);
+        }
+        if (!S_ISREG(status.st_mode)) {
+            throw FileError("open what is no regular file,", path, EINVAL);
+        }
+    }
 
     std::size_t Read(std::uint64_t offset, void* bytes, std::size_t length) const override {
         std::size_t done = 0;
@@ -123,7 +153,7 @@ public:
 
     void Sync() override {
         if (fdatasync(descriptor_.Number()) != 0) {
-            Fail("sync", path_);
+            throw SyncError(path_, errno);
         }
     }
 
@@ -132,7 +162,7 @@ public:
         if (sync_file_range(descriptor_.Number(), 0, 0, SYNC_FILE_RANGE_WRITE | SYNC_FILE_RANGE_WAIT_AFTER) !=
                 0 &&
             errno != ENOSYS && errno != EINVAL) {
-            Fail("sync", path_);
+            throw SyncError(path_, errno);
         }
     }
 
@@ -144,20 +174,19 @@ public:
         return static_cast<std::uint64_t>(status.st_size);
     }
 
-    bool TryLock() override {
-        // Of the open file, not of the process: two stores in one process keep each other out, too.
-        if (flock(descriptor_.Number(), LOCK_EX | LOCK_NB) == 0) {
-            return true;
-        }
-        if (errno != EWOULDBLOCK) {
-            Fail("lock", path_);
-        }
-        return false;
-    }
-
 private:
     const std::string path_;
     const Descriptor descriptor_;
+};
+
+class PosixFolderLock : public IFolderLock {
+public:
+    explicit PosixFolderLock(const std::string& path) : folder_(path) {}
+    // Of the open folder, not of the process: two stores in one process keep each other out, too.
+    bool Try() const { return flock(folder_.Number(), LOCK_EX | LOCK_NB) == 0; }
+
+private:
+    const Folder folder_;
 };
 
 class PosixFiles : public IFileSystem {
@@ -166,16 +195,38 @@ public:
         return std::make_unique<PosixFile>(path, mode);
     }
 
+    std::unique_ptr<IFolderLock> TryLockFolder(const std::string& path) override {
+        auto lock = std::make_unique<PosixFolderLock>(path);
+        if (lock->Try()) {
+            return lock;
+        }
+        if (errno != EWOULDBLOCK) {
+            Fail("lock", path);
+        }
+        return nullptr;
+    }
+
     void MakeFolder(const std::string& path) override {
-        if (mkdir(path.c_str(), 0755) != 0 && (errno != EEXIST || !S_ISDIR(StatusOf(path).st_mode))) {
-            Fail("make the folder", path);
+        if (mkdir(path.c_str(), 0755) == 0) {
+            return;
+        }
+        const int error = errno; // EROFS comes even where it is there.
+        struct stat status {};
+        if (lstat(path.c_str(), &status) != 0 || !S_ISDIR(status.st_mode)) {
+            throw FileError("make the folder", path, error);
         }
     }
 
     std::vector<std::string> List(const std::string& folder) const override {
-        const std::unique_ptr<DIR, int (*)(DIR*)> open(opendir(folder.c_str()), closedir);
+        const Folder held(folder);
+        const int number = fcntl(held.Number(), F_DUPFD_CLOEXEC, 0); // closedir closes its own.
+        const std::unique_ptr<DIR, int (*)(DIR*)> open(number < 0 ? nullptr : fdopendir(number), closedir);
         if (open == nullptr) {
-            Fail("list", folder);
+            const int error = errno;
+            if (number >= 0) {
+                close(number);
+            }
+            throw FileError("list", folder, error);
         }
         std::vector<std::string> names;
         for (;;) {
@@ -197,7 +248,7 @@ public:
 
     bool Exists(const std::string& path) const override {
         struct stat status {};
-        if (stat(path.c_str(), &status) == 0) {
+        if (lstat(path.c_str(), &status) == 0) {
             return true;
         }
         if (errno != ENOENT && errno != ENOTDIR) {
@@ -207,21 +258,24 @@ public:
     }
 
     void Rename(const std::string& from, const std::string& to) override {
-        if (std::rename(from.c_str(), to.c_str()) != 0) {
+        const Folder source(FolderOf(from));
+        const Folder target(FolderOf(to));
+        if (renameat(source.Number(), NameOf(from).c_str(), target.Number(), NameOf(to).c_str()) != 0) {
             Fail("rename to " + to + " what is", from);
         }
     }
 
     void Remove(const std::string& path) override {
-        if (unlink(path.c_str()) != 0 && errno != ENOENT) {
+        const Folder folder(FolderOf(path));
+        if (unlinkat(folder.Number(), NameOf(path).c_str(), 0) != 0 && errno != ENOENT) {
             Fail("remove", path);
         }
     }
 
     void SyncFolder(const std::string& path) override {
-        const Descriptor folder(path, O_RDONLY | O_DIRECTORY);
+        const Descriptor folder(path, O_RDONLY | O_DIRECTORY); // The parent of a store may be behind a link.
         if (fsync(folder.Number()) != 0) {
-            Fail("sync", path);
+            throw SyncError(path, errno);
         }
     }
 

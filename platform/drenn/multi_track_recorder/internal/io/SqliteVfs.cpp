@@ -1,12 +1,15 @@
 #include <sqlite3.h>
 
+#include <algorithm>
 #include <atomic>
+#include <cerrno>
 #include <cstring>
 #include <new>
 #include <stdexcept>
 #include <string>
 #include <utility>
 
+#include "drenn/multi_track_recorder/internal/format/SegmentFormat.h"
 #include "drenn/multi_track_recorder/internal/io/FileError.h"
 #include "drenn/multi_track_recorder/internal/io/FileSystem.h"
 #include "drenn/multi_track_recorder/internal/io/SqliteVfs.h"
@@ -15,13 +18,19 @@ namespace drenn::multi_track_recorder {
 
 namespace {
 
-constexpr int kLongestPath = 512;
+constexpr int kLongestPath = 4096; // PATH_MAX.
 constexpr int kSectorBytes = 4096; // What a power cut may tear apart is smaller on no card.
 
 std::string FolderOf(const std::string& path) {
     const size_t slash = path.rfind('/');
     return slash == std::string::npos ? "." : path.substr(0, slash == 0 ? 1 : slash);
 }
+
+/// What a registered VFS refers to.
+struct Way {
+    IFileSystem& files;
+    const bool isReadOnly;
+};
 
 /// What SQLite allocates for a file; the rest is made in place.
 struct OpenFile {
@@ -31,14 +40,63 @@ struct OpenFile {
     std::string path;
     bool deleteOnClose;
     bool folderToSync; // The file is new.
+    bool isDatabase;   // And no log.
+    bool hasChecksums; // Of a database, once its header was seen.
 };
 
 OpenFile& Of(sqlite3_file* file) {
     return *reinterpret_cast<OpenFile*>(file);
 }
 
-IFileSystem& Of(sqlite3_vfs* vfs) {
-    return *static_cast<IFileSystem*>(vfs->pAppData);
+const Way& Of(sqlite3_vfs* vfs) {
+    return *static_cast<const Way*>(vfs->pAppData);
+}
+
+/// Stands for a log that is not there, where none may be made.
+class NoFile : public IFile {
+public:
+    explicit NoFile(std::string path) : path_(std::move(path)) {}
+    std::size_t Read(std::uint64_t, void*, std::size_t) const override { return 0; }
+    void Write(std::uint64_t, const void*, std::size_t) override { Refuse(); }
+    void Truncate(std::uint64_t) override { Refuse(); }
+    void Reserve(std::uint64_t) override { Refuse(); }
+    void Sync() override {} // Nothing was written.
+    std::uint64_t Size() const override { return 0; }
+
+private:
+    [[noreturn]] void Refuse() const { throw FileError("write", path_, EROFS); }
+    const std::string path_;
+};
+
+constexpr std::size_t kSmallestPage = 512;
+
+/// Two witnesses, since a bit of the header may be damaged: that pages have room for a checksum, and the version.
+bool TellsOfChecksums(const unsigned char* header) {
+    const unsigned int version = (static_cast<unsigned int>(header[60]) << 24U) | (header[61] << 16U) |
+                                 (header[62] << 8U) | header[63];
+    return header[20] == SqliteVfs::kReservedBytes || version >= SqliteVfs::kChecksummedVersion;
+}
+
+void LookAtHeader(OpenFile& open, std::uint64_t offset, const void* bytes, std::size_t length) {
+    if (open.isDatabase && offset == 0 && length >= 100) {
+        open.hasChecksums = TellsOfChecksums(static_cast<const unsigned char*>(bytes));
+    }
+}
+
+bool IsPage(const OpenFile& open, std::uint64_t offset, std::size_t length) {
+    return open.hasChecksums && length >= kSmallestPage && offset % length == 0;
+}
+
+/// The seed ties a page to its place.
+std::uint64_t PageChecksum(const unsigned char* page, std::size_t length, std::uint64_t offset) {
+    return ChecksumOf(page, length - SqliteVfs::kReservedBytes, offset);
+}
+
+/// A page that was never written is zeros; it is none of the database's as long as nothing refers to it.
+bool PageChecks(const unsigned char* page, std::size_t length, std::uint64_t offset) {
+    ByteReader end(page + length - SqliteVfs::kReservedBytes, SqliteVfs::kReservedBytes);
+    return end.U64() == PageChecksum(page, length, offset) ||
+           (offset != 0 && std::all_of(page, page + length, [](unsigned char byte) { return byte == 0; }));
 }
 
 // Runs an operation; gives SQLite's code for its failure. Nothing may be thrown through SQLite.
@@ -71,15 +129,33 @@ int Close(sqlite3_file* file) {
 int Read(sqlite3_file* file, void* bytes, int length, sqlite3_int64 offset) {
     return Guard(SQLITE_IOERR_READ, [=] {
         const auto wanted = static_cast<size_t>(length);
-        const size_t got = Of(file).file->Read(static_cast<uint64_t>(offset), bytes, wanted);
-        std::memset(static_cast<unsigned char*>(bytes) + got, 0, wanted - got); // SQLite relies on this.
-        return got == wanted ? SQLITE_OK : SQLITE_IOERR_SHORT_READ;
+        const auto place = static_cast<uint64_t>(offset);
+        const size_t got = Of(file).file->Read(place, bytes, wanted);
+        auto* const page = static_cast<unsigned char*>(bytes);
+        std::memset(page + got, 0, wanted - got); // SQLite relies on this.
+        if (got != wanted) {
+            return SQLITE_IOERR_SHORT_READ;
+        }
+        LookAtHeader(Of(file), place, bytes, wanted);
+        const bool checks = !IsPage(Of(file), place, wanted) || PageChecks(page, wanted, place);
+        return checks ? SQLITE_OK : SQLITE_CORRUPT;
     });
 }
 
 int Write(sqlite3_file* file, const void* bytes, int length, sqlite3_int64 offset) {
     return Guard(SQLITE_IOERR_WRITE, [=] {
-        Of(file).file->Write(static_cast<uint64_t>(offset), bytes, static_cast<size_t>(length));
+        OpenFile& open = Of(file);
+        const auto size = static_cast<size_t>(length);
+        const auto place = static_cast<uint64_t>(offset);
+        LookAtHeader(open, place, bytes, size);
+        if (!IsPage(open, place, size)) {
+            open.file->Write(place, bytes, size);
+            return SQLITE_OK;
+        }
+        const auto* const begin = static_cast<const unsigned char*>(bytes);
+        Bytes page(begin, begin + size - SqliteVfs::kReservedBytes);
+        ByteWriter(page).U64(PageChecksum(begin, size, place));
+        open.file->Write(place, page.data(), page.size());
         return SQLITE_OK;
     });
 }
@@ -156,17 +232,23 @@ int Open(sqlite3_vfs* vfs, sqlite3_filename name, sqlite3_file* file, int flags,
         return SQLITE_CANTOPEN; // A temporary file; temporary data is kept in memory.
     }
     return Guard(SQLITE_CANTOPEN, [=] {
-        IFileSystem& files = Of(vfs);
-        const bool create = (flags & SQLITE_OPEN_CREATE) != 0;
-        const bool isNew = create && !files.Exists(name);
-        const OpenMode mode = (flags & SQLITE_OPEN_READONLY) != 0 ? OpenMode::Read
-                              : create                            ? OpenMode::Create
-                                                                  : OpenMode::ReadWrite;
-        std::unique_ptr<IFile> opened = files.Open(name, mode);
-        new (file) OpenFile{
-            {&kMethods}, &files, std::move(opened), name, (flags & SQLITE_OPEN_DELETEONCLOSE) != 0, isNew};
+        const Way& way = Of(vfs);
+        const bool exists = way.files.Exists(name);
+        const bool create = (flags & SQLITE_OPEN_CREATE) != 0 && !way.isReadOnly;
+        const OpenMode mode = way.isReadOnly || (flags & SQLITE_OPEN_READONLY) != 0 ? OpenMode::Read
+                              : create                                              ? OpenMode::Create
+                                                                                    : OpenMode::ReadWrite;
+        const bool isDatabase = (flags & SQLITE_OPEN_MAIN_DB) != 0;
+        std::unique_ptr<IFile> opened = way.isReadOnly && !isDatabase && !exists
+                                            ? std::make_unique<NoFile>(name)
+                                            : way.files.Open(name, mode);
+        const bool deleteOnClose = (flags & SQLITE_OPEN_DELETEONCLOSE) != 0 && !way.isReadOnly;
+        new (file) OpenFile{{&kMethods},   &way.files,        std::move(opened), name,
+                            deleteOnClose, create && !exists, isDatabase,        false};
         if (flagsOut != nullptr) {
-            *flagsOut = flags;
+            *flagsOut = mode == OpenMode::Read
+                            ? (flags & ~(SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE)) | SQLITE_OPEN_READONLY
+                            : flags;
         }
         return SQLITE_OK;
     });
@@ -174,17 +256,21 @@ int Open(sqlite3_vfs* vfs, sqlite3_filename name, sqlite3_file* file, int flags,
 
 int Delete(sqlite3_vfs* vfs, const char* path, int syncFolder) {
     return Guard(SQLITE_IOERR_DELETE, [=] {
-        Of(vfs).Remove(path);
+        const Way& way = Of(vfs);
+        if (way.isReadOnly) {
+            return SQLITE_IOERR_DELETE;
+        }
+        way.files.Remove(path);
         if (syncFolder != 0) {
-            Of(vfs).SyncFolder(FolderOf(path));
+            way.files.SyncFolder(FolderOf(path));
         }
         return SQLITE_OK;
     });
 }
 
-int Access(sqlite3_vfs* vfs, const char* path, int, int* result) {
+int LookFor(sqlite3_vfs* vfs, const char* path, int, int* result) {
     return Guard(SQLITE_IOERR_ACCESS, [=] {
-        *result = Of(vfs).Exists(path) ? 1 : 0;
+        *result = Of(vfs).files.Exists(path) ? 1 : 0;
         return SQLITE_OK;
     });
 }
@@ -228,15 +314,16 @@ std::string NextName() {
 
 class SqliteVfs::Registration {
 public:
-    explicit Registration(IFileSystem& files) : name_(NextName()), vfs_() {
+    Registration(IFileSystem& files, SqliteVfs::Access access)
+        : way_{files, access == Access::ReadOnly}, name_(NextName()), vfs_() {
         vfs_.iVersion = 1;
         vfs_.szOsFile = sizeof(OpenFile);
         vfs_.mxPathname = kLongestPath;
         vfs_.zName = name_.c_str();
-        vfs_.pAppData = &files;
+        vfs_.pAppData = const_cast<Way*>(&way_); // SQLite hands it back; it is read only.
         vfs_.xOpen = &Open;
         vfs_.xDelete = &Delete;
-        vfs_.xAccess = &Access;
+        vfs_.xAccess = &LookFor;
         vfs_.xFullPathname = &FullPathname;
         vfs_.xRandomness = &Randomness;
         vfs_.xSleep = &Sleep;
@@ -253,11 +340,13 @@ public:
     const char* Name() const { return vfs_.zName; }
 
 private:
+    const Way way_;
     const std::string name_;
     sqlite3_vfs vfs_;
 };
 
-SqliteVfs::SqliteVfs(IFileSystem& files) : registration_(std::make_unique<Registration>(files)) {}
+SqliteVfs::SqliteVfs(IFileSystem& files, Access access)
+    : registration_(std::make_unique<Registration>(files, access)) {}
 
 SqliteVfs::~SqliteVfs() = default;
 

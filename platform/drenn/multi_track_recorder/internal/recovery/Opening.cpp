@@ -4,6 +4,8 @@
 #include <random>
 #include <stdexcept>
 
+#include "drenn/multi_track_recorder/internal/io/FileError.h"
+#include "drenn/multi_track_recorder/internal/io/SqliteVfs.h"
 #include "drenn/multi_track_recorder/internal/recovery/Opening.h"
 #include "drenn/multi_track_recorder/internal/recovery/Recovery.h"
 
@@ -13,6 +15,9 @@ namespace {
 constexpr char kIdentityMagic[] = "CALVSTOR";
 constexpr std::size_t kIdentityBytes = 8 + 4 + 16 + 8;
 constexpr std::uint32_t kIdentityVersion = 1;
+constexpr std::size_t kNameBytes = 21; ///< Of a segment's file.
+constexpr char kAside[] = ".aside";
+constexpr std::size_t kAsideBytes = sizeof kAside - 1;
 
 StoreId RandomId() {
     std::random_device device;
@@ -37,14 +42,33 @@ void MakeFolders(IFileSystem& files, const StoreFolders& folders) {
     }
 }
 
-std::unique_ptr<IFile> TakeLock(IFileSystem& files, const StoreFolders& folders) {
-    const std::string path = folders.Lock();
-    auto lock = files.Open(path, OpenMode::Create);
-    if (!lock->TryLock()) {
-        throw std::runtime_error("The store at " + folders.storage +
-                                 " is open in another process, which has locked " + path);
+std::unique_ptr<IFolderLock> LockFolder(IFileSystem& files, const std::string& folder) {
+    if (!files.Exists(folder)) {
+        return nullptr;
+    }
+    auto lock = files.TryLockFolder(folder);
+    if (lock == nullptr) {
+        throw std::runtime_error("The store is open in another process, which has locked " + folder);
     }
     return lock;
+}
+
+/// With a connection that changes nothing.
+void RequireKnownVersion(IFileSystem& files, const StoreFolders& folders, bool hasIdentity) {
+    if (hasIdentity) {
+        ReadIdentity(files, folders.Identity());
+    }
+    // A journal is there only while the catalogue is being made: nothing but SQLite can tell what it is to become.
+    if (!files.Exists(folders.Catalogue()) || files.Exists(folders.Catalogue() + "-journal")) {
+        return;
+    }
+    const SqliteVfs vfs(files, SqliteVfs::Access::ReadOnly);
+    Catalogue catalogue(folders.Catalogue(), vfs.Name(), Catalogue::Mode::ReadOnly);
+    catalogue.RequireVersion();
+    const StoreId id = catalogue.GetId();
+    if (id != StoreId{}) {
+        Recovery(files, folders, id, catalogue).RequireKnownVersions();
+    }
 }
 
 StoreId IdentityOf(IFileSystem& files, const StoreFolders& folders, Catalogue& catalogue, bool hasIdentity) {
@@ -81,9 +105,40 @@ std::string FileNameOf(SegmentKey segment) {
     return name;
 }
 
+std::string StoreFolders::PathOf(SegmentKey segment) const {
+    return storage + "/" + FileNameOf(segment);
+}
+
+std::vector<std::string> ListAside(const IFileSystem& files, const StoreFolders& folders) {
+    std::vector<std::string> paths;
+    for (const std::string& name : files.List(folders.storage)) {
+        if (name.size() > kNameBytes && SegmentOf(name.substr(0, kNameBytes)) &&
+            name.compare(kNameBytes, kAsideBytes, kAside) == 0) {
+            paths.push_back(folders.storage + "/" + name);
+        }
+    }
+    const std::string catalogue = std::string("catalogue") + kAside;
+    for (const std::string& name : files.List(folders.database)) {
+        if (name.compare(0, catalogue.size(), catalogue) == 0) {
+            paths.push_back(folders.database + "/" + name);
+        }
+    }
+    std::sort(paths.begin(), paths.end());
+    return paths;
+}
+
+std::string FreeAsidePath(const IFileSystem& files, const std::string& file) {
+    const std::string path = file + kAside;
+    std::string free = path;
+    for (unsigned int number = 2; files.Exists(free); ++number) {
+        free = path + "." + std::to_string(number);
+    }
+    return free;
+}
+
 std::optional<SegmentKey> SegmentOf(const std::string& fileName) {
     SegmentKey key;
-    if (fileName.size() != 21 ||
+    if (fileName.size() != kNameBytes ||
         std::sscanf(fileName.c_str(), "%8x-%8x", &key.lane, &key.sequence) != 2 || // NOLINT
         fileName != FileNameOf(key)) {
         return std::nullopt;
@@ -113,9 +168,12 @@ StoreId ReadIdentity(IFileSystem& files, const std::string& path) {
     const std::uint32_t version = reader.U32();
     StoreId id{};
     reader.Raw(id.data(), id.size());
-    if (!isWhole || std::memcmp(magic, kIdentityMagic, sizeof magic) != 0 || version != kIdentityVersion ||
+    if (!isWhole || std::memcmp(magic, kIdentityMagic, sizeof magic) != 0 ||
         reader.U64() != ChecksumOf(bytes.data(), kIdentityBytes - 8, 0)) {
         throw std::runtime_error("The identity of the store in " + path + " is damaged");
+    }
+    if (version != kIdentityVersion) {
+        throw LaterVersionError(path, std::to_string(version));
     }
     return id;
 }
@@ -138,6 +196,13 @@ void WriteIdentity(IFileSystem& files, const StoreFolders& folders, const StoreI
     files.SyncFolder(folders.storage);
 }
 
+StoreLock LockStore(IFileSystem& files, const StoreFolders& folders) {
+    StoreLock lock;
+    lock.database = LockFolder(files, folders.database);
+    lock.storage = LockFolder(files, folders.storage);
+    return lock;
+}
+
 OpenedStore OpenStore(IFileSystem& files, const StoreFolders& folders, const char* vfs) {
     OpenedStore opened;
     const bool hasIdentity = files.Exists(folders.Identity());
@@ -146,13 +211,49 @@ OpenedStore OpenStore(IFileSystem& files, const StoreFolders& folders, const cha
     } else {
         MakeFolders(files, folders);
     }
-    opened.lock = TakeLock(files, folders);
+    opened.lock = LockStore(files, folders);
+    RequireKnownVersion(files, folders, hasIdentity);
     opened.catalogue = std::make_shared<Catalogue>(folders.Catalogue(), vfs, Catalogue::Mode::OpenOrMake);
     opened.id = IdentityOf(files, folders, *opened.catalogue, hasIdentity);
     Recovery recovery(files, folders, opened.id, *opened.catalogue);
     recovery.Run();
     opened.content = opened.catalogue->Load();
     opened.nextSequences = recovery.NextSequences();
+    opened.told = recovery.Told();
+    return opened;
+}
+
+OpenedStore OpenStoreToRead(IFileSystem& files, const StoreFolders& folders, const char* vfs) {
+    OpenedStore opened;
+    opened.lock = LockStore(files, folders);
+    opened.catalogue = std::make_shared<Catalogue>(folders.Catalogue(), vfs, Catalogue::Mode::ReadOnly);
+    opened.catalogue->RequireVersion();
+    opened.id = opened.catalogue->GetId();
+    if (opened.id == StoreId{}) {
+        throw std::runtime_error("There is no store in " + folders.database +
+                                 ": the catalogue was never made");
+    }
+    if (!files.Exists(folders.Identity()) && ListSegments(files, folders.storage).empty()) {
+        throw std::runtime_error("There is no store in " + folders.storage);
+    }
+    StoreId id = opened.id; // The segments have it, too.
+    try {
+        id = ReadIdentity(files, folders.Identity());
+    } catch (const LaterVersionError&) {
+        throw;
+    } catch (const std::runtime_error& error) {
+        opened.told.emplace_back(error.what());
+    }
+    if (id != opened.id) {
+        throw std::runtime_error(folders.storage + " and " + folders.database +
+                                 " belong to different stores");
+    }
+    Recovery recovery(files, folders, opened.id, *opened.catalogue);
+    recovery.RequireKnownVersions();
+    recovery.RunInMemory();
+    opened.content = recovery.Content();
+    opened.nextSequences = recovery.NextSequences();
+    opened.told.insert(opened.told.end(), recovery.Told().begin(), recovery.Told().end());
     return opened;
 }
 

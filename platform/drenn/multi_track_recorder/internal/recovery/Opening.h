@@ -17,9 +17,18 @@ struct StoreFolders {
     std::string database;
 
     std::string Catalogue() const { return database + "/catalogue"; }
-    std::string Lock() const { return database + "/lock"; }
     std::string Identity() const { return storage + "/store"; }
+    std::string Reserve() const { return database + "/reserve"; }
+    std::string PathOf(SegmentKey segment) const;
 };
+
+/// Keeps other processes, and other stores of this one, out of both folders.
+struct StoreLock {
+    std::unique_ptr<IFolderLock> storage;
+    std::unique_ptr<IFolderLock> database;
+};
+/// Throws std::runtime_error when another process has the store open. A folder that is not there is not locked.
+StoreLock LockStore(IFileSystem& files, const StoreFolders& folders);
 
 /// The name of a segment's file, and back; nothing for other names.
 std::string FileNameOf(SegmentKey segment);
@@ -27,22 +36,35 @@ std::optional<SegmentKey> SegmentOf(const std::string& fileName);
 /// The segments in a folder, in their order.
 std::vector<SegmentKey> ListSegments(const IFileSystem& files, const std::string& folder);
 
-/// The identity in the file `data/store`; throws std::runtime_error when it is damaged.
+/// Paths of what was set aside: segments of which nothing could be read, and catalogues that were made anew. They give way before any
+/// segment does.
+std::vector<std::string> ListAside(const IFileSystem& files, const StoreFolders& folders);
+/// Where a file can be set aside.
+std::string FreeAsidePath(const IFileSystem& files, const std::string& path);
+
+/// The identity in the file `data/store`. Throws std::runtime_error when it is damaged, LaterVersionError.
 StoreId ReadIdentity(IFileSystem& files, const std::string& path);
 /// Durable when it returns.
 void WriteIdentity(IFileSystem& files, const StoreFolders& folders, const StoreId& id);
 
 /// A store whose files are open and recovered.
 struct OpenedStore {
-    std::unique_ptr<IFile> lock;
+    StoreLock lock;
     std::shared_ptr<Catalogue> catalogue;
     StoreId id{};
     CatalogueContent content;
     std::map<std::uint32_t, std::uint32_t> nextSequences; ///< Of lanes.
+    std::vector<std::string> told;                        ///< What was found damaged, one line each.
+    std::string readOnly;                                 ///< Why it cannot be changed; empty if it can.
+    bool lacksRoom = false;                               ///< For want of room.
 };
 
-/// Takes the lock, makes the store if it is not there, recovers what the last process left.
-/// Throws std::runtime_error when another process has it, or when the folders do not belong together.
+/// Takes the lock, makes the store if it is not there, recovers what the last process left. `vfs`: a SqliteVfs for changes.
+/// Throws std::runtime_error when another process has it, when a later program wrote it, or when the folders do not
+/// belong together; nothing was changed then.
 OpenedStore OpenStore(IFileSystem& files, const StoreFolders& folders, const char* vfs);
+/// The same without a change on the device, as far as it can be read: without an identity, or one that is damaged, the
+/// catalogue's is taken. `vfs`: one that is read-only.
+OpenedStore OpenStoreToRead(IFileSystem& files, const StoreFolders& folders, const char* vfs);
 
 } // namespace drenn::multi_track_recorder

@@ -1,205 +1,248 @@
 #include "drenn/multi_track_recorder/internal/recovery/Rebuilder.h"
 
 #include <algorithm>
-#include <limits>
 #include <stdexcept>
+
+#include "drenn/multi_track_recorder/internal/io/FileError.h"
+#include "drenn/multi_track_recorder/internal/io/SqliteVfs.h"
+#include "drenn/multi_track_recorder/internal/recovery/SegmentWalker.h"
 
 namespace drenn::multi_track_recorder {
 
 Rebuilder::Rebuilder(IFileSystem& files, const StoreFolders& folders)
     : files_(files), folders_(folders), keys_(ListSegments(files, folders.storage)), id_(FindId()) {
-    for (std::size_t i = 0; i < keys_.size(); ++i) {
-        Walk(keys_[i], i + 1 == keys_.size() || keys_[i + 1].lane != keys_[i].lane);
+    for (const SegmentKey& key : keys_) {
+        Walk(key);
     }
+    AddTracks();
+    AddInfos();
+    MarkDead();
 }
 
 /// From its own file; if that is lost, from the first segment that can be read.
 StoreId Rebuilder::FindId() {
     try {
         return ReadIdentity(files_, folders_.Identity());
+    } catch (const LaterVersionError&) {
+        throw;
     } catch (const std::exception& error) {
         lost_.emplace_back(error.what());
     }
     for (const SegmentKey& key : keys_) {
-        const auto file = files_.Open(folders_.storage + "/" + FileNameOf(key), OpenMode::Read);
-        if (const auto header = SegmentWalker(*file, std::numeric_limits<std::uint32_t>::max()).Header()) {
-            return header->store;
+        try {
+            const auto file = files_.Open(folders_.PathOf(key), OpenMode::Read);
+            if (const auto header = SegmentWalker(*file, kSegmentHeaderBytes).Header()) {
+                return header->store;
+            }
+        } catch (const FileError&) {
+            // Walk tells of it.
         }
     }
     throw std::runtime_error("There is nothing in " + folders_.storage + " to rebuild a catalogue from");
 }
 
-void Rebuilder::Walk(SegmentKey key, bool isNewest) {
-    const std::string path = folders_.storage + "/" + FileNameOf(key);
-    const auto file = files_.Open(path, OpenMode::Read);
-    SegmentWalker walker(*file, std::numeric_limits<std::uint32_t>::max());
-    const auto& header = walker.Header();
-    if (!header || header->store != id_ || header->lane != key.lane || header->sequence != key.sequence) {
-        lost_.push_back(path + ": the header is damaged, or another store's");
+void Rebuilder::Walk(SegmentKey key) {
+    const std::string path = folders_.PathOf(key);
+    SegmentScan scan;
+    try {
+        scan = ScanSegment(*files_.Open(path, OpenMode::Read), path, id_, key);
+    } catch (const FileError& error) {
+        lost_.emplace_back(error.what());
         return;
     }
-    SegmentRow row{key, 0, 0, false};
-    // A crash ends the newest where something does not check; elsewhere that is damage, with more behind it.
-    while (const auto block = isNewest ? walker.Next(true) : walker.Find()) {
-        if (!isNewest &&
-            !CheckBlock(*block, walker, std::max<std::uint64_t>(row.length, kSegmentHeaderBytes), path)) {
-            // What it said is lost.
-        } else if (block->kind != BlockKind::Records) {
-            TakeControl(lanes_[key.lane], *block, walker.Body(*block));
-        } else if (!Take(key, *block)) {
-            break;
-        }
-        row.time = row.length == 0 ? block->time : row.time;
-        row.length = block->End();
+    if (scan.owner == SegmentScan::Owner::Later) {
+        throw LaterVersionError(path, std::to_string(scan.laterVersion));
     }
-    if (row.length == 0) {
-        lost_.push_back(path + ": no block of it can be read");
+    if (scan.owner == SegmentScan::Owner::Other) {
+        lost_.push_back(path + " belongs to another store; it is left alone");
         return;
     }
-    if (!isNewest) { // The newest may have been cut short by a crash.
-        CheckEnd(walker, *file, path);
+    lost_.insert(lost_.end(), scan.faults.begin(), scan.faults.end());
+    if (scan.length == 0) {
+        unusable_.push_back(key);
+        return;
     }
-    segments_.push_back(row);
+    Lane& lane = lanes_[key.lane];
+    for (const ScannedBlock& block : scan.blocks) {
+        TakeControl(lane, block);
+    }
+    for (const MissingInfo& missing : MissInfos(scan, infos_)) {
+        infos_[missing.track][missing.from] = {}; // Rather none than that of other records.
+        missingInfos_.push_back(missing);
+    }
+    const std::vector<ExtentRow> extents = TakeRecords(scan, key, nextSerials_);
+    content_.extents.insert(content_.extents.end(), extents.begin(), extents.end());
+    content_.damage.insert(content_.damage.end(), scan.damage.begin(), scan.damage.end());
+    content_.segments.push_back({key, scan.length, scan.blocks.front().header.time, false});
 }
 
-bool Rebuilder::Take(SegmentKey key, const BlockHeader& block) {
-    std::uint64_t& next = nextSerials_[block.track];
-    if (block.firstSerial < next) {
-        return false;
-    }
-    const auto before = std::find_if(extents_.rbegin(), extents_.rend(), [&](const ExtentRow& extent) {
-        return !(extent.segment == key) || extent.track == block.track;
-    });
-    if (before != extents_.rend() && before->segment == key &&
-        before->firstSerial + before->count == block.firstSerial) {
-        before->count += block.count;
-    } else {
-        extents_.push_back({block.track, key, block.firstSerial, block.count});
-    }
-    next = block.firstSerial + block.count;
-    return true;
-}
-
-void Rebuilder::TakeControl(Lane& lane, const BlockHeader& block, const Bytes& body) {
-    if (block.kind == BlockKind::Info) {
-        infos_[{block.track, block.firstSerial}] = std::string(body.begin(), body.end());
-    } else if (block.kind == BlockKind::Erased) {
-        const auto track = lane.tracks.find(block.track);
-        if (track != lane.tracks.end()) {
-            track->second.erased.Add({block.firstSerial, ByteReader(body.data(), body.size()).U64()});
+void Rebuilder::TakeControl(Lane& lane, const ScannedBlock& block) {
+    const BlockHeader& header = block.header;
+    if (header.kind == BlockKind::Records) {
+        if (!block.readable.empty()) {
+            lane.sinceState.insert(header.track);
         }
-    } else if (auto state = DecodeLaneState(body)) {
-        lane.tracks.clear();
-        for (TrackState& track : state->tracks) {
-            if (!track.info.empty()) {
-                infos_[{track.id, track.infoFrom}] = track.info;
-            }
-            lane.tracks[track.id] = {track, ErasedRanges(track.firstSerial, track.erased)};
+    } else if (!block.isWhole) {
+        return; // Told by the scan.
+    } else if (header.kind == BlockKind::Info) {
+        infos_[header.track][header.firstSerial] = std::string(block.body.begin(), block.body.end());
+    } else if (header.kind == BlockKind::Erased) {
+        const std::uint64_t end = ByteReader(block.body.data(), block.body.size()).U64();
+        const auto track = lane.tracks.find(header.track);
+        if (track != lane.tracks.end() && header.firstSerial < end) {
+            track->second.erased.Add({header.firstSerial, end});
         }
-        lane.state = std::move(*state);
+    } else if (auto state = DecodeLaneState(block.body)) {
+        TakeState(lane, std::move(*state));
     }
 }
 
-/// Whether what a block says can be used. Of one of records that is damaged, the header can: each record that is whole
-/// can be read.
-bool Rebuilder::CheckBlock(const BlockHeader& block, const SegmentWalker& walker, std::uint64_t expected,
-                           const std::string& path) {
-    if (block.offset != expected) {
-        lost_.push_back(path + ": the bytes from " + std::to_string(expected) + " to " +
-                        std::to_string(block.offset) + " cannot be read");
-    }
-    if (walker.BodyChecks(block)) {
-        return true;
-    }
-    lost_.push_back(path + ": the block at byte " + std::to_string(block.offset) + " is damaged");
-    return block.kind == BlockKind::Records;
-}
-
-/// Behind the last block there is a footer, or nothing.
-void Rebuilder::CheckEnd(const SegmentWalker& walker, const IFile& file, const std::string& path) {
-    Bytes rest(static_cast<std::size_t>(file.Size() - walker.Offset()));
-    file.Read(walker.Offset(), rest.data(), rest.size());
-    if (!rest.empty() && !DecodeFooter(rest, walker.Header()->salt)) {
-        lost_.push_back(path + ": the " + std::to_string(rest.size()) + " bytes from " +
-                        std::to_string(walker.Offset()) + " on cannot be read");
-    }
-}
-
-std::vector<std::string> Rebuilder::Write(const std::string& path, const char* vfs) {
-    Catalogue catalogue(path, vfs, Catalogue::Mode::OpenOrMake);
-    Catalogue::Transaction transaction(catalogue);
-    transaction.Make(id_);
-    std::map<std::uint32_t, const Track*> tracks;
-    WriteTracks(transaction, tracks);
-    WriteSegments(transaction, tracks);
-    for (const auto& [key, text] : infos_) {
-        const auto track = tracks.find(key.first);
-        const auto next = nextSerials_.find(key.first);
-        const std::uint64_t end = std::max(next == nextSerials_.end() ? 0 : next->second,
-                                           track == tracks.end() ? 0 : track->second->state.nextSerial);
-        if (track != tracks.end() && key.second <= end) {
-            transaction.AddInfo({key.first, key.second, text});
+void Rebuilder::TakeState(Lane& lane, LaneState state) {
+    lane.tracks.clear();
+    lane.sinceState.clear();
+    for (TrackState& track : state.tracks) {
+        if (!track.info.empty()) {
+            infos_[track.id][track.infoFrom] = track.info;
         }
+        lane.tracks[track.id] = {track, ErasedRanges(track.firstSerial, track.erased)};
     }
-    for (const auto& [id, track] : tracks) {
-        transaction.SetErased(id, track->erased.FirstSerial(), track->erased.Ranges());
-    }
-    transaction.Commit();
-    return lost_;
+    lane.state = std::move(state);
+    lane.state.tracks.clear();
 }
 
-void Rebuilder::WriteTracks(Catalogue::Transaction& transaction,
-                            std::map<std::uint32_t, const Track*>& tracks) const {
+void Rebuilder::AddTracks() {
     std::map<std::uint32_t, std::string> recordings;
-    for (const auto& [id, lane] : lanes_) {
+    for (auto& [id, lane] : lanes_) {
+        lane.state.recording = id / 2; // Also where no state can be read.
+        lane.state.sparse = id % 2 != 0;
         std::string& info = recordings[lane.state.recording];
         info = lane.state.recordingInfo.empty() ? info : lane.state.recordingInfo;
-        for (const auto& [track, content] : lane.tracks) {
-            tracks[track] = &content;
+        for (const std::uint32_t track : lane.sinceState) {
+            if (lane.tracks.try_emplace(track).second) {
+                lost_.push_back("the format of track " + std::to_string(track) + " is lost");
+            }
         }
+        AddLane(id, lane);
     }
     for (const auto& [id, info] : recordings) {
-        transaction.Restore(RecordingRow{id, info});
+        content_.recordings.push_back({id, info});
     }
-    for (const auto& [id, lane] : lanes_) {
-        for (const auto& [track, content] : lane.tracks) {
-            TrackRow row;
-            row.id = track;
-            row.recording = lane.state.recording;
-            row.sparse = lane.state.sparse;
-            row.formatName = content.state.formatName;
-            row.formatVersion = content.state.formatVersion;
-            row.nextSerial = content.state.nextSerial;
-            transaction.Restore(row);
+    std::sort(content_.tracks.begin(), content_.tracks.end(),
+              [](const TrackRow& a, const TrackRow& b) { return a.id < b.id; });
+}
+
+void Rebuilder::AddLane(std::uint32_t id, const Lane& lane) {
+    for (const auto& [number, track] : lane.tracks) {
+        TrackRow row;
+        row.id = number;
+        row.recording = id / 2;
+        row.sparse = id % 2 != 0;
+        row.formatName = track.state.formatName;
+        row.formatVersion = track.state.formatVersion;
+        row.firstSerial = track.erased.FirstSerial();
+        row.nextSerial = std::max(track.state.nextSerial, nextSerials_[number]);
+        for (const SerialRange& range : track.erased.Ranges()) {
+            content_.erased.push_back({number, range});
+            row.nextSerial = std::max(row.nextSerial, range.end);
+        }
+        content_.tracks.push_back(std::move(row));
+    }
+}
+
+void Rebuilder::AddInfos() {
+    for (const TrackRow& track : content_.tracks) {
+        for (const MissingInfo& missing : missingInfos_) {
+            if (missing.track == track.id && missing.end > track.firstSerial) {
+                lost_.push_back("the info text of track " + std::to_string(track.id) + " from record " +
+                                std::to_string(missing.from) + " on is lost");
+            }
+        }
+        for (const auto& [from, text] : infos_[track.id]) {
+            if (from <= track.nextSerial) {
+                content_.infos.push_back({track.id, from, text, true});
+            }
         }
     }
 }
 
-void Rebuilder::WriteSegments(Catalogue::Transaction& transaction,
-                              const std::map<std::uint32_t, const Track*>& tracks) const {
-    for (const SegmentRow& segment : segments_) {
-        transaction.AddSegment(segment);
-        std::uint64_t survivors = 0;
-        for (const ExtentRow& extent : extents_) {
-            const auto track = tracks.find(extent.track);
-            if (!(extent.segment == segment.key)) {
-                continue;
+/// The segments that opening would remove. One with damage may hold more than can be read today.
+void Rebuilder::MarkDead() {
+    std::set<SegmentKey> needed;
+    for (const ExtentRow& extent : content_.extents) {
+        if (needed.count(extent.segment) == 0 && SurvivorsOf(extent, content_) > 0) {
+            needed.insert(extent.segment);
+        }
+    }
+    for (const DamageRow& row : content_.damage) {
+        needed.insert(row.segment);
+    }
+    for (std::size_t i = 0; i + 1 < content_.segments.size(); ++i) {
+        SegmentRow& row = content_.segments[i];
+        const bool isNewest = content_.segments[i + 1].key.lane != row.key.lane;
+        row.removing = !isNewest && needed.count(row.key) == 0;
+    }
+}
+
+std::uint64_t Rebuilder::Estimate() const {
+    std::uint64_t bytes = 20 * 4096; // Each table and index has a page, however empty.
+    for (const InfoRow& info : content_.infos) {
+        bytes += info.text.size() + 64;
+    }
+    return bytes + 64 * (content_.segments.size() + content_.extents.size() + content_.erased.size() +
+                         content_.damage.size() + content_.tracks.size());
+}
+
+void Rebuilder::Write(const std::string& path) {
+    const SqliteVfs vfs(files_);
+    {
+        Catalogue catalogue(path, vfs.Name(), Catalogue::Mode::Build);
+        Catalogue::Transaction transaction(catalogue);
+        transaction.Make(id_);
+        for (const RecordingRow& recording : content_.recordings) {
+            transaction.Restore(recording);
+        }
+        if (!nextSerials_.empty()) { // Numbers of tracks that were erased are not given again.
+            transaction.ReserveTracks(nextSerials_.rbegin()->first);
+        }
+        for (const TrackRow& track : content_.tracks) {
+            transaction.Restore(track);
+        }
+        for (const SegmentRow& segment : content_.segments) {
+            transaction.AddSegment(segment);
+            if (segment.removing) {
+                transaction.SetRemoving(segment.key);
             }
+        }
+        for (const ExtentRow& extent : content_.extents) {
             transaction.AddExtent(extent);
-            if (track != tracks.end()) {
-                Survivors left;
-                left.Append({extent.firstSerial, extent.firstSerial + extent.count});
-                left.Erase({0, track->second->erased.FirstSerial()});
-                for (const SerialRange& range : track->second->erased.Ranges()) {
-                    left.Erase(range);
-                }
-                survivors += left.Size();
-            }
         }
-        const bool isNewest = &segment == &segments_.back() || (&segment + 1)->key.lane != segment.key.lane;
-        if (survivors == 0 && !isNewest) {
-            transaction.SetRemoving(segment.key);
+        for (const DamageRow& row : content_.damage) {
+            transaction.AddDamage(row);
         }
+        for (const InfoRow& info : content_.infos) {
+            transaction.AddInfo(info);
+        }
+        for (const TrackRow& track : content_.tracks) {
+            const ErasedRanges erased = ErasedOf(track, {&content_.erased});
+            transaction.SetErased(track.id, erased.FirstSerial(), erased.Ranges());
+        }
+        transaction.Commit();
+    }
+    Check(path);
+    files_.SyncFolder(folders_.database);
+}
+
+/// That it is what was to be written, before anything is replaced by it.
+void Rebuilder::Check(const std::string& path) const {
+    const SqliteVfs vfs(files_, SqliteVfs::Access::ReadOnly);
+    Catalogue catalogue(path, vfs.Name(), Catalogue::Mode::ReadOnly);
+    const CatalogueContent content = catalogue.Load();
+    const std::vector<std::string> wrong = catalogue.Check();
+    if (!wrong.empty() || catalogue.GetId() != id_ || content.segments.size() != content_.segments.size() ||
+        content.extents.size() != content_.extents.size() ||
+        content.tracks.size() != content_.tracks.size()) {
+        throw std::runtime_error("The new catalogue " + path + " is not what was written" +
+                                 (wrong.empty() ? std::string() : ": " + wrong.front()));
     }
 }
 

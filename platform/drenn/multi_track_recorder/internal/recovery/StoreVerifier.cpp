@@ -1,14 +1,15 @@
+#include "drenn/multi_track_recorder/internal/recovery/StoreVerifier.h"
+
 #include <algorithm>
-#include <limits>
 #include <map>
 #include <set>
 #include <stdexcept>
 
-#include "drenn/multi_track_recorder/internal/Survivors.h"
+#include "drenn/multi_track_recorder/internal/io/FileError.h"
 #include "drenn/multi_track_recorder/internal/io/SqliteVfs.h"
+#include "drenn/multi_track_recorder/internal/recovery/Erasures.h"
 #include "drenn/multi_track_recorder/internal/recovery/Opening.h"
-#include "drenn/multi_track_recorder/internal/recovery/SegmentWalker.h"
-#include "drenn/multi_track_recorder/internal/recovery/StoreVerifier.h"
+#include "drenn/multi_track_recorder/internal/recovery/SegmentScan.h"
 
 namespace drenn::multi_track_recorder {
 namespace {
@@ -17,29 +18,59 @@ std::string Text(const SerialRange& range) {
     return std::to_string(range.first) + " to " + std::to_string(range.end);
 }
 
+std::string TrackName(std::uint32_t track) {
+    return "track " + std::to_string(track);
+}
+
+Survivors Without(const SerialRange& range, const ErasedRanges& erased) {
+    Survivors left;
+    left.Append(range);
+    left.Erase({0, erased.FirstSerial()});
+    for (const SerialRange& each : erased.Ranges()) {
+        left.Erase(each);
+    }
+    return left;
+}
+
+struct InfoOfBlock {
+    std::string text;
+    bool isSealed;
+    bool isNearDamage;
+};
+
 class Verifier {
 public:
     Verifier(IFileSystem& files, const StoreFolders& folders, Catalogue& catalogue)
         : files_(files),
           folders_(folders),
+          catalogue_(catalogue),
           id_(catalogue.GetId()),
-          content_(catalogue.Load()),
-          wrong_(catalogue.Check()) {}
+          content_(catalogue.Load()) {
+        report_.wrong = catalogue.Check();
+    }
 
-    std::vector<std::string> Run() {
+    VerifyReport Run() {
         CheckIdentity();
         IndexTables();
         CheckSegments();
         CheckErased();
+        CheckStates();
         CheckInfos();
-        return wrong_;
+        for (const std::string& path : ListAside(files_, folders_)) {
+            report_.notes.push_back(path + " was set aside; it was not checked");
+        }
+        report_.checked = "the catalogue, " + std::to_string(sealed_) + " sealed and " +
+                          std::to_string(unsealed_) + " other segments with " + std::to_string(footers_) +
+                          " footers, " + std::to_string(blocks_) + " blocks, " + std::to_string(records_) +
+                          " records, " + std::to_string(bytes_) + " bytes";
+        return std::move(report_);
     }
 
 private:
     void Wrong(int invariant, const std::string& text) {
-        wrong_.push_back("Invariant " + std::to_string(invariant) + ": " + text);
+        report_.wrong.push_back("Invariant " + std::to_string(invariant) + ": " + text);
     }
-    std::string PathOf(SegmentKey key) const { return folders_.storage + "/" + FileNameOf(key); }
+    std::string PathOf(SegmentKey key) const { return folders_.PathOf(key); }
 
     void CheckIdentity() {
         if (!files_.Exists(folders_.Identity())) {
@@ -64,9 +95,10 @@ private:
         }
         for (const TrackRow& row : content_.tracks) {
             tracks_[row.id] = &row;
+            erased_[row.id] = ErasedOf(row, {&content_.erased});
             if (recordings.count(row.recording) == 0) {
-                Wrong(9, "track " + std::to_string(row.id) + " is of recording " +
-                             std::to_string(row.recording) + ", which does not exist");
+                Wrong(9, TrackName(row.id) + " is of recording " + std::to_string(row.recording) +
+                             ", which does not exist");
             }
         }
         for (const SegmentKey& next : content_.nextSegments) {
@@ -79,8 +111,8 @@ private:
         for (const ExtentRow& row : content_.extents) {
             extents_[row.segment].push_back(row);
         }
-        for (const ErasedRow& row : content_.erased) {
-            erased_[row.track].push_back(row.range);
+        for (const DamageRow& row : content_.damage) {
+            damage_[row.segment].push_back(row);
         }
     }
 
@@ -89,14 +121,8 @@ private:
         for (const SegmentKey& key : ListSegments(files_, folders_.storage)) {
             present.insert(key);
             const auto row = segments_.find(key);
-            const auto next = nextSequences_.find(key.lane);
-            if (row == segments_.end() && next != nextSequences_.end() && key.sequence < next->second) {
-                Wrong(2, PathOf(key) + " is not in the catalogue");
-            } else if (row == segments_.end()) {
-                newest_[key.lane] = key.sequence;
-                Walk(key, std::numeric_limits<std::uint32_t>::max(), false);
-            } else if (!row->second->removing) {
-                Walk(key, row->second->length, true);
+            if (row == segments_.end() || !row->second->removing) {
+                CheckFile(key, row == segments_.end() ? nullptr : row->second);
             }
         }
         for (const auto& [key, row] : segments_) {
@@ -112,70 +138,166 @@ private:
         }
     }
 
-    /// `isSealed`: all of it must check; else what does not is the torn end that the next opening cuts.
-    void Walk(SegmentKey key, std::uint64_t length, bool isSealed) {
+    /// `row`: nothing for one that the catalogue does not know.
+    void CheckFile(SegmentKey key, const SegmentRow* row) {
         const std::string path = PathOf(key);
-        const auto file = files_.Open(path, OpenMode::Read);
-        SegmentWalker walker(*file, length);
-        const auto& header = walker.Header();
-        if (!header) {
-            if (isSealed) {
-                Wrong(4, path + ": the header is damaged");
-            }
+        SegmentScan scan;
+        try {
+            scan = ScanSegment(*files_.Open(path, OpenMode::Read), path, id_, key);
+        } catch (const FileError& error) {
+            (row != nullptr ? report_.wrong : report_.notes).emplace_back(error.what());
             return;
         }
-        if (header->store != id_ || header->lane != key.lane || header->sequence != key.sequence) {
-            Wrong(1, path + " is a segment of another store or another place");
+        if (scan.owner == SegmentScan::Owner::Other || scan.owner == SegmentScan::Owner::Later) {
+            Wrong(1, path + " is a segment of another store, another place or a later version");
             return;
         }
-        std::vector<ExtentRow> found;
-        while (const auto block = walker.Next(true)) {
-            CheckBlock(key, *block, walker, found);
-        }
-        if (isSealed && walker.Offset() != length) {
-            Wrong(walker.Offset() < length ? 4 : 3, path + ": what is at byte " +
-                                                        std::to_string(walker.Offset()) + " of " +
-                                                        std::to_string(length) + " does not check");
-        }
-        if (isSealed) {
-            CompareExtents(key, found);
+        const auto next = nextSequences_.find(key.lane);
+        if (row != nullptr) {
+            ++sealed_;
+            CheckSealed(*row, scan);
+        } else if (next != nextSequences_.end() && key.sequence < next->second) {
+            Wrong(2, path + " is not in the catalogue");
+        } else {
+            ++unsealed_;
+            CheckUnsealed(key, scan);
         }
     }
 
-    void CheckBlock(SegmentKey key, const BlockHeader& block, const SegmentWalker& walker,
-                    std::vector<ExtentRow>& found) {
+    /// The next opening seals it with all that can be read.
+    void CheckUnsealed(SegmentKey key, const SegmentScan& scan) {
+        newest_[key.lane] = key.sequence;
+        const bool isDamaged = std::any_of(scan.damage.begin(), scan.damage.end(), [](const DamageRow& row) {
+            return row.kind == DamageRow::Kind::Damaged;
+        });
+        for (const std::string& fault : scan.faults) {
+            if (isDamaged) {
+                Wrong(4, fault);
+            } else {
+                report_.notes.push_back(fault);
+            }
+        }
+        TakeBlocks(key, scan);
+    }
+
+    void CheckSealed(const SegmentRow& row, SegmentScan& scan) {
+        const std::string path = PathOf(row.key);
+        for (const DamageRow& each : scan.damage) {
+            if (each.first < row.length || !IsKnown(each)) {
+                const std::string line = ToText(each, path);
+                if (IsKnown(each)) {
+                    report_.notes.push_back(line + ", which is known");
+                } else if (each.first < row.length) {
+                    Wrong(4, line);
+                } else {
+                    // It is not synced, so a power cut may leave it torn; the blocks are walked then.
+                    report_.notes.push_back(path + ": the footer is damaged; it is not needed");
+                }
+            }
+        }
+        // What is behind the valid part was never durable.
+        scan.blocks.erase(
+            std::remove_if(scan.blocks.begin(), scan.blocks.end(),
+                           [&](const ScannedBlock& block) { return block.header.End() > row.length; }),
+            scan.blocks.end());
+        const std::uint64_t end = scan.blocks.empty() ? 0 : scan.blocks.back().header.End();
+        if (end != row.length) {
+            Wrong(end < row.length ? 4 : 3, path + ": what is at byte " + std::to_string(end) + " of " +
+                                                std::to_string(row.length) + " does not check");
+        }
+        CheckFooter(row, scan);
+        CompareExtents(row.key, TakeBlocks(row.key, scan));
+    }
+
+    bool IsKnown(const DamageRow& row) {
+        const std::vector<DamageRow>& known = damage_[row.segment];
+        return std::any_of(known.begin(), known.end(), [&](const DamageRow& each) {
+            return each.first <= row.first && row.end <= each.end;
+        });
+    }
+
+    void CheckFooter(const SegmentRow& row, const SegmentScan& scan) {
+        if (scan.hasFooter) {
+            ++footers_;
+            const auto file = files_.Open(PathOf(row.key), OpenMode::Read);
+            Bytes footer(static_cast<std::size_t>(scan.size - row.length));
+            file->Read(row.length, footer.data(), footer.size());
+            std::map<std::uint32_t, std::vector<BlockRef>> blocks;
+            for (const ScannedBlock& block : scan.blocks) {
+                if (block.header.kind == BlockKind::Records) {
+                    blocks[block.header.track].push_back({block.header.track, block.header.count,
+                                                          block.header.firstSerial, block.header.offset});
+                }
+            }
+            std::vector<BlockRef> directory;
+            for (const auto& [track, list] : blocks) {
+                directory.insert(directory.end(), list.begin(), list.end());
+            }
+            if (EncodeFooter(directory, scan.salt) != footer) {
+                Wrong(6, PathOf(row.key) + ": the footer has other blocks than the segment");
+            }
+        }
+    }
+
+    std::vector<ExtentRow> TakeBlocks(SegmentKey key, const SegmentScan& scan) {
+        for (const ScannedBlock& block : scan.blocks) {
+            CheckBlock(key, block);
+        }
+        const std::vector<ExtentRow> extents = TakeRecords(scan, key, nextSerials_);
+        CheckInfosInForce(key, scan);
+        return extents;
+    }
+
+    void CheckBlock(SegmentKey key, const ScannedBlock& scanned) {
+        const BlockHeader& block = scanned.header;
         const std::string where = PathOf(key) + " at byte " + std::to_string(block.offset) + ": ";
         const auto track = tracks_.find(block.track);
+        ++blocks_;
+        bytes_ += block.End() - block.offset;
+        records_ += block.count;
         if (block.kind != BlockKind::State && track != tracks_.end() &&
             LaneOf(track->second->recording, track->second->sparse) != key.lane) {
-            Wrong(9, where + "track " + std::to_string(block.track) + " is not of this lane");
+            Wrong(9, where + TrackName(block.track) + " is not of this lane");
+        }
+        if (block.kind == BlockKind::Records && block.firstSerial < seenSerials_[block.track]) {
+            Wrong(5, where + "the serials of " + TrackName(block.track) + " begin with " +
+                         std::to_string(block.firstSerial) + " after " +
+                         std::to_string(seenSerials_[block.track]));
         }
         if (block.kind == BlockKind::Records) {
-            std::uint64_t& next = nextSerials_[block.track];
-            if (block.firstSerial < next) {
-                Wrong(5, where + "the serials of track " + std::to_string(block.track) + " begin with " +
-                             std::to_string(block.firstSerial) + " after " + std::to_string(next));
-            }
-            next = block.firstSerial + block.count;
-            found.push_back({block.track, key, block.firstSerial, block.count});
-        } else {
-            TakeMarkers(block, walker.Body(block), where);
+            seenSerials_[block.track] = block.firstSerial + block.count;
+        } else if (scanned.isWhole) {
+            TakeControl(key, scanned, where);
         }
     }
 
-    void TakeMarkers(const BlockHeader& block, const Bytes& body, const std::string& where) {
-        if (block.kind == BlockKind::Erased) {
-            marked_[block.track].Add({block.firstSerial, ByteReader(body.data(), body.size()).U64()});
-        }
-        if (block.kind != BlockKind::State) {
-            return;
-        }
-        const auto state = DecodeLaneState(body);
-        if (!state) {
+    void TakeControl(SegmentKey key, const ScannedBlock& block, const std::string& where) {
+        const std::uint32_t track = block.header.track;
+        if (block.header.kind == BlockKind::Erased) {
+            marked_[track].Add(
+                {block.header.firstSerial, ByteReader(block.body.data(), block.body.size()).U64()});
+        } else if (block.header.kind == BlockKind::Info) {
+            infos_[{track, block.header.firstSerial}] = {std::string(block.body.begin(), block.body.end()),
+                                                         segments_.count(key) != 0, !damage_[key].empty()};
+        } else if (auto state = DecodeLaneState(block.body)) {
+            TakeState(key, *state, where);
+            states_[key.lane] = std::move(*state);
+        } else {
             Wrong(3, where + "the state cannot be read");
-            return;
         }
-        for (const TrackState& track : state->tracks) {
+    }
+
+    void TakeState(SegmentKey key, const LaneState& state, const std::string& where) {
+        if (LaneOf(state.recording, state.sparse) != key.lane) {
+            Wrong(9, where + "the state is of another lane");
+        }
+        for (const TrackState& track : state.tracks) {
+            std::uint64_t& seen = seenSerials_[track.id];
+            if (track.nextSerial < seen) {
+                Wrong(5, where + "the state says that " + TrackName(track.id) + " goes on with " +
+                             std::to_string(track.nextSerial) + " after " + std::to_string(seen));
+            }
+            seen = std::max(seen, track.nextSerial);
             marked_[track.id].Add({0, track.firstSerial});
             for (const SerialRange& range : track.erased) {
                 marked_[track.id].Add(range);
@@ -191,6 +313,11 @@ private:
         }
         for (const ExtentRow& row : extents_[key]) {
             fromCatalogue[row.track].Append({row.firstSerial, row.firstSerial + row.count});
+            const auto track = tracks_.find(row.track);
+            if (track != tracks_.end() && track->second->nextSerial < row.firstSerial + row.count) {
+                Wrong(5, TrackName(row.track) + " goes on with " + std::to_string(track->second->nextSerial) +
+                             ", which " + PathOf(key) + " has already");
+            }
         }
         if (fromBlocks != fromCatalogue) {
             Wrong(6, PathOf(key) + " has other records than the catalogue says");
@@ -200,35 +327,30 @@ private:
     void CheckSurvivors(const SegmentRow& row) {
         std::uint64_t survivors = 0;
         for (const ExtentRow& extent : extents_[row.key]) {
-            if (tracks_.count(extent.track) != 0) {
-                Survivors left = SurvivorsOf(extent);
-                survivors += left.Size();
-            }
+            survivors += SurvivorsOf(extent, content_);
         }
-        if (survivors == 0 && !row.removing && newest_[row.key.lane] != row.key.sequence) {
+        const bool isNewest = newest_[row.key.lane] == row.key.sequence;
+        if (survivors == 0 && !row.removing && !isNewest && damage_[row.key].empty()) {
             Wrong(8, PathOf(row.key) + " has no surviving record and is not listed as to be removed");
         }
-    }
-
-    Survivors SurvivorsOf(const ExtentRow& extent) {
-        Survivors left;
-        left.Append({extent.firstSerial, extent.firstSerial + extent.count});
-        left.Erase({0, tracks_.at(extent.track)->firstSerial});
-        for (const SerialRange& range : erased_[extent.track]) {
-            left.Erase(range);
+        if (survivors > 0 && row.removing) {
+            Wrong(8, PathOf(row.key) + " is listed as to be removed, but has " + std::to_string(survivors) +
+                         " surviving records");
         }
-        return left;
     }
 
     void CheckErased() {
         for (const auto& [id, track] : tracks_) {
             std::uint64_t before = track->firstSerial;
-            for (const SerialRange& range : erased_[id]) {
-                if (range.first <= before || range.end <= range.first) {
-                    Wrong(7, "the erased range " + Text(range) + " of track " + std::to_string(id) +
+            for (const ErasedRow& row : content_.erased) {
+                if (row.track != id) {
+                    continue;
+                }
+                if (row.range.first <= before) {
+                    Wrong(7, "the erased range " + Text(row.range) + " of " + TrackName(id) +
                                  " overlaps or touches what is before it");
                 }
-                before = range.end;
+                before = row.range.end;
             }
         }
         for (const ExtentRow& extent : content_.extents) {
@@ -242,72 +364,144 @@ private:
 
     /// What is erased of an extent that is still there must be marked as erased in the lane, too.
     void CheckMarked(const ExtentRow& extent) {
-        const ErasedRanges& marked = marked_[extent.track];
-        Survivors unmarked;
-        unmarked.Append({extent.firstSerial, extent.firstSerial + extent.count});
-        unmarked.Erase({0, marked.FirstSerial()});
-        for (const SerialRange& range : marked.Ranges()) {
-            unmarked.Erase(range);
-        }
-        const Survivors left = SurvivorsOf(extent);
-        if (unmarked.Size() > left.Size()) {
-            Wrong(10, PathOf(extent.segment) + ": " + std::to_string(unmarked.Size() - left.Size()) +
-                          " erased records of track " + std::to_string(extent.track) +
-                          " are not marked in the lane");
+        const SerialRange range{extent.firstSerial, extent.firstSerial + extent.count};
+        const std::uint64_t unmarked = Without(range, marked_[extent.track]).Size();
+        const std::uint64_t left = Without(range, erased_[extent.track]).Size();
+        if (unmarked > left) {
+            Wrong(10, PathOf(extent.segment) + ": " + std::to_string(unmarked - left) +
+                          " erased records of " + TrackName(extent.track) + " are not marked in the lane");
         }
     }
 
-    void CheckInfos() {
-        for (const InfoRow& row : content_.infos) {
-            const auto track = tracks_.find(row.track);
-            if (track == tracks_.end()) {
-                Wrong(11, "an info text is of track " + std::to_string(row.track) + ", which does not exist");
-            } else if (row.from >
-                       std::max({nextSerials_[row.track], track->second->nextSerial,
-                                 track->second->firstSerial,
-                                 erased_[row.track].empty() ? 0 : erased_[row.track].back().end})) {
-                Wrong(11, "an info text of track " + std::to_string(row.track) + " is for the records from " +
-                              std::to_string(row.from) + ", which is behind the end");
+    /// A state was made from the catalogue, so what it says is erased is.
+    void CheckStates() {
+        for (const auto& [lane, state] : states_) {
+            for (const TrackState& track : state.tracks) {
+                if (tracks_.count(track.id) == 0) {
+                    continue; // Erased behind the state.
+                }
+                bool isErased =
+                    track.firstSerial == 0 || Without({0, track.firstSerial}, erased_[track.id]).Size() == 0;
+                for (const SerialRange& range : track.erased) {
+                    isErased = isErased && Without(range, erased_[track.id]).Size() == 0;
+                }
+                if (!isErased) {
+                    Wrong(7, "the newest state of lane " + std::to_string(lane) + " has erased records of " +
+                                 TrackName(track.id) + " that the catalogue has not");
+                }
             }
         }
     }
 
+    void CheckInfos() {
+        std::map<InfoKey, bool> known;
+        for (const InfoRow& row : content_.infos) {
+            known[{row.track, row.from}] = true;
+            const auto track = tracks_.find(row.track);
+            if (track == tracks_.end()) {
+                Wrong(11, "an info text is of " + TrackName(row.track) + ", which does not exist");
+            } else if (row.from > std::max({nextSerials_[row.track], track->second->nextSerial,
+                                            track->second->firstSerial, LastErased(row.track)})) {
+                Wrong(11, "an info text of " + TrackName(row.track) + " is for the records from " +
+                              std::to_string(row.from) + ", which is behind the end");
+            }
+        }
+        for (const auto& [key, info] : infos_) {
+            if (known.count(key) == 0 || !info.isSealed) {
+                continue;
+            }
+            const std::string text = catalogue_.GetInfo(key.first, key.second);
+            // Where one that came after it was lost, none holds.
+            if (text != info.text && !(text.empty() && info.isNearDamage)) {
+                Wrong(11, "the info text of " + TrackName(key.first) + " from record " +
+                              std::to_string(key.second) +
+                              " on is another one in the catalogue than in its segment");
+            }
+        }
+    }
+
+    /// Records must have the text that they were written under, or none.
+    void CheckInfosInForce(SegmentKey key, const SegmentScan& scan) {
+        if (texts_.empty()) {
+            for (const InfoRow& row : content_.infos) {
+                texts_[row.track][row.from] = catalogue_.GetInfo(row.track, row.from);
+            }
+        }
+        InfoTexts& known = texts_;
+        for (const auto& [info, text] : infos_) {
+            if (!text.isSealed) { // The catalogue gets it with the next opening.
+                known[info.first][info.second] = text.text;
+            }
+        }
+        for (const MissingInfo& missing : MissInfos(scan, known)) {
+            const auto track = tracks_.find(missing.track);
+            const auto texts = known[missing.track];
+            const auto behind = texts.upper_bound(missing.from);
+            const std::string line = PathOf(key) + ": the info text of " + TrackName(missing.track) +
+                                     " from record " + std::to_string(missing.from) + " on is missing";
+            if (track == tracks_.end() || missing.end <= track->second->firstSerial) {
+                continue; // Nobody asks for it any more.
+            }
+            if (behind != texts.begin() && std::prev(behind)->second.empty()) {
+                report_.notes.push_back(line);
+            } else {
+                Wrong(11, line);
+            }
+        }
+    }
+
+    std::uint64_t LastErased(std::uint32_t track) {
+        const std::vector<SerialRange>& ranges = erased_[track].Ranges();
+        return ranges.empty() ? 0 : ranges.back().end;
+    }
+
     IFileSystem& files_;
     const StoreFolders folders_;
+    Catalogue& catalogue_;
     const StoreId id_;
     const CatalogueContent content_;
-    std::vector<std::string> wrong_;
+    VerifyReport report_;
     std::map<std::uint32_t, const TrackRow*> tracks_;
     std::map<SegmentKey, const SegmentRow*> segments_;
     std::map<std::uint32_t, std::uint32_t> nextSequences_;
     std::map<std::uint32_t, std::uint32_t> newest_; ///< Sequence of the newest segment of each lane.
     std::map<SegmentKey, std::vector<ExtentRow>> extents_;
-    std::map<std::uint32_t, std::vector<SerialRange>> erased_;
-    std::map<std::uint32_t, ErasedRanges> marked_;
-    std::map<std::uint32_t, std::uint64_t> nextSerials_; ///< Behind the blocks seen so far.
+    std::map<SegmentKey, std::vector<DamageRow>> damage_;
+    std::map<std::uint32_t, ErasedRanges> erased_; ///< As the catalogue has it.
+    std::map<std::uint32_t, ErasedRanges> marked_; ///< As the segments have it.
+    std::map<std::uint32_t, LaneState> states_;    ///< The newest of each lane.
+    std::map<InfoKey, InfoOfBlock> infos_;
+    InfoTexts texts_;         ///< Of the catalogue, and of what is not sealed.
+    NextSerials nextSerials_; ///< Behind the blocks seen so far.
+    NextSerials seenSerials_; ///< Likewise, with what states say.
+    std::uint64_t sealed_ = 0;
+    std::uint64_t unsealed_ = 0;
+    std::uint64_t footers_ = 0;
+    std::uint64_t blocks_ = 0;
+    std::uint64_t records_ = 0;
+    std::uint64_t bytes_ = 0;
 };
 
 } // namespace
 
-std::vector<std::string> VerifyStore(IFileSystem& files, const std::string& storage,
-                                     const std::string& database) {
+VerifyReport ExamineStore(IFileSystem& files, const std::string& storage, const std::string& database) {
     const StoreFolders folders{storage, database};
     if (!files.Exists(folders.Catalogue())) {
         throw std::runtime_error("There is no store: " + folders.Catalogue() + " is missing");
     }
-    std::unique_ptr<IFile> lock;
-    if (files.Exists(folders.Lock())) {
-        lock = files.Open(folders.Lock(), OpenMode::Read);
-        if (!lock->TryLock()) {
-            throw std::runtime_error("The store at " + storage + " is open in another process");
-        }
-    }
-    const SqliteVfs vfs(files);
+    const StoreLock lock = LockStore(files, folders);
+    const SqliteVfs vfs(files, SqliteVfs::Access::ReadOnly);
     Catalogue catalogue(folders.Catalogue(), vfs.Name(), Catalogue::Mode::ReadOnly);
+    catalogue.RequireVersion();
     if (catalogue.GetId() == StoreId{}) {
         return {}; // Making it was cut short; nothing was promised yet.
     }
     return Verifier(files, folders, catalogue).Run();
+}
+
+std::vector<std::string> VerifyStore(IFileSystem& files, const std::string& storage,
+                                     const std::string& database) {
+    return ExamineStore(files, storage, database).wrong;
 }
 
 } // namespace drenn::multi_track_recorder
