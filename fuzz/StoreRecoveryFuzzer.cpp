@@ -96,6 +96,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     for (const std::string& wrong : VerifyStore(disk, "/card/data", "/card/database")) {
         REQUIRE(isMended || wrong.find("Invariant 1: /card/data/00000002-00000002.seg") == 0);
     }
+    REQUIRE(disk.Exists("/card/data/00000002-00000001.seg")); // What it had is still there.
     Store again(disk, Options());
     REQUIRE(ReadAll(again) == first);
     BlobRecord record;

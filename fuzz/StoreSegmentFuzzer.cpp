@@ -18,8 +18,8 @@ using namespace drenn::multi_track_recorder;
 void CheckWalk(const IFile& file, std::uint64_t size) {
     SegmentWalker walker(file, std::numeric_limits<std::uint32_t>::max());
     std::uint64_t end = kSegmentHeaderBytes;
-    while (const auto block = walker.Next(true)) {
-        REQUIRE(block->offset == end);
+    while (const auto block = walker.Find()) {
+        REQUIRE(block->offset >= end);
         REQUIRE(block->End() > end && block->End() <= size);
         end = block->End();
         if (block->kind != BlockKind::Records) {
@@ -76,7 +76,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     const auto header = DecodeSegmentHeader(bytes.data(), bytes.size());
     if (header) {
         SegmentWalker walker(*file, bytes.size());
-        while (walker.Next(false)) {
+        while (walker.Find()) {
         }
         ReadAll(disk, *header, path, walker.Offset()); // What is behind may be a footer.
         ReadAll(disk, *header, path,

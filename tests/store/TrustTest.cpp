@@ -435,3 +435,98 @@ TEST(Trust, TheLockIsOfTheFoldersAndLongPathsWork) {
     test.options.database = "/" + std::string(5000, 'x');
     EXPECT_THAT(ThrownText<std::runtime_error>([&] { test.Open(); }), HasSubstr("File name too long"));
 }
+
+namespace {
+
+/// A closed store with erased ranges and states behind them, in several segments of both lanes.
+DiskImage ClosedStoreImage() {
+    SimFileSystem disk;
+    StoreOptions options = Workload::SmallStore();
+    options.segmentBytes = 8192;
+    {
+        Store store(disk, options);
+        const auto recording = store.NewRecording();
+        const auto track = recording->newTrack();
+        const auto sparse = recording->newTrack(TrackClass::Sparse);
+        for (unsigned int i = 0; i != kRecords; ++i) {
+            if (i % 30 == 0) {
+                track->setInfo("info " + std::to_string(i));
+            }
+            AppendText(*track, NumberText(i));
+            AppendText(*sparse, NumberText(i));
+            if (i % 5 == 4) {
+                store.Sync();
+            }
+            if (i == 40) {
+                track->eraseRange(20, 23);
+                track->eraseRange(0, 2);
+            }
+        }
+    }
+    return disk.GetImage();
+}
+
+} // namespace
+
+TEST(Trust, VerifyNoticesEveryFaultThatIsPlanted) {
+    const quarn::core::LogCapture log(quarn::core::LogLevel::Off);
+    const DiskImage good = ClosedStoreImage();
+    SimFileSystem whole(good);
+    const VerifyReport report = ExamineStore(whole, kStorage, kDatabase);
+    EXPECT_THAT(report.wrong, IsEmpty());
+    EXPECT_THAT(report.notes, IsEmpty());
+    EXPECT_THAT(report.checked, AllOf(HasSubstr("200 records"), Not(HasSubstr(" 0 footers"))));
+    const std::vector<std::pair<std::string, std::string>> planted{
+        {"UPDATE store SET id=x'000102030405060708090a0b0c0d0e0f'", "Invariant 1: /card/data/store"},
+        {"DELETE FROM segments WHERE sequence=1", "Invariant 2"},
+        {"INSERT INTO segments VALUES(2, 900, 5000, 1, 0)", "Invariant 2"},
+        {"UPDATE segments SET length=length-1 WHERE sequence=1", "Invariant 4"},
+        {"UPDATE segments SET length=length+80 WHERE sequence=1", "Invariant 4"},
+        {"UPDATE tracks SET next_serial=7 WHERE id=1", "Invariant 5"},
+        {"UPDATE extents SET count=count-1 WHERE sequence=1", "Invariant 6"},
+        {"DELETE FROM extents WHERE sequence=2 AND lane=3", "Invariant 6"},
+        {"UPDATE extents SET first_serial=1, count=count-1 WHERE sequence=1 AND lane=3", "Invariant 6"},
+        {"INSERT INTO extents VALUES(7, 2, 950, 0, 1)", "Invariant 6"},
+        {"INSERT INTO erased VALUES(1, 1, 3)", "Invariant 7"},
+        {"DELETE FROM erased", "Invariant 7"},
+        {"UPDATE tracks SET first_serial=0 WHERE id=1", "Invariant 7"},
+        {"UPDATE segments SET removing=1 WHERE sequence=2", "Invariant 8"},
+        {"UPDATE tracks SET first_serial=30 WHERE id=2", "Invariant 8"},
+        {"UPDATE tracks SET recording=9 WHERE id=1", "Invariant 9: track 1 is of recording 9"},
+        {"UPDATE tracks SET sparse=1 WHERE id=1", "Invariant 9"},
+        {"INSERT INTO erased VALUES(2, 50, 52)", "Invariant 10"},
+        {"UPDATE tracks SET first_serial=5 WHERE id=1", "Invariant 10"},
+        {"UPDATE infos SET text=x'41' WHERE from_serial=30", "Invariant 11"},
+        {"DELETE FROM infos WHERE from_serial=60", "Invariant 11"},
+        {"INSERT INTO infos VALUES(1, 9999, x'')", "Invariant 11"},
+        {"INSERT INTO infos VALUES(77, 0, x'')", "Invariant 11"},
+    };
+    for (const auto& [sql, expected] : planted) {
+        SimFileSystem disk(good);
+        {
+            const SqliteVfs vfs(disk);
+            Database("/card/database/catalogue", vfs.Name()).Execute("PRAGMA locking_mode=EXCLUSIVE; " + sql);
+        }
+        EXPECT_THAT(VerifyStore(disk, kStorage, kDatabase), Contains(HasSubstr(expected))) << sql;
+    }
+}
+
+TEST(Trust, VerifyComparesFootersWithTheirSegments) {
+    const quarn::core::LogCapture log(quarn::core::LogLevel::Off);
+    DiskImage bad = ClosedStoreImage();
+    std::vector<unsigned char>& segment = Change(bad, "/card/data/00000003-00000001.seg");
+    const auto header = DecodeSegmentHeader(segment.data(), segment.size());
+    const std::string magic = "CFTR";
+    const auto begin = std::search(segment.begin(), segment.end(), magic.begin(), magic.end());
+    ASSERT_NE(begin, segment.end());
+    auto directory = *DecodeFooter(Bytes(begin, segment.end()), header->salt);
+    ++directory.front().count;
+    const Bytes other = EncodeFooter(directory, header->salt);
+    std::copy(other.begin(), other.end(), begin);
+    SimFileSystem disk(bad);
+    EXPECT_THAT(VerifyStore(disk, kStorage, kDatabase),
+                Contains(AllOf(HasSubstr("Invariant 6"), HasSubstr("footer"))));
+    Change(bad, "/card/data/00000003-00000001.seg").back() ^= 1;
+    SimFileSystem torn(bad);
+    EXPECT_THAT(ExamineStore(torn, kStorage, kDatabase).notes, Contains(HasSubstr("footer")));
+}

@@ -6,6 +6,7 @@
 #include <cstdint>
 #include <cstdlib>
 #include <filesystem>
+#include <fstream>
 #include <stdexcept>
 #include <string>
 
@@ -14,12 +15,13 @@
 /// A small ext4 on a loop device, where the machine allows it.
 class SmallCard {
 public:
-    /// `reserved`: percent for root.
-    SmallCard(std::uint64_t bytes, int reserved) {
-        folder_.Write("image", "");
-        std::filesystem::resize_file(folder_.Path("image"), bytes);
+    /// `reserved`: percent for root. `backing`: the folder of the image, if not the card's own.
+    SmallCard(std::uint64_t bytes, int reserved, const std::string& backing = "")
+        : image_((backing.empty() ? folder_.Path() : backing) + "/image") {
+        std::ofstream(image_).close();
+        std::filesystem::resize_file(image_, bytes);
         std::filesystem::create_directory(Path());
-        Run("mkfs.ext4 -q -F -m " + std::to_string(reserved) + " " + folder_.Path("image"));
+        Run("mkfs.ext4 -q -F -m " + std::to_string(reserved) + " " + image_);
         if (why_.empty()) {
             Mount();
         }
@@ -29,7 +31,7 @@ public:
     SmallCard& operator=(const SmallCard&) = delete;
 
     void Mount() {
-        Run("mount -o loop " + folder_.Path("image") + " " + Path());
+        Run("mount -o loop " + image_ + " " + Path());
         isMounted_ = why_.empty();
     }
     /// Those who have files on it keep them.
@@ -62,6 +64,7 @@ private:
     }
 
     TempFolder folder_;
+    const std::string image_;
     std::string why_;
     bool isMounted_ = false;
 };

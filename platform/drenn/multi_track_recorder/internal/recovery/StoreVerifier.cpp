@@ -217,25 +217,25 @@ private:
     }
 
     void CheckFooter(const SegmentRow& row, const SegmentScan& scan) {
-        if (scan.hasFooter) {
-            ++footers_;
-            const auto file = files_.Open(PathOf(row.key), OpenMode::Read);
-            Bytes footer(static_cast<std::size_t>(scan.size - row.length));
-            file->Read(row.length, footer.data(), footer.size());
-            std::map<std::uint32_t, std::vector<BlockRef>> blocks;
-            for (const ScannedBlock& block : scan.blocks) {
-                if (block.header.kind == BlockKind::Records) {
-                    blocks[block.header.track].push_back({block.header.track, block.header.count,
-                                                          block.header.firstSerial, block.header.offset});
-                }
+        if (!scan.hasFooter || scan.length != row.length) {
+            return;
+        }
+        ++footers_;
+        std::map<std::uint32_t, std::vector<BlockRef>> blocks;
+        for (const ScannedBlock& block : scan.blocks) {
+            if (block.header.kind == BlockKind::Records) {
+                blocks[block.header.track].push_back(
+                    {block.header.track, block.header.count, block.header.firstSerial, block.header.offset});
             }
-            std::vector<BlockRef> directory;
-            for (const auto& [track, list] : blocks) {
-                directory.insert(directory.end(), list.begin(), list.end());
-            }
-            if (EncodeFooter(directory, scan.salt) != footer) {
-                Wrong(6, PathOf(row.key) + ": the footer has other blocks than the segment");
-            }
+        }
+        std::vector<BlockRef> directory;
+        for (const auto& [track, list] : blocks) {
+            directory.insert(directory.end(), list.begin(), list.end());
+        }
+        Bytes footer(static_cast<std::size_t>(scan.size - row.length)); // Bounded by the scan.
+        files_.Open(PathOf(row.key), OpenMode::Read)->Read(row.length, footer.data(), footer.size());
+        if (EncodeFooter(directory, scan.salt) != footer) {
+            Wrong(6, PathOf(row.key) + ": the footer has other blocks than the segment");
         }
     }
 
