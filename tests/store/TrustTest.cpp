@@ -256,7 +256,8 @@ TEST(Trust, OneRowAloneRemovesNoSegment) {
             .Execute("PRAGMA locking_mode=EXCLUSIVE; UPDATE segments SET removing=1");
     }
     EXPECT_THAT(VerifyStore(disk, kStorage, kDatabase), Contains(HasSubstr("Invariant 8")));
-    const Store store(disk, Workload::SmallStore());
+    Store store(disk, Workload::SmallStore());
+    store.Keep();
     EXPECT_EQ(Readable(store).size(), kRecords);
     EXPECT_TRUE(disk.Exists(kSegment));
 }

@@ -151,6 +151,10 @@ void Store::BuildTables(const CatalogueContent& content,
             track.SetErased({row.firstSerial, ranges});
         });
     }
+    for (const auto& [key, segment] : segments) {
+        segment->isRemoving =
+            segment->isRemoving && segment->survivors == 0; // One row alone removes nothing.
+    }
     for (const InfoRow& row : content.infos) {
         with(row.track, [&](TrackContent& track) {
             track.infos.push_back(
