@@ -52,6 +52,7 @@ TEST(Buffer, CutsNestedViewsAndRefusesThoseThatReachBeyond) {
     const std::string refused = "Tried to create a SubBuffer that extends beyond the current buffer";
     EXPECT_EQ(refused, ThrownText([&] { view->CreateSubBuffer(41); }));
     EXPECT_EQ(refused, ThrownText([&] { view->CreateSubBuffer(2, ~0U); }));
+    EXPECT_EQ(refused, ThrownText([&] { view->CreateSubBuffer(1, 40); }));
 }
 
 TEST(Buffer, ResizesItsOwnViewUpToTheWholeMemory) {

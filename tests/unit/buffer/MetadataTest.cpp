@@ -27,6 +27,8 @@ TEST(BufferMetadata, TurnsIntegersAndTextsIntoEachOther) {
     EXPECT_EQ("-3", metadata.GetString("a"));
     metadata.SetValue("a", "42abc");
     EXPECT_EQ(42, metadata.GetInt("a"));
+    metadata.SetValue("a", 7);
+    EXPECT_EQ("7", metadata.GetString("a"));
     EXPECT_EQ(0, metadata.GetInt("A"));
     EXPECT_FALSE(metadata.Contains("A"));
 }
