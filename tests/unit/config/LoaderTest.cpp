@@ -192,6 +192,21 @@ TEST(PluginManager, GivesOneInstancePerNameForAsLongAsItLives) {
     EXPECT_NE(nullptr, dynamic_cast<TestSink*>(remade.get()));
 }
 
+TEST(PluginManager, DoesNotGiveOutAPluginThatIsOnItsWayOut) {
+    static PluginManager plugins;
+    static PipelinePlugin* dying = nullptr;
+    static PipelinePlugin* given = nullptr;
+    struct Dying : TestFilter {
+        Dying() : TestFilter("d") { dying = this; }
+        ~Dying() override { given = plugins.CreatePlugin(TestConfig("d", {}, "TestSink")); }
+    };
+    PluginManager::RegisterPlugin(
+        "Dying", [](CalvaneEnv*, const IPluginConfiguration&) -> PipelinePlugin* { return new Dying; });
+    PluginPtr(plugins.CreatePlugin(TestConfig("d", {}, "Dying"))).reset();
+    ASSERT_NE(dying, given);
+    PipelinePlugin::Destroy(given);
+}
+
 TEST(PluginManager, MayGoBeforeItsPlugins) {
     const ExpectNoBuffersLeft check;
     PluginPtr queue;
