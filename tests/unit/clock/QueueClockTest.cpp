@@ -1,5 +1,6 @@
 #include "calvane/plugins/QueuePlugin.h"
 #include "calvane/runtime/CalvaneEnv.h"
+#include "quarn/osa/Semaphore.h"
 #include "support/TestPlugins.h"
 #include "support/clock/TestClock.h"
 
@@ -27,4 +28,12 @@ TEST_F(QueueClockTest, TakesBuffersAsSoonAsItIsConstructed) {
         queue->GetSink()->PushBuffer(MakeBuffer("x"));
     }
     EXPECT_EQ(100U, collector.Get().size());
+}
+
+// Some milliseconds from the end of a second, which is long past for the kernel.
+TEST(SemaphoreClockTest, WaitsIntoTheNextSecond) {
+    TestClock::Set({1, 999000});
+    quarn::osa::Semaphore semaphore("late", 0, 1);
+    EXPECT_FALSE(semaphore.TryLock(30)); // Returns.
+    TestClock::Release();
 }

@@ -9,6 +9,7 @@
 
 #include "quarn/osa/Semaphore.h"
 #include "quarn/osa/Thread.h"
+#include "quarn/osa/TimeStruct.h"
 #include "support/ThrownText.h"
 
 using namespace quarn::osa;
@@ -37,6 +38,13 @@ int NiceValue() {
 }
 
 } // namespace
+
+TEST(TimeStruct, CarriesIntoSecondsAndHasNoSign) {
+    EXPECT_EQ(TimeStruct(3, 1), TimeStruct(1, 999999) + TimeStruct(1, 2));
+    EXPECT_EQ(TimeStruct(0, 999999), TimeStruct(3, 0) - TimeStruct(2, 1));
+    EXPECT_EQ(TimeStruct(), TimeStruct(2, 0) - TimeStruct(2, 1));
+    EXPECT_LT(TimeStruct(1, 2), TimeStruct(2, 1));
+}
 
 TEST(Thread, HasItsNameAndAStackThatSuffices) {
     RunInThread(0, [] {
