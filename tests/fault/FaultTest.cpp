@@ -3,7 +3,6 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <atomic>
 #include <cerrno>
 #include <cstring>
 #include <fstream>
@@ -11,9 +10,7 @@
 #include "calvane/plugins/FileSink.h"
 #include "calvane/plugins/QueuePlugin.h"
 #include "calvane/runtime/CalvaneEnv.h"
-#include "calvane/runtime/MonitorThread.h"
 #include "calvane/runtime/PipelineManager.h"
-#include "quarn/osa/Thread.h"
 #include "support/Emulation.h"
 #include "support/Program.h"
 #include "support/TestPlugins.h"
@@ -55,21 +52,6 @@ long ResidentPages() {
 }
 
 } // namespace
-
-TEST(WatchdogDeathTest, NamesTheThreadThatHangsOfSeveral) {
-    SKIP_WHEN_EMULATED("a death test cannot start itself again");
-    testing::FLAGS_gtest_death_test_style = "threadsafe";
-    const auto hang = [] {
-        MonitorThread monitor(100);
-        monitor.AddMonitorEntry("sleeper");
-        bool* const alive = monitor.AddMonitorEntry("worker");
-        for (int i = 0; i != 3000; ++i) { // Long enough for any machine.
-            MonitorThread::Kick(alive);
-            quarn::osa::Thread::CurrentThread::MicroSleep(10000);
-        }
-    };
-    EXPECT_EXIT(hang(), testing::ExitedWithCode(255), "calvane: Thread sleeper failure");
-}
 
 TEST_F(FullDisk, FailsThePipelineWithAReason) {
     const TempFolder folder;
@@ -183,25 +165,4 @@ TEST_P(Soak, StartsAndStopsManyTimesWithoutLeavingAnything) {
     if (!kSlowed) { // Sanitizers keep what was freed for a while, and an emulator counts its own memory.
         EXPECT_LT(ResidentPages(), pages + 1024);
     }
-}
-
-TEST(Stop, WaitsForTheSleepUnderWayAndNoLonger) {
-    TestFactory factory;
-    std::atomic<int> calls{0};
-    factory.makers["s"] = [&](const auto&) {
-        return new TestSource("s", [&](auto&, quarn::osa::TimeStruct& next) {
-            ++calls;
-            next = {0, 300000};
-            return true;
-        });
-    };
-    PipelineManager manager(&factory, false);
-    manager.LoadFromIniFile(
-        IniFile::FromText("[calvane]\nt.pipelines=p\n[p]\nt.pipeline.head=s\n[s]\nt.plugin.type=s\n"));
-    const quarn::osa::TimeMonotonic start;
-    manager.Start();
-    ASSERT_TRUE(WaitUntil([&] { return calls == 1; }));
-    manager.Stop();
-    EXPECT_EQ(1, calls);
-    EXPECT_GE(quarn::osa::TimeMonotonic() - start, quarn::osa::TimeStruct(0, 300000));
 }

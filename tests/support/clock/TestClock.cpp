@@ -5,7 +5,9 @@
 
 #include <cerrno>
 #include <ctime>
+#include <memory>
 #include <mutex>
+#include <utility>
 
 using quarn::osa::TimeStruct;
 
@@ -28,6 +30,7 @@ bool frozen = false;
 TimeStruct shown;
 TimeStruct lag;
 std::vector<TimeStruct>* sleeps = nullptr;
+std::function<void()>* atEndOfSleep = nullptr;
 
 timespec ToTimespec(const TimeStruct& time) {
     return {static_cast<time_t>(time.seconds),
@@ -54,6 +57,11 @@ void Set(const TimeStruct& now) {
 void Advance(const TimeStruct& interval) {
     const std::lock_guard<std::mutex> guard(lock);
     shown = shown + interval;
+}
+
+void AtEndOfSleep(std::function<void()> action) {
+    const std::lock_guard<std::mutex> guard(lock);
+    atEndOfSleep = new std::function<void()>(std::move(action));
 }
 
 std::vector<TimeStruct> GetSleeps() {
@@ -90,13 +98,17 @@ extern "C" [[gnu::visibility("default")]] int clock_gettime(clockid_t clock, tim
 // Returns the error, as POSIX has it.
 extern "C" [[gnu::visibility("default")]] int clock_nanosleep(clockid_t clock, int flags,
                                                               const timespec* time, timespec* left) {
-    {
-        const std::lock_guard<std::mutex> guard(lock);
-        if (clock == CLOCK_MONOTONIC && frozen && flags == TIMER_ABSTIME) {
-            sleeps->push_back(FromTimespec(*time) - shown);
-            shown = FromTimespec(*time);
-            return 0;
-        }
+    std::unique_lock<std::mutex> guard(lock);
+    if (clock != CLOCK_MONOTONIC || !frozen || flags != TIMER_ABSTIME) {
+        guard.unlock();
+        return syscall(kSleep, clock, flags, time, left) == 0 ? 0 : errno;
     }
-    return syscall(kSleep, clock, flags, time, left) == 0 ? 0 : errno;
+    sleeps->push_back(FromTimespec(*time) - shown);
+    shown = FromTimespec(*time);
+    const std::unique_ptr<std::function<void()>> action(std::exchange(atEndOfSleep, nullptr));
+    guard.unlock();
+    if (action) {
+        (*action)();
+    }
+    return 0;
 }

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <functional>
 #include <vector>
 
 #include "quarn/osa/TimeStruct.h"
@@ -14,6 +15,8 @@ namespace TestClock {
 /// the clock to its end.
 void Set(const quarn::osa::TimeStruct& now);
 void Advance(const quarn::osa::TimeStruct& interval);
+/// Calls `action` at the end of the next sleep, on the thread that slept.
+void AtEndOfSleep(std::function<void()> action);
 /// The length of each sleep since the last call of Set.
 std::vector<quarn::osa::TimeStruct> GetSleeps();
 

@@ -72,3 +72,15 @@ TEST_F(RunnerClockTest, DoesNotSleepWhenItIsToldToStop) {
     EXPECT_EQ(1, calls);
     EXPECT_TRUE(TestClock::GetSleeps().empty());
 }
+
+TEST_F(RunnerClockTest, EndsBehindTheSleepInWhichItIsToldToStop) {
+    int calls = 0;
+    TestClock::AtEndOfSleep([this] { manager.SignalShutdown(); });
+    Run([&](TimeStruct& next) {
+        ++calls;
+        next = {60, 0};
+        return true;
+    });
+    EXPECT_EQ(1, calls);
+    EXPECT_EQ((std::vector<TimeStruct>{{60, 0}}), TestClock::GetSleeps());
+}
