@@ -5,6 +5,7 @@
 #include <cstring>
 #include <random>
 
+#include "drenn/multi_track_recorder/internal/format/SegmentFormat.h"
 #include "drenn/multi_track_recorder/internal/io/FileError.h"
 
 using namespace drenn::multi_track_recorder;
@@ -13,6 +14,7 @@ using Kind = DiskOperation::Kind;
 namespace {
 
 constexpr std::size_t kSectorBytes = 512;
+constexpr std::size_t kPageBytes = 4096;
 
 std::string FolderOf(const std::string& path) {
     return path.substr(0, path.rfind('/'));
@@ -71,6 +73,15 @@ DiskImage::Bytes& DiskImage::Change(unsigned int inode) {
         file = file ? std::make_shared<Bytes>(*file) : std::make_shared<Bytes>();
     }
     return const_cast<Bytes&>(*file); // This image's alone, and made as something that changes.
+}
+
+std::uint64_t HashOf(const DiskImage& image) {
+    std::uint64_t hash = 0;
+    for (const auto& [path, inode] : image.names) {
+        const DiskImage::Bytes& content = *image.files.at(inode);
+        hash = ChecksumOf(path.data(), path.size(), ChecksumOf(content.data(), content.size(), hash));
+    }
+    return hash;
 }
 
 class SimFileSystem::SimFile : public IFile {
@@ -147,7 +158,10 @@ private:
 SimFileSystem::SimFileSystem(DiskImage image) : image_(std::move(image)) {
     for (const auto& [path, inode] : image_.names) {
         folders_.insert(FolderOf(path));
-        lastInode_ = std::max(lastInode_, inode);
+    }
+    if (!image_.files.empty()) {
+        lastInode_ =
+            image_.files.rbegin()->first; // Also of files that were removed: their operations stay theirs.
     }
 }
 
@@ -355,15 +369,20 @@ std::uint64_t SimFileSystem::Used() const {
 PowerCuts::PowerCuts(std::vector<DiskOperation> trace, DiskImage start)
     : trace_(std::move(trace)), durable_(std::move(start)) {}
 
-std::size_t PowerCuts::ForEach(unsigned int imagesEach, unsigned int seed,
-                               const std::function<void(std::size_t moment, const DiskImage& image)>& check) {
+std::size_t PowerCuts::ForEach(unsigned int randomEach, unsigned int seed,
+                               const std::function<void(std::size_t moment, const DiskImage& image)>& check,
+                               std::size_t first) {
     std::vector<DiskOperation> pending;
     std::size_t images = 0;
     for (std::size_t moment = 0; moment <= trace_.size(); ++moment) {
-        // Nothing pending, nothing to vary.
-        const unsigned int variants = pending.empty() ? 1 : imagesEach;
-        for (unsigned int variant = 0; variant != variants; ++variant, ++images) {
-            check(moment, Settle(pending, variant, seed + static_cast<unsigned int>(images)));
+        if (moment >= first) {
+            for (const DiskImage& image : Structured(pending)) {
+                check(moment, image);
+                ++images;
+            }
+            for (unsigned int i = 0; i != (pending.empty() ? 0 : randomEach); ++i, ++images) {
+                check(moment, Settle(pending, seed + static_cast<unsigned int>(images)));
+            }
         }
         if (moment == trace_.size()) {
             break;
@@ -380,34 +399,65 @@ std::size_t PowerCuts::ForEach(unsigned int imagesEach, unsigned int seed,
     return images;
 }
 
-DiskImage PowerCuts::Settle(const std::vector<DiskOperation>& pending, unsigned int variant,
-                            unsigned int seed) const {
+DiskImage PowerCuts::Choose(const std::vector<DiskOperation>& pending,
+                            const std::function<bool(std::size_t number)>& isThere) const {
     DiskImage image = durable_;
-    if (variant == 0) {
-        return image;
+    for (std::size_t i = 0; i != pending.size(); ++i) {
+        if (isThere(i)) {
+            image.Apply(pending[i]);
+        }
     }
+    return image;
+}
+
+std::vector<DiskImage> PowerCuts::Structured(const std::vector<DiskOperation>& pending) const {
+    std::vector<DiskImage> images{durable_};
+    if (pending.empty()) {
+        return images;
+    }
+    images.push_back(Choose(pending, [](std::size_t) { return true; }));
+    images.push_back(Choose(pending, [&](std::size_t number) { return number < pending.size() / 2; }));
+    const auto place = [&](std::size_t number) {
+        const DiskOperation& operation = pending[number];
+        return ChangesNames(operation) ? FolderOf(operation.path) : std::to_string(operation.inode);
+    };
+    std::set<std::string> places;
+    for (std::size_t i = 0; i != pending.size(); ++i) {
+        places.insert(place(i));
+    }
+    for (const std::string& one : places.size() > 1 ? places : std::set<std::string>()) {
+        images.push_back(Choose(pending, [&](std::size_t number) { return place(number) == one; }));
+        images.push_back(Choose(pending, [&](std::size_t number) { return place(number) != one; }));
+    }
+    return images;
+}
+
+/// Any operations, and of a write any sectors; the length counts all. Where a sector or page did not get there, there is
+/// what was before, or what lay on the disk.
+DiskImage PowerCuts::Settle(const std::vector<DiskOperation>& pending, unsigned int seed) const {
+    DiskImage image = durable_;
     std::mt19937 random(seed);
     const auto chance = [&random](unsigned int of) { return random() % of == 0; };
+    const std::size_t unit = chance(2) ? kSectorBytes : kPageBytes;
+    const bool isStale = chance(4);
     for (const DiskOperation& operation : pending) {
-        if (variant != 1 && chance(2)) {
+        if (chance(2)) {
             continue; // Never got there.
         }
-        if (variant == 1 || operation.kind != Kind::Write || chance(2)) {
+        if (operation.kind != Kind::Write || chance(2)) {
             image.Apply(operation);
-        } else { // Some of its sectors; the length already counts all.
-            DiskImage::Bytes& file = image.Change(operation.inode);
-            file.resize(
-                std::max(file.size(), static_cast<std::size_t>(operation.position) + operation.bytes.size()));
-            std::size_t begin = 0;
-            while (begin != operation.bytes.size()) {
-                const std::size_t at = static_cast<std::size_t>(operation.position) + begin;
-                const std::size_t length =
-                    std::min(kSectorBytes - at % kSectorBytes, operation.bytes.size() - begin);
-                if (chance(2)) {
-                    WriteAt(file, at, operation.bytes.data() + begin, length);
-                }
-                begin += length;
+            continue;
+        }
+        DiskImage::Bytes& file = image.Change(operation.inode);
+        const std::size_t end = static_cast<std::size_t>(operation.position) + operation.bytes.size();
+        file.resize(std::max(file.size(), end), static_cast<unsigned char>(isStale ? 0x6b : 0));
+        for (std::size_t begin = 0; begin != operation.bytes.size();) {
+            const std::size_t at = static_cast<std::size_t>(operation.position) + begin;
+            const std::size_t length = std::min(unit - at % unit, operation.bytes.size() - begin);
+            if (chance(2)) {
+                WriteAt(file, at, operation.bytes.data() + begin, length);
             }
+            begin += length;
         }
     }
     return image;

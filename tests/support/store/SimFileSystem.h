@@ -122,21 +122,28 @@ private:
     std::shared_ptr<int> openFiles_ = std::make_shared<int>();
 };
 
+/// Tells images apart by their names and content.
+std::uint64_t HashOf(const DiskImage& image);
+
 /// What may be left of a disk when the power goes, for every moment of a trace. Of what was not synced by then any
-/// part may be there: of writes any sectors, in any order, or zeros in their place; of names any changes.
+/// part may be there: of writes any sectors or pages, in any order, or zeros, or what lay there before in their place; of
+/// names any changes.
 class PowerCuts {
 public:
     explicit PowerCuts(std::vector<DiskOperation> trace, DiskImage start = {});
 
-    /// Calls `check` for every moment, with its number (operations that were done before it) and a number of
-    /// images, the first without anything that was not synced, the second with all of it, the others at random.
-    /// Returns how many images there were.
-    std::size_t ForEach(unsigned int imagesEach, unsigned int seed,
-                        const std::function<void(std::size_t moment, const DiskImage& image)>& check);
+    /// Calls `check` for every moment from `first` on, with its number (operations that were done before it) and
+    /// images: without anything that was not synced, with all of it, with all or nothing of one file or folder, with the
+    /// first half, and some at random. Returns how many images there were.
+    std::size_t ForEach(unsigned int randomEach, unsigned int seed,
+                        const std::function<void(std::size_t moment, const DiskImage& image)>& check,
+                        std::size_t first = 0);
 
 private:
-    DiskImage Settle(const std::vector<DiskOperation>& pending, unsigned int variant,
-                     unsigned int seed) const;
+    DiskImage Settle(const std::vector<DiskOperation>& pending, unsigned int seed) const;
+    DiskImage Choose(const std::vector<DiskOperation>& pending,
+                     const std::function<bool(std::size_t number)>& isThere) const;
+    std::vector<DiskImage> Structured(const std::vector<DiskOperation>& pending) const;
     void MakeDurable(std::vector<DiskOperation>& pending, const DiskOperation& sync);
     static void Strand(std::vector<DiskOperation>& pending, const DiskOperation& sync);
 
