@@ -5,8 +5,11 @@
 #include <sys/syscall.h>
 #include <unistd.h>
 
+#include <atomic>
+#include <csignal>
 #include <thread>
 
+#include "quarn/osa/Module.h"
 #include "quarn/osa/Semaphore.h"
 #include "quarn/osa/Thread.h"
 #include "quarn/osa/TimeStruct.h"
@@ -38,6 +41,30 @@ int NiceValue() {
 }
 
 } // namespace
+
+TEST(Thread, SleepsOnWhenASignalComes) {
+    struct sigaction handler {};
+    struct sigaction before {};
+    handler.sa_handler = [](int) {};
+    sigaction(SIGUSR1, &handler, &before);
+    std::atomic<bool> slept{false};
+    std::thread sleeper([&slept] {
+        const TimeMonotonic start;
+        Thread::CurrentThread::MicroSleep(50000);
+        EXPECT_GE(TimeMonotonic() - start, TimeStruct(0, 50000));
+        slept = true;
+    });
+    while (!slept) {
+        pthread_kill(sleeper.native_handle(), SIGUSR1);
+        std::this_thread::yield();
+    }
+    sleeper.join();
+    sigaction(SIGUSR1, &before, nullptr);
+}
+
+TEST(Module, IsNeverTheProgramItself) {
+    EXPECT_EQ("Cannot load module: its path is empty", ThrownText([] { Module module(""); }));
+}
 
 TEST(TimeStruct, CarriesIntoSecondsAndHasNoSign) {
     EXPECT_EQ(TimeStruct(3, 1), TimeStruct(1, 999999) + TimeStruct(1, 2));
