@@ -9,6 +9,7 @@
 #include <algorithm>
 #include <atomic>
 #include <cerrno>
+#include <filesystem>
 #include <functional>
 
 #include "drenn/multi_track_recorder/internal/io/FileError.h"
@@ -167,6 +168,11 @@ TEST_F(PosixFiles, NameWhatTheyCannotDo) {
     files.Rename(folder.Path("file"), folder.Path("renamed"));
     EXPECT_THAT(files.List(folder.Path()), ElementsAre("renamed"));
     EXPECT_FALSE(files.Exists(folder.Path("file")));
+    std::filesystem::create_symlink(folder.Path("renamed"), folder.Path("link"));
+    for (const OpenMode mode : {OpenMode::Read, OpenMode::ReadWrite, OpenMode::Create}) {
+        EXPECT_THAT(ThrownText<FileError>([&] { files.Open(folder.Path("link"), mode); }), HasSubstr("link"));
+    }
+    EXPECT_TRUE(files.Exists(folder.Path("link")));
     const auto lock = files.TryLockFolder(folder.Path());
     EXPECT_NE(lock, nullptr);
     EXPECT_EQ(files.TryLockFolder(folder.Path()), nullptr);
