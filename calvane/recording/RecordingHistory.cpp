@@ -277,8 +277,19 @@ void RecordingManager::onStoreState(StoreState state) {
                 _queuedAtLoss = std::move(_historySaveQueue);
                 _historySaveQueue.clear();
                 _presentAtLoss = _presentTracks;
+                blameCardForQueuedEnds();
             }
             return;
+    }
+}
+
+/// Within the lock. Records fail as soon as the card is pulled, and on a busy machine a track's data can count as ended
+/// before the store has noticed why. What ended so shortly before ended with the card.
+void RecordingManager::blameCardForQueuedEnds() {
+    for (auto& [time, info] : _queuedAtLoss) {
+        if (info.at(kTrackDataPresent) == "0") {
+            info.emplace(kReason, std::to_string(static_cast<int>(CoverageReason::NoCard)));
+        }
     }
 }
 

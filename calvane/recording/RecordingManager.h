@@ -187,6 +187,7 @@ private:
     bool takeRecordingOf(const std::string& deviceInfo);
     void initTracks();
     void onStoreState(drenn::multi_track_recorder::StoreState state);
+    void blameCardForQueuedEnds();
     void repairHistoryAfterCard();
     bool wasClosedCleanly() const;
     void queueLocked(const Ptime& t, track_type type, bool present, CoverageReason reason);
