@@ -4,6 +4,7 @@
 #include <dlfcn.h>
 #include <fcntl.h>
 #include <gmock/gmock.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -173,6 +174,9 @@ TEST_F(PosixFiles, NameWhatTheyCannotDo) {
         EXPECT_THAT(ThrownText<FileError>([&] { files.Open(folder.Path("link"), mode); }), HasSubstr("link"));
     }
     EXPECT_TRUE(files.Exists(folder.Path("link")));
+    ASSERT_EQ(mkfifo(folder.Path("fifo").c_str(), 0600), 0);
+    EXPECT_THAT(ThrownText<FileError>([&] { files.Open(folder.Path("fifo"), OpenMode::ReadWrite); }),
+                HasSubstr("no regular file"));
     const auto lock = files.TryLockFolder(folder.Path());
     EXPECT_NE(lock, nullptr);
     EXPECT_EQ(files.TryLockFolder(folder.Path()), nullptr);
