@@ -154,8 +154,14 @@ TEST(MessageQueue, RemembersHowFullItWasAndDestroysWhatIsLeft) {
 TEST(MessageQueue, TakesFromProducersThatDoNotWaitForEachOther) {
     constexpr int kMessages = 30000;
     tMsgQueue<int> queue("numbers", 2 * kMessages);
-    RunInThreads(2, [&queue](int self) {
+    std::atomic<int> arrived{0};
+    RunInThreads(2, [&](int self) {
         for (int sent = 0; sent != kMessages; ++sent) {
+            if (sent % 100 == 0) { // So that one is not done before the other begins.
+                ++arrived;
+                while (arrived < 2 * (sent / 100 + 1)) { // Without a pause: both run from here on.
+                }
+            }
             queue.SendMsg(2 * sent + self);
         }
     });
