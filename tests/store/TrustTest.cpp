@@ -246,6 +246,42 @@ TEST(Trust, NoFlippedBitOfTheCatalogueRemovesASegmentOrChangesARecord) {
     EXPECT_GT(refused, bits / 397 / 4);
 }
 
+// A catalogue as earlier versions made it: no room for checksums in its pages, and no table of damage.
+TEST(Trust, AnEarlierCatalogueOpensAndGetsChecksums) {
+    const quarn::core::LogCapture log(quarn::core::LogLevel::Off);
+    const std::string path = std::string(kDatabase) + "/catalogue";
+    SimFileSystem disk(OpenStoreImage());
+    { const Store closed(disk, Workload::SmallStore()); }
+    {
+        const SqliteVfs vfs(disk);
+        Database earlier(path + ".earlier", vfs.Name());
+        earlier.Execute("PRAGMA locking_mode=EXCLUSIVE; ATTACH '" + path + "' AS made");
+        std::vector<std::pair<std::string, std::string>> tables;
+        for (Statement row(earlier,
+                           "SELECT name, sql FROM made.sqlite_master WHERE type='table' AND name NOT IN"
+                           " ('damage', 'sqlite_sequence')");
+             row.Step();) {
+            tables.emplace_back(row.Text(0), row.Text(1));
+        }
+        for (const auto& [name, sql] : tables) {
+            earlier.Execute(sql);
+            earlier.Execute("INSERT INTO main." + name + " SELECT * FROM made." + name);
+        }
+    }
+    disk.Rename(path + ".earlier", path);
+    const auto reserved = [&] {
+        unsigned char header[21] = {};
+        disk.Open(path, OpenMode::Read)->Read(0, header, sizeof header);
+        return static_cast<int>(header[20]);
+    };
+    ASSERT_EQ(reserved(), 0);
+    EXPECT_THAT(VerifyStore(disk, kStorage, kDatabase), IsEmpty());
+    EXPECT_EQ(OpenedTwice(disk.GetImage()), kRecords);
+    { const Store converted(disk, Workload::SmallStore()); }
+    EXPECT_EQ(reserved(), SqliteVfs::kReservedBytes);
+    EXPECT_THAT(VerifyStore(disk, kStorage, kDatabase), IsEmpty());
+}
+
 TEST(Trust, OneRowAloneRemovesNoSegment) {
     const quarn::core::LogCapture log(quarn::core::LogLevel::Off);
     SimFileSystem disk(OpenStoreImage());
