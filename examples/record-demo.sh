@@ -72,5 +72,5 @@ done
 kill -TERM "$recorder"
 wait "$recorder"
 echo
-echo "calvane-store verify card: $(calvane-store verify card)"
+echo "calvane-store verify card: $(calvane-store verify card | tail -n 1)"
 echo "All records are right."
