@@ -333,6 +333,8 @@ TEST(Trust, WhatCannotBeChangedCanStillBeRead) {
     const auto opened = [&](SimFileSystem& disk) {
         Store store(disk, Workload::SmallStore());
         EXPECT_EQ(store.GetState(), StoreState::ReadOnly);
+        store.Keep();
+        EXPECT_EQ(store.GetState(), StoreState::ReadOnly);
         EXPECT_EQ(Readable(store).size(), kRecords);
         const auto track = store.GetRecordings().front().lock()->getTracks().front().lock();
         EXPECT_THAT(ThrownText<std::runtime_error>([&] { AppendText(*track, "x"); }), HasSubstr("read-only"));

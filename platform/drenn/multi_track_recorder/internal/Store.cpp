@@ -114,6 +114,7 @@ void Store::TakeOver(OpenedStore& opened) {
     device_ = files_.DeviceOf(options_.storage);
     lock_ = std::move(opened.lock);
     lacksRoom_ = opened.lacksRoom;
+    hasIdentity_ = opened.hasIdentity;
     hasAside_ = !ListAside(files_, folders_).empty();
     context_->SetCatalogue(opened.catalogue);
     Build(opened);

@@ -124,6 +124,7 @@ private:
     bool hasAside_ = false; ///< There may be files to be removed before any segment. Guarded by keeperMutex_.
     bool lacksRoom_ = false;  ///< That is why the store is read-only. Guarded by keeperMutex_.
     bool hasReserve_ = false; ///< Guarded by keeperMutex_.
+    bool hasIdentity_ = true; ///< The card can be told by its identity. Guarded by keeperMutex_.
     std::string findError_;   ///< Why the card that is back cannot be used. Guarded by keeperMutex_.
     std::vector<SegmentKey>
         removed_; ///< Files that are gone for good, for the catalogue to forget. Likewise.

@@ -243,6 +243,7 @@ OpenedStore OpenStoreToRead(IFileSystem& files, const StoreFolders& folders, con
         throw;
     } catch (const std::runtime_error& error) {
         opened.told.emplace_back(error.what());
+        opened.hasIdentity = false;
     }
     if (id != opened.id) {
         throw std::runtime_error(folders.storage + " and " + folders.database +

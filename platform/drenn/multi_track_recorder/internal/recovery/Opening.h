@@ -57,6 +57,7 @@ struct OpenedStore {
     std::vector<std::string> told;                        ///< What was found damaged, one line each.
     std::string readOnly;                                 ///< Why it cannot be changed; empty if it can.
     bool lacksRoom = false;                               ///< For want of room.
+    bool hasIdentity = true; ///< False where it is opened to be read without the file, or with a damaged one.
 };
 
 /// Takes the lock, makes the store if it is not there, recovers what the last process left. `vfs`: a SqliteVfs for changes.
