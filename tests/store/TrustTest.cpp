@@ -189,15 +189,15 @@ TEST(Trust, ALaterVersionIsRefusedByNameAndNothingIsChanged) {
 TEST(Trust, AFileWhoseSyncFailedIsNotTrustedBeyondTheLastGoodOne) {
     const quarn::core::LogCapture log(quarn::core::LogLevel::Off);
     for (const int error : {ENOSPC, EDQUOT, EIO}) {
+        bool hasFailed = false;
+        std::string failed;
+        bool isUsedAgain = false;
         SimFileSystem disk;
         Store store(disk, Workload::SmallStore());
         const auto track = store.NewRecording()->newTrack();
         AppendText(*track, "first");
         store.Sync();
         AppendText(*track, "second");
-        bool hasFailed = false;
-        std::string failed;
-        bool isUsedAgain = false;
         disk.SetFault([&](const std::string& operation, const std::string& path) {
             if (operation == "sync" && path.find(".seg") != std::string::npos &&
                 !std::exchange(hasFailed, true)) {

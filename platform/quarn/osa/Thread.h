@@ -19,7 +19,7 @@ public:
     /// No thread gets a smaller stack: the C++ runtime, the dynamic linker and the logger need most of it.
     /// Stacks cost address space at once, but memory only where they were touched.
 #if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
-    static constexpr unsigned int kMinimumStackBytes = 1024 * 1024; // Instrumented frames are larger.
+    static constexpr unsigned int kMinimumStackBytes = 4096 * 1024; // Instrumented frames are larger.
 #else
     static constexpr unsigned int kMinimumStackBytes = 256 * 1024;
 #endif
