@@ -15,6 +15,14 @@ constexpr std::size_t kMostMemory = std::size_t{128} * 1024 * 1024;
 
 thread_local int locksHeld = 0;
 
+std::uint64_t BytesOf(const BlobRecord& record) {
+    std::uint64_t bytes = 0;
+    for (const Blob& blob : record.blobs()) {
+        bytes += blob.size();
+    }
+    return bytes;
+}
+
 } // namespace
 
 TrackImpl::TrackImpl(StoreContext& context, Lane& lane, std::shared_ptr<TrackContent> content,
@@ -136,19 +144,10 @@ void TrackImpl::ReadSerial(std::uint64_t serial, BlobRecord& record) const {
 }
 
 void TrackImpl::CheckSizes(const BlobRecord& record) const {
-    std::uint64_t bytes = 0;
-    for (const Blob& blob : record.blobs()) {
-        bytes += blob.size();
-    }
+    const std::uint64_t bytes = BytesOf(record);
     if (bytes > Track::kMaxRecordBytes) {
         throw std::runtime_error(Name() + ": a record of " + std::to_string(bytes) + " bytes is too large; " +
                                  std::to_string(Track::kMaxRecordBytes) + " are allowed");
-    }
-    if (bytes > context_.largestRecord) {
-        throw std::runtime_error(Name() + ": a record of " + std::to_string(bytes) +
-                                 " bytes is too large for the card of " + context_.options.storage +
-                                 ", which has room for " + std::to_string(context_.largestRecord) +
-                                 " in one record");
     }
     if (record.blobs().size() > Track::kMaxRecordBlobs) {
         throw std::runtime_error(Name() + ": a record of " + std::to_string(record.blobs().size()) +
@@ -157,11 +156,23 @@ void TrackImpl::CheckSizes(const BlobRecord& record) const {
     }
 }
 
+/// While the store is attached: its context goes with it.
+void TrackImpl::CheckFitsCard(const BlobRecord& record) const {
+    const std::uint64_t bytes = BytesOf(record);
+    if (bytes > context_.largestRecord) {
+        throw std::runtime_error(Name() + ": a record of " + std::to_string(bytes) +
+                                 " bytes is too large for the card of " + context_.options.storage +
+                                 ", which has room for " + std::to_string(context_.largestRecord) +
+                                 " in one record");
+    }
+}
+
 void TrackImpl::Append(const BlobRecord& record) {
     CheckSizes(record);
     relieve_();
     const Guard guard(*this);
     RequireAttached();
+    CheckFitsCard(record);
     context_.RequireGood();
     if (context_.memory > kMostMemory) {
         throw std::runtime_error(Name() + ": the device is too slow or full; " +

@@ -58,6 +58,7 @@ private:
 
     void RequireAttached() const;
     void CheckSizes(const BlobRecord& record) const;
+    void CheckFitsCard(const BlobRecord& record) const;
     void ReadSerial(std::uint64_t serial, BlobRecord& record) const;
     std::uint64_t SerialAtPosition() const;
     void Raise(std::uint32_t first, std::uint32_t last) const;
