@@ -1,5 +1,7 @@
 #include "calvane/graph/Sink.h"
 
+#include <atomic>
+
 #include "quarn/core/Logger.h"
 #include "quarn/osa/Exception.h"
 
@@ -11,7 +13,7 @@ public:
 
     IBufferHandler* const bufferHandler;
     IFormatHandler* formatHandler = nullptr;
-    const char* owner = nullptr;
+    std::atomic<const char*> owner{nullptr}; // Asking a plugin for its sink sets it, on any thread.
     BufferFormat format;
 };
 
@@ -42,13 +44,12 @@ void Sink::PushFormat(const BufferFormat& format) const {
 }
 
 void Sink::SetOwner(const char* plugin) {
-    if (impl_->owner == nullptr) {
-        impl_->owner = plugin;
-    }
+    const char* none = nullptr;
+    impl_->owner.compare_exchange_strong(none, plugin, std::memory_order_relaxed);
 }
 
 const char* Sink::GetOwner() const {
-    return impl_->owner;
+    return impl_->owner.load(std::memory_order_relaxed); // The name was there before the plugin was.
 }
 
 const BufferFormat& Sink::GetFormat() const {

@@ -130,6 +130,9 @@ TEST_F(ProgramTest, NamesThePluginAndTheThreadOfACrash) {
 
 // What watches them takes its place on the stack, too.
 TEST_F(ProgramTest, RunsTheLongestLineThatIsAllowed) {
+#if defined(__SANITIZE_THREAD__)
+    GTEST_SKIP() << "the thread sanitizer gives up where a thread holds more than 64 locks";
+#endif
     folder.Write("in", "content");
     std::string line = "FileSource filename=in";
     for (int i = 0; i != 998; ++i) {

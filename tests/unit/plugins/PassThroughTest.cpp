@@ -7,6 +7,7 @@
 #include "calvane/plugins/FormatFilterPlugin.h"
 #include "calvane/plugins/IdentityPlugin.h"
 #include "calvane/runtime/Sync.h"
+#include "quarn/osa/Thread.h"
 #include "support/RunInThreads.h"
 #include "support/TestPlugins.h"
 #include "support/WaitUntil.h"
@@ -76,10 +77,14 @@ TEST(Sync, WakesThreadsThatWaitUnderTheSameName) {
     // One broadcast wakes all that wait, though some may have come too late for the first ones.
     constexpr int kWaiters = 8;
     int fewestBroadcasts = kWaiters;
-    for (int round = 0; round != 5; ++round) {
+    for (unsigned int round = 0; round != 5; ++round) {
         int broadcasts = 0;
+        std::atomic<int> ready{0};
         std::atomic<int> woken{0};
         std::thread waker([&] {
+            EXPECT_TRUE(WaitUntil([&] { return ready == kWaiters; }));
+            quarn::osa::Thread::CurrentThread::MicroSleep(20000U
+                                                          << round); // Until they wait, on any machine.
             EXPECT_TRUE(WaitUntil([&] {
                 Sync("other").broadcastSyncEvent();
                 waking.broadcastSyncEvent();
@@ -87,7 +92,10 @@ TEST(Sync, WakesThreadsThatWaitUnderTheSameName) {
                 return woken == kWaiters;
             }));
         });
-        RunInThreads(kWaiters, [&](int) { woken += waiting.waitOnSyncEvent(60000) == 0 ? 1 : 0; });
+        RunInThreads(kWaiters, [&](int) {
+            ++ready;
+            woken += waiting.waitOnSyncEvent(60000) == 0 ? 1 : 0;
+        });
         waker.join();
         fewestBroadcasts = std::min(fewestBroadcasts, broadcasts);
     }
