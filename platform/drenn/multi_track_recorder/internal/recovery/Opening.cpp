@@ -238,7 +238,9 @@ OpenedStore OpenStoreToRead(IFileSystem& files, const StoreFolders& folders, con
     }
     StoreId id = opened.id; // The segments have it, too.
     try {
-        id = ReadIdentity(files, folders.Identity());
+        // Not assigned at once: on 32-bit ARM the compiler then has the function fill `id` before it throws.
+        const StoreId read = ReadIdentity(files, folders.Identity());
+        id = read;
     } catch (const LaterVersionError&) {
         throw;
     } catch (const std::runtime_error& error) {
