@@ -169,22 +169,23 @@ private:
         std::string groups;
         for (size_t i = 0; i != heads_.size(); ++i) {
             const std::string name = heads_.size() == 1 ? "pipeline" : "pipeline" + std::to_string(i);
-            names += (names.empty() ? "" : ", ") + name;
-            groups += "\n[" + name + "]\n" + keys::kHead + " = " + plugins_[heads_[i]].name + "\n";
+            names.append(names.empty() ? "" : ", ").append(name);
+            groups.append("\n[").append(name).append("]\n");
+            groups.append(keys::kHead).append(" = ").append(plugins_[heads_[i]].name).append("\n");
         }
         std::string text = std::string("[") + keys::kFrameworkGroup + "]\n" + keys::kPipelines + " = " +
                            names + "\n" + groups;
         for (const Plugin& plugin : plugins_) {
-            text += "\n[" + plugin.name + "]\n";
+            text.append("\n[").append(plugin.name).append("]\n");
             for (const auto& [key, value] : plugin.values) {
-                text += key + " = " + value + "\n";
+                text.append(key).append(" = ").append(value).append("\n");
             }
             for (const auto& [key, successors] : plugin.successors) {
-                text += key + " = ";
+                text.append(key).append(" = ");
                 for (const std::string& successor : successors) {
-                    text += (&successor == &successors.front() ? "" : ", ") + successor;
+                    text.append(&successor == &successors.front() ? "" : ", ").append(successor);
                 }
-                text += "\n";
+                text.append("\n");
             }
         }
         return text;
@@ -236,9 +237,9 @@ std::string ToIni(const std::string& line) {
 std::string ToText(const IniFile& ini) {
     std::string text;
     for (const std::string& group : ini.GetGroups()) {
-        text += (text.empty() ? "[" : "\n[") + group + "]\n";
+        text.append(text.empty() ? "[" : "\n[").append(group).append("]\n");
         for (const auto& [key, value] : ini[group]) {
-            text += key + " = " + value + "\n";
+            text.append(key).append(" = ").append(value).append("\n");
         }
     }
     return text;

@@ -127,7 +127,7 @@ std::vector<std::string> StoreInspection::EmptyAside() const {
     IFileSystem& files = PosixFileSystem();
     const StoreFolders folders{storage_, database_};
     const StoreLock lock = LockStore(files, folders);
-    const std::vector<std::string> paths = ListAside(files, folders);
+    std::vector<std::string> paths = ListAside(files, folders);
     for (const std::string& path : paths) {
         files.Remove(path);
     }

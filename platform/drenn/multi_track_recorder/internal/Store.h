@@ -67,6 +67,9 @@ private:
     void TakeOver(OpenedStore& opened);
     void Tidy();
     void Build(const OpenedStore& opened);
+    using SegmentsByKey = std::map<SegmentKey, std::shared_ptr<Segment>>;
+    SegmentsByKey BuildSegments(const CatalogueContent& content,
+                                const std::map<std::uint32_t, std::shared_ptr<RecordingImpl>>& recordings);
     void BuildTables(const CatalogueContent& content,
                      const std::map<std::uint32_t, std::shared_ptr<RecordingImpl>>& recordings,
                      const std::map<std::uint32_t, std::shared_ptr<TrackContent>>& tracks);

@@ -97,26 +97,7 @@ void Store::Build(const OpenedStore& opened) {
 void Store::BuildTables(const CatalogueContent& content,
                         const std::map<std::uint32_t, std::shared_ptr<RecordingImpl>>& recordings,
                         const std::map<std::uint32_t, std::shared_ptr<TrackContent>>& tracks) {
-    std::map<SegmentKey, std::shared_ptr<Segment>> segments;
-    for (const SegmentRow& row : content.segments) {
-        auto segment = std::make_shared<Segment>(row.key, context_->PathOf(row.key));
-        segment->length = row.length;
-        segment->time = row.time;
-        segment->isSealed = true;
-        segment->isRemoving = row.removing;
-        segments[row.key] = segment;
-        context_->SetLowestTime(row.time);
-        const auto recording = recordings.find(row.key.lane / 2);
-        if (recording != recordings.end()) {
-            recording->second->GetLane(row.key.lane % 2 != 0).Add(segment);
-        }
-    }
-    for (const DamageRow& row : content.damage) {
-        const auto segment = segments.find(row.segment);
-        if (segment != segments.end()) {
-            segment->second->isDamaged = true;
-        }
-    }
+    const SegmentsByKey segments = BuildSegments(content, recordings);
     const auto with = [&](std::uint32_t id, auto action) {
         const auto track = tracks.find(id);
         if (track != tracks.end()) {
@@ -164,6 +145,32 @@ void Store::BuildTables(const CatalogueContent& content,
     for (const auto& track : tracks) {
         with(track.first, [&](TrackContent& each) { TakePending(each, *context_); });
     }
+}
+
+Store::SegmentsByKey Store::BuildSegments(
+    const CatalogueContent& content,
+    const std::map<std::uint32_t, std::shared_ptr<RecordingImpl>>& recordings) {
+    SegmentsByKey segments;
+    for (const SegmentRow& row : content.segments) {
+        auto segment = std::make_shared<Segment>(row.key, context_->PathOf(row.key));
+        segment->length = row.length;
+        segment->time = row.time;
+        segment->isSealed = true;
+        segment->isRemoving = row.removing;
+        segments[row.key] = segment;
+        context_->SetLowestTime(row.time);
+        const auto recording = recordings.find(row.key.lane / 2);
+        if (recording != recordings.end()) {
+            recording->second->GetLane(row.key.lane % 2 != 0).Add(segment);
+        }
+    }
+    for (const DamageRow& row : content.damage) {
+        const auto segment = segments.find(row.segment);
+        if (segment != segments.end()) {
+            segment->second->isDamaged = true;
+        }
+    }
+    return segments;
 }
 
 } // namespace drenn::multi_track_recorder

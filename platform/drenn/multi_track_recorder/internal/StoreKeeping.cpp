@@ -63,11 +63,11 @@ void Store::CheckCard() {
     }
     StoreState state = StoreState::Good;
     try {
-        if (files_.DeviceOf(options_.storage) != device_) {
-            state = StoreState::NoCard;
-        } else if (!hasIdentity_) {
-            return; // The device has to do.
-        } else if (!files_.Exists(folders_.Identity())) {
+        const bool isSameDevice = files_.DeviceOf(options_.storage) == device_;
+        if (isSameDevice && !hasIdentity_) {
+            return; // Nothing else can be compared.
+        }
+        if (!isSameDevice || !files_.Exists(folders_.Identity())) {
             state = StoreState::NoCard;
         } else if (ReadIdentity(files_, folders_.Identity()) != context_->id) {
             state = StoreState::OtherCard;

@@ -184,7 +184,7 @@ void Rebuilder::MarkDead() {
 }
 
 std::uint64_t Rebuilder::Estimate() const {
-    std::uint64_t bytes = 20 * 4096; // Each table and index has a page, however empty.
+    std::uint64_t bytes = std::uint64_t{20} * 4096; // Each table and index has a page, however empty.
     for (const InfoRow& info : content_.infos) {
         bytes += info.text.size() + 64;
     }

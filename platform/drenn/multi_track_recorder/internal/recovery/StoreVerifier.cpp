@@ -243,7 +243,7 @@ private:
         for (const ScannedBlock& block : scan.blocks) {
             CheckBlock(key, block);
         }
-        const std::vector<ExtentRow> extents = TakeRecords(scan, key, nextSerials_);
+        std::vector<ExtentRow> extents = TakeRecords(scan, key, nextSerials_);
         CheckInfosInForce(key, scan);
         return extents;
     }
