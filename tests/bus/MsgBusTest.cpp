@@ -41,8 +41,8 @@ private:
 TEST(MsgBusTest, WithoutABusMessagesStayInTheProcessWhichIsSaidOnce) {
     setenv("DRENN_BUS", "unix:path=/nowhere/at/all", 1);
     const quarn::core::LogCapture capture(quarn::core::LogLevel::Warning);
-    MsgBus bus;
     Inbox inbox;
+    MsgBus bus;
     const int subscription = bus.Subscribe("door", std::ref(inbox));
     bus.PublishText("door", "open");
     bus.PublishBytes("door", "\0\1", 2);
@@ -71,10 +71,10 @@ TEST(MsgBusTest, WithoutABusMessagesStayInTheProcessWhichIsSaidOnce) {
 
 TEST(MsgBusTest, MessagesReachOtherProcessesAndAgainAfterTheBusWasLost) {
     PrivateBus daemon;
-    MsgBus here;
-    MsgBus there; // A connection of its own, as another process would have.
     Inbox own;
     Inbox inbox;
+    MsgBus here;
+    MsgBus there; // A connection of its own, as another process would have.
     here.Subscribe("door", std::ref(own));
     there.Subscribe("door", std::ref(inbox));
     const auto arrives = [&](const std::string& text) {
@@ -110,9 +110,9 @@ TEST(MsgBusTest, MessagesReachOtherProcessesAndAgainAfterTheBusWasLost) {
 
 TEST(MsgBusTest, ASubscriberMayEndItselfAndNoneIsCalledAfterItsEnd) {
     setenv("DRENN_BUS", "unix:path=/nowhere/at/all", 1);
-    MsgBus bus;
     int calls = 0;
     int self = 0;
+    MsgBus bus;
     self = bus.Subscribe("t", [&](const Message&) {
         ++calls;
         bus.Unsubscribe(self);
