@@ -16,6 +16,10 @@ if(CALVANE_WERROR)
   add_compile_options(-Werror)
 endif()
 
+# Calls within a library go straight to the function, not through the procedure linkage table: nobody replaces
+# functions of these libraries at load time. ExportedSymbols.cmake tells the linker the same.
+add_compile_options(-fno-semantic-interposition)
+
 if(CALVANE_BUILD_FUZZERS)
   # So that the fuzzer sees which ways through the libraries an input takes.
   add_compile_options(-fsanitize=fuzzer-no-link)

@@ -46,6 +46,7 @@ public:
 
     PipelinePlugin* owner;
     core::Logger* const logger;
+    const char* const runningName = logger->GetName().c_str(); // Lives as long as the process.
     const std::string name;
     std::unique_ptr<IAttachment> attachment;
     IGenerateBufferHandler* generateBufferHandler = nullptr;
@@ -83,7 +84,7 @@ Sink* PipelinePlugin::GetSink(const std::string& name) {
     }
     Sink* const sink = impl_->getSinkHandler->OnGetSink(name);
     if (sink != nullptr) {
-        sink->SetOwner(impl_->logger->GetName().c_str());
+        sink->SetOwner(impl_->runningName);
     }
     return sink;
 }
@@ -113,7 +114,7 @@ bool PipelinePlugin::GenerateBuffer(osa::TimeStruct& next) {
         logger->Warning("IGenerateBufferHandler not implemented!");
         return false;
     }
-    const char* const before = RunningPlugin::Enter(impl_->logger->GetName().c_str());
+    const char* const before = RunningPlugin::Enter(impl_->runningName);
     const bool goesOn = impl_->generateBufferHandler->OnGenerateBuffer(next);
     RunningPlugin::Leave(before);
     return goesOn;

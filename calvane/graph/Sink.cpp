@@ -17,6 +17,16 @@ public:
     BufferFormat format;
 };
 
+namespace {
+
+// Not inline, so that a push that is wanted needs no stack.
+[[gnu::noinline]] void DeleteUnwanted(Buffer* buffer) {
+    const std::unique_ptr<Buffer> unwanted(buffer);
+    core::Logger::GetLogger("Sink")->Warning("Received a buffer but no listener was attached!");
+}
+
+} // namespace
+
 Sink::Sink(IBufferHandler* handler) : impl_(std::make_unique<SinkImpl>(handler)) {}
 
 Sink::~Sink() = default;
@@ -29,12 +39,11 @@ void Sink::SetFormatHandler(IFormatHandler* handler) {
 }
 
 void Sink::PushBuffer(Buffer* buffer) const {
-    if (impl_->bufferHandler != nullptr) {
-        impl_->bufferHandler->OnBuffer(this, buffer);
+    if (impl_->bufferHandler == nullptr) {
+        DeleteUnwanted(buffer);
         return;
     }
-    const std::unique_ptr<Buffer> unwanted(buffer);
-    core::Logger::GetLogger("Sink")->Warning("Received a buffer but no listener was attached!");
+    impl_->bufferHandler->OnBuffer(this, buffer);
 }
 
 void Sink::PushFormat(const BufferFormat& format) const {

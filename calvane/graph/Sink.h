@@ -44,9 +44,9 @@ public:
     void PushBuffer(Buffer* buffer) const;
     void PushFormat(const BufferFormat& format) const;
 
-    /// Failures of the buffer handler are attributed to the plugin of this name from now on, when buffers come
-    /// through a source. The first call counts. `plugin` lives as long as the process, as the name of a logger
-    /// does.
+    /// Failures of the buffer handler are attributed to the plugin of this name when buffers come through a
+    /// source that is connected from now on. The first call counts. `plugin` lives as long as the process, as
+    /// the name of a logger does.
     void SetOwner(const char* plugin);
     /// The name that was set, or null.
     const char* GetOwner() const;

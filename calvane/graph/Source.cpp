@@ -14,13 +14,27 @@ namespace quarn::calvane {
 // On cache lines of its own: what lies beside it may belong to another thread.
 class alignas(osa::kCacheLineBytes) Source::SourceImpl {
 public:
-    /// Call with the lock held.
-    bool IsConnectedTo(const Sink* sink) const {
-        return std::find(sinks.begin(), sinks.end(), sink) != sinks.end();
+    struct Connection {
+        bool operator==(const Sink* other) const { return sink == other; }
+        // The plugin is entered here, and not by its sink, so that a push takes no further place on the stack.
+        void Push(Buffer* buffer) const {
+            RunningPlugin::Enter(owner);
+            sink->PushBuffer(buffer);
+        }
+
+        Sink* sink;
+        const char* owner; // The sink's, kept here so that a push does not ask for it.
+    };
+
+    // To all sinks but the last. Not inline: most sources have one sink, and are quicker without the loop.
+    [[gnu::noinline]] void PushDuplicates(const Buffer* buffer) const {
+        for (auto each = connections.begin(); each != connections.end() - 1; ++each) {
+            each->Push(buffer != nullptr ? buffer->Duplicate() : nullptr);
+        }
     }
 
     mutable osa::Mutex lock;
-    std::vector<Sink*> sinks; // In connection order.
+    std::vector<Connection> connections; // In their order.
     BufferFormat format;
 };
 
@@ -33,49 +47,49 @@ void Source::ConnectTo(Sink* sink) {
         throw osa::Exception("A source cannot be connected to no sink (null)");
     }
     const osa::MutexAutoLock lock(impl_->lock);
-    if (impl_->IsConnectedTo(sink)) {
+    auto& connections = impl_->connections;
+    if (std::find(connections.begin(), connections.end(), sink) != connections.end()) {
         return;
     }
     FormatException::ThrowUnlessCompatible(sink->GetFormat(), impl_->format);
-    impl_->sinks.push_back(sink);
+    connections.push_back({sink, sink->GetOwner()});
     try {
         sink->PushFormat(impl_->format);
     } catch (...) {
-        impl_->sinks.pop_back();
+        connections.pop_back();
         throw;
     }
 }
 
 bool Source::Disconnect(const Sink* sink) {
     const osa::MutexAutoLock lock(impl_->lock);
-    const auto end = std::remove(impl_->sinks.begin(), impl_->sinks.end(), sink);
-    const bool connected = end != impl_->sinks.end();
-    impl_->sinks.erase(end, impl_->sinks.end());
-    return connected;
+    auto& connections = impl_->connections;
+    const auto found = std::find(connections.begin(), connections.end(), sink);
+    if (found == connections.end()) {
+        return false;
+    }
+    connections.erase(found);
+    return true;
 }
 
 void Source::PushBuffer(Buffer* buffer) {
     std::unique_ptr<Buffer> owned(buffer);
     const osa::MutexAutoLock lock(impl_->lock);
-    if (impl_->sinks.empty()) {
+    const auto& connections = impl_->connections;
+    if (connections.empty()) {
         return;
     }
-    // The plugins are entered here, and not by their sinks, so that a push takes no further place on the stack.
     const char* const before = RunningPlugin::Get();
-    const auto last = impl_->sinks.end() - 1;
-    for (auto sink = impl_->sinks.begin(); sink != last; ++sink) {
-        Buffer* const duplicate = owned ? owned->Duplicate() : nullptr;
-        RunningPlugin::Enter((*sink)->GetOwner());
-        (*sink)->PushBuffer(duplicate);
+    if (connections.size() > 1) {
+        impl_->PushDuplicates(owned.get());
     }
-    RunningPlugin::Enter((*last)->GetOwner());
-    (*last)->PushBuffer(owned.release());
+    connections.back().Push(owned.release());
     RunningPlugin::Leave(before);
 }
 
 void Source::SetFormat(const BufferFormat& newFormat) {
     const osa::MutexAutoLock lock(impl_->lock);
-    for (const Sink* sink : impl_->sinks) {
+    for (const auto& [sink, owner] : impl_->connections) {
         FormatException::ThrowUnlessCompatible(sink->GetFormat(), newFormat);
         sink->PushFormat(newFormat);
     }
