@@ -2,10 +2,9 @@
 import filecmp
 import os
 import shutil
-import sys
 import tempfile
 
-from measure import Samples, elapsed
+from measure import Failure, Samples, elapsed
 
 MIB = 1024 * 1024
 DESCRIPTION = """[calvane]
@@ -32,8 +31,8 @@ class FileRows:
     SIZES = [(64 * 1024, 256 * MIB, 1.1, 0.9), (1024, 64 * MIB, None, None)]  # Block, file, limits: dd, GStreamer.
     MEMORY = "/dev/shm"
 
-    def __init__(self, calvane, gst, quick):
-        self._calvane, self._gst, self._quick = calvane, gst, quick
+    def __init__(self, calvane, gst, extent):
+        self._calvane, self._gst, self._share = calvane, gst, 64 if extent == "smoke" else 1
 
     def measure(self, rounds):
         rows = []
@@ -41,7 +40,8 @@ class FileRows:
             if not os.path.isdir(folder) or shutil.disk_usage(folder).free < 1024 * MIB:
                 print(f"{folder} has not got a free GiB: no files {place}.")
                 continue
-            for block, length, dd_limit, gst_limit in self.SIZES:
+            for block, whole, dd_limit, gst_limit in self.SIZES:
+                length = whole // self._share
                 with tempfile.TemporaryDirectory(prefix="calvane-bench-", dir=folder) as here:
                     rows += self._rows(here, place, rounds, block, length, (dd_limit, gst_limit))
         return rows
@@ -55,12 +55,9 @@ class FileRows:
         commands = self._commands(here, source, target, block)
         samples = Samples()
         for _ in range(rounds):
-            times = {name: self._copy(command, source, target) for name, command in commands.items()}
-            for name in list(times)[1:]:
-                samples.add(name, times["calvane"] * 1e3, times[name] * 1e3)
-        self._copy(commands["calvane"], source, target, keep=True)
-        if not filecmp.cmp(source, target, shallow=False):
-            sys.exit(f"bench: what `calvane run` has copied in {here} is not the same")
+            for name in list(commands)[1:]:
+                samples.add(name, lambda other=name: [self._copy(commands[each], source, target) * 1e3
+                                                      for each in ("calvane", other)])
         return [(f"file to file, {block // 1024} KiB blocks, {length // MIB} MiB {place}; {name}",
                  *samples.medians(name), "ms", limit) for name, limit in zip(list(commands)[1:], limits)]
 
@@ -76,10 +73,10 @@ class FileRows:
         return commands
 
     @staticmethod
-    def _copy(command, source, target, keep=False):
+    def _copy(command, source, target):
         wall, _cpu = elapsed(command)
-        if os.path.getsize(target) != os.path.getsize(source):
-            sys.exit(f"bench: {' '.join(command)} has not copied all of {source}")
-        if not keep:
-            os.remove(target)
+        same = filecmp.cmp(source, target, shallow=False)
+        os.remove(target)
+        if not same:
+            raise Failure(f"{command[0]} has not copied {source} as it is")
         return wall

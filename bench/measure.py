@@ -2,9 +2,17 @@
 import json
 import os
 import subprocess
-import sys
 import time
 from statistics import median
+
+
+def add_extent(parser, quick):
+    """The options --quick, which means `quick`, and --smoke; the parsed options then have an `extent`."""
+    parser.set_defaults(extent="full")
+    group = parser.add_mutually_exclusive_group()
+    group.add_argument("--quick", action="store_const", const="quick", dest="extent", help=quick)
+    group.add_argument("--smoke", action="store_const", const="smoke", dest="extent",
+                       help="everything once and as little of it as possible; the figures mean nothing")
 
 
 def elapsed(command):
@@ -15,31 +23,70 @@ def elapsed(command):
         wall = time.perf_counter() - begin
         process.returncode = os.waitstatus_to_exitcode(status)
     if process.returncode != 0:
-        sys.exit(f"bench: {' '.join(command)} ended with status {process.returncode}")
+        raise Failure(f"{' '.join(command)[:100]} ended with status {process.returncode}")
     return wall, usage.ru_utime + usage.ru_stime
+
+
+class Failure(Exception):
+    """Why there is no figure."""
+
+
+class Figures(dict):
+    """By the names of benchmarks. Asking for one that failed raises Failure."""
+
+    def __init__(self):
+        super().__init__()
+        self.failures = {}
+
+    def __missing__(self, name):
+        raise Failure(self.failures.get(name.removesuffix(" cpu"), f"there is no benchmark {name}"))
 
 
 def bench_figures(program, names, seconds, repetitions=1):
     """Runs benchmarks. Returns nanoseconds by name (with " cpu": processor time), and by name all of the rest.
 
     With repetitions they take turns, so that a machine that slows down for a while slows them all, and a time is
-    the median of them."""
-    command = [program, f"--benchmark_filter={names}", "--benchmark_format=json"]
-    if seconds:
-        command.append(f"--benchmark_min_time={seconds}")
+    the median of them. When the program dies, each benchmark is run by itself, so that one costs only its own
+    figures."""
+    options = [f"--benchmark_min_time={seconds}"] if seconds else []
     if repetitions > 1:
-        command += [f"--benchmark_repetitions={repetitions}", "--benchmark_enable_random_interleaving=true"]
-    answer = subprocess.run(command, stdout=subprocess.PIPE, stderr=subprocess.DEVNULL, check=True).stdout
-    times, facts = {}, {}
-    for run in json.loads(answer)["benchmarks"]:
-        if run["run_type"] == "iteration":
-            if "error_message" in run:
-                sys.exit(f"bench: {run['name']}: {run['error_message']}")
-            name = "/".join(part for part in run["name"].split("/") if part.isdigit() or part[0].isupper())
-            times.setdefault(name, []).append(run["real_time"])
-            times.setdefault(name + " cpu", []).append(run["cpu_time"])
-            facts[name] = run
-    return {name: median(figures) for name, figures in times.items()}, facts
+        options += [f"--benchmark_repetitions={repetitions}", "--benchmark_enable_random_interleaving=true"]
+    times, facts = Figures(), Figures()
+    try:
+        runs = _bench_runs(program, names, options)
+    except Failure:
+        runs = []
+        for name in _bench_output(program, names, ["--benchmark_list_tests"]).split():
+            try:
+                runs += _bench_runs(program, f"^{name}$", options)
+            except Failure as failure:
+                runs.append({"name": name, "run_type": "iteration", "error_message": str(failure)})
+    for run in runs:
+        if run["run_type"] != "iteration":
+            continue
+        name = "/".join(part for part in run["name"].split("/") if part.isdigit() or part[0].isupper())
+        if "error_message" in run:
+            times.failures[name] = facts.failures[name] = f"{name}: {run['error_message']}"
+            continue
+        times.setdefault(name, []).append(run["real_time"])
+        times.setdefault(name + " cpu", []).append(run["cpu_time"])
+        facts[name] = run
+    for name, figures in times.items():
+        times[name] = median(figures)
+    return times, facts
+
+
+def _bench_output(program, names, options):
+    ran = subprocess.run([program, f"--benchmark_filter={names}", *options], stdout=subprocess.PIPE,
+                         stderr=subprocess.PIPE, check=False, encoding="utf-8")
+    if ran.returncode != 0:
+        said = ran.stderr.strip().splitlines() or ["nothing on standard error"]
+        raise Failure(f"status {ran.returncode}: {said[-1]}")
+    return ran.stdout
+
+
+def _bench_runs(program, names, options):
+    return json.loads(_bench_output(program, names, ["--benchmark_format=json", *options]))["benchmarks"]
 
 
 class Samples:
@@ -47,12 +94,19 @@ class Samples:
 
     def __init__(self):
         self._pairs = {}
+        self._failures = {}
 
-    def add(self, what, ours, theirs):
-        self._pairs.setdefault(what, []).append((ours, theirs))
+    def add(self, what, measure):
+        """Adds the pair that `measure` returns, or the reason why it fails."""
+        try:
+            self._pairs.setdefault(what, []).append(measure())
+        except Failure as failure:
+            self._failures[what] = failure
 
     def medians(self, what):
-        """Ours and theirs; None for theirs when it was never measured."""
+        """Ours and theirs; None for theirs when it was never measured. A Failure and None when there is one."""
+        if what in self._failures:
+            return self._failures[what], None
         ours, theirs = zip(*self._pairs[what])
         return median(ours), None if None in theirs else median(theirs)
 

@@ -12,10 +12,10 @@ import subprocess
 import sys
 import tempfile
 from statistics import median
+from typing import NamedTuple
 
-from measure import OthersWatch
+from measure import OthersWatch, add_extent
 
-SEGMENTS = 4000  # Of 16 MiB each that is 64 GB.
 SECONDS_OF_SEGMENT = 7  # At 2.4 MB/s.
 DEVICE = "Bench,1"
 
@@ -60,7 +60,7 @@ class Programs:
 
     def fill_large(self, millions):
         """So many millions of records in the audio track."""
-        return self.fill(f"large{millions}", millions * 1_000_000 // 50, 16 << 20, 10, 20)
+        return self.fill(f"large{millions}", int(millions * 1_000_000) // 50, 16 << 20, 10, 20)
 
     def fill_segments(self, segments):
         """The records that so many segments have, without most of their payload."""
@@ -110,17 +110,17 @@ def measure_recording(programs, samples, rounds, seconds):
         samples.add("raw", programs.measure("raw", programs.path("raw"), seconds))
 
 
-def measure_start(programs, samples, name, card, rounds):
+def measure_start(programs, samples, name, card, rounds, seconds):
     for _ in range(rounds):
         # So that the newest segment is a large one, which is read through.
-        programs.measure("record", card, 5)
+        programs.measure("record", card, seconds)
         forget_cache()
         samples.add(("start", name), programs.measure("start", card))
 
 
-def measure_retention(programs, samples, card, rounds, seconds):
+def measure_retention(programs, samples, card, segments, rounds, seconds):
     # Half of what is there, and of the time, with the hours that have none.
-    span = SEGMENTS * SECONDS_OF_SEGMENT
+    span = segments * SECONDS_OF_SEGMENT
     limit = (span + span // 9000 * 3600) // 2
     for number in range(rounds):
         for what, erased in (("without", 0), ("with", limit)):
@@ -131,7 +131,7 @@ def measure_retention(programs, samples, card, rounds, seconds):
             shutil.rmtree(copy)
         commits = programs.path(f"commits{number}")
         os.mkdir(commits)
-        samples.add("commits", programs.measure("commits", commits, 20))
+        samples.add("commits", programs.measure("commits", commits, 3 * seconds))
         shutil.rmtree(commits)
 
 
@@ -176,34 +176,50 @@ def print_table(samples, cards, starts):
     row("erasing them", samples(("retention", "with"), "erasing"))
 
 
-def measure_all(programs, samples, options, rounds):
+class Extent(NamedTuple):
+    """How much is measured. A segment has 16 MiB: 4,000 of them are 64 GB."""
+    rounds: int
+    segments: int
+    millions: tuple
+    calls: int
+    recordings: int
+    seconds: int
+    retention_seconds: int
+
+
+EXTENTS = {"full": Extent(5, 4000, (1, 10), 2000, 3, 20, 6), "quick": Extent(3, 4000, (1, 10), 500, 1, 10, 6),
+           "smoke": Extent(1, 100, (0.02,), 20, 1, 1, 1)}
+
+
+def measure_all(programs, samples, extent, rounds):
     """The names of the cards that times are looked up in, and of those that the recorder is started with."""
-    few = programs.fill_segments(SEGMENTS // 10)
-    full = programs.fill_segments(SEGMENTS)
+    few = programs.fill_segments(extent.segments // 10)
+    full = programs.fill_segments(extent.segments)
     names = {f"{segments_in(card):,} segments": card for card in (few, full)}
-    measure_retention(programs, samples, full, rounds, 6)
-    cards = {f"{millions} million": programs.fill_large(millions) for millions in (1, 10)}
+    measure_retention(programs, samples, full, extent.segments, rounds, extent.retention_seconds)
+    cards = {f"{millions} million": programs.fill_large(millions) for millions in extent.millions}
     cards["full card"] = full
-    measure_look_ups(programs, samples, cards, rounds, 500 if options.quick else 2000)
-    measure_recording(programs, samples, 1 if options.quick else 3, 10 if options.quick else 20)
+    measure_look_ups(programs, samples, cards, rounds, extent.calls)
+    measure_recording(programs, samples, extent.recordings, extent.seconds)
     for name, card in names.items():
-        measure_start(programs, samples, name, card, rounds)
+        measure_start(programs, samples, name, card, rounds, min(5, extent.seconds))
     return cards, names
 
 
 def main():
     parser = argparse.ArgumentParser(prog="recorder.py", description=__doc__.splitlines()[0])
     parser.add_argument("--build", default="build/bench", help="folder of the build")
-    parser.add_argument("--quick", action="store_true", help="fewer rounds; the figures are rougher")
+    add_extent(parser, "fewer rounds; the figures are rougher")
     parser.add_argument("--rounds", type=int, help="how often to measure (5; quick: 3)")
     options = parser.parse_args()
-    rounds = options.rounds or (3 if options.quick else 5)
+    extent = EXTENTS[options.extent]
+    rounds = options.rounds or extent.rounds
     samples, others = Samples(), OthersWatch()
     with tempfile.TemporaryDirectory(prefix="calvane-bench-", dir=os.environ.get("TMPDIR", "/var/tmp")) as folder:
         if not forget_cache():
             print("The page cache cannot be emptied (only root may): figures called cold are warm.")
         with others:
-            cards, starts = measure_all(Programs(options.build, folder), samples, options, rounds)
+            cards, starts = measure_all(Programs(options.build, folder), samples, extent, rounds)
     print(f"{platform.system()} {platform.release()} {platform.machine()}, {os.cpu_count()} processors, medians of "
           f"{rounds} rounds; other programs used {others.share:.0%} of the machine meanwhile")
     print_table(samples, cards, starts)

@@ -4,6 +4,7 @@
 #        run.sh store [--quick] [--rounds N]    the recording store; as root, since it makes a loop device
 #        run.sh recorder [--quick] [--rounds N] the recorder's library and service; as root, to empty the page cache
 #        run.sh middleware [ARGS]               services, settings, logging; ARGS go to Google Benchmark
+#        run.sh smoke                           each of them once, as little as possible: whether they still run; as root
 # CALVANE_BENCH_BUILD: the folder of the build, build/bench when not set
 set -euo pipefail
 cd "$(dirname "${BASH_SOURCE[0]}")/.."
@@ -15,6 +16,12 @@ for program in calvane_bench calvane calvane_store_bench calvane_middleware_benc
         exit 2
     fi
 done
+if [[ ${1-} == smoke ]]; then
+    "$0" --smoke
+    "$0" store --smoke
+    "$0" recorder --smoke
+    exec "$0" middleware --benchmark_repetitions=1 --benchmark_report_aggregates_only=false --benchmark_min_time=0.001
+fi
 if [[ ${1-} == middleware ]]; then
     shift
     # Rounds by turns, and their medians: others use the machine, too.

@@ -13,7 +13,7 @@ import sys
 import gstreamer
 from files import FileRows
 from growth import GrowthRows
-from measure import OthersWatch, Samples, bench_figures, elapsed
+from measure import Failure, OthersWatch, Samples, add_extent, bench_figures, elapsed
 
 GST_LINES = {
     "base": gstreamer.identities(0),
@@ -56,28 +56,34 @@ for depth in ("200", "5"):
     ]
 
 
-def path_rows(bench, rounds, quick, with_gst):
+def path_rows(bench, rounds, extent, with_gst):
     """The rows of PATH_ROWS, and the last round's figures of ours that are no times."""
-    counts = (50_000, 250_000) if quick else (100_000, 600_000)
+    seconds, counts = {"full": (0.3, (100_000, 600_000)), "quick": (0.1, (50_000, 250_000)),
+                       "smoke": (0.001, (1000, 3000))}[extent]
     samples = Samples()
     for _ in range(rounds):
-        ours, facts = bench_figures(bench, "^(PassThrough/1?0$|Generate|FanOut/3|Queue)", 0.1 if quick else 0.3)
+        ours, facts = bench_figures(bench, "^(PassThrough/1?0$|Generate|FanOut/3|Queue)", seconds)
         theirs = gst_round(counts) if with_gst else None
         for what, our_figure, their_figure, _limit in PATH_ROWS:
-            samples.add(what, our_figure(ours), their_figure(theirs) if theirs else None)
+            samples.add(what, lambda o=our_figure, t=their_figure: (o(ours), t(theirs) if theirs else None))
     rows = [(what, *samples.medians(what), "ns", limit) for what, _ours, _theirs, limit in PATH_ROWS]
     return rows, facts
 
 
 def fact_rows(bench, facts):
     _times, idle = bench_figures(bench, "^IdlePipelines", 0)
-    memory, threads = (idle["IdlePipelines/24"][key] for key in ("kib_per_pipeline", "threads_per_pipeline"))
-    rows = [(f"allocations per buffer: {name}", facts[name]["allocations"], None, "", None)
-            for name in ("PassThrough/10", "GeneratePushConsume", "FanOut/3", "QueueHandOff/200")]
     line, _facts = bench_figures(bench, "^CacheLine", 0.1, 5)
-    return rows + [("one line of cache from one processor to another", line["CacheLineRoundTrip"] / 2, None, "ns", None),
-                   ("one of 24 idle pipelines with a queue: memory", memory, None, "KiB", None),
-                   ("one of 24 idle pipelines with a queue: threads", threads, None, "", None)]
+    figures = [(f"allocations per buffer: {name}", "", lambda name=name: facts[name]["allocations"])
+               for name in ("PassThrough/10", "GeneratePushConsume", "FanOut/3", "QueueHandOff/200")]
+    figures += [("one line of cache from one processor to another", "ns", lambda: line["CacheLineRoundTrip"] / 2),
+                ("one of 24 idle pipelines with a queue: memory", "KiB",
+                 lambda: idle["IdlePipelines/24"]["kib_per_pipeline"]),
+                ("one of 24 idle pipelines with a queue: threads", "",
+                 lambda: idle["IdlePipelines/24"]["threads_per_pipeline"])]
+    samples = Samples()
+    for what, _unit, figure in figures:
+        samples.add(what, lambda figure=figure: (figure(), None))
+    return [(what, *samples.medians(what), unit, None) for what, unit, _figure in figures]
 
 
 def decimals(figure):
@@ -88,6 +94,9 @@ def print_table(rows):
     print("| what; beside what | ours | theirs | ratio | must be | met |")
     print("|---|---:|---:|---:|---:|---|")
     for what, ours, theirs, unit, limit in rows:
+        if isinstance(ours, Failure):
+            print(f"| {what} | failed: {ours} | - | - | - | NO |")
+            continue
         show = lambda figure: "-" if figure is None else f"{figure:.{decimals(figure)}f} {unit}".strip()
         # A difference below zero, or within noise of it, has no ratio.
         ratio = ours / theirs if theirs is not None and theirs > 0 else None
@@ -99,10 +108,10 @@ def print_table(rows):
 def main():
     parser = argparse.ArgumentParser(description=__doc__.splitlines()[0])
     parser.add_argument("--build", default="build/bench", help="folder of the build")
-    parser.add_argument("--quick", action="store_true", help="under two minutes; the figures are rougher")
+    add_extent(parser, "under two minutes; the figures are rougher")
     parser.add_argument("--rounds", type=int, help="how often to measure (9; quick: 3)")
     options = parser.parse_args()
-    rounds = options.rounds or (3 if options.quick else 9)
+    rounds = options.rounds or {"full": 9, "quick": 3, "smoke": 1}[options.extent]
     binaries = os.path.abspath(os.path.join(options.build, "bin"))
     bench, calvane = (os.path.join(binaries, program) for program in ("calvane_bench", "calvane"))
 
@@ -114,14 +123,18 @@ def main():
               "and those of filesrc ! filesink are left out.")
 
     with OthersWatch() as others:
-        rows, facts = path_rows(bench, rounds, options.quick, with_gst)
-        rows += GrowthRows(bench, calvane, with_gst, options.quick).measure(min(rounds, 5))
-        rows += FileRows(calvane, gstreamer.GST if with_gst else None, options.quick).measure(rounds)
+        rows, facts = path_rows(bench, rounds, options.extent, with_gst)
+        rows += GrowthRows(bench, calvane, with_gst, options.extent).measure(min(rounds, 5))
+        rows += FileRows(calvane, gstreamer.GST if with_gst else None, options.extent).measure(rounds)
         rows += fact_rows(bench, facts)
     print(f"{platform.system()} {platform.release()} {platform.machine()}, {os.cpu_count()} processors, "
           f"medians of {rounds} rounds; other programs used {others.share:.0%} of the machine meanwhile")
     print_table(rows)
+    return 1 if any(isinstance(ours, Failure) for _what, ours, *_rest in rows) else 0
 
 
 if __name__ == "__main__":
-    sys.exit(main())
+    try:
+        sys.exit(main())
+    except Failure as failure:  # Of what every row is set beside.
+        sys.exit(f"bench: {failure}")

@@ -14,7 +14,7 @@ import sys
 import tempfile
 from statistics import median
 
-from measure import OthersWatch
+from measure import OthersWatch, add_extent
 
 MIB = 1024 * 1024
 NAMES = {"raw": "raw append", "store": "this store", "sqlite": "SQLite blobs", "lmdb": "LMDB", "rocksdb": "RocksDB",
@@ -163,7 +163,7 @@ def measure_openings(program, folder, millions):
     rows = []
     for count in millions:
         with tempfile.TemporaryDirectory(dir=folder) as here:
-            run(program, "fill", here, str(count * 1_000_000))
+            run(program, "fill", here, str(int(count * 1_000_000)))
             forget_cache()
             rows.append(json.loads(run(program, "open", here)))
     return rows
@@ -172,7 +172,7 @@ def measure_openings(program, folder, millions):
 def main():
     parser = argparse.ArgumentParser(prog="store.py", description=__doc__.splitlines()[0])
     parser.add_argument("--build", default="build/bench", help="folder of the build")
-    parser.add_argument("--quick", action="store_true", help="300 MB instead of 600, and at most 10 million records")
+    add_extent(parser, "300 MB instead of 600, and at most 10 million records")
     parser.add_argument("--rounds", type=int, help="how often to append (5; quick: 3)")
     parser.add_argument("--only", help="candidates, with commas between them")
     parser.add_argument("--no-opening", action="store_true", help="leave out the large stores")
@@ -180,13 +180,14 @@ def main():
     program = os.path.abspath(os.path.join(options.build, "bin/calvane_store_bench"))
     if os.geteuid() != 0:
         sys.exit("bench: only root may make loop devices and file systems; run this as root")
-    seconds = 130 if options.quick else 250
+    mebibytes, seconds, usual_rounds, millions = {
+        "full": (2500, 250, 5, (1, 10, 50)), "quick": (2500, 130, 3, (1, 10)), "smoke": (200, 5, 1, (0.01,))}[options.extent]
 
     with contextlib.ExitStack() as stack:
         folder = stack.enter_context(tempfile.TemporaryDirectory(prefix="calvane-bench-",
                                                                  dir=os.environ.get("TMPDIR", "/var/tmp")))
         try:
-            device = stack.enter_context(Device(folder, 2500))
+            device = stack.enter_context(Device(folder, mebibytes))
         except (OSError, subprocess.CalledProcessError) as error:
             sys.exit(f"bench: there is no loop device with direct I/O to be had: {error}")
         others = OthersWatch()
@@ -198,10 +199,9 @@ def main():
                     print(f"{NAMES[name]} is left out: {package} was not there when this was built.")
             print("MCAP is left out: Debian 12 has no library for it.")
             wanted = options.only.split(",") if options.only else names
-            rounds = options.rounds or (3 if options.quick else 5)
+            rounds = options.rounds or usual_rounds
             figures = candidates.measure([name for name in names if name in wanted], rounds)
-            openings = [] if options.no_opening else measure_openings(
-                program, folder, (1, 10) if options.quick else (1, 10, 50))
+            openings = [] if options.no_opening else measure_openings(program, folder, millions)
         print(f"{platform.system()} {platform.release()} {platform.machine()}, {os.cpu_count()} processors, "
               f"medians of {rounds} rounds, {seconds} seconds of recording, {next(iter(figures.values()))['payload'] / 1e6:.0f} MB; "
               f"other programs used {others.share:.0%} of the machine meanwhile")
