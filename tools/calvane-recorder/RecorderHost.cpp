@@ -61,7 +61,14 @@ bool AnyFailed(const std::vector<PipelineStatus>& pipelines) {
 
 } // namespace
 
-RecorderHost::RecorderHost(HostOptions options) : options_(std::move(options)) {}
+RecorderHost::RecorderHost(HostOptions options)
+    : options_(std::move(options)), watcher_([] {
+          try {
+              Logger::ReopenFile();
+          } catch (const std::exception& problem) {
+              GetLogger()->Error("%s; the log stays in the old file", problem.what());
+          }
+      }) {}
 
 RecorderHost::~RecorderHost() = default;
 

@@ -38,6 +38,10 @@ void Logger::LogToFile(const std::string& path) {
     LogRegistry::GetInstance().LogToFile(path);
 }
 
+void Logger::ReopenFile() {
+    LogRegistry::GetInstance().ReopenFile();
+}
+
 void Logger::LogToSyslog(const std::string& ident) {
     LogRegistry::GetInstance().LogToSyslog(ident);
 }

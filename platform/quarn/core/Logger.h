@@ -39,11 +39,16 @@ public:
 
     /// Directs all lines to standard error; so it is from the start. No thread waits for it: what it does not
     /// take at once is kept, up to 1 MiB, and written by a thread in the background. exit() waits for that.
+    /// Where systemd's journal reads it (JOURNAL_STREAM, see systemd.exec(5)), a line begins with its priority,
+    /// <3> to <7> (sd-daemon(3)), and without the time, which the journal adds.
     static void LogToStderr();
     /// Directs all lines to the end of the file at `path`, which is made if need be; its folder is not.
     /// A line is in the file when the call that logs it returns.
     /// Throws Exception with path and system error when the file cannot be opened; the target then stays.
     static void LogToFile(const std::string& path);
+    /// Opens the file that lines go to anew at its path, as is right after somebody has renamed it. Does nothing
+    /// when lines go elsewhere. Throws as LogToFile does; lines then still go to the old file.
+    static void ReopenFile();
     /// Directs all messages to the system log under the name `ident`; Trace becomes a debug message there.
     static void LogToSyslog(const std::string& ident);
 

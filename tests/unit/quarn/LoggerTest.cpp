@@ -1,12 +1,14 @@
 #include "quarn/core/Logger.h"
 
 #include <gtest/gtest.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <filesystem>
 #include <fstream>
 #include <regex>
 #include <set>
@@ -101,6 +103,31 @@ TEST_F(LoggerTest, AFileThatFailsIsNamedAndNothingIsThrownLater) {
     EXPECT_EQ(errno, EPERM);
     EXPECT_EQ(testing::internal::GetCapturedStderr(),
               "Log lines are lost: Failed flush to file /dev/full: No space left on device\n");
+}
+
+TEST_F(LoggerTest, AFileThatWasRenamedIsReplacedAndTheJournalGetsPriorities) {
+    Logger::LogToFile(first_);
+    Logger::GetLogger("x")->Warning("old");
+    std::filesystem::rename(first_, second_);
+    Logger::ReopenFile();
+    Logger::GetLogger("x")->Warning("new");
+    EXPECT_EQ(ReadLines(first_).at(0).substr(26), " warning [" + std::to_string(gettid()) + "] x: new");
+    EXPECT_EQ(ReadLines(second_).size(), 1U);
+
+    testing::internal::CaptureStderr();
+    struct stat stream {};
+    ASSERT_EQ(fstat(STDERR_FILENO, &stream), 0);
+    const std::string name = std::to_string(stream.st_dev) + ":" + std::to_string(stream.st_ino);
+    for (const auto& [journal, priority] : {std::pair(name, "<3>"), {name + "1", "20"}}) {
+        setenv("JOURNAL_STREAM", journal.c_str(), 1);
+        Logger::LogToStderr();
+        Logger::ReopenFile(); // There is none.
+        Logger::GetLogger("x")->Error("%s", priority);
+    }
+    unsetenv("JOURNAL_STREAM");
+    const std::string thread = "[" + std::to_string(gettid()) + "] x: ";
+    const std::string lines = testing::internal::GetCapturedStderr();
+    EXPECT_EQ(lines.substr(0, lines.find('\n') + 3), "<3>" + thread + "<3>\n20"); // Then the year.
 }
 
 TEST_F(LoggerTest, LinesAreNeitherTornNorLostWhileTheTargetChanges) {

@@ -7,6 +7,7 @@
 #include <spdlog/sinks/base_sink.h>
 #include <spdlog/sinks/basic_file_sink.h>
 #include <spdlog/sinks/syslog_sink.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -31,6 +32,7 @@ namespace {
 
 constexpr const char* kLinePattern = "%Y-%m-%d %H:%M:%S.%f %l [%t] %n: %v";
 constexpr const char* kSyslogPattern = "%n: %v"; // The system log adds the rest.
+constexpr const char* kJournalPattern = "[%t] %n: %v";
 
 spdlog::level::level_enum ToSpdlog(LogLevel level) {
     switch (level) {
@@ -53,19 +55,49 @@ Console& StandardError() {
     return *console;
 }
 
+// systemd names the stream that the journal reads by device and inode; the variable also reaches processes whose
+// standard error goes elsewhere.
+bool IsReadByJournal() {
+    const char* const stream = std::getenv("JOURNAL_STREAM");
+    struct stat standardError {};
+    return stream != nullptr && fstat(STDERR_FILENO, &standardError) == 0 &&
+           stream == std::to_string(standardError.st_dev) + ":" + std::to_string(standardError.st_ino);
+}
+
+// Priorities of sd-daemon(3).
+const char* JournalPrefix(spdlog::level::level_enum level) {
+    switch (level) {
+        case spdlog::level::err:
+            return "<3>";
+        case spdlog::level::warn:
+            return "<4>";
+        case spdlog::level::info:
+            return "<6>";
+        default:
+            return "<7>";
+    }
+}
+
 class ConsoleSink : public spdlog::sinks::base_sink<spdlog::details::null_mutex> {
+public:
+    explicit ConsoleSink(bool forJournal) : forJournal_(forJournal) {}
+
 private:
     void sink_it_(const spdlog::details::log_msg& message) override {
         spdlog::memory_buf_t line;
         formatter_->format(message, line);
-        StandardError().Write({line.data(), line.size()});
+        const std::string prefix = forJournal_ ? JournalPrefix(message.level) : "";
+        StandardError().Write(prefix + std::string(line.data(), line.size()));
     }
     void flush_() override {}
+
+    const bool forJournal_;
 };
 
 SinkPointer MakeStderrSink() {
-    auto sink = std::make_shared<ConsoleSink>();
-    sink->set_pattern(kLinePattern);
+    const bool forJournal = IsReadByJournal();
+    auto sink = std::make_shared<ConsoleSink>(forJournal);
+    sink->set_pattern(forJournal ? kJournalPattern : kLinePattern);
     return sink;
 }
 
@@ -153,11 +185,22 @@ void LogRegistry::RedirectUnlocked() {
 }
 
 void LogRegistry::LogToStderr() {
-    ReplaceTarget(MakeStderrSink());
+    ReplaceTarget(MakeStderrSink(), "");
 }
 
 void LogRegistry::LogToFile(const std::string& path) {
-    ReplaceTarget(MakeFileSink(path));
+    ReplaceTarget(MakeFileSink(path), path);
+}
+
+void LogRegistry::ReopenFile() {
+    std::string file;
+    {
+        const MutexAutoLock lock(outputLock_);
+        file = file_;
+    }
+    if (!file.empty()) {
+        LogToFile(file);
+    }
 }
 
 void LogRegistry::LogToSyslog(const std::string& ident) {
@@ -166,13 +209,15 @@ void LogRegistry::LogToSyslog(const std::string& ident) {
     // A syslog target closes the process's one connection when it goes, so it must go before the next one.
     target_ = MakeStderrSink();
     target_ = MakeSyslogSink(ident);
+    file_.clear();
     failed_ = false;
 }
 
-void LogRegistry::ReplaceTarget(SinkPointer target) {
+void LogRegistry::ReplaceTarget(SinkPointer target, const std::string& file) {
     const MutexAutoLock lock(outputLock_);
     FlushTargetUnlocked();
     target_ = std::move(target);
+    file_ = file;
     failed_ = false;
 }
 

@@ -30,6 +30,7 @@ public:
 
     void LogToStderr();
     void LogToFile(const std::string& path);
+    void ReopenFile();
     void LogToSyslog(const std::string& ident);
 
     /// The capture added last, of those that are left, gets all lines and sets all levels.
@@ -44,7 +45,7 @@ private:
     LogLevel GetLevelUnlocked(const std::string& logger) const;
     void ApplyLevelsUnlocked();
     void RedirectUnlocked();
-    void ReplaceTarget(std::shared_ptr<spdlog::sinks::sink> target);
+    void ReplaceTarget(std::shared_ptr<spdlog::sinks::sink> target, const std::string& file);
     void FlushTargetUnlocked();
     void ReportFailureUnlocked(const char* what);
 
@@ -57,6 +58,7 @@ private:
 
     osa::Mutex outputLock_{"LogRegistryOutput"};
     std::shared_ptr<spdlog::sinks::sink> target_;
+    std::string file_;              // The target's path; empty when it is no file.
     LogCapture* capture_ = nullptr; // The last of captures_, or null.
     bool failed_ = false;
 };
