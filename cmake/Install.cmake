@@ -49,8 +49,12 @@ install(FILES ${manual_pages}
   DESTINATION ${CMAKE_INSTALL_MANDIR}/man1 COMPONENT runtime)
 install(FILES ${PROJECT_SOURCE_DIR}/packaging/man/calvane.ini.5
   DESTINATION ${CMAKE_INSTALL_MANDIR}/man5 COMPONENT runtime)
-install(FILES ${PROJECT_SOURCE_DIR}/packaging/completions/calvane
-  DESTINATION ${CMAKE_INSTALL_DATADIR}/bash-completion/completions COMPONENT runtime)
+set(completions ${CMAKE_INSTALL_DATADIR}/bash-completion/completions)
+install(FILES ${PROJECT_SOURCE_DIR}/packaging/completions/calvane DESTINATION ${completions} COMPONENT runtime)
+foreach(program calvane-recording calvane-recorder calvane-store) # Bash looks for a file of the program's name.
+  install(FILES ${PROJECT_SOURCE_DIR}/packaging/completions/calvane-recording
+    DESTINATION ${completions} RENAME ${program} COMPONENT runtime)
+endforeach()
 
 # The recorder as a service of the system: who may be it and ask it, its unit, its user.
 configure_file(${PROJECT_SOURCE_DIR}/packaging/systemd/calvane-recorder.service.in

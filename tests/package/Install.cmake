@@ -16,7 +16,7 @@ list(SORT all)
 expect("What the components install" "${both}" "${all}")
 
 foreach(path bin/calvane share/man/man1/calvane.1 share/man/man5/calvane.ini.5
-        share/bash-completion/completions/calvane ${LIBDIR}/calvane/plugins)
+        share/bash-completion/completions/calvane share/bash-completion/completions/calvane-store ${LIBDIR}/calvane/plugins)
   if(NOT EXISTS ${WORK_DIR}/runtime/${path})
     message(FATAL_ERROR "The component runtime has no ${path}")
   endif()

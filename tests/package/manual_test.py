@@ -1,5 +1,7 @@
 #!/usr/bin/env python3
-"""Checks that manual and completion know what the program knows, and nothing else: manual_test.py CALVANE PACKAGING
+"""Checks that manual and completion know what the programs know, and nothing else:
+
+    manual_test.py CALVANE PACKAGING OTHER_PROGRAM ...
 
 Commands and options come from the program's own help, the keys of a description from the library's header."""
 
@@ -32,15 +34,16 @@ def commands_and_options(calvane):
     """Options by command; those of the program itself stand under the empty name."""
     text = output(calvane, "--help")
     found = {"": options(text)}
-    for command in re.findall(r"^  ([a-z]+)", section(text, "Subcommands"), re.MULTILINE):
+    commands = section(text, "Subcommands") if "\nSubcommands:\n" in text else ""
+    for command in re.findall(r"^  ([a-z]+)", commands, re.MULTILINE):
         found[command] = options(output(calvane, command, "--help"))
     return found
 
 
-def complete(calvane, script, folder, *words):
+def complete(program, script, folder, *words, function="_calvane"):
     """What the completion offers for the last word."""
-    code = 'source "$0"; COMP_WORDS=("$@"); COMP_CWORD=$(($# - 1)); _calvane; printf "%s\\n" "${COMPREPLY[@]}"'
-    return set(output("bash", "-c", code, script, calvane, *words, cwd=folder).split())
+    code = f'source "$0"; COMP_WORDS=("$@"); COMP_CWORD=$(($# - 1)); {function}; printf "%s\\n" "${{COMPREPLY[@]}}"'
+    return set(output("bash", "-c", code, script, program, *words, cwd=folder).split())
 
 
 def compare(what, got, wanted):
@@ -80,6 +83,21 @@ def check_completion(calvane, script, known):
     return faults
 
 
+def check_other(program, packaging):
+    """Completion and manual of a program whose completion asks the program."""
+    known = commands_and_options(program)
+    script = packaging / "completions/calvane-recording"
+    page = packaging / f"man/{program.name}.1"
+    faults = check_markup(page) + compare(page.name, set(OPTION.findall(page.read_text().replace("\\-", "-"))),
+                                          {option for found in known.values() for option in found} - {"--help"})
+    asked = lambda *words: complete(program, script, packaging, *words, function="_calvane_client")
+    for command in known:
+        faults += compare(f"completion of {program.name} {command}", asked(*filter(None, [command]), "-"), known[command])
+    if commands := set(known) - {""}:
+        faults += compare(f"completion of {program.name}", asked(""), commands)
+    return faults
+
+
 def check_markup(page):
     if shutil.which("groff") is None:
         print("There is no groff here: the markup of the manual was not checked")
@@ -94,6 +112,8 @@ def main():
     program, description = packaging / "man/calvane.1", packaging / "man/calvane.ini.5"
     faults = check_manual(program, known) + check_keys(description) + check_markup(program)
     faults += check_markup(description) + check_completion(calvane, packaging / "completions/calvane", known)
+    for other in sys.argv[3:]:
+        faults += check_other(pathlib.Path(other).resolve(), packaging)
     print("\n".join(faults) or f"{len(known)} sets of options stand in manual and completion")
     return 1 if faults else 0
 

@@ -28,6 +28,15 @@ TEST_F(RecorderTest, WithoutAUsableCardItAnswersAndSaysWhatToDo) {
     EXPECT_THAT(recorder->Err(), HasSubstr("holds other things than \"data\" and \"database\""));
     EXPECT_TRUE(folder.Has("card/holiday.jpg"));
     EXPECT_FALSE(folder.Has("card/data"));
+
+    const std::vector<std::string> toFile{"--root", card, "--log-file", "log"};
+    recorder = std::make_unique<Program>("calvane-recorder", toFile, folder.Path());
+    ASSERT_TRUE(
+        WaitUntil([&] { return folder.Read("log").find("holds other things") != std::string::npos; }));
+    std::filesystem::rename(folder.Path("log"), folder.Path("log.1"));
+    recorder->Signal(SIGHUP);
+    EXPECT_TRUE(WaitUntil([&] { return folder.Has("log"); }));
+    EXPECT_EQ(Stop(), 0);
 }
 
 TEST_F(RecorderTest, RefusesWhatIsWrongByName) {
@@ -42,10 +51,14 @@ TEST_F(RecorderTest, RefusesWhatIsWrongByName) {
     Start(folder.Path("absent.ini"));
     EXPECT_EQ(recorder->Wait(), 2);
     EXPECT_THAT(recorder->Err(), HasSubstr("absent.ini"));
-    EXPECT_EQ(Ask({"state", "--at", "yesterday"}).status, 2);
+    EXPECT_EQ(Ask({"state", "--at", "sunday"}).status, 2);
     EXPECT_EQ(Ask({"coverage", "--from", "now", "--to", "-5s"}).status, 2);
     EXPECT_EQ(Ask({"read", "--track", "smell"}).status, 2);
-    EXPECT_EQ(Ask({"rewind"}).status, 2);
+    EXPECT_EQ(Ask({"read", "--track", "video", "--json"}).status, 2);
+    EXPECT_EQ(
+        Ask({"coverge"}).err,
+        "calvane-recording: unknown command coverge (did you mean \"coverage\"?) (see calvane-recording "
+        "--help)\n");
     EXPECT_THAT(Ask({"summary"}).err, HasSubstr("start calvane-recorder"));
     bus.Kill();
     Start();
@@ -98,6 +111,7 @@ TEST_F(RecorderTest, RetentionSetWhileItRecordsErasesAndIsTold) {
     ASSERT_TRUE(WaitUntil([&] { return AskJson({"summary"})["first"] > before["first"]; }));
     EXPECT_TRUE(
         WaitUntil([&] { return watch.Out().find("\"event\":\"dataDeleted\"") != std::string::npos; }));
+    EXPECT_THAT(watch.Out(), HasSubstr("\"time\":\"20"));
     EXPECT_EQ(Ask({"retention", "set", "none"}).out, "Recorded data is kept as long as there is room\n");
     EXPECT_EQ(Ask({"retention", "set", "soon"}).status, 2);
     EXPECT_EQ(Stop(), 0);

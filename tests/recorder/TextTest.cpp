@@ -24,25 +24,51 @@ TEST(TimeTextTest, ReadsWhatPeopleWrite) {
                  {"1970-01-01T00:00:00.000001Z", 1},
                  {"now", kNow},
                  {"@1795271581.5", kNow},
+                 {"2026-11-21T16:33:01.5+02:00", kNow},
+                 {"2026-11-21 09:03:01.5-0530", kNow},
+                 {"14:33:01.5 UTC", kNow},
+                 {"15:33+01", kNow - 1'500'000},
+                 {"00:33:01.5+10:00", kNow}, // There it is the 22nd already.
+                 {"today", 1'795'219'200'000'000},
+                 {"yesterday", 1'795'132'800'000'000},
+                 {"10s ago", kNow - 10 * kSecond},
+                 {"1 week 2 hours ago", kNow - (7 * 86'400 + 7200) * kSecond},
                  {"-90", kNow - 90 * kSecond},
                  {"-5min", kNow - 300 * kSecond},
                  {"-5m", kNow - 300 * kSecond},
                  {"+1d12h0.5s", kNow + 129'600 * kSecond + 500'000},
                  {"-250ms", kNow - 250'000}};
     for (const auto& [text, time] : cases) {
-        EXPECT_EQ(ParseTime(text, kNow), time) << text;
+        EXPECT_EQ(ParseTime(text, kNow, Zone::Utc), time) << text;
     }
-    EXPECT_EQ(TimeText(kNow), "2026-11-21T14:33:01.500000Z");
+    EXPECT_EQ(TimeText(kNow, Zone::Utc), "2026-11-21T14:33:01.500000Z");
+    EXPECT_EQ(TimeText(-1, Zone::Utc), "1969-12-31T23:59:59.999999Z");
+    EXPECT_EQ(DurationText(119'999'999), "1 min 59.999999 s");
     EXPECT_EQ(DurationText(ParseDuration("1d2h3min4.5s")), "1 d 2 h 3 min 4.5 s");
     EXPECT_EQ(DurationText(ParseDuration("2h")), "2 h");
     EXPECT_EQ(DurationText(0), "0 s");
 }
 
+TEST(TimeTextTest, KnowsLocalTime) {
+    setenv("TZ", "CET-1CEST,M3.5.0,M10.5.0/3", 1); // As in Paris, without files.
+    tzset();
+    EXPECT_EQ(TimeText(kNow, Zone::Local), "2026-11-21T15:33:01.500000+01:00");
+    EXPECT_EQ(ParseTime("15:33:01.5", kNow, Zone::Local), kNow);
+    EXPECT_EQ(ParseTime("2026-07-21 14:33", kNow, Zone::Local),
+              ParseTime("2026-07-21 12:33Z", 0, Zone::Local));
+    const Time sunday = ParseTime("2026-10-25T12:00", 0, Zone::Local); // That day has 25 hours.
+    EXPECT_EQ(ParseTime("tomorrow", sunday, Zone::Local) - ParseTime("today", sunday, Zone::Local),
+              25 * 3600 * kSecond);
+    unsetenv("TZ");
+    tzset();
+}
+
 TEST(TimeTextTest, RefusesTheRestByName) {
-    for (const char* text :
-         {"", "yesterday", "2026-13-01", "2026-02-30", "2026-11-21T25:00:00Z", "2026-11-21T14:33:61",
-          "2026-11-21T14:33:01Zulu", "-5years", "--5s", "-", "@", "@12x", "2026-11"}) {
-        const std::string problem = ThrownText<std::invalid_argument>([&] { ParseTime(text, kNow); });
+    for (const char* text : {"", "sunday", "2026-11-21T", "2026-11-21T14:33+1", "25:00", "-1h30", " ago",
+                             "2026-13-01", "2026-02-30", "2026-11-21T25:00:00Z", "2026-11-21T14:33:61",
+                             "2026-11-21T14:33:01Zulu", "-5years", "--5s", "-", "@", "@12x", "2026-11"}) {
+        const std::string problem =
+            ThrownText<std::invalid_argument>([&] { ParseTime(text, kNow, Zone::Utc); });
         EXPECT_NE(problem.find("\"" + std::string(text).substr(*text == '-' ? 1 : 0) + "\""),
                   std::string::npos)
             << text << ": " << problem;

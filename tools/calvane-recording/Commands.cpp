@@ -1,5 +1,7 @@
 #include "Commands.h"
 
+#include <unistd.h>
+
 #include <algorithm>
 #include <array>
 #include <chrono>
@@ -49,22 +51,29 @@ std::vector<unsigned int> TracksOf(const Options& options) {
 /// From begin to now, unless the options say otherwise.
 Span SpanOf(const Options& options) {
     const Time now = Now();
-    const Span span{options.from.empty() ? 0 : ParseTime(options.from, now),
-                    options.to.empty() ? now : ParseTime(options.to, now)};
+    const Span span{ParseTime(options.from, now, options.zone), ParseTime(options.to, now, options.zone)};
     if (span.last < span.first) {
-        throw std::invalid_argument("The span ends (" + TimeText(span.last) + ") before it begins (" +
-                                    TimeText(span.first) + ")");
+        throw std::invalid_argument("The span ends (" + TimeText(span.last, options.zone) +
+                                    ") before it begins (" + TimeText(span.first, options.zone) + ")");
     }
     return span;
 }
 
-json ToJson(const Span& span) {
-    return {{"first", TimeText(span.first)}, {"last", TimeText(span.last)}};
+json ToJson(Time time) {
+    return TimeText(time, Zone::Utc);
 }
 
-std::string ToText(const Span& span) {
-    return TimeText(span.first) + " to " + TimeText(span.last) + " (" + DurationText(span.last - span.first) +
-           ")";
+json ToJson(const Span& span) {
+    return {{"first", ToJson(span.first)}, {"last", ToJson(span.last)}};
+}
+
+json SecondsOf(Time duration) {
+    return static_cast<double>(duration) / kSecond;
+}
+
+std::string ToText(const Span& span, const Options& options) {
+    return TimeText(span.first, options.zone) + " to " + TimeText(span.last, options.zone) + " (" +
+           DurationText(span.last - span.first) + ")";
 }
 
 void Print(const json& facts) {
@@ -77,7 +86,7 @@ void PrintLine(const json& facts) {
 }
 
 json ToJson(const Event& event) {
-    json facts{{"time", TimeText(event.time)},
+    json facts{{"time", ToJson(event.time)},
                {"event", event.isOfTrack ? "data" : "recording"},
                {"present", event.present}};
     if (event.isOfTrack) {
@@ -86,11 +95,11 @@ json ToJson(const Event& event) {
     return facts;
 }
 
-std::string ToText(const Event& event) {
+std::string ToText(const Event& event, const Options& options) {
     const std::string what = event.isOfTrack ? NameOf(event.track) + " data " : "recording ";
     const char* const change =
         event.isOfTrack ? (event.present ? "present" : "absent") : (event.present ? "started" : "stopped");
-    return TimeText(event.time) + "  " + what + change;
+    return TimeText(event.time, options.zone) + "  " + what + change;
 }
 
 const char* ReasonText(unsigned int reason) {
@@ -147,7 +156,7 @@ void FollowHistory(RecordingClient& client, const Options& options, Shown& shown
         if (options.json) {
             PrintLine(ToJson(event));
         } else {
-            std::cout << ToText(event) << std::endl;
+            std::cout << ToText(event, options) << std::endl;
         }
         Note(shown, event.time);
     }
@@ -155,12 +164,12 @@ void FollowHistory(RecordingClient& client, const Options& options, Shown& shown
 
 void ListFrame(const Frame& frame, const Options& options) {
     if (options.json) {
-        PrintLine({{"time", TimeText(frame.time)},
+        PrintLine({{"time", ToJson(frame.time)},
                    {"bytes", frame.payload.size()},
                    {"keyFrame", (frame.flags & 1) != 0},
                    {"discontinuity", (frame.flags & 2) != 0}});
     } else {
-        std::cout << TimeText(frame.time) << "  " << frame.payload.size() << " bytes"
+        std::cout << TimeText(frame.time, options.zone) << "  " << frame.payload.size() << " bytes"
                   << ((frame.flags & 1) != 0 ? "  key frame" : "")
                   << ((frame.flags & 2) != 0 ? "  after a gap" : "") << "\n";
     }
@@ -173,7 +182,8 @@ void PrintSummary(RecordingClient& client, const Options& options) {
     if (options.json) {
         Print(span.IsEmpty() ? json(nullptr) : ToJson(span));
     } else {
-        std::cout << (span.IsEmpty() ? "Nothing is recorded" : "Recorded from " + ToText(span)) << "\n";
+        std::cout << (span.IsEmpty() ? "Nothing is recorded" : "Recorded from " + ToText(span, options))
+                  << "\n";
     }
 }
 
@@ -181,40 +191,30 @@ void PrintTracks(RecordingClient& client, const Options& options) {
     json all = json::object();
     for (const unsigned int track : TracksOf(options)) {
         const Span span = client.GetTrackSummary(track);
-        if (span.IsEmpty()) {
-            all[NameOf(track)] = nullptr;
+        json facts = nullptr;
+        if (!span.IsEmpty()) {
+            facts = ToJson(span);
+            facts["duration"] = SecondsOf(span.last - span.first);
+            try {
+                facts["attributes"] = AttributesOf(client, track, span.last);
+            } catch (const std::exception&) {
+                facts["attributes"] = nullptr; // The producer told none.
+            }
+        }
+        if (options.json) {
+            all[NameOf(track)] = facts;
             continue;
         }
-        json facts = ToJson(span);
-        facts["duration"] = DurationText(span.last - span.first);
-        try {
-            facts["attributes"] = AttributesOf(client, track, span.last);
-        } catch (const std::exception&) {
-            facts["attributes"] = nullptr; // The producer told none.
-        }
-        all[NameOf(track)] = facts;
-    }
-    if (options.json) {
-        Print(all);
-        return;
-    }
-    for (const char* const track : kTracks) {
-        if (!all.contains(track)) {
-            continue;
-        }
-        const json& facts = all[track];
-        std::printf("%-9s ", track);
-        if (facts.is_null()) {
-            std::printf("nothing is recorded\n");
-            continue;
-        }
-        const std::string first = facts["first"];
-        const std::string last = facts["last"];
-        const std::string duration = facts["duration"];
-        std::printf("%s to %s (%s)  %s\n", first.c_str(), last.c_str(), duration.c_str(),
-                    facts["attributes"].is_null() ? "" : AttributesText(facts["attributes"]).c_str());
+        const std::string text =
+            span.IsEmpty() ? "nothing is recorded"
+                           : ToText(span, options) + "  " +
+                                 (facts["attributes"].is_null() ? "" : AttributesText(facts["attributes"]));
+        std::printf("%-9s %s\n", NameOf(track).c_str(), text.c_str());
     }
     std::fflush(stdout);
+    if (options.json) {
+        Print(all);
+    }
 }
 
 void PrintHistory(RecordingClient& client, const Options& options) {
@@ -232,8 +232,12 @@ void PrintHistory(RecordingClient& client, const Options& options) {
         return;
     }
     for (const Event& event : history.state) {
-        if (!options.json) {
-            std::cout << ToText(event) << "  (before)\n";
+        if (options.json) {
+            json facts = ToJson(event);
+            facts["before"] = true;
+            PrintLine(facts);
+        } else {
+            std::cout << ToText(event, options) << "  (before)\n";
         }
     }
     Shown shown{span.first, 0}; // Events are written a while after their time.
@@ -241,7 +245,7 @@ void PrintHistory(RecordingClient& client, const Options& options) {
         if (options.json) {
             PrintLine(ToJson(event));
         } else {
-            std::cout << ToText(event) << "\n";
+            std::cout << ToText(event, options) << "\n";
         }
         Note(shown, event.time);
     }
@@ -253,10 +257,10 @@ void PrintHistory(RecordingClient& client, const Options& options) {
 }
 
 void PrintState(RecordingClient& client, const Options& options) {
-    const Time at = ParseTime(options.at, Now());
+    const Time at = ParseTime(options.at, Now(), options.zone);
     const State state = client.GetState(at);
     if (options.json) {
-        Print({{"at", TimeText(at)},
+        Print({{"at", ToJson(at)},
                {"recording", state.recording},
                {"video", state.video},
                {"audio", state.audio},
@@ -264,14 +268,14 @@ void PrintState(RecordingClient& client, const Options& options) {
         return;
     }
     const auto word = [](bool there) { return there ? "yes" : "no"; };
-    std::cout << "At " << TimeText(at) << "\n  recording " << word(state.recording) << "\n  video     "
-              << word(state.video) << "\n  audio     " << word(state.audio) << "\n  metadata  "
-              << word(state.metadata) << "\n";
+    std::cout << "At " << TimeText(at, options.zone) << "\n  recording " << word(state.recording)
+              << "\n  video     " << word(state.video) << "\n  audio     " << word(state.audio)
+              << "\n  metadata  " << word(state.metadata) << "\n";
 }
 
 void PrintCoverage(RecordingClient& client, const Options& options) {
     Span span = SpanOf(options);
-    if (options.from.empty()) { // Nothing is known of 1970.
+    if (span.first == 0) { // Nothing is known of 1970.
         const Span summary = client.GetSummary();
         span.first = summary.IsEmpty() ? span.last : summary.first;
     }
@@ -287,7 +291,8 @@ void PrintCoverage(RecordingClient& client, const Options& options) {
             facts["reason"] = ReasonText(interval.reason);
             list.push_back(facts);
             if (!options.json) {
-                std::printf("          %s  %s\n", ToText(interval.span).c_str(), ReasonText(interval.reason));
+                std::printf("          %s  %s\n", ToText(interval.span, options).c_str(),
+                            ReasonText(interval.reason));
             }
         }
         all[NameOf(track)] = list;
@@ -307,8 +312,8 @@ void PrintAttributes(RecordingClient& client, const Options& options) {
         }
         try {
             // The last record is as much of now as there is.
-            const Time at =
-                options.at == "now" ? client.GetTrackSummary(track).last : ParseTime(options.at, Now());
+            const Time at = options.at == "now" ? client.GetTrackSummary(track).last
+                                                : ParseTime(options.at, Now(), options.zone);
             all[NameOf(track)] = AttributesOf(client, track, at);
         } catch (const std::invalid_argument&) {
             throw;
@@ -324,21 +329,28 @@ void PrintAttributes(RecordingClient& client, const Options& options) {
         return;
     }
     for (const auto& [track, attributes] : all.items()) {
-        const std::string first = attributes["range"]["first"];
-        const std::string last = attributes["range"]["last"];
-        std::cout << track << ": " << AttributesText(attributes) << "\n  from " << first << " to " << last
-                  << "\n";
+        const auto time = [&, range = attributes["range"]](const char* end) {
+            return TimeText(ParseTime(range[end], 0, Zone::Utc), options.zone);
+        };
+        std::cout << track << ": " << AttributesText(attributes) << "\n  from " << time("first") << " to "
+                  << time("last") << "\n";
     }
 }
 
 void ReadRecords(RecordingClient& client, const Options& options) {
+    if (options.json && !options.list) {
+        throw std::invalid_argument("Contents cannot be printed as JSON: --json needs --list");
+    }
+    if (!options.list && isatty(STDOUT_FILENO) == 1) {
+        throw std::invalid_argument("Standard output is a terminal: redirect it to a file, or use --list");
+    }
     RecordReader reader(client.OpenRecords(TrackOf(options.track), SpanOf(options)));
     unsigned int gaps = 0;
     for (Frame frame = reader.Read(); frame.kind != Frame::kEnd; frame = reader.Read()) {
         switch (frame.kind) {
             case Frame::kErased:
                 ++gaps;
-                std::cerr << "calvane-recording: data after " << TimeText(frame.time)
+                std::cerr << "calvane-recording: data after " << TimeText(frame.time, options.zone)
                           << " was erased while it was read\n";
                 break;
             case Frame::kFailed:
@@ -362,20 +374,23 @@ void ReadRecords(RecordingClient& client, const Options& options) {
 }
 
 void Watch(RecordingClient& client, const Options& options) {
+    const auto print = [&options](json facts, const std::string& text) {
+        const Time now = Now();
+        if (options.json) {
+            facts["time"] = ToJson(now);
+            PrintLine(facts);
+        } else {
+            std::cout << TimeText(now, options.zone) << "  " << text << std::endl;
+        }
+    };
     client.Watch(
         [&](unsigned int track, bool present) {
-            if (options.json) {
-                PrintLine({{"event", "dataPresent"}, {"track", NameOf(track)}, {"present", present}});
-            } else {
-                std::cout << NameOf(track) << (present ? " data present" : " data absent") << std::endl;
-            }
+            print({{"event", "dataPresent"}, {"track", NameOf(track)}, {"present", present}},
+                  NameOf(track) + (present ? " data present" : " data absent"));
         },
         [&](unsigned int track, const Span& span) {
-            if (options.json) {
-                PrintLine({{"event", "dataDeleted"}, {"track", NameOf(track)}, {"span", ToJson(span)}});
-            } else {
-                std::cout << NameOf(track) << " data deleted: " << ToText(span) << std::endl;
-            }
+            print({{"event", "dataDeleted"}, {"track", NameOf(track)}, {"span", ToJson(span)}},
+                  NameOf(track) + " data deleted: " + ToText(span, options));
         });
 }
 
@@ -384,7 +399,7 @@ void GetRetention(const Options& options) {
     const Time limit = settings.GetInt(quarn::calvane::kMaxRetentionTimeSeconds).value_or(0) * kSecond +
                        settings.GetInt(quarn::calvane::kMaxRetentionTimeMicroseconds).value_or(0);
     if (options.json) {
-        Print({{"seconds", static_cast<double>(limit) / kSecond}});
+        Print({{"seconds", SecondsOf(limit)}});
     } else if (limit <= 0) {
         std::cout << "Recorded data is kept as long as there is room\n";
     } else {

@@ -11,9 +11,10 @@ class RecordingClient;
 
 /// What the command line says. Times are as they were written, since "now" is when the command runs.
 struct Options {
-    bool json = false;
-    std::string from;
-    std::string to;
+    bool json = false;     ///< Times in JSON are in UTC, durations are seconds.
+    Zone zone = Zone::Utc; ///< Of other times.
+    std::string from = "@0";
+    std::string to = "now";
     std::string at = "now";
     std::string track; ///< Empty for all of them.
     bool follow = false;

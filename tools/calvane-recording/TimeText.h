@@ -10,18 +10,28 @@ using Time = std::int64_t;
 
 constexpr Time kSecond = 1'000'000;
 
-/// Reads "2026-11-21T13:00:00Z" (ISO 8601; T may be a blank, Z may be left out, a fraction of a second may follow),
-/// "2026-11-21", "now", "@1795271581.5" (seconds since 1970), and "-5min" or "+30s": so long before or after `now`.
-/// Throws std::invalid_argument that names the text.
-Time ParseTime(const std::string& text, Time now);
+/// What a time without an offset is in, and what times are printed in.
+enum class Zone {
+    Utc,
+    Local, ///< As TZ or /etc/localtime says.
+};
 
-/// Reads "90", "90s", "5min", "2h", "30d" and sums such as "1d12h"; without a unit it is seconds. Throws
-/// std::invalid_argument that names the text.
+/// Reads
+/// - "2026-11-21T13:00:00.5Z" (ISO 8601): T may be a blank; the fraction, the seconds, the clock time or the date
+///   (then it is today's) may be left out; Z, " UTC" or an offset such as +02:00 may follow, otherwise it is in `zone`;
+/// - "today", "yesterday", "tomorrow": the begin of that day in `zone`;
+/// - "now", "@1795271581.5" (seconds since 1970);
+/// - "-5min", "+30s", "1h 30min ago": a duration before or after `now`.
+/// Throws std::invalid_argument that names the text.
+Time ParseTime(const std::string& text, Time now, Zone zone);
+
+/// Reads "90" (seconds), "5min", "2 hours", "30d" and sums such as "1d12h", in which every number has a unit. Units are
+/// those of systemd.time(7) from us to weeks. Throws std::invalid_argument that names the text.
 Time ParseDuration(const std::string& text);
 
 Time Now();
-/// "2026-11-21T13:00:00.250000Z"
-std::string TimeText(Time time);
+/// "2026-11-21T13:00:00.250000Z" or "2026-11-21T14:00:00.250000+01:00"
+std::string TimeText(Time time, Zone zone);
 /// "1 d 2 h 3 min 4.5 s"
 std::string DurationText(Time duration);
 

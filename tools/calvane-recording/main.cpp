@@ -6,6 +6,7 @@
 #include "Commands.h"
 #include "RecordingClient.h"
 #include "calvane/runtime/CalvaneEnv.h"
+#include "command_line/Complaint.h"
 
 namespace {
 
@@ -42,11 +43,17 @@ Program::Program() {
     app_.add_option("--bus", bus_, "session, system or an address of D-Bus; as DRENN_BUS says without it")
         ->type_name("BUS");
     app_.require_subcommand(1);
+    app_.add_flag_callback(
+        "--local", [this] { options_.zone = Zone::Local; },
+        "Print times in local time, and read those without an offset as such");
     app_.fallthrough();
     app_.footer(
-        "Times are ISO 8601 in UTC (2026-11-21T13:00:00Z, a date alone), now, relative (-5min, -1d12h) or @ "
-        "and "
+        "Times are ISO 8601 (2026-11-21T13:00:00Z, with +02:00 for Z, a date or 13:00 alone), in UTC when "
+        "they\n"
+        "say nothing else and --local is not given; today, yesterday, now; relative (-5min, 10s ago); @ and\n"
         "seconds since 1970.\n"
+        "--json prints one document with times in UTC and durations in seconds; history --follow, watch and\n"
+        "read --list print one such document per line.\n"
         "Exit status: 0 done, 1 the recorder is not there, refuses or has lost data, 2 bad command line.\n"
         "Examples:\n"
         "  calvane-recording summary\n"
@@ -92,7 +99,7 @@ CLI::App* Program::AddCommand(const char* name, const char* what, ClientCommand 
 void Program::AddSpan(CLI::App* command) {
     command->add_option("--from", options_.from, "The begin; of all that is recorded, without it")
         ->type_name("TIME");
-    command->add_option("--to", options_.to, "The end; now, without it")->type_name("TIME");
+    command->add_option("--to", options_.to, "The end")->type_name("TIME")->capture_default_str();
 }
 
 void Program::AddTrack(CLI::App* command, bool required) {
@@ -129,7 +136,7 @@ int Program::Run(int argc, char** argv) {
     } catch (const CLI::Success& answer) { // --help and --version
         return app_.exit(answer);
     } catch (const CLI::ParseError& error) {
-        std::cerr << "calvane-recording: " << error.what() << " (see calvane-recording --help)\n";
+        std::cerr << calvane_program::Complaint(app_, error) << "\n";
         return kBadCommandLine;
     }
     if (!bus_.empty()) {

@@ -168,6 +168,7 @@ int Run(const Commands& commands, const Options& options) {
 
 int ParseAndRun(int argc, char** argv) {
     CLI::App program("Looks after a recording store that no program has open", "calvane-store");
+    program.set_version_flag("--version", "calvane-store " CALVANE_VERSION);
     program.require_subcommand(1);
     program.footer(
         "DIR holds the folders data and database.\n"
@@ -195,8 +196,11 @@ int ParseAndRun(int argc, char** argv) {
         ->check(CLI::PositiveNumber);
     try {
         program.parse(argc, argv);
+    } catch (const CLI::Success& answer) { // --help and --version
+        return program.exit(answer);
     } catch (const CLI::ParseError& error) {
-        return program.exit(error) == 0 ? kGood : kNoStore;
+        std::cerr << "calvane-store: " << error.what() << " (see calvane-store --help)\n";
+        return kNoStore;
     }
     return Run(commands, options);
 }

@@ -3,6 +3,7 @@
 
 #include "Commands.h"
 #include "calvane/Version.h"
+#include "command_line/Complaint.h"
 #include "pipelines/CheckedDescription.h"
 #include "pipelines/ExitStatus.h"
 
@@ -109,14 +110,6 @@ int Launch(RunOptions options, const std::vector<std::string>& line, bool ini) {
     return ini ? PrintIni(options.source) : Run(options);
 }
 
-// The parser itself would only say that a command is required.
-std::string Complaint(const CLI::App& program, const CLI::ParseError& error, int argc, char** argv) {
-    if (program.get_subcommands().empty() && argc > 1 && argv[1][0] != '-') {
-        return std::string("unknown command ") + argv[1];
-    }
-    return error.what();
-}
-
 int RunProgram(int argc, char** argv) {
     CLI::App program("Runs media pipelines that are described in an INI file.", "calvane");
     program.set_version_flag("--version", std::string("calvane ") + quarn::calvane::kVersion);
@@ -142,7 +135,7 @@ int RunProgram(int argc, char** argv) {
     } catch (const CLI::Success& answer) { // --help and --version
         return program.exit(answer);
     } catch (const CLI::ParseError& error) {
-        PrintError("calvane: " + Complaint(program, error, argc, argv) + " (see calvane --help)");
+        PrintError(Complaint(program, error));
         return kBadInput;
     }
     if (program.got_subcommand("run")) {
