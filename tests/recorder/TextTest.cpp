@@ -5,6 +5,8 @@
 
 #include "TimeText.h"
 #include "Timeline.h"
+#include "UpkeepJob.h"
+#include "quarn/core/LogCapture.h"
 #include "support/ThrownText.h"
 
 namespace {
@@ -85,6 +87,34 @@ TEST(TimelineTest, MarksWhatLiesInEachPart) {
     EXPECT_EQ(Timeline({{{0, 29'499}, 0}, {{29'500, 60'000}, 1}}, span),
               std::string(29, '#') + "+" + std::string(30, '.'));
     EXPECT_EQ(Timeline({}, span), std::string(60, ' '));
+}
+
+TEST(UpkeepJobTest, WhatFailsIsTriedLessOftenAndSaidOnce) {
+    const quarn::core::LogCapture capture;
+    using std::chrono::seconds;
+    int runs = 0;
+    bool fails = true;
+    calvane_recorder::UpkeepJob job("Erasing", seconds(1), [&] {
+        ++runs;
+        if (fails) {
+            throw std::runtime_error("no card");
+        }
+    });
+    auto runFor = [&, now = calvane_recorder::UpkeepJob::Clock::time_point()](int count) mutable {
+        for (runs = 0; count-- > 0; now += seconds(1)) {
+            job.RunIfDue(now);
+        }
+        return runs;
+    };
+    EXPECT_EQ(runFor(62), 5); // At 0, 2, 6, 14 and 30 s.
+    EXPECT_EQ(runFor(600), 10);
+    EXPECT_EQ(capture.Count("Erasing failed and is tried again: no card"), 1U);
+    fails = false;
+    EXPECT_GE(runFor(70), 10);
+    EXPECT_EQ(capture.Count("Erasing works again"), 1U);
+    fails = true;
+    EXPECT_EQ(runFor(4), 2);
+    EXPECT_EQ(capture.Count("Erasing failed and is tried again: no card"), 2U);
 }
 
 } // namespace

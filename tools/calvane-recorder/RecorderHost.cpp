@@ -68,7 +68,13 @@ RecorderHost::RecorderHost(HostOptions options)
           } catch (const std::exception& problem) {
               GetLogger()->Error("%s; the log stays in the old file", problem.what());
           }
-      }) {}
+      }) {
+    upkeep_.emplace_back("Reading the limit of time", kHistoryPeriod, &TakeRetentionSetting);
+    upkeep_.emplace_back("Writing the history", kHistoryPeriod,
+                         [] { RecordingManager::instance()->processHistorySaveQueue(); });
+    upkeep_.emplace_back("Erasing what is too old", kRetentionPeriod,
+                         [] { RecordingManager::instance()->enforceMaxRetentionTime(); });
+}
 
 RecorderHost::~RecorderHost() = default;
 
@@ -195,16 +201,8 @@ void RecorderHost::DoUpkeep() {
     if (!recording_) {
         return;
     }
-    try {
-        TakeRetentionSetting();
-        RecordingManager::instance()->processHistorySaveQueue();
-        const auto now = std::chrono::steady_clock::now();
-        if (now >= nextRetention_) {
-            RecordingManager::instance()->enforceMaxRetentionTime();
-            nextRetention_ = now + kRetentionPeriod;
-        }
-    } catch (const std::exception& problem) {
-        GetLogger()->Warning("Upkeep of the recording failed: %s", problem.what());
+    for (UpkeepJob& job : upkeep_) {
+        job.RunIfDue(std::chrono::steady_clock::now());
     }
 }
 
@@ -229,6 +227,11 @@ void RecorderHost::WriteLastHistory() {
     while (std::chrono::steady_clock::now() < end) {
         std::this_thread::sleep_for(kHistoryPeriod);
         DoUpkeep();
+    }
+    try {
+        RecordingManager::instance()->processHistorySaveQueue();
+    } catch (const std::exception& problem) {
+        GetLogger()->Warning("The last of the history was not written: %s", problem.what());
     }
 }
 

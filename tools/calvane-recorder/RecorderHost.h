@@ -5,7 +5,9 @@
 #include <memory>
 #include <mutex>
 #include <string>
+#include <vector>
 
+#include "UpkeepJob.h"
 #include "pipelines/SignalWatcher.h"
 
 namespace calvane_program {
@@ -41,14 +43,14 @@ private:
     bool WaitForStop(std::chrono::milliseconds time);
     void Serve(calvane_program::DescribedPipelines* pipelines);
     int EndPipelines(calvane_program::DescribedPipelines& pipelines) const;
-    void TakeRetentionSetting();
+    static void TakeRetentionSetting();
     void DoUpkeep();
     void WriteLastHistory();
 
     const HostOptions options_;
     calvane_program::SignalWatcher watcher_;
     bool recording_ = false; // Otherwise there are only the services.
-    std::chrono::steady_clock::time_point nextRetention_;
+    std::vector<UpkeepJob> upkeep_;
 
     std::mutex lock_;
     std::condition_variable stopped_;
