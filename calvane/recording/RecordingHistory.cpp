@@ -166,7 +166,7 @@ void RecordingManager::correctHistoryAfterReboot() {
             if (wasClosedCleanly()) {
                 return;
             }
-            _historyTrack->getRecordingTimePeriod(first, newest);
+            _historyTrack->getRecordingTimePeriod(first, newest); // Nothing, if no record can be read.
         }
     }
     std::map<track_type, ptime> ends;
@@ -187,12 +187,32 @@ void RecordingManager::correctHistoryAfterReboot() {
     }
 }
 
-/// What the newest history record says. With the history track's lock held.
+/// The newest record of the history whose bytes can be read; the size if there is none. With the track's lock held.
+unsigned int RecordingManager::findNewestHistoryRecord() const {
+    const unsigned int size = _historyTrack->getTrack()->size();
+    for (unsigned int index = size; index-- > 0;) {
+        try {
+            BlobRecord record(-1);
+            _historyTrack->getTrack()->seekg(index);
+            *_historyTrack->getTrack() >> record;
+            return index;
+        } catch (const std::exception& error) {
+            _historyTrack->notePassedOver(index, error.what());
+        }
+    }
+    return size;
+}
+
+/// What the newest history record that can be read says. With the history track's lock held.
 bool RecordingManager::wasClosedCleanly() const {
+    const unsigned int newest = findNewestHistoryRecord();
+    if (newest == _historyTrack->getTrack()->size()) {
+        return false;
+    }
     try {
         InfoMap info;
         ptime time;
-        getHistoryRecord(_historyTrack->getTrack()->size() - 1, info, time);
+        getHistoryRecord(newest, info, time);
         return getEventType(info) == RECORDING_STATE_EVENT &&
                boost::lexical_cast<int>(info.at(kRecordingState)) == 0;
     } catch (const std::exception& error) {

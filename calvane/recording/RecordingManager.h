@@ -175,6 +175,8 @@ public:
     /// {from, 0}, or {to, 0} backwards, and goes on with the page's `next`.
     HistoryPage findHistory(const Ptime& from, const Ptime& to, bool backward, unsigned int max,
                             const HistoryCursor& cursor) const;
+    /// Throws while the card is away: everything would look as if it had been erased.
+    void requireCard() const;
     /// The event at the cursor or the first one after it, and where to go on; no event if there is none.
     HistoryPage getHistoryEvent(const HistoryCursor& cursor) const;
 
@@ -189,6 +191,7 @@ private:
     void onStoreState(drenn::multi_track_recorder::StoreState state);
     void blameCardForQueuedEnds();
     void repairHistoryAfterCard();
+    unsigned int findNewestHistoryRecord() const;
     bool wasClosedCleanly() const;
     void queueLocked(const Ptime& t, track_type type, bool present, CoverageReason reason);
     void redateFutureEvents(const Ptime& now);
@@ -196,7 +199,6 @@ private:
     Ptime dateForHistory(const Ptime& t);
     bool lookUpAvailability(const Ptime& t, track_type type) const;
     bool isCardAway() const;
-    void requireCard() const;
 
     static std::atomic<RecordingManager*> _singleton;
     static void* _logCookie;

@@ -19,7 +19,6 @@ bool RecordingManager::isCardAway() const {
     return state == StoreState::NoCard || state == StoreState::OtherCard;
 }
 
-/// Without it everything would look as if it had been erased.
 void RecordingManager::requireCard() const {
     if (isCardAway()) {
         throw std::runtime_error("The card with the recording is away");

@@ -59,7 +59,9 @@ void RecordingManager::enforceMaxRetentionTime() {
     const ptime cutoff = RecordingClock::now() - limit;
     for (const auto& [type, track] : _allTracks) {
         const TrackLock lock(*track->getTrack());
-        if (track->getTrack()->size() > 0 && track->getTimestampAtIndex(0) < cutoff) {
+        ptime first;
+        ptime last;
+        if (track->getRecordingTimePeriod(first, last) && first < cutoff) {
             track->getTrack()->eraseRange(0, track->getTrackIndexForcedIntoBounds(cutoff) + 1);
         }
     }
@@ -68,9 +70,11 @@ void RecordingManager::enforceMaxRetentionTime() {
 void RecordingManager::eraseDataFrom(const ptime& t) {
     for (const auto& [type, track] : _allTracks) {
         const TrackLock lock(*track->getTrack());
-        const unsigned int size = track->getTrack()->size();
-        if (size > 0) {
-            track->getTrack()->eraseRange(track->getTrackIndexForcedIntoBounds(t), size);
+        ptime first;
+        ptime last;
+        if (track->getRecordingTimePeriod(first, last)) {
+            const unsigned int index = t < first ? 0 : track->getTrackIndexForcedIntoBounds(t);
+            track->getTrack()->eraseRange(index, track->getTrack()->size());
         }
     }
 }
@@ -92,7 +96,8 @@ ptime RecordingManager::getEarliestDataAfter(const ptime& t, track_type type) co
     const RecordingTrack& track = *_dataTracks.at(type);
     const TrackLock lock(*track.getTrack());
     try {
-        updateEarliest(result, track.getTimestampAtIndex(track.getTrackIndex(t) + 1));
+        updateEarliest(result,
+                       track.getTimestampAtIndex(track.getFirstReadableIndex(track.getTrackIndex(t) + 1)));
     } catch (const std::exception&) { // There is none.
     }
     return result;

@@ -181,8 +181,12 @@ void RecordingTrack::reportErased(unsigned int first, unsigned int last) const {
     if (service == nullptr) {
         return; // The recorder is ending, and nobody listens any more.
     }
-    const ptime start = getTimestampAtIndex(first);
-    const ptime end = last - first <= 1 ? start : getTimestampAtIndex(last - 1);
+    const unsigned int begin = getFirstReadableIndex(first);
+    if (begin >= last) {
+        return; // No time is known of any of them.
+    }
+    const ptime start = getTimestampAtIndex(begin);
+    const ptime end = last - begin <= 1 ? start : getTimestampAtIndex(*findLastReadableIndex(last));
     unsigned int startSec = 0;
     unsigned int startUsec = 0;
     unsigned int endSec = 0;

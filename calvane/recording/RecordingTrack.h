@@ -7,6 +7,8 @@
 #include <cstdint>
 #include <map>
 #include <mutex>
+#include <optional>
+#include <set>
 #include <string>
 
 #include "calvane/Export.h"
@@ -32,7 +34,8 @@ class CoverageQuery;
 ///            holds a track's lock calls neither writeRecord nor ensureIncreasingTimestamps: a clock that went
 ///            back makes them take the locks of all tracks, one after the other.
 /// Errors:    std::runtime_error "Parse error in recorded data" for a record without a proper header;
-///            std::out_of_range for times outside the data; what the store throws.
+///            std::out_of_range for times outside the data; what the store throws. Looking for a time passes over
+///            records that cannot be read.
 /// Lifetime:  initTrack before anything else. Owned by RecordingManager.
 class CALVANE_API RecordingTrack {
 public:
@@ -52,15 +55,25 @@ public:
     /// Erases all records.
     void clearTrack();
     Ptime getTimestampAtIndex(unsigned int index) const;
+    /// The same; nothing for a record that cannot be read, which the log tells once.
+    std::optional<Ptime> findTimestamp(unsigned int index) const;
+    /// Tells the log that a record was passed over, for the first few: what is damaged stays so, and is met again.
+    void notePassedOver(unsigned int index, const char* problem) const;
+    /// The first record from `index` on whose time can be read; the size if there is none.
+    unsigned int getFirstReadableIndex(unsigned int index) const;
+    /// The last record in front of `end` whose time can be read; nothing if there is none.
+    std::optional<unsigned int> findLastReadableIndex(unsigned int end) const;
     /// Whether the record at `index` is earlier than `t`.
     bool timestampLessThan(unsigned int index, const Ptime& t) const;
-    /// The times of the first and the last record; false, and nothing set, if there are none.
+    /// The times of the first and the last record that can be read; false, and nothing set, if there are none.
     bool getRecordingTimePeriod(Ptime& first, Ptime& last) const;
     /// The first record of exactly this time, otherwise the first of those of the last time before it.
     unsigned int getTrackIndex(const Ptime& t) const;
     /// The same; before all data it is 0, behind all data the last index.
     unsigned int getTrackIndexForcedIntoBounds(const Ptime& t) const;
-    /// The first record that is not earlier than `t`; the size if there is none.
+    /// The first record behind all those that are earlier than `t`; the size if there is none. It need not be
+    /// readable: of damaged records between an earlier and a later one it is the first. Not-a-date-time is later than
+    /// everything.
     unsigned int getFirstIndexNotBefore(const Ptime& t) const;
     /// The info map that holds at `t`, and the times of the first and the last record that it holds for.
     void getTrackInfoAt(const Ptime& t, std::map<std::string, std::string>& info, Ptime& rangeStart,
@@ -98,6 +111,8 @@ private:
 
     RecordHeader readHeader(unsigned int index) const;
     unsigned int interpolateFirstIndexNotBefore(const Ptime& t, unsigned int size) const;
+    unsigned int halveFirstIndexNotBefore(const Ptime& t, unsigned int size) const;
+    unsigned int firstOfItsTime(unsigned int index) const;
     unsigned int search(Bracket bracket) const;
     bool lookAt(Bracket& bracket, double place) const;
     double interpolateBetweenSeen(const Bracket& bracket) const;
@@ -117,8 +132,9 @@ private:
     // Indexes by time that searches came across. Only where they begin to look, so it does not matter if they are not
     // true any more. Guarded by the track's lock.
     mutable std::map<std::int64_t, unsigned int> _seen;
-    std::mutex _writeMutex;            // Taken before all locks of tracks.
-    std::int64_t _lastWriteSteady = 0; // Guarded by _writeMutex.
+    mutable std::set<std::string> _passedOver; // What the log has been told. Guarded by the track's lock.
+    std::mutex _writeMutex;                    // Taken before all locks of tracks.
+    std::int64_t _lastWriteSteady = 0;         // Guarded by _writeMutex.
 };
 
 } // namespace quarn::calvane

@@ -18,6 +18,8 @@ using drenn::multi_track_recorder::BlobRecord;
 namespace {
 
 constexpr unsigned int kMostSeen = 1024;
+constexpr unsigned int kLookedAtOneByOne = 64;
+constexpr std::size_t kMostSaid = 3;
 constexpr unsigned int kFewestForRate = 64;
 constexpr unsigned int kLeastMargin = 4;
 constexpr unsigned int kMarginGrowth = 8;
@@ -31,6 +33,32 @@ double distance(std::int64_t from, std::int64_t to) {
 /// Records per tick; 0 when there are too few to tell, or no time between them.
 double rateOf(unsigned int records, std::int64_t from, std::int64_t to) {
     return records < kFewestForRate || to <= from ? 0 : records / distance(from, to);
+}
+
+/// The first of `count` places where reading works; `count` if there is none. Damage is mostly small, or a whole file:
+/// the first places are looked at one by one, then the steps double.
+template <typename IsReadable>
+unsigned int firstReadable(unsigned int count, const IsReadable& isReadable) {
+    const unsigned int near = std::min(count, kLookedAtOneByOne);
+    for (unsigned int place = 0; place < near; ++place) {
+        if (isReadable(place)) {
+            return place;
+        }
+    }
+    unsigned int low = near - 1;
+    for (unsigned int step = 1; low + 1 < count; step *= 2) {
+        unsigned int high = count - low - 1 > step ? low + step : count - 1;
+        if (!isReadable(high)) {
+            low = high;
+            continue;
+        }
+        while (high - low > 1) {
+            const unsigned int middle = low + (high - low) / 2;
+            (isReadable(middle) ? high : low) = middle;
+        }
+        return high;
+    }
+    return count;
 }
 
 } // namespace
@@ -66,14 +94,50 @@ bool RecordingTrack::timestampLessThan(unsigned int index, const ptime& t) const
     return getTimestampAtIndex(index) < t;
 }
 
-bool RecordingTrack::getRecordingTimePeriod(ptime& first, ptime& last) const {
+std::optional<ptime> RecordingTrack::findTimestamp(unsigned int index) const {
+    const TrackLock lock(*_track);
+    try {
+        return timeFromTicks(readHeader(index).ticks);
+    } catch (const std::exception& error) {
+        notePassedOver(index, error.what());
+        return std::nullopt;
+    }
+}
+
+void RecordingTrack::notePassedOver(unsigned int index, const char* problem) const {
+    const TrackLock lock(*_track);
+    if (_passedOver.size() < kMostSaid && _passedOver.insert(problem).second) {
+        CALVANE_RECORDING_LOG(DRENN_CORE_LOG_WARNING,
+                              "Record %u of the track of type %d cannot be read and is passed over: %s",
+                              index, _trackType, problem);
+    }
+}
+
+unsigned int RecordingTrack::getFirstReadableIndex(unsigned int index) const {
     const TrackLock lock(*_track);
     const unsigned int size = _track->size();
-    if (size == 0) {
+    return index >= size ? size : index + firstReadable(size - index, [&](unsigned int place) {
+                                      return findTimestamp(index + place).has_value();
+                                  });
+}
+
+std::optional<unsigned int> RecordingTrack::findLastReadableIndex(unsigned int end) const {
+    const TrackLock lock(*_track);
+    const unsigned int count = std::min(end, _track->size());
+    const unsigned int place = count == 0 ? 0 : firstReadable(count, [&](unsigned int back) {
+        return findTimestamp(count - 1 - back).has_value();
+    });
+    return place == count ? std::nullopt : std::make_optional(count - 1 - place);
+}
+
+bool RecordingTrack::getRecordingTimePeriod(ptime& first, ptime& last) const {
+    const TrackLock lock(*_track);
+    const std::optional<unsigned int> newest = findLastReadableIndex(_track->size());
+    if (!newest) {
         return false;
     }
-    const ptime firstTime = getTimestampAtIndex(0);
-    last = getTimestampAtIndex(size - 1);
+    const ptime firstTime = getTimestampAtIndex(std::min(getFirstReadableIndex(0), *newest));
+    last = getTimestampAtIndex(*newest);
     first = firstTime;
     return true;
 }
@@ -82,20 +146,28 @@ unsigned int RecordingTrack::getFirstIndexNotBefore(const ptime& t) const {
     const TrackLock lock(*_track);
     const unsigned int size = _track->size();
     if (size == 0 || t.is_not_a_date_time()) {
-        return 0;
+        return size;
     }
     try {
         return interpolateFirstIndexNotBefore(t, size);
-    } catch (const std::exception&) { // A record cannot be read; others that halving looks at perhaps can.
-        unsigned int low = 0;
-        for (unsigned int left = size; left > 0;) {
-            const unsigned int half = left / 2;
-            const bool isLess = timestampLessThan(low + half, t);
-            low = isLess ? low + half + 1 : low;
-            left = isLess ? left - half - 1 : half;
-        }
-        return low;
+    } catch (const std::exception&) { // A record cannot be read.
+        return halveFirstIndexNotBefore(t, size);
     }
+}
+
+/// Within the lock. For a record that cannot be read, the next one that can be speaks.
+unsigned int RecordingTrack::halveFirstIndexNotBefore(const ptime& t, unsigned int size) const {
+    unsigned int low = 0;
+    for (unsigned int high = size; low < high;) {
+        const unsigned int middle = low + (high - low) / 2;
+        const unsigned int readable = getFirstReadableIndex(middle);
+        if (readable < high && timestampLessThan(readable, t)) {
+            low = readable + 1;
+        } else {
+            high = middle;
+        }
+    }
+    return low;
 }
 
 /// Within the lock, and with records.
@@ -188,6 +260,15 @@ void RecordingTrack::noteSeen(unsigned int index, std::int64_t ticks) const {
     _seen.emplace(ticks, index);
 }
 
+/// Within the lock: the first of the records of the same time.
+unsigned int RecordingTrack::firstOfItsTime(unsigned int index) const {
+    const ptime time = getTimestampAtIndex(index);
+    while (index > 0 && findTimestamp(index - 1) == time) {
+        --index;
+    }
+    return index;
+}
+
 unsigned int RecordingTrack::getTrackIndexForcedIntoBounds(const ptime& t) const {
     const TrackLock lock(*_track);
     const unsigned int size = _track->size();
@@ -196,16 +277,16 @@ unsigned int RecordingTrack::getTrackIndexForcedIntoBounds(const ptime& t) const
     if (size == 0) {
         throw std::out_of_range("No data");
     }
-    unsigned int index = getFirstIndexNotBefore(t);
-    if (index == size) {
-        index = size - 1;
-    }
+    const unsigned int found = getFirstIndexNotBefore(t);
+    unsigned int index = getFirstReadableIndex(found);
     CALVANE_RECORDING_LOG(DRENN_CORE_LOG_DEBUG, "Found index %u", index);
-    if (index > 0 && t < getTimestampAtIndex(index)) {
-        --index;
-        const ptime time = getTimestampAtIndex(index);
-        while (index > 0 && getTimestampAtIndex(index - 1) == time) {
-            --index;
+    if (index == size || t < getTimestampAtIndex(index)) {
+        const std::optional<unsigned int> previous = findLastReadableIndex(found);
+        if (!previous && index == size) {
+            throw std::out_of_range("No data");
+        }
+        if (previous) {
+            index = index == size ? *previous : firstOfItsTime(*previous);
         }
     }
     CALVANE_RECORDING_LOG(DRENN_CORE_LOG_DEBUG, "Returning index %u", index);
@@ -240,8 +321,9 @@ void RecordingTrack::getTrackInfoAt(const ptime& t, std::map<std::string, std::s
         const auto [first, last] = _track->getInfoRange();
         _track->getInfo(text);
         CALVANE_RECORDING_LOG(DRENN_CORE_LOG_DEBUG, "got info: %u (%u, %u)", index, first, last);
-        rangeStart = getTimestampAtIndex(first);
-        rangeEnd = getTimestampAtIndex(std::min(_track->size() - 1, last));
+        // That of `index` can be read.
+        rangeStart = getTimestampAtIndex(getFirstReadableIndex(first));
+        rangeEnd = getTimestampAtIndex(findLastReadableIndex(last + 1).value_or(index));
     }
     RecordingManager::deserializeTrackInfo(text, info);
 }

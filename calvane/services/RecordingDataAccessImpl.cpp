@@ -25,6 +25,7 @@ using ServiceEvent = drenn::api::HistoryEvent;
 /// The recorder, with what is too old for it erased.
 RecordingManager& currentRecorder() {
     RecordingManager* const recorder = RecordingManager::instance();
+    recorder->requireCard();
     recorder->enforceMaxRetentionTime();
     return *recorder;
 }
@@ -69,26 +70,14 @@ std::vector<ServiceEvent> toService(const std::vector<HistoryEvent>& events) {
     return result;
 }
 
-/// Reads the record at `index` in one piece.
-PayloadRecord readPayload(drenn::multi_track_recorder::Track& track, unsigned int index) {
-    const StoredRecord record(track, index);
-    if (record.size() > RecordingDataAccessImpl::kLongestReplyRecord) {
-        throw std::runtime_error("A record of " + std::to_string(record.size()) +
-                                 " bytes is too long for a reply; read it with openRecords");
-    }
-    return {serviceFromTime(record.time()), {record.data(), record.data() + record.size()}};
-}
-
-/// The same. Behind others, one that cannot be read ends their page: it fails when it is the first of its own.
-std::optional<PayloadRecord> readPayload(drenn::multi_track_recorder::Track& track, unsigned int index,
-                                         bool isBehindOthers) {
+/// Reads the record at `index` in one piece; nothing if it cannot be read.
+std::optional<PayloadRecord> readPayload(const RecordingTrack& track, unsigned int index) {
     try {
-        return readPayload(track, index);
-    } catch (const std::exception&) {
-        if (isBehindOthers) {
-            return std::nullopt;
-        }
-        throw;
+        const StoredRecord record(*track.getTrack(), index);
+        return PayloadRecord{serviceFromTime(record.time()), {record.data(), record.data() + record.size()}};
+    } catch (const std::exception& problem) {
+        track.notePassedOver(index, problem.what());
+        return std::nullopt;
     }
 }
 
@@ -96,12 +85,19 @@ std::optional<PayloadRecord> readPayload(drenn::multi_track_recorder::Track& tra
 unsigned int indexOf(const RecordingTrack& track, const HistoryCursor& cursor) {
     const unsigned int size = track.getTrack()->size();
     unsigned int index = track.getFirstIndexNotBefore(cursor.time);
-    for (unsigned int passed = 0; passed != cursor.passed && index < size; ++passed, ++index) {
-        if (track.getTimestampAtIndex(index) != cursor.time) {
+    for (unsigned int passed = 0; passed != cursor.passed && index < size; ++index) {
+        const std::optional<ptime> time = track.findTimestamp(index);
+        if (time && *time != cursor.time) {
             break;
         }
+        passed += time ? 1U : 0U;
     }
     return index;
+}
+
+/// How many of this time a cursor has passed when it moves on behind a record.
+unsigned int passedAt(const HistoryCursor& cursor, const ptime& time) {
+    return time == cursor.time ? cursor.passed + 1 : 1;
 }
 
 } // namespace
@@ -139,7 +135,8 @@ unsigned int RecordingDataAccessImpl::getRecordingHistoryEvent(const ServiceCurs
 unsigned int RecordingDataAccessImpl::getMetadata(const ServiceCursor& from, const ServiceTime& to,
                                                   std::vector<PayloadRecord>* records, ServiceCursor* next,
                                                   unsigned char* more) {
-    const RecordingTrack& metadata = currentRecorder().getTrack(METADATA_TRACK);
+    const RecordingManager& recorder = currentRecorder();
+    const RecordingTrack& metadata = recorder.getTrack(METADATA_TRACK);
     HistoryCursor cursor = fromService(from);
     const ptime last = timeFromService(to);
     checkSpan(cursor.time, last);
@@ -150,19 +147,28 @@ unsigned int RecordingDataAccessImpl::getMetadata(const ServiceCursor& from, con
     records->clear();
     *more = 0;
     for (unsigned int index = indexOf(metadata, cursor); index < track.size(); ++index) {
-        const ptime time = metadata.getTimestampAtIndex(index);
-        if (time > last) {
+        const std::optional<ptime> time = metadata.findTimestamp(index);
+        if (time && *time > last) {
             break;
         }
-        std::optional<PayloadRecord> record = readPayload(track, index, !records->empty());
-        if (!record || (!records->empty() && (records->size() == kMostReplyEntries ||
-                                              bytes + record->payload.size() > kMostReplyBytes))) {
+        std::optional<PayloadRecord> record = readPayload(metadata, index);
+        if (!record) {
+            recorder.requireCard();
+            cursor = {time.value_or(cursor.time), !time ? cursor.passed : passedAt(cursor, *time)};
+            continue;
+        }
+        const std::size_t size = record->payload.size();
+        if (!records->empty() && (records->size() == kMostReplyEntries || bytes + size > kMostReplyBytes)) {
             *more = 1;
             break;
         }
-        bytes += record->payload.size();
+        if (size > kLongestReplyRecord) {
+            throw std::runtime_error("A record of " + std::to_string(size) +
+                                     " bytes is too long for a reply; read it with openRecords");
+        }
+        bytes += size;
         records->push_back(std::move(*record));
-        cursor = {time, time == cursor.time ? cursor.passed + 1 : 1};
+        cursor = {*time, passedAt(cursor, *time)};
     }
     *next = toService(cursor);
     return 0;

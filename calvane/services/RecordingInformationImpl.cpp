@@ -19,6 +19,7 @@ using InfoMap = RecordingManager::InfoMap;
 /// The recorder with what is too old erased, so that it is never told of.
 RecordingManager& trimmedRecorder() {
     RecordingManager* const manager = RecordingManager::instance();
+    manager->requireCard();
     manager->enforceMaxRetentionTime();
     return *manager;
 }

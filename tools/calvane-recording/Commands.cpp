@@ -167,11 +167,15 @@ void ListFrame(const Frame& frame, const Options& options) {
         PrintLine({{"time", ToJson(frame.time)},
                    {"bytes", frame.payload.size()},
                    {"keyFrame", (frame.flags & 1) != 0},
-                   {"discontinuity", (frame.flags & 2) != 0}});
+                   {"discontinuity", (frame.flags & 2) != 0},
+                   {"afterDamage", (frame.flags & 4) != 0}});
     } else {
         std::cout << TimeText(frame.time, options.zone) << "  " << frame.payload.size() << " bytes"
                   << ((frame.flags & 1) != 0 ? "  key frame" : "")
-                  << ((frame.flags & 2) != 0 ? "  after a gap" : "") << "\n";
+                  << ((frame.flags & 4) != 0   ? "  after damaged records"
+                      : (frame.flags & 2) != 0 ? "  after a gap"
+                                               : "")
+                  << "\n";
     }
 }
 
@@ -346,7 +350,8 @@ void ReadRecords(RecordingClient& client, const Options& options) {
     }
     RecordReader reader(client.OpenRecords(TrackOf(options.track), SpanOf(options)));
     unsigned int gaps = 0;
-    for (Frame frame = reader.Read(); frame.kind != Frame::kEnd; frame = reader.Read()) {
+    Frame frame = reader.Read();
+    for (; frame.kind != Frame::kEnd; frame = reader.Read()) {
         switch (frame.kind) {
             case Frame::kErased:
                 ++gaps;
@@ -368,6 +373,10 @@ void ReadRecords(RecordingClient& client, const Options& options) {
         }
     }
     std::cout << std::flush;
+    if (frame.unreadable != 0) {
+        throw std::runtime_error(std::to_string(frame.unreadable) +
+                                 " records are damaged on the card and were left out");
+    }
     if (gaps != 0) {
         throw std::runtime_error("Not all of the data was there any more");
     }

@@ -40,6 +40,9 @@ Frame RecordReader::Read() {
     frame.time = static_cast<Time>(LittleEndian(&header[8], 8));
     frame.payload.resize(static_cast<std::size_t>(length));
     ReadFully(frame.payload.data(), frame.payload.size());
+    if (frame.kind == Frame::kEnd && length >= 8) {
+        frame.unreadable = LittleEndian(reinterpret_cast<const unsigned char*>(frame.payload.data()), 8);
+    }
     return frame;
 }
 

@@ -13,6 +13,7 @@ struct Frame {
 
     Kind kind = kEnd;
     unsigned int flags = 0;
+    std::uint64_t unreadable = 0; ///< With kEnd: how many records could not be read.
     Time time = 0;
     std::vector<char> payload;
 };

@@ -167,14 +167,25 @@ std::vector<CoverageSpan> CoverageQuery::findRuns(const Stretch& stretch, const 
     const ptime low = stretch.begin.is_special() ? start - gap : std::max(start - gap, stretch.begin + tick);
     const ptime high = stretch.end.is_special() ? end + gap : std::min(end + gap, stretch.end);
     const TrackLock lock(*_track.getTrack());
-    const unsigned int first = _track.getFirstIndexNotBefore(low);
-    const unsigned int behind = _track.getFirstIndexNotBefore(high + tick);
-    if (first < behind) {
+    const unsigned int first = _track.getFirstReadableIndex(_track.getFirstIndexNotBefore(low));
+    const auto last = _track.findLastReadableIndex(_track.getFirstIndexNotBefore(high + tick));
+    if (last && first <= *last) {
         const ptime firstTime = _track.getTimestampAtIndex(first);
         runs.push_back({firstTime, firstTime, CoverageReason::Data});
-        joinRuns(first, behind - 1, firstTime, _track.getTimestampAtIndex(behind - 1), runs);
+        joinRuns(first, *last, firstTime, _track.getTimestampAtIndex(*last), runs);
     }
     return runs;
+}
+
+/// A record about in the middle between two others that can be read; `last` if there is none.
+unsigned int CoverageQuery::findBetween(unsigned int first, unsigned int last) const {
+    const unsigned int middle = first + (last - first + 1) / 2;
+    const unsigned int next = _track.getFirstReadableIndex(middle);
+    if (next < last) {
+        return next;
+    }
+    const auto previous = _track.findLastReadableIndex(middle);
+    return previous && *previous > first ? *previous : last;
 }
 
 /// Goes on with the last run, which ends at `first`, up to the record at `last`.
@@ -185,12 +196,12 @@ void CoverageQuery::joinRuns(unsigned int first, unsigned int last, const ptime&
         return;
     }
     ++_reads;
-    if (last - first == 1) {
+    const unsigned int middle = findBetween(first, last);
+    if (middle == last) {
         const bool dropped = (_track.readHeader(last).flags & RecordHeader::kDiscontinuity) != 0;
         runs.push_back({lastTime, lastTime, dropped ? CoverageReason::Dropped : CoverageReason::Data});
         return;
     }
-    const unsigned int middle = first + (last - first) / 2;
     const ptime middleTime = _track.getTimestampAtIndex(middle);
     joinRuns(first, middle, firstTime, middleTime, runs);
     joinRuns(middle, last, middleTime, lastTime, runs);

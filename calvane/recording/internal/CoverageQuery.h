@@ -53,6 +53,7 @@ private:
     void addPresent(const Stretch& stretch, const Ptime& start, const Ptime& end);
     void addByRecords(const Stretch& stretch, const Ptime& start, const Ptime& end);
     std::vector<CoverageSpan> findRuns(const Stretch& stretch, const Ptime& start, const Ptime& end);
+    unsigned int findBetween(unsigned int first, unsigned int last) const;
     void joinRuns(unsigned int first, unsigned int last, const Ptime& firstTime, const Ptime& lastTime,
                   std::vector<CoverageSpan>& runs);
     void add(const Ptime& start, const Ptime& end, CoverageReason reason);

@@ -142,6 +142,7 @@ public:
           _backward(backward),
           _place(backward ? reader.firstAfter(cursor.time)
                           : reader._history.getFirstIndexNotBefore(cursor.time)) {
+        passOverUnreadable();
         for (unsigned int passed = 0; passed < cursor.passed && !isAtEnd() && time() == cursor.time;
              ++passed) {
             move();
@@ -160,7 +161,18 @@ public:
 
 private:
     unsigned int index() const { return _backward ? _place - 1 : _place; }
-    void move() { _place = _backward ? _place - 1 : _place + 1; }
+    void move() {
+        _place = _backward ? _place - 1 : _place + 1;
+        passOverUnreadable();
+    }
+    void passOverUnreadable() {
+        if (_backward) {
+            const std::optional<unsigned int> last = _reader._history.findLastReadableIndex(_place);
+            _place = last ? *last + 1 : 0;
+        } else {
+            _place = _reader._history.getFirstReadableIndex(_place);
+        }
+    }
 
     const HistoryReader& _reader;
     HistoryCursor _cursor;

@@ -9,7 +9,9 @@
 #include <cstring>
 #include <stdexcept>
 #include <system_error>
+#include <utility>
 
+#include "calvane/recording/RecordingManager.h"
 #include "calvane/recording/internal/TrackLock.h"
 #include "calvane/services/internal/RecordStream.h"
 #include "calvane/services/internal/ServiceTime.h"
@@ -20,6 +22,8 @@ namespace quarn::calvane {
 namespace {
 
 constexpr std::uint8_t kStreamVersion = 1;
+// What a record's flags have, too, when some in front of it could not be read.
+constexpr unsigned int kDamageFlags = 4 | RecordHeader::kDiscontinuity;
 constexpr unsigned int kStackBytes = 256 * 1024;
 
 int makeEvent() {
@@ -96,44 +100,64 @@ void RecordStream::Run() {
 }
 
 void RecordStream::sendAll() {
-    bool more = true;
-    while (more) {
-        more = readNext();
-        if (!sendFrame()) {
+    for (Step step = Step::ReadOn; step != Step::SendLast;) {
+        step = readNext();
+        if (step == Step::ReadOn) {
+            RecordingManager::instance()->requireCard(); // Otherwise all records would count as damaged.
+        }
+        if (step == Step::ReadOn ? !waitWritable() : !sendFrame()) {
             return;
         }
     }
 }
 
-/// Makes the next frame; false when it is the last one.
-bool RecordStream::readNext() {
+/// Makes the next frame, if the next record can be read.
+RecordStream::Step RecordStream::readNext() {
     const TrackLock lock(*_store);
     const ReadPositionKeeper keeper(*_store);
-    if (_erased) {
-        _erased = false;
+    if (_next >= _store->size() && !_erased) {
+        putEnd();
+        return Step::SendLast;
+    }
+    if (resumeBehindErased()) {
         putFrame(FrameKind::Erased, 0, _lastTime, nullptr, 0);
-        return true;
+        return Step::Send;
     }
-    if (_next >= _store->size()) {
-        putFrame(FrameKind::End, 0, _lastTime, nullptr, 0);
-        return false;
+    const std::optional<Ptime> time = _track.findTimestamp(_next);
+    if (time && *time > _to) {
+        putEnd();
+        return Step::SendLast;
     }
-    const StoredRecord record(*_store, _next);
-    const Ptime time = record.time();
-    if (time < _lastTime) {
-        // An erasing that was announced has failed after all.
-        _next = _track.getFirstIndexNotBefore(_lastTime);
-        putFrame(FrameKind::Erased, 0, _lastTime, nullptr, 0);
-        return true;
+    try {
+        const StoredRecord record(*_store, _next);
+        const unsigned int damage = _damageAhead ? kDamageFlags : 0;
+        putFrame(FrameKind::Record, record.flags() | damage, record.time(), record.data(), record.size());
+        _lastTime = record.time();
+        _damageAhead = false;
+    } catch (const std::exception& problem) {
+        _track.notePassedOver(_next, problem.what());
+        ++_unreadable;
+        _damageAhead = true;
     }
-    if (time > _to) {
-        putFrame(FrameKind::End, 0, _lastTime, nullptr, 0);
-        return false;
-    }
-    putFrame(FrameKind::Record, record.flags(), time, record.data(), record.size());
-    _lastTime = time;
     ++_next;
-    return true;
+    return _damageAhead ? Step::ReadOn : Step::Send;
+}
+
+/// Whether data is missing in front of the next record because it was erased. Within the lock.
+bool RecordStream::resumeBehindErased() {
+    const std::optional<Ptime> time = _erased ? std::nullopt : _track.findTimestamp(_next);
+    if (time && *time < _lastTime) {
+        // An erasing that was announced has failed after all, or times that fall; never back, so that it ends.
+        _next = std::max(_next + 1, _track.getFirstIndexNotBefore(_lastTime));
+        return true;
+    }
+    return std::exchange(_erased, false);
+}
+
+void RecordStream::putEnd() {
+    std::vector<unsigned char> unreadable;
+    putLittleEndian(unreadable, _unreadable, 8);
+    putFrame(FrameKind::End, 0, _lastTime, unreadable.data(), unreadable.size());
 }
 
 void RecordStream::onEraseRange(unsigned int first, unsigned int last) {

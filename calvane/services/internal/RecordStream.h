@@ -22,7 +22,8 @@ class Track;
 namespace quarn::calvane {
 
 /// Sends the records of a track between two times into a socket, each as a frame; docs/reference/bus-interfaces.md
-/// describes them. It waits as long as nobody reads, with one record in memory and no lock held.
+/// describes them. It waits as long as nobody reads, with one record in memory and no lock held. A record that cannot be
+/// read is passed over, which the next frame and the last one tell.
 ///
 /// Threads:  one of its own reads and writes. Erasing moves its place on the thread that erases, which holds the
 ///           track's lock then, as the reading does.
@@ -42,11 +43,16 @@ public:
 private:
     enum class FrameKind : std::uint8_t { Record = 0, Erased = 1, End = 2, Failed = 3 };
 
+    /// What is to be done next: send the frame, or read on, since the record could not be read.
+    enum class Step { Send, SendLast, ReadOn };
+
     void Run() override;
     void Stop() override;
     void disconnect();
     void sendAll();
-    bool readNext();
+    Step readNext();
+    bool resumeBehindErased();
+    void putEnd();
     void onEraseRange(unsigned int first, unsigned int last);
     bool isToBeSent(unsigned int index) const;
     void putFrame(FrameKind kind, unsigned int flags, const Ptime& time, const void* data, std::size_t size);
@@ -65,7 +71,12 @@ private:
     Ptime _lastTime;        // Nothing before this time is left to be sent.
     bool _erased = false;   // Some of what was to be sent is gone.
 
-    std::vector<unsigned char> _frame; // The thread's own.
+    // The thread's own.
+    std::uint64_t _unreadable = 0; // Records that were passed over.
+    bool _damageAhead = false;     // Some of them since the last frame.
+
+    std::vector<unsigned char> _frame;
+
     boost::signals2::connection _connection;
     osa::Thread _thread;
 };
