@@ -78,7 +78,25 @@ TEST(CInterfaceTest, SettingsKeepWhatWasSetOverDefaults) {
     ASSERT_EQ(drenn_core_settings_get_string_value("c.count", &text), DRENN_STATUS_OK);
     EXPECT_STREQ(text, "many\n\xC3\xA4");
     free(text);
-    EXPECT_EQ(drenn_core_settings_get_int_value("c.count", &number), DRENN_STATUS_WRONG_TYPE);
+    // What is no integer gives way to a default that is one.
+    const LogCapture capture(LogLevel::Warning);
+    for (int i = 0; i < 2; ++i) {
+        EXPECT_EQ(drenn_core_settings_get_int_value("c.count", &number), DRENN_STATUS_OK);
+        EXPECT_EQ(std::exchange(number, 0), 41);
+    }
+    EXPECT_EQ(capture.Count("Setting c.count is no integer, or too large for one; its default 41 counts"),
+              1U);
+    drenn_core_int_setting both[] = {{"c.first", 1}, {"c.second", 2}};
+    EXPECT_EQ(drenn_core_settings_set_int_values(both, 2), DRENN_STATUS_OK);
+    both[0] = {"c.second", 0};
+    both[1] = {"c.wide", 7};
+    EXPECT_EQ(drenn_core_settings_get_int_values(both, 2), DRENN_STATUS_UNKNOWN_KEY);
+    EXPECT_EQ(both[0].value + both[1].value, 7) << "half of it was read";
+    both[1].key = "c.first";
+    EXPECT_EQ(drenn_core_settings_get_int_values(both, 2), DRENN_STATUS_OK);
+    EXPECT_EQ(both[0].value * 10 + both[1].value, 21);
+    both[0].key = "";
+    EXPECT_EQ(drenn_core_settings_set_int_values(both, 2), DRENN_STATUS_INVALID_ARGUMENT);
 
     quarn::settings::QuarnSettingsClient(nullptr).Set("c.wide", std::int64_t{1} << 40);
     EXPECT_EQ(drenn_core_settings_get_int_value("c.wide", &number), DRENN_STATUS_WRONG_TYPE);

@@ -9,7 +9,8 @@
  * /var/lib/drenn/settings.db. It is opened at the first call, and made if it is not there. For C and C++.
  *
  * A setting has a value, a default or both; what was set counts before the default, whatever the order of the
- * calls. A setting is an integer or a text; the last call that set it says which.
+ * calls. A setting is an integer or a text; the last call that set it says which. A value that is no integer, or one
+ * that an int does not hold, does not count where an integer is read and the default is one; the log tells so.
  *
  * Threads: any, and any number of processes. What one process has set, all others read from then on.
  * Errors:  DRENN_STATUS_INVALID_ARGUMENT for a null pointer and an empty key; DRENN_STATUS_STORAGE when the
@@ -29,6 +30,18 @@ DRENN_API drenn_status drenn_core_settings_set_default_string_value(const char* 
    integer that an int does not hold. `*value` is then left as it is. The text is the caller's to free(). */
 DRENN_API drenn_status drenn_core_settings_get_int_value(const char* key, int* value);
 DRENN_API drenn_status drenn_core_settings_get_string_value(const char* key, char** value);
+
+/* An integer by its key, for settings that belong together. */
+typedef struct drenn_core_int_setting {
+    const char* key;
+    int value;
+} drenn_core_int_setting;
+
+/* Read all as they were at one moment, and set all in one change: all or none. */
+DRENN_API drenn_status drenn_core_settings_get_int_values(drenn_core_int_setting* settings,
+                                                          unsigned int count);
+DRENN_API drenn_status drenn_core_settings_set_int_values(const drenn_core_int_setting* settings,
+                                                          unsigned int count);
 
 /* Durable when it returns. Writes nothing when the setting has this value already. */
 DRENN_API drenn_status drenn_core_settings_set_int_value(const char* key, int value);

@@ -53,8 +53,20 @@ std::optional<std::string> QuarnSettingsClient::GetString(const std::string& key
     return As<std::string>(key, Get(key), "a text");
 }
 
+std::vector<std::optional<Setting>> QuarnSettingsClient::Get(const std::vector<std::string>& keys) const {
+    return Store()->Get(keys);
+}
+
+std::optional<Setting> QuarnSettingsClient::GetDefault(const std::string& key) const {
+    return Store()->GetDefault(key);
+}
+
 void QuarnSettingsClient::Set(const std::string& key, const Setting& value) {
-    Store()->Set(key, value);
+    Store()->Set({{key, value}});
+}
+
+void QuarnSettingsClient::Set(const std::map<std::string, Setting>& values) {
+    Store()->Set(values);
 }
 
 void QuarnSettingsClient::SetDefault(const std::string& key, const Setting& value) {

@@ -7,6 +7,7 @@
 #include <mutex>
 #include <optional>
 #include <string>
+#include <vector>
 
 #include "quarn/Export.h"
 #include "quarn/settings/Setting.h"
@@ -25,8 +26,9 @@ class SettingsWatcher;
 /// Threads:  any; any number of clients and processes. Callbacks run on a thread of the client's own.
 /// Errors:   osa::Exception that names the database file or the key, and the reason. When a change fails,
 ///           nothing has changed.
-/// Lifetime: the database is opened by the first operation, and made, with its folder, if it is not there. It
-///           must not be replaced while processes use it. Destruction waits for a callback that is running.
+/// Lifetime: the database is opened by the first operation, and made, with its folder, if it is not there. One that
+///           is removed or replaced counts as it is from then on; one that is damaged is set aside as
+///           "FILE.damaged" and begins anew. Destruction waits for a callback that is running.
 class QUARN_API QuarnSettingsClient {
 public:
     using Callback = std::function<void(const std::string& key)>;
@@ -43,10 +45,16 @@ public:
     /// setting is of the other type.
     std::optional<std::int64_t> GetInt(const std::string& key) const;
     std::optional<std::string> GetString(const std::string& key) const;
+    /// Several as they were at one moment, so that settings that belong together are of one change.
+    std::vector<std::optional<Setting>> Get(const std::vector<std::string>& keys) const;
+    /// What the setting reads as until it is set.
+    std::optional<Setting> GetDefault(const std::string& key) const;
 
     /// Durable when it returns. Writes nothing when the setting has this value already.
     void Set(const std::string& key, const Setting& value);
     void SetDefault(const std::string& key, const Setting& value);
+    /// Several in one change.
+    void Set(const std::map<std::string, Setting>& values);
 
     /// From now on calls `callback` after the key's reading has changed, whichever process changed it; for
     /// changes in quick succession perhaps only once. Returns a number to unsubscribe with. A callback may

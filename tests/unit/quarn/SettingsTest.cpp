@@ -12,6 +12,7 @@
 #include <numeric>
 #include <vector>
 
+#include "quarn/core/LogCapture.h"
 #include "quarn/settings/QuarnSettingsClient.h"
 #include "support/TempFolder.h"
 #include "support/ThrownText.h"
@@ -34,31 +35,6 @@ protected:
     const TempFolder folder;
     const std::string path = folder.Path("sub/settings.db");
 };
-
-TEST_F(SettingsTest, AValueCountsBeforeADefaultWhateverTheOrder) {
-    QuarnSettingsClient settings(path.c_str());
-    EXPECT_EQ(settings.Get("a"), std::nullopt);
-    settings.Set("a", 1);
-    settings.SetDefault("a", 2);
-    settings.SetDefault("b", std::string("default"));
-    EXPECT_EQ(settings.GetInt("a"), 1);
-    EXPECT_EQ(settings.GetString("b"), "default");
-    settings.Set("b", std::string());
-    EXPECT_EQ(settings.GetString("b"), "") << "an empty text is a value";
-    settings.Set("c", std::int64_t{1} << 60);
-    EXPECT_EQ(QuarnSettingsClient(path.c_str()).GetInt("c"), std::int64_t{1} << 60);
-    EXPECT_EQ(ThrownText<SettingTypeException>([&] { settings.GetString("a"); }), "Setting a is not a text");
-}
-
-TEST_F(SettingsTest, ABadDatabaseIsAnErrorThatNamesIt) {
-    std::filesystem::create_directory(folder.Path("sub"));
-    folder.Write("sub/settings.db", std::string(5000, 'x'));
-    EXPECT_EQ(ThrownText([&] { QuarnSettingsClient(path.c_str()).Get("a"); }),
-              "Cannot use the settings database " + path + ": file is not a database");
-    const std::string below = path + "/below.db";
-    EXPECT_NE(ThrownText([&] { QuarnSettingsClient(below.c_str()).Get("a"); }).find(below),
-              std::string::npos);
-}
 
 /// Another process, made before this one opens the database; it works when it is told to.
 class Writer {
@@ -97,6 +73,55 @@ private:
     pid_t child_ = -1;
 };
 
+TEST_F(SettingsTest, AValueCountsBeforeADefaultWhateverTheOrder) {
+    QuarnSettingsClient settings(path.c_str());
+    EXPECT_EQ(settings.Get("a"), std::nullopt);
+    settings.Set("a", 1);
+    settings.SetDefault("a", 2);
+    settings.SetDefault("b", std::string("default"));
+    EXPECT_EQ(settings.GetInt("a"), 1);
+    EXPECT_EQ(settings.GetString("b"), "default");
+    settings.Set("b", std::string());
+    EXPECT_EQ(settings.GetString("b"), "") << "an empty text is a value";
+    settings.Set("c", std::int64_t{1} << 60);
+    EXPECT_EQ(QuarnSettingsClient(path.c_str()).GetInt("c"), std::int64_t{1} << 60);
+    EXPECT_EQ(ThrownText<SettingTypeException>([&] { settings.GetString("a"); }), "Setting a is not a text");
+}
+
+TEST_F(SettingsTest, ADamagedFileIsSetAsideAndOneThatIsGoneIsNoticed) {
+    const std::string garbage(5000, 'x');
+    std::filesystem::create_directory(folder.Path("sub"));
+    folder.Write("sub/settings.db", garbage);
+    const quarn::core::LogCapture capture;
+    QuarnSettingsClient settings(path.c_str());
+    settings.SetDefault("a", 1);
+    EXPECT_EQ(folder.Read("sub/settings.db.damaged"), garbage);
+    EXPECT_EQ(capture.Count("Cannot use the settings database " + path +
+                            ": file is not a database; it is set aside as " + path +
+                            ".damaged, and the settings begin with their defaults"),
+              1U);
+    std::atomic<std::int64_t> told{0};
+    settings.Subscribe("a", [&](const std::string& key) { told = settings.GetInt(key).value_or(-1); });
+    settings.Set("a", 2);
+    EXPECT_TRUE(WaitUntil([&] { return told == 2; }));
+    folder.Write("sub/settings.db", garbage + "y"); // While it is used.
+    EXPECT_EQ(settings.GetInt("a"), 1);
+    EXPECT_EQ(folder.Read("sub/settings.db.damaged-2"), garbage + "y");
+    EXPECT_TRUE(WaitUntil([&] { return told == 1; }));
+    settings.Set("a", 3);
+    EXPECT_TRUE(WaitUntil([&] { return told == 3; }));
+    std::filesystem::remove(path);
+    EXPECT_TRUE(WaitUntil([&] { return told == 1; }));
+    Writer writer([&] { QuarnSettingsClient(path.c_str()).Set("a", 4); });
+    writer.Go();
+    writer.End();
+    EXPECT_EQ(settings.GetInt("a"), 4);
+    EXPECT_TRUE(WaitUntil([&] { return told == 4; }));
+    const std::string below = path + "/below.db";
+    EXPECT_NE(ThrownText([&] { QuarnSettingsClient(below.c_str()).Get("a"); }).find(below),
+              std::string::npos);
+}
+
 TEST_F(SettingsTest, AChangeByAnotherProcessIsSeenAndTold) {
     Writer writer([&] { QuarnSettingsClient(path.c_str()).Set("n", 7); });
     QuarnSettingsClient settings(path.c_str());
@@ -112,6 +137,42 @@ TEST_F(SettingsTest, AChangeByAnotherProcessIsSeenAndTold) {
     settings.Set("n", 8);
     settings.Set("other", 1);
     EXPECT_TRUE(WaitUntil([&] { return told == -1; }));
+}
+
+TEST_F(SettingsTest, SettingsThatAreSetTogetherAreReadTogether) {
+    QuarnSettingsClient settings(path.c_str());
+    Writer writer([&] {
+        QuarnSettingsClient other(folder.Path("sub/./settings.db").c_str()); // A connection of its own.
+        for (std::int64_t value = 1; value <= 100; ++value) {
+            other.Set({{"sec", value}, {"usec", value}});
+            usleep(1000); // Or the reader would hardly get at the file.
+        }
+    });
+    writer.Go();
+    std::optional<Setting> last;
+    do {
+        const auto both = settings.Get(std::vector<std::string>{"sec", "usec"});
+        ASSERT_EQ(both[0], both[1]);
+        last = both[0];
+    } while (last != Setting(std::int64_t{100}));
+}
+
+TEST_F(SettingsTest, AFileOfAnotherUserCanBeReadAndDefaultsCount) {
+    Writer other([&] {
+        if (geteuid() == 0 && seteuid(65534) != 0) {
+            _exit(2);
+        }
+        QuarnSettingsClient settings(path.c_str());
+        settings.SetDefault("new", 5);
+        const bool isRight = settings.GetInt("new") == 5 && settings.GetInt("a") == 1;
+        const std::string refused = ThrownText([&] { settings.Set("a", 2); });
+        _exit(isRight && refused.find("readonly") != std::string::npos ? 0 : 1);
+    });
+    QuarnSettingsClient(path.c_str()).Set("a", 1);
+    std::filesystem::permissions(path, std::filesystem::perms(0444));
+    std::filesystem::permissions(folder.Path(), std::filesystem::perms(0755));
+    other.Go();
+    EXPECT_EQ(other.End(), 0);
 }
 
 // Each writer counts in a setting of its own; what it was told to be set must be there, and no more than it began.

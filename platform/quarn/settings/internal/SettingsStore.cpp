@@ -1,4 +1,8 @@
+#include <fcntl.h>
 #include <sqlite3.h>
+#include <sys/file.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
 #include <array>
 #include <cerrno>
@@ -6,13 +10,43 @@
 #include <filesystem>
 #include <system_error>
 
+#include "quarn/core/Logger.h"
 #include "quarn/settings/internal/SettingsStore.h"
 
 namespace quarn::settings {
 namespace {
 
-// Another process holds the file for one write, some milliseconds each; a slow card may take a second.
-constexpr int kBusyMilliseconds = 30'000;
+/// What is in the file is no settings database any more.
+class DamagedError : public osa::Exception {
+public:
+    using osa::Exception::Exception;
+};
+
+/// The database may be another user's.
+class ReadOnlyError : public osa::Exception {
+public:
+    using osa::Exception::Exception;
+};
+
+/// Keeps other processes that mind it from working in a folder.
+class FolderLock {
+public:
+    explicit FolderLock(const std::filesystem::path& folder)
+        : descriptor_(open(folder.empty() ? "." : folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC)) {
+        flock(descriptor_, LOCK_EX);
+    }
+    ~FolderLock() { close(descriptor_); }
+    FolderLock(const FolderLock&) = delete;
+    FolderLock& operator=(const FolderLock&) = delete;
+
+private:
+    const int descriptor_;
+};
+
+core::Logger* GetLogger() {
+    static core::Logger* const logger = core::Logger::GetLogger("Settings");
+    return logger;
+}
 
 using StatementPtr = std::unique_ptr<sqlite3_stmt, decltype(&sqlite3_finalize)>;
 
@@ -75,47 +109,149 @@ std::shared_ptr<SettingsStore> SettingsStore::Open(const std::string& path) {
 }
 
 SettingsStore::SettingsStore(const std::string& path) : path_(path) {
-    MakeFolder(path);
+    Open();
+}
+
+SettingsStore::~SettingsStore() {
+    Close();
+}
+
+/// Within the lock, as all that follows. With what was set for this process.
+void SettingsStore::Open() {
+    try {
+        Connect();
+    } catch (const DamagedError&) {
+        SetAside();
+        Connect();
+    }
+}
+
+void SettingsStore::Connect() {
+    Close();
+    MakeFolder(path_);
     // Our lock is the only one that is needed.
     const int flags = SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE | SQLITE_OPEN_NOMUTEX;
     try {
-        if (sqlite3_open_v2(path.c_str(), &database_, flags, nullptr) != SQLITE_OK) {
+        if (sqlite3_open_v2(path_.c_str(), &database_, flags, nullptr) != SQLITE_OK) {
             Fail("open");
         }
-        sqlite3_busy_timeout(database_, kBusyMilliseconds);
+        sqlite3_busy_timeout(database_, static_cast<int>(std::chrono::milliseconds(kLongestWait).count()));
         // EXTRA syncs the folder, too, when the journal is removed: only then a change is durable.
         Execute("PRAGMA journal_mode=DELETE; PRAGMA synchronous=EXTRA; PRAGMA mmap_size=0");
         Execute(
             "CREATE TABLE IF NOT EXISTS settings(key TEXT PRIMARY KEY NOT NULL, value, fallback) WITHOUT "
             "ROWID");
+        Load();
+        fileNumber_ = FileNumber();
     } catch (...) {
-        sqlite3_close_v2(database_);
+        Close();
         throw;
     }
 }
 
-SettingsStore::~SettingsStore() {
+void SettingsStore::Close() {
     sqlite3_close_v2(database_);
+    database_ = nullptr;
+    loadedCounter_ = std::nullopt;
 }
 
-std::optional<Setting> SettingsStore::Get(const std::string& key) {
-    const std::lock_guard<std::mutex> guard(lock_);
-    Refresh();
-    const auto entry = entries_.find(key);
-    if (entry == entries_.end()) {
-        return std::nullopt;
+/// Puts the file out of the way, unless another process has just done so.
+void SettingsStore::SetAside() {
+    const FolderLock lock(std::filesystem::path(path_).parent_path());
+    try {
+        Connect();
+    } catch (const DamagedError& damage) {
+        std::string aside = path_ + ".damaged";
+        for (int number = 2; std::filesystem::exists(aside); ++number) {
+            aside = path_ + ".damaged-" + std::to_string(number);
+        }
+        // The journal first: it would be played back into the next file of this name.
+        std::error_code none;
+        std::filesystem::rename(path_ + "-journal", aside + "-journal", none);
+        std::filesystem::rename(path_, aside);
+        GetLogger()->Error("%s; it is set aside as %s, and the settings begin with their defaults",
+                           damage.what(), aside.c_str());
     }
-    return entry->second.value ? entry->second.value : entry->second.fallback;
 }
 
-void SettingsStore::Write(const std::string& key, const Setting& value, std::optional<Setting> Entry::*part,
-                          const char* sql) {
+/// Nothing if there is none.
+std::optional<ino_t> SettingsStore::FileNumber() const {
+    struct stat facts {};
+    return stat(path_.c_str(), &facts) == 0 ? std::make_optional(facts.st_ino) : std::nullopt;
+}
+
+std::vector<std::optional<Setting>> SettingsStore::Get(const std::vector<std::string>& keys) {
     const std::lock_guard<std::mutex> guard(lock_);
     Refresh();
+    std::vector<std::optional<Setting>> values;
+    for (const std::string& key : keys) {
+        const auto entry = entries_.find(key);
+        const auto fallback = defaults_.find(key);
+        if (entry != entries_.end() && (entry->second.value || entry->second.fallback)) {
+            values.push_back(entry->second.value ? entry->second.value : entry->second.fallback);
+        } else {
+            values.push_back(fallback != defaults_.end() ? std::make_optional(fallback->second)
+                                                         : std::nullopt);
+        }
+    }
+    return values;
+}
+
+std::optional<Setting> SettingsStore::GetDefault(const std::string& key) {
+    const std::lock_guard<std::mutex> guard(lock_);
+    const auto own = defaults_.find(key);
     const auto entry = entries_.find(key);
-    if (entry != entries_.end() && entry->second.*part == value) {
+    if (own != defaults_.end() || entry == entries_.end()) {
+        return own != defaults_.end() ? std::make_optional(own->second) : std::nullopt;
+    }
+    return entry->second.fallback;
+}
+
+void SettingsStore::Set(const std::map<std::string, Setting>& values) {
+    const std::lock_guard<std::mutex> guard(lock_);
+    Refresh();
+    Write(values, &Entry::value, kSetValue);
+}
+
+void SettingsStore::SetDefault(const std::string& key, const Setting& value) {
+    const std::lock_guard<std::mutex> guard(lock_);
+    Refresh();
+    try {
+        Write({{key, value}}, &Entry::fallback, kSetDefault);
+    } catch (const ReadOnlyError& problem) {
+        GetLogger()->Warning("%s; the default of %s counts for this process only", problem.what(),
+                             key.c_str());
+    }
+    defaults_[key] = value;
+}
+
+/// Those that differ from what is there, all or none.
+void SettingsStore::Write(const std::map<std::string, Setting>& values, std::optional<Setting> Entry::*part,
+                          const char* sql) {
+    std::map<std::string, Setting> changed;
+    for (const auto& [key, value] : values) {
+        const auto entry = entries_.find(key);
+        if (entry == entries_.end() || entry->second.*part != value) {
+            changed[key] = value;
+        }
+    }
+    if (changed.empty()) {
         return;
     }
+    Execute("BEGIN IMMEDIATE");
+    try {
+        for (const auto& [key, value] : changed) {
+            WriteOne(key, value, sql);
+        }
+        Execute("COMMIT");
+    } catch (...) {
+        sqlite3_exec(database_, "ROLLBACK", nullptr, nullptr, nullptr);
+        throw;
+    }
+    // The counter of the file has moved, so the next reading loads what is there now.
+}
+
+void SettingsStore::WriteOne(const std::string& key, const Setting& value, const char* sql) const {
     const StatementPtr statement = Prepare(database_, sql);
     if (statement == nullptr) {
         Fail("write");
@@ -129,7 +265,6 @@ void SettingsStore::Write(const std::string& key, const Setting& value, std::opt
     if (sqlite3_step(statement.get()) != SQLITE_DONE) {
         Fail("write");
     }
-    // The counter of the file has moved, so the next reading loads what is there now.
 }
 
 // Without SQLite's lock: a change that is just being written is seen before or after it.
@@ -146,8 +281,20 @@ std::uint32_t SettingsStore::ReadChangeCounter() const {
 }
 
 void SettingsStore::Refresh() {
-    if (loadedCounter_ != ReadChangeCounter()) {
-        Load();
+    try {
+        if (database_ == nullptr || FileNumber() != fileNumber_) {
+            if (database_ != nullptr) {
+                GetLogger()->Warning(
+                    "The settings database %s was removed or replaced; what is there now counts",
+                    path_.c_str());
+            }
+            Open();
+        } else if (loadedCounter_ != ReadChangeCounter()) {
+            Load();
+        }
+    } catch (const DamagedError&) {
+        SetAside();
+        Open();
     }
 }
 
@@ -189,7 +336,17 @@ void SettingsStore::Execute(const char* sql) const {
 
 void SettingsStore::Fail(const char* what) const {
     const char* const reason = database_ != nullptr ? sqlite3_errmsg(database_) : "out of memory";
-    throw osa::Exception(std::string("Cannot ") + what + " the settings database " + path_ + ": " + reason);
+    const std::string text =
+        std::string("Cannot ") + what + " the settings database " + path_ + ": " + reason;
+    switch (sqlite3_errcode(database_)) {
+        case SQLITE_CORRUPT:
+        case SQLITE_NOTADB:
+            throw DamagedError(text);
+        case SQLITE_READONLY:
+            throw ReadOnlyError(text);
+        default:
+            throw osa::Exception(text);
+    }
 }
 
 } // namespace quarn::settings

@@ -25,7 +25,7 @@ core::Logger* GetLogger() {
 SettingsWatcher::SettingsWatcher(std::shared_ptr<SettingsStore> store) : store_(std::move(store)) {
     inotify_ = inotify_init1(IN_CLOEXEC | IN_NONBLOCK);
     stop_ = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
-    if (inotify_ < 0 || stop_ < 0 || inotify_add_watch(inotify_, store_->Path().c_str(), IN_MODIFY) < 0) {
+    if (inotify_ < 0 || stop_ < 0 || !Watch()) {
         const int error = errno;
         close(inotify_);
         close(stop_);
@@ -72,8 +72,14 @@ void SettingsWatcher::Run() {
         std::array<char, 4096> events; // What they say does not matter.
         while (read(inotify_, events.data(), events.size()) > 0) {
         }
-        TellChanges();
+        TellChanges(); // It makes the file anew if that is gone.
+        Watch();
     }
+}
+
+/// Also of another file that has taken the place of the one before.
+bool SettingsWatcher::Watch() const {
+    return inotify_add_watch(inotify_, store_->Path().c_str(), IN_MODIFY | IN_ATTRIB | IN_MOVE_SELF) >= 0;
 }
 
 void SettingsWatcher::TellChanges() {

@@ -33,6 +33,7 @@ private:
 
     void Run() override;
     void Stop() override;
+    bool Watch() const;
     void TellChanges();
     void TellOne(int number);
 
