@@ -43,6 +43,8 @@ const boost::posix_time::time_duration RecordingManager::kLargestRecordGap = boo
 
 std::atomic<RecordingManager*> RecordingManager::_singleton{nullptr};
 std::mutex RecordingManager::_mutex;
+std::mutex RecordingManager::_settingMutex;
+boost::posix_time::time_duration RecordingManager::_settingSeen;
 std::mutex RecordingManager::_serviceMutex;
 void* RecordingManager::_logCookie = nullptr;
 std::string RecordingManager::_recordingRootPath = "/media/sd/";
@@ -125,10 +127,11 @@ void RecordingManager::init() {
     CALVANE_DRENN_CALL(drenn_core_settings_set_default_int_value(kMaxRetentionTimeMicroseconds, 0));
     CALVANE_DRENN_CALL(drenn_core_settings_get_int_value(kMaxRetentionTimeSeconds, &secs));
     CALVANE_DRENN_CALL(drenn_core_settings_get_int_value(kMaxRetentionTimeMicroseconds, &usecs));
+    // Each could be read; now both as of one change.
+    const boost::posix_time::time_duration limit = readRetentionSetting();
     {
         const std::lock_guard<std::mutex> lock(_mutex);
-        _maxRetentionTime =
-            boost::posix_time::microseconds(static_cast<std::int64_t>(secs) * 1000000 + usecs);
+        _maxRetentionTime = limit;
     }
     startServices();
     try {
@@ -320,6 +323,13 @@ RecordingManager::~RecordingManager() {
     _recording = nullptr;
     _multiTrackRecorder = nullptr;
     CALVANE_RECORDING_LOG(DRENN_CORE_LOG_DEBUG, "done ~RecordingManager()");
+}
+
+void RecordingManager::awaitWriters() const {
+    for (const auto& [type, track] : _allTracks) {
+        const std::lock_guard<std::mutex> writer(track->_writeMutex);
+        const TrackLock lock(*track->getTrack());
+    }
 }
 
 void RecordingManager::clearAll() {

@@ -112,6 +112,8 @@ public:
     RecordingManager(const RecordingManager&) = delete;
     RecordingManager& operator=(const RecordingManager&) = delete;
 
+    /// Returns when each track could take a record: its writer and whoever reads it are not stuck.
+    void awaitWriters() const;
     /// Erases the records of all tracks.
     void clearAll();
     /// Any of the four. Throws std::out_of_range.
@@ -149,7 +151,11 @@ public:
     static boost::posix_time::time_duration getMaxRetentionTime();
     /// 0, less and special durations mean no limit; special ones are stored as 0. One whose seconds an int does
     /// not hold becomes the nearest that it holds, about 68 years.
+    /// Both settings change in one transaction.
     static void setMaxRetentionTime(const boost::posix_time::time_duration& rt);
+    /// Takes over a limit that another process has set, when two calls in a row have read it: somebody may be setting
+    /// seconds and microseconds one after the other. Returns whether the limit has changed. Nothing is written.
+    static bool takeMaxRetentionTimeSetting();
     void enforceMaxRetentionTime();
     /// Erases what is recorded from `t` on, and the record before it.
     void eraseDataFrom(const Ptime& t);
@@ -184,6 +190,7 @@ private:
     class StoreWatch;
 
     static bool isStorageName(const std::filesystem::directory_entry& entry);
+    static boost::posix_time::time_duration readRetentionSetting();
     static void startServices();
     void openRecording();
     bool takeRecordingOf(const std::string& deviceInfo);
@@ -221,6 +228,9 @@ private:
     std::map<track_type, RecordingTrack*> _dataTracks;
     std::map<track_type, RecordingTrack*> _allTracks;
     std::shared_ptr<StoreWatch> _storeWatch;
+
+    static std::mutex _settingMutex; // One reads or writes the settings at a time. Taken before _mutex.
+    static boost::posix_time::time_duration _settingSeen; // Guarded by it.
 
     static std::mutex _mutex; // Guards what follows.
     static boost::posix_time::time_duration _maxRetentionTime;

@@ -1,7 +1,9 @@
 // Erasing by age and after clock jumps, and what spans all tracks.
 
 #include <algorithm>
+#include <array>
 #include <limits>
+#include <utility>
 
 #include "calvane/recording/DrennApiException.h"
 #include "calvane/recording/RecordingClock.h"
@@ -34,21 +36,48 @@ time_duration RecordingManager::getMaxRetentionTime() {
 
 void RecordingManager::setMaxRetentionTime(const time_duration& rt) {
     {
-        const std::lock_guard<std::mutex> lock(_mutex);
-        _maxRetentionTime = storable(rt);
+        const std::lock_guard<std::mutex> settingLock(_settingMutex);
+        const time_duration limit = storable(rt);
+        {
+            const std::lock_guard<std::mutex> lock(_mutex);
+            _maxRetentionTime = limit;
+        }
         // Of the same sign, or 0.
-        const auto seconds = static_cast<int>(_maxRetentionTime.ticks() / 1000000);
-        const auto rest = static_cast<int>(_maxRetentionTime.ticks() % 1000000);
+        const std::array<drenn_core_int_setting, 2> settings{
+            {{kMaxRetentionTimeSeconds, static_cast<int>(limit.ticks() / 1000000)},
+             {kMaxRetentionTimeMicroseconds, static_cast<int>(limit.ticks() % 1000000)}}};
         requireDrennSuccess(
-            drenn_core_settings_set_int_value(kMaxRetentionTimeSeconds, seconds),
+            drenn_core_settings_set_int_values(settings.data(), 2),
             "drenn_core_settings_set_int_value(kMaxRetentionTimeSeconds, rt.total_seconds())");
-        requireDrennSuccess(
-            drenn_core_settings_set_int_value(kMaxRetentionTimeMicroseconds, rest),
-            "drenn_core_settings_set_int_value(kMaxRetentionTimeMicroseconds, rt.fractional_seconds())");
     }
     if (RecordingManager* const manager = _singleton.load()) {
         manager->enforceMaxRetentionTime();
     }
+}
+
+time_duration RecordingManager::readRetentionSetting() {
+    std::array<drenn_core_int_setting, 2> settings{
+        {{kMaxRetentionTimeSeconds, 0}, {kMaxRetentionTimeMicroseconds, 0}}};
+    requireDrennSuccess(drenn_core_settings_get_int_values(settings.data(), 2),
+                        "drenn_core_settings_get_int_value(kMaxRetentionTimeSeconds, &secs)");
+    return boost::posix_time::microseconds(std::int64_t{settings[0].value} * 1000000 + settings[1].value);
+}
+
+bool RecordingManager::takeMaxRetentionTimeSetting() {
+    {
+        const std::lock_guard<std::mutex> settingLock(_settingMutex);
+        const time_duration setting = readRetentionSetting();
+        const bool isWhole = setting == std::exchange(_settingSeen, setting);
+        const std::lock_guard<std::mutex> lock(_mutex);
+        if (!isWhole || setting == _maxRetentionTime) {
+            return false;
+        }
+        _maxRetentionTime = setting;
+    }
+    if (RecordingManager* const manager = _singleton.load()) {
+        manager->enforceMaxRetentionTime();
+    }
+    return true;
 }
 
 void RecordingManager::enforceMaxRetentionTime() {

@@ -1,10 +1,12 @@
 // What init() makes of cards, devices and what it finds on them.
 
 #include <chrono>
+#include <future>
 #include <iterator>
 #include <thread>
 
 #include "calvane/recording/DrennApiException.h"
+#include "quarn/settings/QuarnSettingsClient.h"
 #include "recording/RecorderFixture.h"
 #include "support/Program.h"
 
@@ -94,6 +96,44 @@ TEST_F(Lifecycle, StartingStoppingAndTheRootPathHaveTheirOrder) {
     std::filesystem::remove_all(folder.Path("card"));
     RecordingManager::init();
     EXPECT_EQ(RecordingManager::getMaxRetentionTime(), boost::posix_time::milliseconds(90250));
+}
+
+TEST_F(Lifecycle, ALimitThatOthersSetCountsWhenItWasReadWhole) {
+    RecordingManager::init();
+    RecordingManager::setMaxRetentionTime(boost::posix_time::milliseconds(90250));
+    Write(VIDEO_TRACK, {1, 2});
+    const auto take = &RecordingManager::takeMaxRetentionTimeSetting;
+    EXPECT_FALSE(take() || take());
+    quarn::settings::QuarnSettingsClient other(nullptr);
+    other.Set(quarn::calvane::kMaxRetentionTimeSeconds, 0); // And the microseconds a moment later.
+    EXPECT_FALSE(take());
+    other.Set(quarn::calvane::kMaxRetentionTimeMicroseconds, 0);
+    EXPECT_FALSE(take());
+    EXPECT_TRUE(take());
+    EXPECT_EQ(RecordingManager::getMaxRetentionTime(), boost::posix_time::seconds(0));
+    EXPECT_EQ(SizeOf(VIDEO_TRACK), 2U);
+    other.Set({{quarn::calvane::kMaxRetentionTimeSeconds, 1}});
+    SetClock(2.5);
+    EXPECT_FALSE(take());
+    EXPECT_TRUE(take());
+    EXPECT_EQ(SizeOf(VIDEO_TRACK), 1U);
+    // Nonsense does not keep the recorder from starting.
+    other.Set(quarn::calvane::kMaxRetentionTimeSeconds, std::string("soon"));
+    Restart();
+    EXPECT_EQ(RecordingManager::_recordingDisabledReason, 0);
+    EXPECT_EQ(RecordingManager::getMaxRetentionTime(), boost::posix_time::seconds(0));
+}
+
+TEST_F(Lifecycle, ItTellsWhetherATrackCouldTakeARecord) {
+    RecordingManager::init();
+    std::future<void> waiting;
+    {
+        const std::lock_guard<const drenn::multi_track_recorder::Track> stuck(
+            *TrackOf(AUDIO_TRACK).getTrack());
+        waiting = std::async(std::launch::async, [] { Recorder().awaitWriters(); });
+        EXPECT_EQ(waiting.wait_for(std::chrono::milliseconds(50)), std::future_status::timeout);
+    }
+    waiting.get();
 }
 
 TEST_F(Lifecycle, AFailingCallOfThePlatformIsThrownAsWritten) {

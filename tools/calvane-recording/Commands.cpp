@@ -405,8 +405,13 @@ void Watch(RecordingClient& client, const Options& options) {
 
 void GetRetention(const Options& options) {
     const quarn::settings::QuarnSettingsClient settings(nullptr);
-    const Time limit = settings.GetInt(quarn::calvane::kMaxRetentionTimeSeconds).value_or(0) * kSecond +
-                       settings.GetInt(quarn::calvane::kMaxRetentionTimeMicroseconds).value_or(0);
+    const auto numberOf = [](const std::optional<quarn::settings::Setting>& setting) {
+        const auto* const number = setting ? std::get_if<std::int64_t>(&*setting) : nullptr;
+        return number != nullptr ? *number : 0;
+    };
+    const auto parts = settings.Get(std::vector<std::string>{quarn::calvane::kMaxRetentionTimeSeconds,
+                                                             quarn::calvane::kMaxRetentionTimeMicroseconds});
+    const Time limit = numberOf(parts[0]) * kSecond + numberOf(parts[1]);
     if (options.json) {
         Print({{"seconds", SecondsOf(limit)}});
     } else if (limit <= 0) {
@@ -422,8 +427,8 @@ void SetRetention(const Options& options) {
         throw std::invalid_argument("Not a limit: \"" + options.limit + "\" is longer than 68 years");
     }
     quarn::settings::QuarnSettingsClient settings(nullptr);
-    settings.Set(quarn::calvane::kMaxRetentionTimeSeconds, std::int64_t{limit / kSecond});
-    settings.Set(quarn::calvane::kMaxRetentionTimeMicroseconds, std::int64_t{limit % kSecond});
+    settings.Set({{quarn::calvane::kMaxRetentionTimeSeconds, std::int64_t{limit / kSecond}},
+                  {quarn::calvane::kMaxRetentionTimeMicroseconds, std::int64_t{limit % kSecond}}});
     GetRetention(options);
 }
 
