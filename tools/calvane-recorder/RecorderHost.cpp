@@ -4,12 +4,13 @@
 
 #include <algorithm>
 #include <boost/date_time/posix_time/posix_time.hpp>
+#include <memory>
 #include <optional>
 #include <thread>
 #include <utility>
 
+#include "UpkeepThread.h"
 #include "calvane/recording/RecordingManager.h"
-#include "drenn/core/Settings.h"
 #include "pipelines/CheckedDescription.h"
 #include "pipelines/DescribedPipelines.h"
 #include "pipelines/ExitStatus.h"
@@ -26,7 +27,7 @@ using quarn::core::Logger;
 
 namespace {
 
-constexpr auto kHistoryPeriod = 250ms;
+constexpr auto kWatchdogPeriod = 250ms;
 constexpr auto kRetentionPeriod = 10s;
 // What has been reported is written to the history no earlier; see RecordingManager::processHistorySaveQueue.
 constexpr auto kHistoryHold = 1500ms;
@@ -36,7 +37,16 @@ Logger* GetLogger() {
     return logger;
 }
 
-/// The recorder's lifetime.
+/// Any process may have set another limit.
+void TakeRetentionSetting() {
+    if (RecordingManager::takeMaxRetentionTimeSetting()) {
+        const auto limit = boost::posix_time::to_simple_string(RecordingManager::getMaxRetentionTime());
+        GetLogger()->Information("Recorded data is kept for %s from now on (0: without limit)",
+                                 limit.c_str());
+    }
+}
+
+/// The recorder's lifetime, and what is to be done for it all the time.
 class Recorder {
 public:
     explicit Recorder(const std::string& root) {
@@ -48,10 +58,48 @@ public:
             throw;
         }
     }
-    ~Recorder() { RecordingManager::deinit(); }
+    ~Recorder() {
+        StopUpkeep();
+        RecordingManager::deinit();
+    }
     Recorder(const Recorder&) = delete;
     Recorder& operator=(const Recorder&) = delete;
+
+    void StartUpkeep();
+    /// Also writes what is still held to be put in order.
+    void EndHistory();
+
+private:
+    void StopUpkeep() {
+        settings_ = nullptr;
+        upkeep_ = nullptr;
+    }
+
+    std::unique_ptr<UpkeepThread> settings_; // Other processes may keep it waiting.
+    std::unique_ptr<UpkeepThread> upkeep_;
 };
+
+void Recorder::StartUpkeep() {
+    const auto period = UpkeepThread::kPeriod;
+    std::vector<UpkeepJob> jobs;
+    jobs.emplace_back("Writing the history", period,
+                      [] { RecordingManager::instance()->processHistorySaveQueue(); });
+    jobs.emplace_back("Erasing what is too old", kRetentionPeriod,
+                      [] { RecordingManager::instance()->enforceMaxRetentionTime(); });
+    upkeep_ = std::make_unique<UpkeepThread>("Upkeep", std::move(jobs));
+    settings_ = std::make_unique<UpkeepThread>(
+        "Settings", std::vector{UpkeepJob("Reading the limit of time", period, &TakeRetentionSetting)});
+}
+
+void Recorder::EndHistory() {
+    std::this_thread::sleep_for(kHistoryHold);
+    StopUpkeep();
+    try {
+        RecordingManager::instance()->processHistorySaveQueue();
+    } catch (const std::exception& problem) {
+        GetLogger()->Warning("The last of the history was not written: %s", problem.what());
+    }
+}
 
 bool AnyFailed(const std::vector<PipelineStatus>& pipelines) {
     return std::any_of(pipelines.begin(), pipelines.end(), [](const PipelineStatus& pipeline) {
@@ -68,13 +116,7 @@ RecorderHost::RecorderHost(HostOptions options)
           } catch (const std::exception& problem) {
               GetLogger()->Error("%s; the log stays in the old file", problem.what());
           }
-      }) {
-    upkeep_.emplace_back("Reading the limit of time", kHistoryPeriod, &TakeRetentionSetting);
-    upkeep_.emplace_back("Writing the history", kHistoryPeriod,
-                         [] { RecordingManager::instance()->processHistorySaveQueue(); });
-    upkeep_.emplace_back("Erasing what is too old", kRetentionPeriod,
-                         [] { RecordingManager::instance()->enforceMaxRetentionTime(); });
-}
+      }) {}
 
 RecorderHost::~RecorderHost() = default;
 
@@ -102,6 +144,7 @@ int RecorderHost::RunServices(calvane_program::CheckedDescription* description) 
         recorder.emplace(options_.root);
         RecordingManager::instance();
         recording_ = true;
+        recorder->StartUpkeep();
     } catch (const std::exception& problem) {
         if (!recorder) {
             PrintError(std::string("calvane-recorder: ") + problem.what());
@@ -117,7 +160,9 @@ int RecorderHost::RunServices(calvane_program::CheckedDescription* description) 
         Serve(nullptr);
     }
     // The pipelines are gone, and with them the last report of data that ends.
-    WriteLastHistory();
+    if (recording_) {
+        recorder->EndHistory();
+    }
     return status;
 }
 
@@ -164,8 +209,10 @@ void RecorderHost::Serve(DescribedPipelines* pipelines) {
     if (!recording_) {
         sd_notify(0, "STATUS=recording is disabled, see the log");
     }
-    while (!WaitForStop(kHistoryPeriod)) {
-        DoUpkeep();
+    while (!WaitForStop(kWatchdogPeriod)) {
+        if (recording_) {
+            RecordingManager::instance()->awaitWriters();
+        }
         sd_notify(0, "WATCHDOG=1");
         if (pipelines != nullptr && AnyFailed(pipelines->GetManager().GetStatus())) {
             break;
@@ -179,33 +226,6 @@ bool RecorderHost::WaitForStop(std::chrono::milliseconds time) {
     return stopped_.wait_for(guard, time, [this] { return stop_; });
 }
 
-/// Any process may have set another limit.
-void RecorderHost::TakeRetentionSetting() {
-    int seconds = 0;
-    int microseconds = 0;
-    if (drenn_core_settings_get_int_value(quarn::calvane::kMaxRetentionTimeSeconds, &seconds) != 0 ||
-        drenn_core_settings_get_int_value(quarn::calvane::kMaxRetentionTimeMicroseconds, &microseconds) !=
-            0) {
-        return; // Said in the log; the limit stays.
-    }
-    const boost::posix_time::time_duration limit =
-        boost::posix_time::seconds(seconds) + boost::posix_time::microseconds(microseconds);
-    if (limit != RecordingManager::getMaxRetentionTime()) {
-        GetLogger()->Information("Recorded data is kept for %s from now on (0: without limit)",
-                                 boost::posix_time::to_simple_string(limit).c_str());
-        RecordingManager::setMaxRetentionTime(limit);
-    }
-}
-
-void RecorderHost::DoUpkeep() {
-    if (!recording_) {
-        return;
-    }
-    for (UpkeepJob& job : upkeep_) {
-        job.RunIfDue(std::chrono::steady_clock::now());
-    }
-}
-
 int RecorderHost::EndPipelines(DescribedPipelines& pipelines) const {
     try {
         pipelines.GetManager().SignalShutdown();
@@ -216,22 +236,6 @@ int RecorderHost::EndPipelines(DescribedPipelines& pipelines) const {
     } catch (const std::exception& problem) {
         PrintError(std::string("calvane-recorder: ") + problem.what());
         return kFailedWhileRunning;
-    }
-}
-
-void RecorderHost::WriteLastHistory() {
-    if (!recording_) {
-        return;
-    }
-    const auto end = std::chrono::steady_clock::now() + kHistoryHold + kHistoryPeriod;
-    while (std::chrono::steady_clock::now() < end) {
-        std::this_thread::sleep_for(kHistoryPeriod);
-        DoUpkeep();
-    }
-    try {
-        RecordingManager::instance()->processHistorySaveQueue();
-    } catch (const std::exception& problem) {
-        GetLogger()->Warning("The last of the history was not written: %s", problem.what());
     }
 }
 

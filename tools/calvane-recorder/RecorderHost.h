@@ -5,9 +5,7 @@
 #include <memory>
 #include <mutex>
 #include <string>
-#include <vector>
 
-#include "UpkeepJob.h"
 #include "pipelines/SignalWatcher.h"
 
 namespace calvane_program {
@@ -25,7 +23,8 @@ struct HostOptions {
 /// The recorder's process: keeps the recording, its services and the pipelines that feed it, from the first line to
 /// the orderly end.
 ///
-/// Threads:  the main one; stopping comes from the signals' thread.
+/// Threads:  the main one, which feeds systemd's watchdog as long as the tracks take records; one that writes the history
+///           and erases; one that reads the settings. Stopping comes from the signals' thread.
 /// Lifetime: Run once.
 class RecorderHost {
 public:
@@ -43,14 +42,10 @@ private:
     bool WaitForStop(std::chrono::milliseconds time);
     void Serve(calvane_program::DescribedPipelines* pipelines);
     int EndPipelines(calvane_program::DescribedPipelines& pipelines) const;
-    static void TakeRetentionSetting();
-    void DoUpkeep();
-    void WriteLastHistory();
 
     const HostOptions options_;
     calvane_program::SignalWatcher watcher_;
     bool recording_ = false; // Otherwise there are only the services.
-    std::vector<UpkeepJob> upkeep_;
 
     std::mutex lock_;
     std::condition_variable stopped_;
