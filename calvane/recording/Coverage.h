@@ -1,6 +1,7 @@
 #pragma once
 
 #include <boost/date_time/posix_time/posix_time_types.hpp>
+#include <vector>
 
 namespace quarn::calvane {
 
@@ -21,6 +22,13 @@ struct CoverageSpan {
     boost::posix_time::ptime start;
     boost::posix_time::ptime end;
     CoverageReason reason = CoverageReason::Unknown;
+};
+
+/// A part of what there is between two times.
+struct CoveragePage {
+    std::vector<CoverageSpan> spans;
+    boost::posix_time::ptime next; ///< Where the spans end.
+    bool more = false;             ///< There are others, from `next` on.
 };
 
 } // namespace quarn::calvane

@@ -175,6 +175,8 @@ public:
     /// Where a data track has data between two times, in order and without a gap; at one time if both are the
     /// same. Throws std::invalid_argument for special times and if `to` is earlier than `from`.
     std::vector<CoverageSpan> getCoverage(track_type type, const Ptime& from, const Ptime& to) const;
+    /// The same, up to `max` spans, at least one. A span that reaches over the end of a page goes on with the next.
+    CoveragePage findCoverage(track_type type, const Ptime& from, const Ptime& to, unsigned int max) const;
     /// Whether there is data at `t`, by the same rules.
     bool isRecordedAt(const Ptime& t, track_type type) const;
     /// Up to `max` events between two times, both included, oldest first or newest first. `cursor` starts as

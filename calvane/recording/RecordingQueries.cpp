@@ -1,7 +1,8 @@
 // What a client asks: where there is data, why elsewhere there is none, what happened.
 
-#include <boost/lexical_cast.hpp>
+#include <algorithm>
 #include <stdexcept>
+#include <utility>
 
 #include "calvane/recording/RecordingClock.h"
 #include "calvane/recording/internal/CoverageQuery.h"
@@ -27,6 +28,23 @@ void RecordingManager::requireCard() const {
 
 std::vector<CoverageSpan> RecordingManager::getCoverage(track_type type, const ptime& from,
                                                         const ptime& to) const {
+    constexpr unsigned int kPage = 1000;
+    CoveragePage page = findCoverage(type, from, to, kPage);
+    std::vector<CoverageSpan> spans = std::move(page.spans);
+    while (page.more) {
+        page = findCoverage(type, page.next, to, kPage);
+        auto begin = page.spans.begin();
+        if (begin->reason == spans.back().reason) {
+            spans.back().end = begin->end;
+            ++begin;
+        }
+        spans.insert(spans.end(), begin, page.spans.end());
+    }
+    return spans;
+}
+
+CoveragePage RecordingManager::findCoverage(track_type type, const ptime& from, const ptime& to,
+                                            unsigned int max) const {
     const RecordingTrack& track = *_dataTracks.at(type);
     if (from.is_special() || to.is_special() || to < from) {
         throw std::invalid_argument("There is no time from " + textOf(from) + " to " + textOf(to));
@@ -45,16 +63,13 @@ std::vector<CoverageSpan> RecordingManager::getCoverage(track_type type, const p
             moment.cutoff = moment.now - _maxRetentionTime;
         }
         for (const auto& [time, info] : _historySaveQueue) {
-            if (info.at(kTrackType) == std::to_string(type)) {
-                HistoryEvent event{time, true, info.at(kTrackDataPresent) == "1", type};
-                if (info.count(kReason) != 0) {
-                    event.reason = static_cast<CoverageReason>(boost::lexical_cast<int>(info.at(kReason)));
-                }
+            const HistoryEvent event = HistoryReader::eventOf(time, info);
+            if (event.isOfTrack && event.track == type) {
                 moment.pending.push_back(event);
             }
         }
     }
-    return CoverageQuery(*_historyTrack, track, moment).run(from, to);
+    return CoverageQuery(*_historyTrack, track, moment).run(from, to, std::max(max, 1U));
 }
 
 bool RecordingManager::isRecordedAt(const ptime& t, track_type type) const {

@@ -70,6 +70,16 @@ std::vector<ServiceEvent> toService(const std::vector<HistoryEvent>& events) {
     return result;
 }
 
+std::vector<CoverageInterval> toService(const std::vector<CoverageSpan>& spans) {
+    std::vector<CoverageInterval> result;
+    result.reserve(spans.size());
+    for (const CoverageSpan& span : spans) {
+        result.push_back(
+            {serviceFromTime(span.start), serviceFromTime(span.end), static_cast<unsigned int>(span.reason)});
+    }
+    return result;
+}
+
 /// Reads the record at `index` in one piece; nothing if it cannot be read.
 std::optional<PayloadRecord> readPayload(const RecordingTrack& track, unsigned int index) {
     try {
@@ -177,12 +187,20 @@ unsigned int RecordingDataAccessImpl::getMetadata(const ServiceCursor& from, con
 unsigned int RecordingDataAccessImpl::getCoverage(unsigned int trackType, const ServiceTime& from,
                                                   const ServiceTime& to,
                                                   std::vector<CoverageInterval>* intervals) {
-    const auto spans =
-        currentRecorder().getCoverage(dataTrack(trackType), timeFromService(from), timeFromService(to));
-    for (const CoverageSpan& span : spans) {
-        intervals->push_back(
-            {serviceFromTime(span.start), serviceFromTime(span.end), static_cast<unsigned int>(span.reason)});
-    }
+    *intervals = toService(
+        currentRecorder().getCoverage(dataTrack(trackType), timeFromService(from), timeFromService(to)));
+    return 0;
+}
+
+unsigned int RecordingDataAccessImpl::findCoverage(unsigned int trackType, const ServiceTime& from,
+                                                   const ServiceTime& to, unsigned int max,
+                                                   std::vector<CoverageInterval>* intervals,
+                                                   ServiceTime* next, unsigned char* more) {
+    const CoveragePage page = currentRecorder().findCoverage(
+        dataTrack(trackType), timeFromService(from), timeFromService(to), std::min(max, kMostReplyEntries));
+    *intervals = toService(page.spans);
+    *next = serviceFromTime(page.next);
+    *more = page.more ? 1 : 0;
     return 0;
 }
 

@@ -47,6 +47,10 @@ public:
                              unsigned char* more) override;
     unsigned int openRecords(unsigned int trackType, const drenn::api::ServiceTime& from,
                              const drenn::api::ServiceTime& to, int* fd) override;
+    unsigned int findCoverage(unsigned int trackType, const drenn::api::ServiceTime& from,
+                              const drenn::api::ServiceTime& to, unsigned int max,
+                              std::vector<drenn::api::CoverageInterval>* intervals,
+                              drenn::api::ServiceTime* next, unsigned char* more) override;
 
 private:
     const std::unique_ptr<RecordStreams> _streams;

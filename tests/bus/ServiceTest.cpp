@@ -57,6 +57,13 @@ public:
         *intervals = {{from, to, trackType}};
         return 0;
     }
+    unsigned int findCoverage(unsigned int trackType, const ServiceTime& from, const ServiceTime& to,
+                              unsigned int max, std::vector<CoverageInterval>* intervals, ServiceTime* next,
+                              unsigned char* more) override {
+        *next = {to.usec, max};
+        *more = 5;
+        return getCoverage(trackType, from, to, intervals);
+    }
     unsigned int findHistory(const ServiceTime& from, const ServiceTime& to, unsigned char backward,
                              unsigned int max, const ServiceCursor& cursor, std::vector<HistoryEvent>* state,
                              std::vector<HistoryEvent>* events, ServiceCursor* next,
@@ -135,6 +142,7 @@ TEST_F(ServiceTest, AClientInAnotherProcessCallsEveryOperation) {
     EXPECT_EQ(askData("getRecordingHistoryEvent '(uuu)' 1 2 3"), "(uuuyu)(uuu) 1 2 1 1 2 1 2 4\n");
     EXPECT_EQ(askData("getMetadata '(uuu)uu' 1 2 0 5 6"), "a(uuay)(uuu)y 2 1 2 2 97 98 5 6 0 5 6 1 1\n");
     EXPECT_EQ(askData("getCoverage uuuuu 2 1 2 3 4"), "a(uuuuu) 1 1 2 3 4 2\n");
+    EXPECT_EQ(askData("findCoverage uuuuuu 2 1 2 3 4 9"), "a(uuuuu)uuy 1 1 2 3 4 2 4 9 5\n");
     EXPECT_EQ(askData("findHistory uuuuyu'(uuu)' 1 2 3 4 1 9 7 8 0"),
               "a(uuuyu)a(uuuyu)(uuu)y 1 1 2 0 1 9 1 3 4 1 0 0 7 8 0 0\n");
     EXPECT_THAT(askData("openRecords uuuuu 0 1 2 3 4"), HasSubstr("h "));

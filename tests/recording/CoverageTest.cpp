@@ -107,6 +107,51 @@ TEST_F(Coverage, RecordsContradictAHistoryThatLostEventsToTheClock) {
     EXPECT_EQ(StateAt(30), "0000");
 }
 
+TEST_F(Coverage, WhatTheHistoryCallsPresentIsHeldAgainstTheRecords) {
+    Report(AUDIO_TRACK, 100, true);
+    Report(AUDIO_TRACK, 7300, false);
+    Report(VIDEO_TRACK, 1, true);
+    for (int i = 0; i < 60; ++i) {
+        Write(VIDEO_TRACK, {1 + 0.5 * i});
+    }
+    Write(VIDEO_TRACK, {8000, 8000.5, 8001});
+    ProcessAt(8005);
+    const std::vector<std::string> expected{"0..1 unknown", "1..30.5 data", "30.5..8000 unknown",
+                                            "8000..8005 data", "8005..8010 unknown"};
+    EXPECT_EQ(RecorderTest::Coverage(VIDEO_TRACK, 0, 8010), expected);
+    EXPECT_EQ(StateAt(4000), "0000");
+    EXPECT_EQ(StateAt(8003), "1100");
+    Write(AUDIO_TRACK, {8000});
+    EXPECT_THAT(RecorderTest::Coverage(AUDIO_TRACK, 100, 7400),
+                ElementsAre("100..7300 erased", "7300..7400 stopped"));
+    Report(VIDEO_TRACK, 8006, false);
+    Report(VIDEO_TRACK, 8008, true);
+    ProcessAt(8100);
+    // In pages of any size the spans are the same, in the end.
+    const auto whole = Recorder().getCoverage(VIDEO_TRACK, At(0), At(8100));
+    for (unsigned max = 0; max < 9; ++max) {
+        std::vector<quarn::calvane::CoverageSpan> spans;
+        quarn::calvane::CoveragePage page;
+        page.next = At(0);
+        do {
+            page = Recorder().findCoverage(VIDEO_TRACK, page.next, At(8100), max);
+            ASSERT_LE(page.spans.size(), std::max(max, 1U));
+            for (const auto& span : page.spans) {
+                if (!spans.empty() && spans.back().reason == span.reason) {
+                    spans.back().end = span.end;
+                } else {
+                    spans.push_back(span);
+                }
+            }
+        } while (page.more && spans.size() < 20);
+        ASSERT_EQ(spans.size(), whole.size()) << max;
+        for (std::size_t i = 0; i < spans.size(); ++i) {
+            EXPECT_EQ(spans[i].start, whole[i].start) << max;
+            EXPECT_EQ(spans[i].end, whole[i].end) << max;
+        }
+    }
+}
+
 TEST_F(Coverage, AClockThatJumpsForwardLeavesAGapThatSaysSo) {
     Report(VIDEO_TRACK, 1, true);
     Write(VIDEO_TRACK, {1, 2, 3});

@@ -135,13 +135,26 @@ VideoAttributes RecordingClient::GetVideoAttributes(Time at) {
 
 std::vector<Interval> RecordingClient::GetCoverage(unsigned int track, const Span& span) {
     std::vector<Interval> intervals;
-    for (const auto& interval : Ask([&] {
-             return dataAccess_->getCoverage(track, SecondsOf(span.first), MicrosecondsOf(span.first),
-                                             SecondsOf(span.last), MicrosecondsOf(span.last));
-         })) {
-        intervals.push_back({{FromParts(std::get<0>(interval), std::get<1>(interval)),
-                              FromParts(std::get<2>(interval), std::get<3>(interval))},
-                             std::get<4>(interval)});
+    U sec = SecondsOf(span.first);
+    U usec = MicrosecondsOf(span.first);
+    for (bool more = true; more;) {
+        const auto [page, nextSec, nextUsec, goesOn] = Ask([&] {
+            return dataAccess_->findCoverage(track, sec, usec, SecondsOf(span.last),
+                                             MicrosecondsOf(span.last), 1000);
+        });
+        for (const auto& interval : page) {
+            const Span stretch{FromParts(std::get<0>(interval), std::get<1>(interval)),
+                               FromParts(std::get<2>(interval), std::get<3>(interval))};
+            const unsigned int reason = std::get<4>(interval);
+            if (!intervals.empty() && intervals.back().reason == reason) { // Across two pages.
+                intervals.back().span.last = stretch.last;
+            } else {
+                intervals.push_back({stretch, reason});
+            }
+        }
+        sec = nextSec;
+        usec = nextUsec;
+        more = goesOn != 0;
     }
     return intervals;
 }

@@ -1,4 +1,5 @@
 #include <algorithm>
+#include <utility>
 
 #include "calvane/recording/RecordingManager.h"
 #include "calvane/recording/internal/CoverageQuery.h"
@@ -14,28 +15,30 @@ namespace {
 /// Between an event and the record that it belongs to.
 const boost::posix_time::time_duration kTolerance = boost::posix_time::seconds(2);
 /// Looking for gaps ends after this many headers; the rest then counts as data.
-constexpr unsigned int kMostReads = 10000;
+constexpr unsigned int kMostReads = 2000;
 
 } // namespace
 
 CoverageQuery::CoverageQuery(const RecordingTrack& history, const RecordingTrack& track, const Moment& moment)
     : _history(history), _track(track), _moment(moment) {}
 
-std::vector<CoverageSpan> CoverageQuery::run(const ptime& from, const ptime& to) {
+CoveragePage CoverageQuery::run(const ptime& from, const ptime& to, std::size_t max) {
     _from = from;
     _to = to;
-    const std::vector<Stretch> stretches = divide();
+    const std::vector<Stretch> stretches = divide(max);
     _track.getRecordingTimePeriod(_first, _last);
     for (const Stretch& stretch : stretches) {
         const ptime start = stretch.begin.is_special() ? from : std::max(from, stretch.begin);
-        const ptime end = stretch.end.is_special() ? to : std::min(to, stretch.end);
+        const ptime end = stretch.end.is_special() ? _to : std::min(_to, stretch.end);
         if (stretch.said == Said::Present) {
             addPresent(stretch, start, end);
         } else {
-            addByRecords(stretch, start, end);
+            addAbsent(stretch, start, end);
         }
     }
-    return _spans;
+    _spans.resize(std::min(_spans.size(), max));
+    const ptime next = _spans.back().end;
+    return {std::move(_spans), next, next < to};
 }
 
 void CoverageQuery::apply(Stretch& stretch, const HistoryEvent& event) {
@@ -47,13 +50,17 @@ void CoverageQuery::apply(Stretch& stretch, const HistoryEvent& event) {
 }
 
 /// What the history says between the two times, with where each of it really began and ended.
-std::vector<CoverageQuery::Stretch> CoverageQuery::divide() const {
+/// Those of `max` events, with which the page ends.
+std::vector<CoverageQuery::Stretch> CoverageQuery::divide(std::size_t max) {
     std::vector<Stretch> stretches(1);
     const auto before = lastEvent(_from);
     if (before) {
         apply(stretches.front(), *before);
     }
-    std::vector<HistoryEvent> events = eventsBetween(_from, _to);
+    std::vector<HistoryEvent> events = eventsBetween(_from, _to, max);
+    if (events.size() == max) {
+        _to = events.back().time;
+    }
     if (const auto after = nextEvent(_to)) {
         events.push_back(*after);
     }
@@ -80,8 +87,9 @@ std::optional<HistoryEvent> CoverageQuery::lastEvent(const ptime& t) const {
     return last;
 }
 
-std::vector<HistoryEvent> CoverageQuery::eventsBetween(const ptime& from, const ptime& to) const {
-    auto events = HistoryReader(_history).findBetween(from, to, _track.getTrackType());
+std::vector<HistoryEvent> CoverageQuery::eventsBetween(const ptime& from, const ptime& to,
+                                                       std::size_t max) const {
+    auto events = HistoryReader(_history).findBetween(from, to, _track.getTrackType(), max);
     for (const HistoryEvent& event : _moment.pending) {
         if (from < event.time && event.time <= to) {
             events.push_back(event);
@@ -89,6 +97,7 @@ std::vector<HistoryEvent> CoverageQuery::eventsBetween(const ptime& from, const 
     }
     std::stable_sort(events.begin(), events.end(),
                      [](const HistoryEvent& a, const HistoryEvent& b) { return a.time < b.time; });
+    events.resize(std::min(events.size(), max));
     return events;
 }
 
@@ -102,41 +111,47 @@ std::optional<HistoryEvent> CoverageQuery::nextEvent(const ptime& t) const {
     return next;
 }
 
-/// Where the history says present, there is data from the first record to the last, or to this moment.
+/// Where the history says present, there is data as far as there are records; towards its ends up to what it says if
+/// that is near, and while it is being recorded up to this moment.
 void CoverageQuery::addPresent(const Stretch& stretch, const ptime& start, const ptime& end) {
     const bool isOpen = stretch.end.is_special() && _moment.isPresent;
-    ptime dataStart = _first;
-    ptime dataEnd = _last;
-    if (!stretch.begin.is_special() &&
-        (_first.is_special() || (stretch.begin < _first && _first - stretch.begin <= kTolerance))) {
-        dataStart = stretch.begin;
-    }
-    if (isOpen && _moment.afterwards == CoverageReason::Unknown) {
-        dataEnd = _last.is_special() ? _moment.now : std::max(_last, _moment.now);
-    } else if (!stretch.end.is_special() && !_last.is_special() && stretch.end - _last <= kTolerance) {
-        dataEnd = stretch.end;
-    }
     const CoverageReason before = stretch.isCertain ? CoverageReason::Erased : CoverageReason::Unknown;
-    if (dataStart.is_special() || dataEnd.is_special() || dataEnd < dataStart) {
-        add(start, end, before);
-        return;
+    const CoverageReason behind = isOpen ? _moment.afterwards : CoverageReason::Unknown;
+    std::vector<CoverageSpan> runs = findRuns(stretch, start, end);
+    if (!runs.empty()) {
+        CoverageSpan& first = runs.front();
+        // What was in front of the first record of all may be erased.
+        const auto tolerance = first.start == _first ? kTolerance : _longestGap;
+        if (!stretch.begin.is_special() && first.start - stretch.begin <= tolerance) {
+            first.start = std::min(first.start, stretch.begin);
+        }
+        CoverageSpan& last = runs.back();
+        if (isOpen && last.end >= _last && _moment.afterwards == CoverageReason::Unknown) {
+            last.end = std::max(last.end, _moment.now);
+        } else if (!stretch.end.is_special() && stretch.end - last.end <= _longestGap) {
+            last.end = std::max(last.end, stretch.end);
+        }
     }
-    if (start < dataStart) {
-        add(start, std::min(end, dataStart), before);
-    }
-    if (dataStart <= end && start <= dataEnd) {
-        add(std::max(start, dataStart), std::min(end, dataEnd), CoverageReason::Data);
-    }
-    if (dataEnd < end) {
-        add(std::max(start, dataEnd), end, isOpen ? _moment.afterwards : CoverageReason::Unknown);
-    }
+    const bool isBeforeAll = _first.is_special() || start < _first;
+    addRuns(runs, start, end, isBeforeAll ? before : CoverageReason::Unknown, CoverageReason::Unknown,
+            behind);
 }
 
-void CoverageQuery::addByRecords(const Stretch& stretch, const ptime& start, const ptime& end) {
+/// Where the history says absent or nothing, the records tell.
+void CoverageQuery::addAbsent(const Stretch& stretch, const ptime& start, const ptime& end) {
+    addRuns(findRuns(stretch, start, end), start, end, stretch.reason, stretch.reason, stretch.reason);
+}
+
+/// The runs, as far as they lie between the two times, and the reasons of what is in front of them, between them and
+/// behind them, where the records do not tell it.
+void CoverageQuery::addRuns(const std::vector<CoverageSpan>& runs, const ptime& start, const ptime& end,
+                            CoverageReason before, CoverageReason between, CoverageReason behind) {
     ptime done = start;
-    CoverageReason afterwards = stretch.reason;
-    for (const CoverageSpan& run : findRuns(stretch, start, end)) {
-        const CoverageReason gap = run.reason != CoverageReason::Data ? run.reason : stretch.reason;
+    bool isFirst = true;
+    CoverageReason afterwards = runs.empty() ? before : behind;
+    for (const CoverageSpan& run : runs) {
+        const CoverageReason other = std::exchange(isFirst, false) ? before : between;
+        const CoverageReason gap = run.reason != CoverageReason::Data ? run.reason : other;
         if (run.end < done) {
             continue;
         }
@@ -156,25 +171,64 @@ void CoverageQuery::addByRecords(const Stretch& stretch, const ptime& start, con
     }
 }
 
+/// What is usually between two records near an index range: the median of some. Within the track's lock.
+boost::posix_time::time_duration CoverageQuery::usualInterval(unsigned int first, unsigned int last) const {
+    constexpr unsigned int kSamples = 15;
+    std::vector<boost::posix_time::time_duration> intervals;
+    for (unsigned int sample = 0; sample < std::min(kSamples, last - first); ++sample) {
+        const auto place = static_cast<unsigned int>(first + std::uint64_t{last - first} * sample / kSamples);
+        const auto one = _track.findTimestamp(place);
+        const auto next = _track.findTimestamp(place + 1);
+        if (one && next) {
+            intervals.push_back(*next - *one);
+        }
+    }
+    if (intervals.empty()) {
+        return boost::posix_time::time_duration();
+    }
+    const auto middle = intervals.begin() + static_cast<std::ptrdiff_t>(intervals.size() / 2);
+    std::nth_element(intervals.begin(), middle, intervals.end());
+    return *middle;
+}
+
 /// Runs of records within the stretch and near the span from `start` to `end`. The reason of a run is that of
-/// the gap in front of it, if the records tell it, otherwise Data.
+/// the gap in front of it, if the records tell it, otherwise Data. Where the producer said that its data was present, a
+/// gap is what is much longer than usual.
 std::vector<CoverageSpan> CoverageQuery::findRuns(const Stretch& stretch, const ptime& start,
                                                   const ptime& end) {
-    const auto gap = RecordingManager::kLargestRecordGap;
+    constexpr int kMuchLonger = 20;
     const boost::posix_time::time_duration tick = boost::posix_time::microseconds(1);
+    const bool isPresent = stretch.said == Said::Present;
     std::vector<CoverageSpan> runs;
-    // A record at the very time of an absent event is the last one of what ended then.
-    const ptime low = stretch.begin.is_special() ? start - gap : std::max(start - gap, stretch.begin + tick);
-    const ptime high = stretch.end.is_special() ? end + gap : std::min(end + gap, stretch.end);
     const TrackLock lock(*_track.getTrack());
-    const unsigned int first = _track.getFirstReadableIndex(_track.getFirstIndexNotBefore(low));
-    const auto last = _track.findLastReadableIndex(_track.getFirstIndexNotBefore(high + tick));
-    if (last && first <= *last) {
+    _usual = boost::posix_time::time_duration();
+    _longestGap = RecordingManager::kLargestRecordGap;
+    if (isPresent) {
+        const auto [first, last] = findRecords(stretch.begin, stretch.end);
+        _usual = first < last ? usualInterval(first, last) : _usual;
+        _longestGap = std::max(_longestGap, _usual * kMuchLonger);
+    }
+    // A record at the very time of an absent event is the last one of what ended then.
+    const ptime begin = stretch.begin.is_special() || isPresent ? stretch.begin : stretch.begin + tick;
+    const auto [first, last] =
+        findRecords(begin.is_special() ? start - _longestGap : std::max(start - _longestGap, begin),
+                    stretch.end.is_special() ? end + _longestGap : std::min(end + _longestGap, stretch.end));
+    if (first <= last) {
         const ptime firstTime = _track.getTimestampAtIndex(first);
         runs.push_back({firstTime, firstTime, CoverageReason::Data});
-        joinRuns(first, *last, firstTime, _track.getTimestampAtIndex(*last), runs);
+        joinRuns(first, last, firstTime, _track.getTimestampAtIndex(last), runs);
     }
     return runs;
+}
+
+/// The first and the last record from one time to another that can be read, in the wrong order if there is none. Special
+/// times are open. Within the track's lock.
+std::pair<unsigned int, unsigned int> CoverageQuery::findRecords(const ptime& from, const ptime& to) const {
+    const ptime behind = to.is_special() ? ptime() : to + boost::posix_time::microseconds(1);
+    const unsigned int begin = from.is_special() ? 0 : _track.getFirstIndexNotBefore(from);
+    const unsigned int first = _track.getFirstReadableIndex(begin);
+    const auto last = _track.findLastReadableIndex(_track.getFirstIndexNotBefore(behind));
+    return last && first <= *last ? std::pair{first, *last} : std::pair{1U, 0U};
 }
 
 /// A record about in the middle between two others that can be read; `last` if there is none.
@@ -191,12 +245,18 @@ unsigned int CoverageQuery::findBetween(unsigned int first, unsigned int last) c
 /// Goes on with the last run, which ends at `first`, up to the record at `last`.
 void CoverageQuery::joinRuns(unsigned int first, unsigned int last, const ptime& firstTime,
                              const ptime& lastTime, std::vector<CoverageSpan>& runs) {
-    if (lastTime - firstTime <= RecordingManager::kLargestRecordGap || _reads > kMostReads) {
+    const auto usual =
+        boost::posix_time::microseconds(_usual.total_microseconds() * std::int64_t{last - first});
+    if (lastTime - firstTime - usual <= _longestGap || _reads > kMostReads) {
         runs.back().end = lastTime;
         return;
     }
     ++_reads;
     const unsigned int middle = findBetween(first, last);
+    if (middle == last && lastTime - firstTime <= _longestGap) {
+        runs.back().end = lastTime;
+        return;
+    }
     if (middle == last) {
         const bool dropped = (_track.readHeader(last).flags & RecordHeader::kDiscontinuity) != 0;
         runs.push_back({lastTime, lastTime, dropped ? CoverageReason::Dropped : CoverageReason::Data});

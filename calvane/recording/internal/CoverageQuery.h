@@ -1,6 +1,7 @@
 #pragma once
 
 #include <optional>
+#include <utility>
 #include <vector>
 
 #include "calvane/recording/Coverage.h"
@@ -10,9 +11,9 @@
 namespace quarn::calvane {
 
 /// Works out where a track has data, and why it has none elsewhere. The history divides the time into stretches;
-/// where it says that data was present, that holds as far as there still are records. Where it says nothing
-/// any more, or says absent although there are records, the records themselves tell: those that are at most
-/// RecordingManager::kLargestRecordGap apart belong together.
+/// where it says that data was present, that holds as far as there are records, which are not much further apart than
+/// usual. Where it says nothing any more, or says absent although there are records, the records themselves tell: those
+/// that are at most RecordingManager::kLargestRecordGap apart belong together.
 ///
 /// Threads: one. It takes the locks of the history and of the track, one after the other.
 class CoverageQuery {
@@ -28,7 +29,9 @@ public:
 
     CoverageQuery(const RecordingTrack& history, const RecordingTrack& track, const Moment& moment);
 
-    std::vector<CoverageSpan> run(const boost::posix_time::ptime& from, const boost::posix_time::ptime& to);
+    /// Up to `max` spans.
+    CoveragePage run(const boost::posix_time::ptime& from, const boost::posix_time::ptime& to,
+                     std::size_t max);
 
 private:
     using Ptime = boost::posix_time::ptime;
@@ -44,14 +47,18 @@ private:
         Ptime end;
     };
 
-    std::vector<Stretch> divide() const;
+    std::vector<Stretch> divide(std::size_t max);
     std::optional<HistoryEvent> lastEvent(const Ptime& t) const;
-    std::vector<HistoryEvent> eventsBetween(const Ptime& from, const Ptime& to) const;
+    std::vector<HistoryEvent> eventsBetween(const Ptime& from, const Ptime& to, std::size_t max) const;
     std::optional<HistoryEvent> nextEvent(const Ptime& t) const;
     static void apply(Stretch& stretch, const HistoryEvent& event);
 
     void addPresent(const Stretch& stretch, const Ptime& start, const Ptime& end);
-    void addByRecords(const Stretch& stretch, const Ptime& start, const Ptime& end);
+    void addAbsent(const Stretch& stretch, const Ptime& start, const Ptime& end);
+    void addRuns(const std::vector<CoverageSpan>& runs, const Ptime& start, const Ptime& end,
+                 CoverageReason before, CoverageReason between, CoverageReason behind);
+    boost::posix_time::time_duration usualInterval(unsigned int first, unsigned int last) const;
+    std::pair<unsigned int, unsigned int> findRecords(const Ptime& from, const Ptime& to) const;
     std::vector<CoverageSpan> findRuns(const Stretch& stretch, const Ptime& start, const Ptime& end);
     unsigned int findBetween(unsigned int first, unsigned int last) const;
     void joinRuns(unsigned int first, unsigned int last, const Ptime& firstTime, const Ptime& lastTime,
@@ -65,6 +72,8 @@ private:
     Ptime _to;
     Ptime _first; // Of the records; not-a-date-time if there are none.
     Ptime _last;
+    boost::posix_time::time_duration _usual;      // Between two records, where that is known.
+    boost::posix_time::time_duration _longestGap; // Between two that belong together.
     unsigned int _reads = 0;
     std::vector<CoverageSpan> _spans;
 };

@@ -1,3 +1,4 @@
+#include <algorithm>
 #include <boost/lexical_cast.hpp>
 #include <map>
 
@@ -17,7 +18,13 @@ int numberOf(const RecordingManager::InfoMap& info, const std::string& key) {
     return boost::lexical_cast<int>(info.at(key));
 }
 
-HistoryEvent eventFrom(const ptime& time, const RecordingManager::InfoMap& info) {
+bool isOf(const HistoryEvent& event, track_type type) {
+    return event.isOfTrack && event.track == type;
+}
+
+} // namespace
+
+HistoryEvent HistoryReader::eventOf(const ptime& time, const RecordingManager::InfoMap& info) {
     HistoryEvent event;
     event.time = time;
     event.isOfTrack = RecordingManager::getEventType(info) == RecordingManager::TRACK_DATA_PRESENT_EVENT;
@@ -33,12 +40,6 @@ HistoryEvent eventFrom(const ptime& time, const RecordingManager::InfoMap& info)
     return event;
 }
 
-bool isOf(const std::optional<HistoryEvent>& event, track_type type) {
-    return event && event->isOfTrack && event->track == type;
-}
-
-} // namespace
-
 /// Within the lock.
 std::optional<HistoryEvent> HistoryReader::read(unsigned int index) const {
     try {
@@ -51,7 +52,7 @@ std::optional<HistoryEvent> HistoryReader::read(unsigned int index) const {
         if (RecordingManager::getPlaybackInfo(record, data, size, header)) {
             RecordingManager::InfoMap info;
             RecordingManager::deserializeTrackInfo(std::string(data, data + size), info);
-            return eventFrom(timeFromTicks(header.ticks), info);
+            return eventOf(timeFromTicks(header.ticks), info);
         }
     } catch (const std::exception& error) {
         CALVANE_RECORDING_LOG(DRENN_CORE_LOG_DEBUG, "History record %u is passed over: %s", index,
@@ -64,68 +65,74 @@ unsigned int HistoryReader::firstAfter(const ptime& t) const {
     return _history.getFirstIndexNotBefore(t + microseconds(1));
 }
 
+/// Shows events between two times, both included, to `take` until that returns false.
+template <typename Take>
+void HistoryReader::walk(const ptime& start, const ptime& end, bool backward, const Take& take) const {
+    constexpr unsigned int kPage = 256;
+    HistoryPage page;
+    page.next = {start, 0};
+    do {
+        page = readPage(backward ? end : start, backward ? start : end, backward, kPage, page.next);
+        if (!std::all_of(page.events.begin(), page.events.end(), take)) {
+            return;
+        }
+    } while (page.more);
+}
+
 std::optional<HistoryEvent> HistoryReader::findLast(const ptime& t, track_type type) const {
-    const TrackLock lock(*_history.getTrack());
-    std::optional<HistoryEvent> ended;
-    const unsigned int start = firstAfter(t);
-    for (unsigned int index = start; index > 0 && start - index < kLongestWalk; --index) {
-        const std::optional<HistoryEvent> event = read(index - 1);
+    std::optional<HistoryEvent> found;
+    unsigned int left = kLongestWalk;
+    walk(t, boost::posix_time::neg_infin, true, [&](const HistoryEvent& event) {
         if (isOf(event, type)) {
-            return event;
+            // It may have led to an end of all recording that has the same time, and tell why.
+            found = !found || event.time == found->time ? event : found;
+            return false;
         }
-        if (event && ended && event->time != ended->time) {
-            return ended;
+        if (found && event.time != found->time) {
+            return false;
         }
-        if (event && !event->isOfTrack && !event->present) {
-            ended = event; // The event that led to it has the same time, and may tell why.
+        if (!event.isOfTrack && !event.present) {
+            found = event;
         }
-    }
-    return ended;
+        return --left != 0;
+    });
+    return found;
 }
 
 std::optional<HistoryEvent> HistoryReader::findNext(const ptime& t, track_type type) const {
-    const TrackLock lock(*_history.getTrack());
-    const unsigned int size = _history.getTrack()->size();
-    const unsigned int start = firstAfter(t);
-    for (unsigned int index = start; index < size && index - start < kLongestWalk; ++index) {
-        std::optional<HistoryEvent> event = read(index);
-        if (event && !event->isOfTrack) {
+    std::optional<HistoryEvent> found;
+    unsigned int left = kLongestWalk;
+    walk(t + microseconds(1), boost::posix_time::pos_infin, false, [&](const HistoryEvent& event) {
+        if (!event.isOfTrack || isOf(event, type)) {
+            found = event;
             // The recording started, or stopped without this track: it was absent up to here.
-            event->present = true;
-            return event;
+            found->present = event.present || !event.isOfTrack;
         }
-        if (isOf(event, type)) {
-            return event;
-        }
-    }
-    return std::nullopt;
+        return !found && --left != 0;
+    });
+    return found;
 }
 
-std::vector<HistoryEvent> HistoryReader::findBetween(const ptime& from, const ptime& to,
-                                                     track_type type) const {
-    const TrackLock lock(*_history.getTrack());
+std::vector<HistoryEvent> HistoryReader::findBetween(const ptime& from, const ptime& to, track_type type,
+                                                     std::size_t max) const {
     std::vector<HistoryEvent> events;
-    const unsigned int end = firstAfter(to);
-    for (unsigned int index = firstAfter(from); index < end; ++index) {
-        const std::optional<HistoryEvent> event = read(index);
+    walk(from + microseconds(1), to, false, [&](const HistoryEvent& event) {
         if (isOf(event, type)) {
-            events.push_back(*event);
+            events.push_back(event);
         }
-    }
+        return events.size() < max;
+    });
     return events;
 }
 
 std::vector<HistoryEvent> HistoryReader::findState(const ptime& t) const {
-    const TrackLock lock(*_history.getTrack());
     constexpr std::size_t kKinds = 4;
     std::map<int, HistoryEvent> found;
-    const unsigned int start = _history.getFirstIndexNotBefore(t);
-    for (unsigned int index = start; index > 0 && start - index < kLongestWalk && found.size() < kKinds;
-         --index) {
-        if (const std::optional<HistoryEvent> event = read(index - 1)) {
-            found.emplace(event->isOfTrack ? event->track : -1, *event);
-        }
-    }
+    unsigned int left = kLongestWalk;
+    walk(t - microseconds(1), boost::posix_time::neg_infin, true, [&](const HistoryEvent& event) {
+        found.emplace(event.isOfTrack ? event.track : -1, event);
+        return found.size() < kKinds && --left != 0;
+    });
     std::vector<HistoryEvent> state;
     state.reserve(found.size());
     for (const auto& [kind, event] : found) {

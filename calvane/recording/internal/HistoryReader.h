@@ -4,19 +4,23 @@
 #include <vector>
 
 #include "calvane/recording/HistoryEvent.h"
+#include "calvane/recording/RecordingManager.h"
 #include "calvane/recording/RecordingTrack.h"
 
 namespace quarn::calvane {
 
 /// Finds events in the history track: a binary search for the place, then a walk.
 ///
-/// Threads: any; each operation holds the history track's lock.
+/// Threads: any. The history track's lock is held for a page of records at a time, so that writers need not wait.
 /// Errors:  what the store throws where it cannot search. A record that cannot be read or understood on the
 ///          walk is passed over: the others still tell something.
 class HistoryReader {
 public:
     /// A walk that looks for an event of a certain kind gives up after this many records.
     static constexpr unsigned int kLongestWalk = 5000;
+
+    /// What a record's info map says. Throws what is missing or no number.
+    static HistoryEvent eventOf(const boost::posix_time::ptime& time, const RecordingManager::InfoMap& info);
 
     explicit HistoryReader(const RecordingTrack& history) : _history(history) {}
 
@@ -25,9 +29,10 @@ public:
     /// The first event of a track that is later than `t`. A start or end of all recording in front of it stands for
     /// "present": there was none before.
     std::optional<HistoryEvent> findNext(const boost::posix_time::ptime& t, track_type type) const;
-    /// A track's events that are later than `from` and not later than `to`.
+    /// The first `max` of a track's events that are later than `from` and not later than `to`.
     std::vector<HistoryEvent> findBetween(const boost::posix_time::ptime& from,
-                                          const boost::posix_time::ptime& to, track_type type) const;
+                                          const boost::posix_time::ptime& to, track_type type,
+                                          std::size_t max) const;
     /// The last event of each kind before `t`: of the recording, then of the tracks by their numbers.
     std::vector<HistoryEvent> findState(const boost::posix_time::ptime& t) const;
     /// As RecordingManager::findHistory, without the state.
@@ -40,6 +45,9 @@ private:
 
     std::optional<HistoryEvent> read(unsigned int index) const;
     unsigned int firstAfter(const boost::posix_time::ptime& t) const;
+    template <typename Take>
+    void walk(const boost::posix_time::ptime& start, const boost::posix_time::ptime& end, bool backward,
+              const Take& take) const;
 
     const RecordingTrack& _history;
 };

@@ -77,6 +77,11 @@ public:
     /// caller's to close; the bus layer hands it to the client.
     virtual unsigned int openRecords(unsigned int trackType, const ServiceTime& from, const ServiceTime& to,
                                      int* fd) = 0;
+    /// As getCoverage, up to `max` stretches. `more`: whether there are others, from `next` on; the first of them may go on
+    /// with the last of these.
+    virtual unsigned int findCoverage(unsigned int trackType, const ServiceTime& from, const ServiceTime& to,
+                                      unsigned int max, std::vector<CoverageInterval>* intervals,
+                                      ServiceTime* next, unsigned char* more) = 0;
 };
 
 } // namespace drenn::api

@@ -79,6 +79,11 @@ std::vector<DataAccessAdaptor::Interval> DataAccessAdaptor::getCoverage(const U&
     AnswerCall("getCoverage", [&] {
         return implementation_.getCoverage(trackType, {fromSec, fromUsec}, {toSec, toUsec}, &intervals);
     });
+    return FromIntervals(intervals);
+}
+
+std::vector<DataAccessAdaptor::Interval> DataAccessAdaptor::FromIntervals(
+    const std::vector<CoverageInterval>& intervals) {
     std::vector<Interval> result;
     result.reserve(intervals.size());
     for (const CoverageInterval& interval : intervals) {
@@ -86,6 +91,19 @@ std::vector<DataAccessAdaptor::Interval> DataAccessAdaptor::getCoverage(const U&
                             interval.reason);
     }
     return result;
+}
+
+std::tuple<std::vector<DataAccessAdaptor::Interval>, std::uint32_t, std::uint32_t, std::uint8_t>
+DataAccessAdaptor::findCoverage(const U& trackType, const U& fromSec, const U& fromUsec, const U& toSec,
+                                const U& toUsec, const U& max) {
+    std::vector<CoverageInterval> intervals;
+    ServiceTime next;
+    Y more = 0;
+    AnswerCall("findCoverage", [&] {
+        return implementation_.findCoverage(trackType, {fromSec, fromUsec}, {toSec, toUsec}, max, &intervals,
+                                            &next, &more);
+    });
+    return {FromIntervals(intervals), next.sec, next.usec, more};
 }
 
 std::tuple<std::vector<DataAccessAdaptor::Event>, std::vector<DataAccessAdaptor::Event>,

@@ -39,9 +39,13 @@ private:
                                                                               const U& toSec, const U& toUsec,
                                                                               const Y& backward, const U& max,
                                                                               const Cursor& cursor) override;
+    std::tuple<std::vector<Interval>, U, U, Y> findCoverage(const U& trackType, const U& fromSec,
+                                                            const U& fromUsec, const U& toSec,
+                                                            const U& toUsec, const U& max) override;
     sdbus::UnixFd openRecords(const U& trackType, const U& fromSec, const U& fromUsec, const U& toSec,
                               const U& toUsec) override;
 
+    static std::vector<Interval> FromIntervals(const std::vector<CoverageInterval>& intervals);
     static ServiceCursor ToCursor(const Cursor& cursor);
     static Cursor FromCursor(const ServiceCursor& cursor);
     static std::vector<Event> FromEvents(const std::vector<HistoryEvent>& events);
