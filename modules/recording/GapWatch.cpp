@@ -4,8 +4,10 @@
 
 namespace recording {
 
-GapWatch::GapWatch(const std::string& name, std::chrono::milliseconds timeout)
-    : name_(name), timeout_(timeout), thread_(name.c_str(), this, quarn::osa::Thread::kMinimumStackBytes, 0) {
+GapWatch::GapWatch(const std::string& name, const std::optional<UsualInterval>& interval)
+    : name_(name),
+      interval_(interval),
+      thread_(name.c_str(), this, quarn::osa::Thread::kMinimumStackBytes, 0) {
     thread_.Run();
 }
 
@@ -19,6 +21,12 @@ void GapWatch::Arrived(quarn::calvane::RecordingTrack& track, const boost::posix
     const std::lock_guard<std::mutex> guard(lock_);
     lastArrival_ = std::chrono::steady_clock::now();
     lastTime_ = t;
+    if (interval_) {
+        interval_->Arrived(lastArrival_);
+        if (interval_->LongestGap() < waitedFor_) {
+            changed_.notify_one();
+        }
+    }
     if (present_ == nullptr) {
         track.notifyRecordingDataPresentChange(t, true);
         present_ = &track;
@@ -29,12 +37,14 @@ void GapWatch::Arrived(quarn::calvane::RecordingTrack& track, const boost::posix
 void GapWatch::Run() {
     std::unique_lock<std::mutex> guard(lock_);
     while (!stopping_) {
-        if (present_ == nullptr) {
+        if (present_ == nullptr || !interval_) {
             changed_.wait(guard);
             continue;
         }
-        const auto end = lastArrival_ + timeout_;
-        if (changed_.wait_until(guard, end) == std::cv_status::timeout && lastArrival_ + timeout_ == end) {
+        waitedFor_ = interval_->LongestGap();
+        const auto end = lastArrival_ + waitedFor_;
+        if (changed_.wait_until(guard, end) == std::cv_status::timeout &&
+            lastArrival_ + interval_->LongestGap() <= std::chrono::steady_clock::now()) {
             ReportAbsent();
         }
     }

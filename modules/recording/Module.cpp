@@ -19,7 +19,18 @@ kind = integer
 unit = ms
 default = 500
 range = 1 to 1000
-summary = data counts as absent when no buffer came for so long
+summary = data counts as absent when no buffer came for four times as long as usual, and for so long at least
+
+[setting rate.millihz]
+kind = integer
+default = 0
+range = 0 to 1000000000
+summary = how many buffers usually come in 1000 seconds; 0: learned from those that come
+
+[setting sparse]
+kind = flag
+default = 0
+summary = buffers come whenever they come: the data is present until the plugin ends
 
 [setting clock]
 kind = flag

@@ -25,9 +25,8 @@ const std::string kInfoPrefix = "info.";
 RecordingSink::RecordingSink(CalvaneEnv*, const IPluginConfiguration& config)
     : BasicSinkPlugin(config),
       useClock_(config.GetIntOrDefault("clock", 0) != 0),
-      gapTimeout_(ReadTimeout(config)),
       track_(ReadTrack(config)),
-      gaps_(config.GetPluginName(), gapTimeout_) {
+      gaps_(config.GetPluginName(), ReadInterval(config)) {
     ReadInfo(config);
 }
 
@@ -48,14 +47,20 @@ track_type RecordingSink::ReadTrack(const IPluginConfiguration& config) const {
     return track == "audio" ? AUDIO_TRACK : METADATA_TRACK;
 }
 
-std::chrono::milliseconds RecordingSink::ReadTimeout(const IPluginConfiguration& config) const {
-    // A gap must be reported well before the history is written, 1.5 s later.
+std::optional<UsualInterval> RecordingSink::ReadInterval(const IPluginConfiguration& config) const {
     const int timeout = config.GetIntOrDefault("gap.timeout.ms", 500);
     if (timeout < 1 || timeout > 1000) {
         ErrorInSetting("gap.timeout.ms",
                        "gap.timeout.ms must be from 1 to 1000, not " + std::to_string(timeout));
     }
-    return std::chrono::milliseconds(timeout);
+    const int rate = config.GetIntOrDefault("rate.millihz", 0);
+    if (rate < 0) {
+        ErrorInSetting("rate.millihz", "rate.millihz must be 0 or more, not " + std::to_string(rate));
+    }
+    if (config.GetIntOrDefault("sparse", 0) != 0) {
+        return std::nullopt;
+    }
+    return UsualInterval(std::chrono::milliseconds(timeout), rate);
 }
 
 void RecordingSink::ReadInfo(const IPluginConfiguration& config) {

@@ -6,6 +6,7 @@
 #include "TimeText.h"
 #include "Timeline.h"
 #include "UpkeepJob.h"
+#include "UsualInterval.h"
 #include "quarn/core/LogCapture.h"
 #include "support/ThrownText.h"
 
@@ -87,6 +88,31 @@ TEST(TimelineTest, MarksWhatLiesInEachPart) {
     EXPECT_EQ(Timeline({{{0, 29'499}, 0}, {{29'500, 60'000}, 1}}, span),
               std::string(29, '#') + "+" + std::string(30, '.'));
     EXPECT_EQ(Timeline({}, span), std::string(60, ' '));
+}
+
+TEST(UsualIntervalTest, ATrackThatIsSlowByNatureHasNoGaps) {
+    using namespace std::chrono_literals;
+    recording::UsualInterval::Clock::time_point now;
+    recording::UsualInterval learned(500ms, 0);
+    int gaps = 0;
+    const auto arrive = [&](int count, std::chrono::milliseconds interval) {
+        for (gaps = 0; count-- > 0; now += interval) {
+            learned.Arrived(now);
+            gaps += interval > learned.LongestGap() ? 1 : 0;
+        }
+        return gaps;
+    };
+    EXPECT_EQ(arrive(12, 2s), 0);
+    EXPECT_EQ(learned.LongestGap(), 8s);
+    EXPECT_EQ(arrive(20, 30s), 5); // It slows down, which takes some records to learn.
+    EXPECT_EQ(learned.LongestGap(), 120s);
+    EXPECT_EQ(arrive(30, 40ms), 0);
+    EXPECT_EQ(learned.LongestGap(), 500ms);
+    now += 1h; // One stall is nothing usual.
+    EXPECT_EQ(arrive(2, 40ms), 0);
+    EXPECT_EQ(learned.LongestGap(), 500ms);
+    EXPECT_EQ(recording::UsualInterval(500ms, 250).LongestGap(), 16s);
+    EXPECT_EQ(recording::UsualInterval(500ms, 25000).LongestGap(), 500ms);
 }
 
 TEST(UpkeepJobTest, WhatFailsIsTriedLessOftenAndSaidOnce) {
