@@ -17,6 +17,7 @@
 #include "calvane/recording/Coverage.h"
 #include "calvane/recording/HistoryEvent.h"
 #include "calvane/recording/RecordHeader.h"
+#include "calvane/recording/RecordingStatus.h"
 #include "calvane/recording/RecordingTrack.h"
 #include "calvane/recording/track_type.h"
 
@@ -95,6 +96,8 @@ public:
     /// Where the card is mounted. Before init(). A slash is added to its end if there is none.
     static void setRecordingRootPath(const std::string& path);
     static const std::string& getRecordingRootPath() { return _recordingRootPath; }
+    /// The share of the card in percent that is used before the oldest data is erased.
+    static std::uint32_t getDiskMaxPercent() { return _recordingDiskMaxPercent; }
     static void init();
     static void deinit();
     static RecordingManager* instance();
@@ -185,6 +188,8 @@ public:
                             const HistoryCursor& cursor) const;
     /// Throws while the card is away: everything would look as if it had been erased.
     void requireCard() const;
+    const drenn::multi_track_recorder::MultiTrackRecorder& getStore() const { return *_multiTrackRecorder; }
+    TrackStatus getTrackStatus(track_type type) const;
     /// The event at the cursor or the first one after it, and where to go on; no event if there is none.
     HistoryPage getHistoryEvent(const HistoryCursor& cursor) const;
 

@@ -72,6 +72,21 @@ CoveragePage RecordingManager::findCoverage(track_type type, const ptime& from, 
     return CoverageQuery(*_historyTrack, track, moment).run(from, to, std::max(max, 1U));
 }
 
+TrackStatus RecordingManager::getTrackStatus(track_type type) const {
+    const RecordingTrack& track = getTrack(type);
+    TrackStatus status = track.getWritten();
+    {
+        const std::lock_guard<std::mutex> lock(_mutex);
+        status.isPresent = _presentTracks.count(type) != 0;
+    }
+    try {
+        track.getRecordingTimePeriod(status.first, status.last);
+    } catch (const std::exception&) {
+        status.first = status.last = ptime(); // The card is just going.
+    }
+    return status;
+}
+
 bool RecordingManager::isRecordedAt(const ptime& t, track_type type) const {
     return getCoverage(type, t, t).front().reason == CoverageReason::Data;
 }

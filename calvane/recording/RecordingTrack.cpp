@@ -114,6 +114,22 @@ bool RecordingTrack::ensureIncreasingTimestamps(const ptime& t) {
 }
 
 bool RecordingTrack::writeRecord(const ptime& t, unsigned int flags, const void* data, std::size_t size) {
+    try {
+        if (writeCheckedRecord(t, flags, data, size)) {
+            ++_writtenRecords;
+            _writtenBytes += size;
+            return true;
+        }
+    } catch (...) {
+        ++_refusedRecords;
+        throw;
+    }
+    ++_refusedRecords;
+    return false;
+}
+
+bool RecordingTrack::writeCheckedRecord(const ptime& t, unsigned int flags, const void* data,
+                                        std::size_t size) {
     bool jumped = false;
     ptime previous;
     {
@@ -135,6 +151,15 @@ bool RecordingTrack::writeRecord(const ptime& t, unsigned int flags, const void*
         RecordingManager::instance()->noteClockJump(_trackType, previous, t);
     }
     return true;
+}
+
+TrackStatus RecordingTrack::getWritten() const {
+    TrackStatus status;
+    status.type = _trackType;
+    status.writtenRecords = _writtenRecords;
+    status.writtenBytes = _writtenBytes;
+    status.refusedRecords = _refusedRecords;
+    return status;
 }
 
 /// Whether the records' time went on by much more than time itself. With _writeMutex held.

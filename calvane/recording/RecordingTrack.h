@@ -1,5 +1,6 @@
 #pragma once
 
+#include <atomic>
 #include <boost/date_time/posix_time/posix_time_types.hpp>
 #include <boost/shared_ptr.hpp>
 #include <boost/signals2/connection.hpp>
@@ -14,6 +15,7 @@
 #include "calvane/Export.h"
 #include "calvane/recording/Coverage.h"
 #include "calvane/recording/RecordHeader.h"
+#include "calvane/recording/RecordingStatus.h"
 #include "calvane/recording/track_type.h"
 
 namespace drenn::multi_track_recorder {
@@ -86,6 +88,8 @@ public:
     /// it was not written, since the clock has not been set. Throws what the store throws when it refuses.
     /// A clock that jumped forward goes into the history as a gap, provided that the data is reported present.
     bool writeRecord(const Ptime& t, unsigned int flags, const void* data, std::size_t size);
+    /// What was written and refused; the rest is not set.
+    TrackStatus getWritten() const;
     /// The map holds for all records written from now on. The same map again costs next to nothing.
     void setInfo(const std::map<std::string, std::string>& info);
     /// Tells clients and the history that the data begins or ends at `t`. The history track does not report.
@@ -122,6 +126,7 @@ private:
     Ptime getLatestTimestamp() const;
     void setLatestTimestamp(const Ptime& t);
     void setLatestToNewestRecord();
+    bool writeCheckedRecord(const Ptime& t, unsigned int flags, const void* data, std::size_t size);
     bool jumpedForward(const Ptime& previous, const Ptime& t);
 
     const track_type _trackType;
@@ -133,8 +138,11 @@ private:
     // true any more. Guarded by the track's lock.
     mutable std::map<std::int64_t, unsigned int> _seen;
     mutable std::set<std::string> _passedOver; // What the log has been told. Guarded by the track's lock.
-    std::mutex _writeMutex;                    // Taken before all locks of tracks.
-    std::int64_t _lastWriteSteady = 0;         // Guarded by _writeMutex.
+    std::atomic<std::uint64_t> _writtenRecords{0};
+    std::atomic<std::uint64_t> _writtenBytes{0};
+    std::atomic<std::uint64_t> _refusedRecords{0};
+    std::mutex _writeMutex;            // Taken before all locks of tracks.
+    std::int64_t _lastWriteSteady = 0; // Guarded by _writeMutex.
 };
 
 } // namespace quarn::calvane

@@ -373,6 +373,17 @@ TEST_F(ServicePolicyTest, TheServicesUserOwnsTheNamesAndTheGroupMayAsk) {
                       .withArguments("com.drenn.RecordingInformation1");
               }),
               "org.freedesktop.DBus.Error.AccessDenied");
+    // Of the limit they may read, not set.
+    const auto owner = sdbus::createSessionBusConnectionWithAddress(bus.Address());
+    owner->requestName("com.drenn.recording_control");
+    owner->enterEventLoopAsync();
+    const auto control = sdbus::createProxy(sdbus::createSessionBusConnectionWithAddress(bus.Address()),
+                                            "com.drenn.recording_control", "/com/drenn/recording_control");
+    const auto errorOf = [&](const char* method) {
+        return ErrorOf([&] { control->callMethod(method).onInterface("com.drenn.RecordingControl1"); });
+    };
+    EXPECT_EQ(errorOf("getMaximumRetention"), "org.freedesktop.DBus.Error.UnknownObject");
+    EXPECT_EQ(errorOf("setMaximumRetention"), "org.freedesktop.DBus.Error.AccessDenied");
 }
 
 TEST_F(ServicePolicyTest, OthersMayNeitherOwnNorAskNorListen) {

@@ -13,6 +13,7 @@ using testing::HasSubstr;
 TEST_F(RecorderTest, WithoutAUsableCardItAnswersAndSaysWhatToDo) {
     std::filesystem::remove(folder.Path("card"));
     StartAndWait({}, 1);
+    EXPECT_EQ(AskJson({"status"})["problem"], "there is no card");
     const Answer disabled = Ask({"summary"});
     EXPECT_EQ(disabled.status, 1);
     EXPECT_EQ(disabled.err, "calvane-recording: Recording is currently disabled\n");
@@ -107,7 +108,19 @@ TEST_F(RecorderTest, RetentionSetWhileItRecordsErasesAndIsTold) {
     Program watch("calvane-recording", {"watch", "--json"}, folder.Path());
     ASSERT_TRUE(WaitUntil([&] { return CountRecords("audio") > 150; }));
     const json before = AskJson({"summary"});
+    const json status = AskJson({"status"});
+    EXPECT_EQ(status["state"], "recording");
+    EXPECT_GT(status["tracks"]["audio"]["records"], 100);
+    EXPECT_GT(status["bytesPerHour"], status["tracks"]["video"]["bytesPerHour"]);
+    EXPECT_LT(status["card"]["usableBytes"], status["card"]["bytes"]);
+    Program properties("/usr/bin/gdbus",
+                       {"monitor", "--address", bus.Address(), "-d", "com.drenn.recording_control"},
+                       folder.Path());
     EXPECT_EQ(AskJson({"retention", "set", "1s"})["seconds"], 1.0);
+    EXPECT_TRUE(WaitUntil(
+        [&] { return properties.Out().find("'MaximumRetention': <uint64 1000000>") != std::string::npos; }));
+    properties.Signal(SIGTERM);
+    EXPECT_EQ(AskJson({"retention", "--settings", folder.Path("settings.db"), "get"})["seconds"], 1.0);
     ASSERT_TRUE(WaitUntil([&] { return AskJson({"summary"})["first"] > before["first"]; }));
     EXPECT_TRUE(
         WaitUntil([&] { return watch.Out().find("\"event\":\"dataDeleted\"") != std::string::npos; }));

@@ -3,6 +3,7 @@
 #include <stdexcept>
 #include <string>
 
+#include "Forecast.h"
 #include "TimeText.h"
 #include "Timeline.h"
 #include "UpkeepJob.h"
@@ -141,6 +142,32 @@ TEST(UpkeepJobTest, WhatFailsIsTriedLessOftenAndSaidOnce) {
     fails = true;
     EXPECT_EQ(runFor(4), 2);
     EXPECT_EQ(capture.Count("Erasing failed and is tried again: no card"), 2U);
+}
+
+TEST(ForecastTest, LooksAtTheLastMinuteAndAtTheLimit) {
+    using namespace calvane_recorder;
+    using namespace std::chrono_literals;
+    GrowthMeter meter;
+    const GrowthMeter::Clock::time_point start;
+    meter.Add(start, {1000, 0, 0});
+    EXPECT_EQ(meter.GetBytesPerHour(), TrackBytes{});
+    meter.Add(start + 10s, {2000, 0, 5});
+    EXPECT_EQ(meter.GetBytesPerHour(), (TrackBytes{360'000, 0, 1800}));
+    for (int second = 11; second != 80; ++second) { // The first seconds are forgotten.
+        meter.Add(start + std::chrono::seconds(second), {2000, static_cast<std::uint64_t>(second), 5});
+    }
+    EXPECT_EQ(meter.GetBytesPerHour(), (TrackBytes{0, 3600, 0}));
+
+    const auto hour = std::int64_t{3600} * kSecond;
+    const auto expect = [](const Forecast& forecast, std::int64_t fullAt, Forecast::Erases erases) {
+        EXPECT_EQ(forecast.fullAt, fullAt);
+        EXPECT_EQ(forecast.erases, erases);
+    };
+    expect(MakeForecast(kNow, 1000, 500, 0, 0), 0, Forecast::Erases::Nothing);
+    expect(MakeForecast(kNow, 1000, 500, 100, 0), kNow + 5 * hour, Forecast::Erases::Space);
+    expect(MakeForecast(kNow, 1000, 0, 100, 0), kNow, Forecast::Erases::Space);
+    expect(MakeForecast(kNow, 1000, 500, 100, 10 * hour), 0, Forecast::Erases::Age);
+    expect(MakeForecast(kNow, 1000, 500, 100, 11 * hour), kNow + 5 * hour, Forecast::Erases::Space);
 }
 
 } // namespace

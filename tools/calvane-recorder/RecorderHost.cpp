@@ -9,6 +9,7 @@
 #include <thread>
 #include <utility>
 
+#include "RecordingControl.h"
 #include "UpkeepThread.h"
 #include "calvane/recording/RecordingManager.h"
 #include "pipelines/CheckedDescription.h"
@@ -29,6 +30,7 @@ namespace {
 
 constexpr auto kWatchdogPeriod = 250ms;
 constexpr auto kRetentionPeriod = 10s;
+constexpr auto kStatusPeriod = 1s;
 // What has been reported is written to the history no earlier; see RecordingManager::processHistorySaveQueue.
 constexpr auto kHistoryHold = 1500ms;
 
@@ -53,15 +55,16 @@ public:
         RecordingManager::setRecordingRootPath(root);
         try {
             RecordingManager::init();
+            control_ = std::make_unique<RecordingControl>();
+            status_ = std::make_unique<UpkeepThread>(
+                "Status", std::vector{UpkeepJob("Looking at the recording", kStatusPeriod,
+                                                [this] { control_->Update(); })});
         } catch (...) {
-            RecordingManager::deinit();
+            End();
             throw;
         }
     }
-    ~Recorder() {
-        StopUpkeep();
-        RecordingManager::deinit();
-    }
+    ~Recorder() { End(); }
     Recorder(const Recorder&) = delete;
     Recorder& operator=(const Recorder&) = delete;
 
@@ -74,9 +77,17 @@ private:
         settings_ = nullptr;
         upkeep_ = nullptr;
     }
+    void End() {
+        StopUpkeep();
+        status_ = nullptr;
+        control_ = nullptr;
+        RecordingManager::deinit();
+    }
 
     std::unique_ptr<UpkeepThread> settings_; // Other processes may keep it waiting.
     std::unique_ptr<UpkeepThread> upkeep_;
+    std::unique_ptr<RecordingControl> control_;
+    std::unique_ptr<UpkeepThread> status_; // Without a recording, too.
 };
 
 void Recorder::StartUpkeep() {

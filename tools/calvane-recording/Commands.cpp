@@ -162,6 +162,58 @@ void FollowHistory(RecordingClient& client, const Options& options, Shown& shown
     }
 }
 
+std::string BytesText(std::uint64_t bytes) {
+    constexpr std::array<const char*, 6> kUnits{"B", "kB", "MB", "GB", "TB", "PB"};
+    auto number = static_cast<double>(bytes);
+    std::size_t unit = 0;
+    for (; number >= 999.5 && unit + 1 != kUnits.size(); ++unit) {
+        number /= 1000;
+    }
+    std::array<char, 32> text{};
+    std::snprintf(text.data(), text.size(), "%.3g %s", number, kUnits[unit]);
+    return text.data();
+}
+
+std::string ForecastText(const Status& status, const Options& options) {
+    if (status.erasesFirst == "age") {
+        return "the card is large enough; what is older than " + DurationText(status.limit) + " is erased";
+    }
+    if (status.fullAt == 0) {
+        return "the card does not get full";
+    }
+    return status.usableBytes == 0
+               ? "the card is full; the oldest data is erased for new data"
+               : "full at " + TimeText(status.fullAt, options.zone) + "; then the oldest data is erased";
+}
+
+/// False when there is no recorder.
+bool AskRecorder(const std::function<void(RecordingClient&)>& question) {
+    try {
+        RecordingClient client;
+        question(client);
+        return true;
+    } catch (const RecordingClient::NotRunning&) {
+        return false;
+    }
+}
+
+/// From the recorder, or without one from the settings.
+Time RetentionOf(const Options& options) {
+    Time limit = 0;
+    if (!options.file &&
+        AskRecorder([&limit](RecordingClient& client) { limit = client.GetMaximumRetention(); })) {
+        return limit;
+    }
+    const quarn::settings::QuarnSettingsClient settings(nullptr);
+    const auto numberOf = [](const std::optional<quarn::settings::Setting>& setting) {
+        const auto* const number = setting ? std::get_if<std::int64_t>(&*setting) : nullptr;
+        return number != nullptr ? *number : 0;
+    };
+    const auto parts = settings.Get(std::vector<std::string>{quarn::calvane::kMaxRetentionTimeSeconds,
+                                                             quarn::calvane::kMaxRetentionTimeMicroseconds});
+    return numberOf(parts[0]) * kSecond + numberOf(parts[1]);
+}
+
 void ListFrame(const Frame& frame, const Options& options) {
     if (options.json) {
         PrintLine({{"time", ToJson(frame.time)},
@@ -403,15 +455,47 @@ void Watch(RecordingClient& client, const Options& options) {
         });
 }
 
+void PrintStatus(RecordingClient& client, const Options& options) {
+    const Status status = client.GetStatus();
+    if (options.json) {
+        json facts{{"state", status.state},
+                   {"problem", status.problem},
+                   {"retention", SecondsOf(status.limit)},
+                   {"card", {{"bytes", status.cardBytes}, {"usableBytes", status.usableBytes}}},
+                   {"bytesPerHour", status.bytesPerHour},
+                   {"fullAt", status.fullAt == 0 ? json(nullptr) : ToJson(status.fullAt)},
+                   {"erasesFirst", status.erasesFirst}};
+        for (const Status::Track& track : status.tracks) {
+            json& of = facts["tracks"][NameOf(track.number)];
+            of = {{"present", track.present},           {"records", track.records}, {"bytes", track.bytes},
+                  {"bytesPerHour", track.bytesPerHour}, {"refused", track.refused}, {"span", nullptr}};
+            if (!track.span.IsEmpty()) {
+                of["span"] = ToJson(track.span);
+            }
+        }
+        Print(facts);
+        return;
+    }
+    std::cout << "State      " << status.state << (status.problem.empty() ? "" : ": " + status.problem)
+              << "\n"
+              << "Card       " << BytesText(status.usableBytes) << " to be written of "
+              << BytesText(status.cardBytes) << "\n"
+              << "Growth     " << BytesText(status.bytesPerHour) << " an hour\n"
+              << "Forecast   " << ForecastText(status, options) << "\n";
+    for (const Status::Track& track : status.tracks) {
+        std::printf("%-10s ", NameOf(track.number).c_str());
+        std::fflush(stdout);
+        std::cout << (track.present ? "coming" : "absent") << ", " << BytesText(track.bytesPerHour)
+                  << " an hour; since the start " << track.records << " records, " << BytesText(track.bytes)
+                  << ", " << track.refused << " refused; "
+                  << (track.span.IsEmpty() ? "nothing is recorded"
+                                           : "last at " + TimeText(track.span.last, options.zone))
+                  << std::endl;
+    }
+}
+
 void GetRetention(const Options& options) {
-    const quarn::settings::QuarnSettingsClient settings(nullptr);
-    const auto numberOf = [](const std::optional<quarn::settings::Setting>& setting) {
-        const auto* const number = setting ? std::get_if<std::int64_t>(&*setting) : nullptr;
-        return number != nullptr ? *number : 0;
-    };
-    const auto parts = settings.Get(std::vector<std::string>{quarn::calvane::kMaxRetentionTimeSeconds,
-                                                             quarn::calvane::kMaxRetentionTimeMicroseconds});
-    const Time limit = numberOf(parts[0]) * kSecond + numberOf(parts[1]);
+    const Time limit = RetentionOf(options);
     if (options.json) {
         Print({{"seconds", SecondsOf(limit)}});
     } else if (limit <= 0) {
@@ -425,6 +509,10 @@ void SetRetention(const Options& options) {
     const Time limit = options.limit == "none" ? 0 : ParseDuration(options.limit);
     if (limit / kSecond > std::numeric_limits<std::int32_t>::max()) {
         throw std::invalid_argument("Not a limit: \"" + options.limit + "\" is longer than 68 years");
+    }
+    if (!options.file && AskRecorder([&](RecordingClient& client) { client.SetMaximumRetention(limit); })) {
+        GetRetention(options);
+        return;
     }
     quarn::settings::QuarnSettingsClient settings(nullptr);
     settings.Set({{quarn::calvane::kMaxRetentionTimeSeconds, std::int64_t{limit / kSecond}},

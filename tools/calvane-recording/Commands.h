@@ -20,6 +20,7 @@ struct Options {
     bool follow = false;
     bool list = false;
     std::string limit; ///< Of retention; empty to ask.
+    bool file = false; ///< Retention is that of the settings, whether there is a recorder or not.
 };
 
 // Each prints its answer to the standard output stream and throws std::exception when there is none.
@@ -32,7 +33,8 @@ void PrintAttributes(RecordingClient& client, const Options& options);
 /// Throws also when some of what was to be read was erased meanwhile; the rest has been written.
 void ReadRecords(RecordingClient& client, const Options& options);
 void Watch(RecordingClient& client, const Options& options);
-/// Works on the settings, and so without a recorder, too.
+void PrintStatus(RecordingClient& client, const Options& options);
+/// Through the recorder; without one they work on the settings.
 void GetRetention(const Options& options);
 void SetRetention(const Options& options);
 

@@ -7,6 +7,7 @@
 #include <utility>
 
 #include "quarn/msgbus/BusLink.h"
+#include "recording_control/generated/RecordingControl1Proxy.h"
 
 namespace calvane_recording {
 namespace {
@@ -27,12 +28,9 @@ Time FromParts(U seconds, U microseconds) {
 
 std::string Explain(const sdbus::Error& problem) {
     const std::string& name = problem.getName();
-    if (name == "org.freedesktop.DBus.Error.ServiceUnknown" ||
-        name == "org.freedesktop.DBus.Error.NameHasNoOwner") {
-        return "The recorder does not run on this bus: start calvane-recorder, or choose the bus with --bus";
-    }
     if (name == "org.freedesktop.DBus.Error.AccessDenied") {
-        return "The bus denies access: only members of the group \"recording\" may ask the recorder (" +
+        return "The bus denies access: only members of the group \"recording\" may ask the recorder, and of "
+               "\"recording-admin\" set how long data is kept (" +
                problem.getMessage() + ")";
     }
     if (name == "org.freedesktop.DBus.Error.Disconnected") {
@@ -47,7 +45,22 @@ auto Ask(const Call& call) -> decltype(call()) {
     try {
         return call();
     } catch (const sdbus::Error& problem) {
+        const std::string& name = problem.getName();
+        if (name == "org.freedesktop.DBus.Error.ServiceUnknown" ||
+            name == "org.freedesktop.DBus.Error.NameHasNoOwner") {
+            throw RecordingClient::NotRunning(
+                "The recorder does not run on this bus: start calvane-recorder, or choose the bus with "
+                "--bus");
+        }
         throw std::runtime_error(Explain(problem));
+    }
+}
+
+std::unique_ptr<sdbus::IConnection> OpenBus() {
+    try {
+        return quarn::msgbus::BusLink::OpenBus();
+    } catch (const std::exception& problem) {
+        throw RecordingClient::NotRunning(problem.what());
     }
 }
 
@@ -95,10 +108,20 @@ public:
     virtual ~DataAccess() { unregisterProxy(); }
 };
 
+class RecordingClient::Control : public sdbus::ProxyInterfaces<com::drenn::RecordingControl1_proxy> {
+public:
+    explicit Control(sdbus::IConnection& connection)
+        : ProxyInterfaces(connection, "com.drenn.recording_control", "/com/drenn/recording_control") {
+        registerProxy();
+    }
+    virtual ~Control() { unregisterProxy(); }
+};
+
 RecordingClient::RecordingClient()
-    : connection_(quarn::msgbus::BusLink::OpenBus()),
+    : connection_(OpenBus()),
       information_(std::make_unique<Information>(*connection_)),
-      dataAccess_(std::make_unique<DataAccess>(*connection_)) {}
+      dataAccess_(std::make_unique<DataAccess>(*connection_)),
+      control_(std::make_unique<Control>(*connection_)) {}
 
 RecordingClient::~RecordingClient() = default;
 
@@ -173,6 +196,38 @@ History RecordingClient::GetHistory(const Span& span) {
         more = goesOn != 0;
     }
     return history;
+}
+
+Status RecordingClient::GetStatus() {
+    return Ask([&] {
+        Status status;
+        status.state = control_->State();
+        status.problem = control_->Problem();
+        status.limit = static_cast<Time>(control_->MaximumRetention());
+        std::tie(status.cardBytes, status.usableBytes) = control_->Card();
+        status.bytesPerHour = control_->BytesPerHour();
+        status.fullAt = control_->FullAt();
+        status.erasesFirst = control_->ErasesFirst();
+        for (const auto& track : control_->Tracks()) {
+            status.tracks.push_back({std::get<0>(track),
+                                     std::get<1>(track),
+                                     std::get<2>(track),
+                                     std::get<3>(track),
+                                     std::get<4>(track),
+                                     std::get<5>(track),
+                                     {std::get<6>(track), std::get<7>(track)}});
+        }
+        return status;
+    });
+}
+
+Time RecordingClient::GetMaximumRetention() {
+    const auto [sec, usec] = Ask([&] { return control_->getMaximumRetention(); });
+    return FromParts(sec, usec);
+}
+
+void RecordingClient::SetMaximumRetention(Time limit) {
+    Ask([&] { control_->setMaximumRetention(SecondsOf(limit), MicrosecondsOf(limit)); });
 }
 
 int RecordingClient::OpenRecords(unsigned int track, const Span& span) {

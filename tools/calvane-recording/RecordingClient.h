@@ -4,6 +4,7 @@
 
 #include <functional>
 #include <memory>
+#include <stdexcept>
 #include <string>
 #include <vector>
 
@@ -59,13 +60,41 @@ struct Interval {
     unsigned int reason = 0; ///< 0: there is data.
 };
 
+/// What the recorder says of itself. Times are 0 where there is none.
+struct Status {
+    struct Track {
+        unsigned int number = 0;
+        bool present = false;
+        std::uint64_t records = 0; ///< Written since the recorder was started.
+        std::uint64_t bytes = 0;
+        std::uint64_t refused = 0;
+        std::uint64_t bytesPerHour = 0;
+        Span span;
+    };
+
+    std::string state;
+    std::string problem;
+    Time limit = 0;
+    std::uint64_t cardBytes = 0;
+    std::uint64_t usableBytes = 0;
+    std::uint64_t bytesPerHour = 0;
+    Time fullAt = 0;
+    std::string erasesFirst;
+    std::vector<Track> tracks;
+};
+
 /// The recorder's services as a client sees them.
 ///
 /// Threads: one.
 /// Errors:  std::runtime_error that says what to do, for a bus that is not there, a recorder that does not run, a
-///          denied access, and what a service answers.
+///          denied access, and what a service answers; NotRunning of these for the recorder.
 class RecordingClient {
 public:
+    /// There is no bus, or no recorder on it.
+    class NotRunning : public std::runtime_error {
+        using std::runtime_error::runtime_error;
+    };
+
     RecordingClient();
     ~RecordingClient();
 
@@ -77,6 +106,9 @@ public:
     std::vector<Interval> GetCoverage(unsigned int track, const Span& span);
     /// All pages, the oldest event first.
     History GetHistory(const Span& span);
+    Status GetStatus();
+    Time GetMaximumRetention();
+    void SetMaximumRetention(Time limit);
     /// A descriptor to read frames from, the caller's to close.
     int OpenRecords(unsigned int track, const Span& span);
 
@@ -88,10 +120,12 @@ public:
 private:
     class Information;
     class DataAccess;
+    class Control;
 
     const std::unique_ptr<sdbus::IConnection> connection_;
     const std::unique_ptr<Information> information_;
     const std::unique_ptr<DataAccess> dataAccess_;
+    const std::unique_ptr<Control> control_;
 };
 
 } // namespace calvane_recording

@@ -61,6 +61,8 @@ Program::Program() {
         "  calvane-recording read --track video --from -10s --to now > clip.bin");
 
     AddCommand("summary", "Print from when to when there are recordings", &PrintSummary);
+    AddCommand("status", "Print how the recorder and its card are, and until when there is room",
+               &PrintStatus);
     AddTrack(AddCommand("tracks", "Print what each track holds", &PrintTracks), false);
     CLI::App* const history = AddCommand("history", "Print when data came and went", &PrintHistory);
     AddSpan(history);
@@ -111,7 +113,7 @@ void Program::AddTrack(CLI::App* command, bool required) {
 void Program::AddRetention() {
     CLI::App* const retention =
         app_.add_subcommand("retention", "Print or set how long recorded data is kept at most");
-    retention->add_option("--settings", settings_, "The settings database; as DRENN_SETTINGS says without it")
+    retention->add_option("--settings", settings_, "This settings database, instead of asking the recorder")
         ->type_name("FILE");
     retention->add_flag("--json", options_.json, "Print JSON");
     retention->add_subcommand("get", "Print it");
@@ -142,7 +144,8 @@ int Program::Run(int argc, char** argv) {
     if (!bus_.empty()) {
         setenv("DRENN_BUS", bus_.c_str(), 1);
     }
-    if (!settings_.empty()) {
+    options_.file = !settings_.empty();
+    if (options_.file) {
         setenv("DRENN_SETTINGS", settings_.c_str(), 1);
     }
     try {

@@ -1,0 +1,89 @@
+#include "calvane/recording/RecordingStatus.h"
+
+#include <sys/statvfs.h>
+
+#include <algorithm>
+
+#include "calvane/recording/RecordingManager.h"
+#include "drenn/multi_track_recorder/MultiTrackRecorder.h"
+
+namespace quarn::calvane {
+
+using drenn::multi_track_recorder::StoreState;
+using State = RecordingStatus::State;
+
+namespace {
+
+std::string WhyDisabled() {
+    switch (RecordingManager::_recordingDisabledReason) {
+        case 4:
+            return "there is no card";
+        case 5:
+            return "the card holds other things than recordings";
+        case 6:
+            return "the recording could not be opened; the log says why";
+        default:
+            return "recording has not been started";
+    }
+}
+
+void LookAtCard(RecordingStatus& status) {
+    struct statvfs card {};
+    if (statvfs(RecordingManager::getRecordingRootPath().c_str(), &card) != 0) {
+        return;
+    }
+    const std::uint64_t block = card.f_frsize;
+    // As a writer without root's reserve sees it.
+    const std::uint64_t available = card.f_bavail * block;
+    status.cardBytes = (card.f_blocks - card.f_bfree) * block + available;
+    const std::uint64_t kept =
+        status.cardBytes / 100 * (100 - std::min<std::uint64_t>(100, RecordingManager::getDiskMaxPercent()));
+    status.usableBytes = available > kept ? available - kept : 0;
+}
+
+void SetState(RecordingStatus& status, StoreState store, const std::vector<std::string>& damage) {
+    const bool comes = std::any_of(status.tracks.begin(), status.tracks.end(),
+                                   [](const TrackStatus& track) { return track.isPresent; });
+    switch (store) {
+        case StoreState::Good:
+            status.state = comes ? State::Recording : State::Waiting;
+            break;
+        case StoreState::ReadOnly:
+            status.state = State::ReadOnly;
+            status.problem = "the card takes no data, or the recording is damaged; the log says why";
+            break;
+        case StoreState::NoCard:
+            status.state = State::CardAway;
+            status.problem = "the card is away";
+            break;
+        case StoreState::OtherCard:
+            status.state = State::CardAway;
+            status.problem = "another card is in its place";
+            break;
+    }
+    if (!damage.empty()) {
+        status.problem += (status.problem.empty() ? "" : "; ") + damage.front() +
+                          (damage.size() == 1 ? "" : ", and " + std::to_string(damage.size() - 1) + " more");
+    }
+}
+
+} // namespace
+
+RecordingStatus GetRecordingStatus() {
+    RecordingStatus status;
+    LookAtCard(status);
+    const RecordingManager* manager = nullptr;
+    try {
+        manager = RecordingManager::instance();
+    } catch (const std::exception&) {
+        status.problem = WhyDisabled();
+        return status;
+    }
+    for (const track_type type : {VIDEO_TRACK, AUDIO_TRACK, METADATA_TRACK}) {
+        status.tracks[static_cast<std::size_t>(type)] = manager->getTrackStatus(type);
+    }
+    SetState(status, manager->getStore().getState(), manager->getStore().getDamage());
+    return status;
+}
+
+} // namespace quarn::calvane
