@@ -14,7 +14,8 @@ enum class CoverageReason : int {
     Erased = 3,  ///< By the limit of time or of space.
     Dropped = 4, ///< Its producer or the store could not keep up.
     Clock = 5,   ///< The clock jumped over this time.
-    Unknown = 6
+    Unknown = 6,
+    Interrupted = 7 ///< The recorder ended without an end of the data: it was killed, or the power failed.
 };
 
 /// A stretch of time. Both ends belong to it.

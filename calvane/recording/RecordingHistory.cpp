@@ -180,10 +180,18 @@ void RecordingManager::correctHistoryAfterReboot() {
     if (newest.is_special() && ends.empty()) {
         return; // A fresh card.
     }
+    std::set<track_type> interrupted; // The others had stopped before.
+    for (const HistoryEvent& event :
+         HistoryReader(*_historyTrack).findState(ptime(boost::posix_time::pos_infin))) {
+        if (event.isOfTrack && event.present) {
+            interrupted.insert(event.track);
+        }
+    }
     const std::lock_guard<std::mutex> lock(_mutex);
     _tracksWithDataCount = static_cast<std::int32_t>(_dataTracks.size());
     for (const auto& [type, end] : ends) {
-        queueLocked(end, type, false, CoverageReason::Stopped);
+        queueLocked(end, type, false,
+                    interrupted.count(type) != 0 ? CoverageReason::Interrupted : CoverageReason::Stopped);
     }
 }
 

@@ -95,6 +95,7 @@ TEST_F(RecorderTest, KilledWhileItRecordsItLosesLittleAndRepairsTheHistory) {
         }
     }
     EXPECT_EQ(ends, 3) << history.dump(1);
+    EXPECT_EQ(AskJson({"coverage", "--track", "video"})["video"].back()["reason"], "interrupted");
     const std::string first = tracks["video"]["first"];
     EXPECT_EQ(AskJson({"state", "--at", first})["video"], true);
     EXPECT_EQ(AskJson({"state"})["video"], false);

@@ -89,6 +89,8 @@ TEST(TimelineTest, MarksWhatLiesInEachPart) {
     EXPECT_EQ(Timeline({{{0, 29'499}, 0}, {{29'500, 60'000}, 1}}, span),
               std::string(29, '#') + "+" + std::string(30, '.'));
     EXPECT_EQ(Timeline({}, span), std::string(60, ' '));
+    EXPECT_EQ(Timeline({{span, 7}}, span) + Timeline({{span, 8}}, span),
+              std::string(60, 'i') + std::string(60, '?'));
 }
 
 TEST(UsualIntervalTest, ATrackThatIsSlowByNatureHasNoGaps) {

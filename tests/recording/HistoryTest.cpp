@@ -136,8 +136,8 @@ TEST_F(History, RepairAfterARebootClosesWhatWasOpenAndErasesNothing) {
     Restart();
     ProcessAt(20);
     // With two of three tracks the count stays above zero, and nothing says that recording ended.
-    EXPECT_THAT(RecorderTest::History(),
-                ElementsAre("1 video on", "1 recording on", "4.5 audio on", "4.5 audio off", "5 video off"));
+    EXPECT_THAT(RecorderTest::History(), ElementsAre("1 video on", "1 recording on", "4.5 audio on",
+                                                     "4.5 audio off 7", "5 video off 7"));
     EXPECT_THAT(TimesOf(AUDIO_TRACK), ElementsAre(1, 4));
     EXPECT_THAT(TimesOf(VIDEO_TRACK), ElementsAre(1, 5));
     Write(METADATA_TRACK, {30});
@@ -145,10 +145,10 @@ TEST_F(History, RepairAfterARebootClosesWhatWasOpenAndErasesNothing) {
     ProcessAt(40);
     Restart();
     ProcessAt(50);
-    EXPECT_THAT(
-        RecorderTest::History(),
-        ElementsAre("1 video on", "1 recording on", "4.5 audio on", "4.5 audio off", "5 video off",
-                    "30 metadata on", "30 video off", "30 audio off", "30 metadata off", "30 recording off"));
+    EXPECT_THAT(RecorderTest::History(),
+                ElementsAre("1 video on", "1 recording on", "4.5 audio on", "4.5 audio off 7",
+                            "5 video off 7", "30 metadata on", "30 video off", "30 audio off",
+                            "30 metadata off 7", "30 recording off"));
     EXPECT_EQ(SizeOf(VIDEO_TRACK) + SizeOf(AUDIO_TRACK) + SizeOf(METADATA_TRACK), 5U);
     // Closed cleanly: nothing to do. Without history, but with data: the same as after a reboot.
     Restart();
@@ -158,7 +158,7 @@ TEST_F(History, RepairAfterARebootClosesWhatWasOpenAndErasesNothing) {
     Restart();
     ProcessAt(60);
     EXPECT_THAT(RecorderTest::History(),
-                ElementsAre("4 audio off", "5 video off", "30 metadata off", "30 recording off"));
+                ElementsAre("4 audio off", "5 video off 7", "30 metadata off", "30 recording off"));
 }
 
 TEST_F(History, AvailabilityFollowsTheEvents) {

@@ -123,7 +123,7 @@ protected:
     }
     static std::vector<std::string> Coverage(track_type type, double from, double to) {
         static const std::vector<std::string> names{"data",    "stopped", "no card", "erased",
-                                                    "dropped", "clock",   "unknown"};
+                                                    "dropped", "clock",   "unknown", "interrupted"};
         std::vector<std::string> lines;
         for (const auto& span : Recorder().getCoverage(type, At(from), At(to))) {
             lines.push_back(Number(SecondsOf(span.start)) + ".." + Number(SecondsOf(span.end)) + " " +

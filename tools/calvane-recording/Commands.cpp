@@ -102,12 +102,6 @@ std::string ToText(const Event& event, const Options& options) {
     return TimeText(event.time, options.zone) + "  " + what + change;
 }
 
-const char* ReasonText(unsigned int reason) {
-    constexpr std::array<const char*, 7> kReasons{"data",    "stopped", "no card", "erased",
-                                                  "dropped", "clock",   "unknown"};
-    return kReasons[reason < kReasons.size() ? reason : kReasons.size() - 1];
-}
-
 /// The attributes at a time, or null when there are none.
 json AttributesOf(RecordingClient& client, unsigned int track, Time at) {
     if (track == 0) {
@@ -348,7 +342,7 @@ void PrintCoverage(RecordingClient& client, const Options& options) {
             list.push_back(facts);
             if (!options.json) {
                 std::printf("          %s  %s\n", ToText(interval.span, options).c_str(),
-                            ReasonText(interval.reason));
+                            ReasonText(interval.reason).c_str());
             }
         }
         all[NameOf(track)] = list;

@@ -7,18 +7,33 @@ namespace calvane_recording {
 namespace {
 
 constexpr int kWidth = 60;
-constexpr std::size_t kReasons = 7;
-constexpr std::array<char, kReasons> kMarks{'#', '.', 'c', 'e', 'd', 't', '?'};
+struct Reason {
+    const char* text;
+    char mark;
+};
+constexpr std::size_t kUnknown = 6;
+constexpr std::array<Reason, 8> kReasons{{{"data", '#'},
+                                          {"stopped", '.'},
+                                          {"no card", 'c'},
+                                          {"erased", 'e'},
+                                          {"dropped", 'd'},
+                                          {"clock", 't'},
+                                          {"unknown", '?'},
+                                          {"interrupted", 'i'}}};
+
+std::size_t IndexOf(unsigned int reason) {
+    return reason < kReasons.size() ? reason : kUnknown;
+}
 
 char MarkOf(const std::vector<Interval>& intervals, const Span& cell) {
-    std::array<Time, kReasons> lengths{};
+    std::array<Time, kReasons.size()> lengths{};
     Time all = 0;
     for (const Interval& interval : intervals) {
         // One more, so that a moment counts.
         const Time common =
             std::min(interval.span.last, cell.last) - std::max(interval.span.first, cell.first) + 1;
         if (common > 0) {
-            lengths.at(std::min<std::size_t>(interval.reason, kReasons - 1)) += common;
+            lengths.at(IndexOf(interval.reason)) += common;
             all += common;
         }
     }
@@ -26,13 +41,17 @@ char MarkOf(const std::vector<Interval>& intervals, const Span& cell) {
         return ' ';
     }
     if (lengths[0] != 0) {
-        return lengths[0] == all ? kMarks[0] : '+';
+        return lengths[0] == all ? kReasons[0].mark : '+';
     }
-    return kMarks.at(
-        static_cast<std::size_t>(std::max_element(lengths.begin(), lengths.end()) - lengths.begin()));
+    const auto longest = std::max_element(lengths.begin(), lengths.end()) - lengths.begin();
+    return kReasons.at(static_cast<std::size_t>(longest)).mark;
 }
 
 } // namespace
+
+std::string ReasonText(unsigned int reason) {
+    return kReasons.at(IndexOf(reason)).text;
+}
 
 std::string Timeline(const std::vector<Interval>& intervals, const Span& span) {
     const Time length = std::max<Time>(span.last - span.first, kWidth);
