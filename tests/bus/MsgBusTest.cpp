@@ -1,6 +1,11 @@
 #include <gtest/gtest.h>
 
+#include <unistd.h>
+
 #include <atomic>
+#include <csignal>
+#include <cstring>
+#include <filesystem>
 #include <mutex>
 #include <string>
 #include <thread>
@@ -9,6 +14,7 @@
 #include "quarn/core/LogCapture.h"
 #include "quarn/msgbus/MsgBus.h"
 #include "support/PrivateBus.h"
+#include "support/Program.h"
 #include "support/ThrownText.h"
 #include "support/WaitUntil.h"
 
@@ -106,6 +112,65 @@ TEST(MsgBusTest, MessagesReachOtherProcessesAndAgainAfterTheBusWasLost) {
     daemon.Start();
     EXPECT_TRUE(arrives("again"));
     EXPECT_FALSE(inbox.Has("text unheard"));
+}
+
+TEST(MsgBusTest, AStalledBusCostsLittleAndHoldsNobodyUp) {
+    PrivateBus daemon;
+    Inbox inbox;
+    auto here = std::make_unique<MsgBus>();
+    MsgBus there;
+    there.Subscribe("t", std::ref(inbox));
+    EXPECT_TRUE(WaitUntil([&] {
+        here->PublishText("t", "first");
+        return inbox.Has("text first");
+    }));
+    const auto before = here->GetDropped();
+    daemon.Signal(SIGSTOP);
+    const std::string large(100'000, 'x');
+    for (int i = 0; i < 1000; ++i) {
+        here->PublishText("t", large);
+    }
+    EXPECT_GT(here->GetDropped() - before, 900U);
+    here->Subscribe("late", std::ref(inbox)); // Asks the bus, which does not answer.
+    here = nullptr;
+    MsgBus silent; // Connects to what does not answer.
+    silent.PublishText("t", "unheard");
+    daemon.Signal(SIGCONT);
+    EXPECT_TRUE(WaitUntil([&] {
+        silent.PublishText("t", "last");
+        return inbox.Has("text last");
+    }));
+}
+
+TEST(MsgBusTest, MessagesOfOtherUsersAreIgnored) {
+    if (geteuid() != 0) {
+        GTEST_SKIP() << "only root can be somebody else";
+    }
+    PrivateBus daemon(
+        "<allow user=\"*\"/><allow send_destination=\"*\" eavesdrop=\"true\"/><allow eavesdrop=\"true\"/>");
+    std::filesystem::permissions(
+        std::filesystem::path(daemon.Address().substr(std::strlen("unix:path="))).parent_path(),
+        std::filesystem::perms(0755));
+    const quarn::core::LogCapture capture(quarn::core::LogLevel::Warning);
+    Inbox inbox;
+    MsgBus bus;
+    bus.Subscribe("t", std::ref(inbox));
+    const auto send = [&](const std::string& user, const std::string& text) {
+        Program sender("/usr/bin/setpriv",
+                       {"--reuid=" + user, "--clear-groups", "busctl", "--address=" + daemon.Address(),
+                        "emit", "/com/quarn/MsgBus", "com.quarn.MsgBus1", "Message", "sbay", "t", "true",
+                        std::to_string(text.size()), std::to_string(int{text[0]})},
+                       "/");
+        EXPECT_EQ(sender.Wait(), 0) << sender.Err();
+    };
+    EXPECT_TRUE(WaitUntil([&] {
+        send("65534", "f");
+        return !capture.GetLines().empty();
+    }));
+    EXPECT_NE(capture.GetLines()[0].text.find("Messages of user 65534"), std::string::npos);
+    send("0", "r");
+    EXPECT_TRUE(WaitUntil([&] { return inbox.Has("text r"); }));
+    EXPECT_FALSE(inbox.Has("text f"));
 }
 
 TEST(MsgBusTest, ASubscriberMayEndItselfAndNoneIsCalledAfterItsEnd) {

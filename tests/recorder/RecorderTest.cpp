@@ -61,6 +61,10 @@ TEST_F(RecorderTest, RefusesWhatIsWrongByName) {
         "calvane-recording: unknown command coverge (did you mean \"coverage\"?) (see calvane-recording "
         "--help)\n");
     EXPECT_THAT(Ask({"summary"}).err, HasSubstr("start calvane-recorder"));
+    bus.Signal(SIGSTOP); // It accepts, and answers nothing.
+    Start();
+    EXPECT_EQ(recorder->Wait(), 1);
+    EXPECT_THAT(recorder->Err(), HasSubstr("Cannot use the bus (session): Connection timed out"));
     bus.Kill();
     Start();
     EXPECT_EQ(recorder->Wait(), 1);
@@ -149,6 +153,7 @@ TEST_F(RecorderTest, SixteenClientsAskWhileItRecords) {
         }
     });
     EXPECT_EQ(answers, 16 * 50);
+    bus.Signal(SIGSTOP); // Nobody waits for it.
     EXPECT_EQ(Stop(), 0);
     ExpectStoreIsGood();
 }

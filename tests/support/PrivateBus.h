@@ -17,6 +17,8 @@ public:
     const std::string& Address() const { return address_; }
     /// Ends the daemon; its clients lose the bus.
     void Kill();
+    /// SIGSTOP: it accepts and answers nothing, until SIGCONT.
+    void Signal(int number) const { daemon_->Signal(number); }
     /// Starts it again, at the same address.
     void Start();
 

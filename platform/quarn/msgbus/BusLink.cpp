@@ -1,6 +1,7 @@
 #include <poll.h>
 #include <sdbus-c++/sdbus-c++.h>
 #include <sys/eventfd.h>
+#include <sys/socket.h>
 #include <systemd/sd-bus.h>
 #include <unistd.h>
 
@@ -20,7 +21,6 @@ namespace {
 
 constexpr std::chrono::milliseconds kFirstPause{100};
 constexpr std::chrono::milliseconds kLongestPause{10'000};
-constexpr std::chrono::seconds kCallTimeout{5};   // For what is asked of the bus itself.
 constexpr unsigned int kStackBytes = 1024 * 1024; // Whatever services do with a call runs on it.
 
 const char* Variable(const char* name) {
@@ -36,23 +36,39 @@ std::string BusName() {
     return *Variable("DBUS_SESSION_BUS_ADDRESS") != '\0' ? "session" : "system";
 }
 
-/// What opening the bus ends with: 0, or a negative errno.
-int TryAddress(const std::string& address) {
-    sd_bus* bus = nullptr;
-    int result = sd_bus_new(&bus);
+int OpenAddress(const std::string& address, sd_bus** bus) {
+    int result = sd_bus_new(bus);
     if (result >= 0) {
-        result = sd_bus_set_address(bus, address.c_str());
+        result = sd_bus_set_address(*bus, address.c_str());
     }
     if (result >= 0) {
-        result = sd_bus_start(bus);
+        result = sd_bus_set_bus_client(*bus, 1); // Such as says hello.
     }
-    sd_bus_close_unref(bus);
-    return result;
+    return result >= 0 ? sd_bus_start(*bus) : result;
+}
+
+/// Until the bus has answered the hello. 0, or a negative errno.
+int AwaitAnswer(sd_bus* bus, const std::atomic<bool>* stopping) {
+    constexpr std::uint64_t kSlice = 50'000; // Microseconds.
+    const auto end = std::chrono::steady_clock::now() + BusLink::kAnswerTimeout;
+    while (sd_bus_is_ready(bus) <= 0) {
+        const int result = sd_bus_process(bus, nullptr);
+        if (result < 0) {
+            return result;
+        }
+        if (std::chrono::steady_clock::now() > end || (stopping != nullptr && *stopping)) {
+            return -ETIMEDOUT;
+        }
+        if (result == 0) {
+            sd_bus_wait(bus, kSlice);
+        }
+    }
+    return 0;
 }
 
 /// Throws when the bus cannot be opened. sdbus-c++ 1.2 would lose the memory of each attempt that fails, and there may
-/// be many.
-void Probe(const std::string& name) {
+/// be many; and it would wait for minutes for a bus that does not answer.
+void Probe(const std::string& name, const std::atomic<bool>* stopping) {
     sd_bus* bus = nullptr;
     int result = 0;
     if (name == "session") {
@@ -60,7 +76,10 @@ void Probe(const std::string& name) {
     } else if (name == "system") {
         result = sd_bus_open_system(&bus);
     } else {
-        result = TryAddress(name);
+        result = OpenAddress(name, &bus);
+    }
+    if (result >= 0) {
+        result = AwaitAnswer(bus, stopping);
     }
     sd_bus_close_unref(bus);
     if (result < 0) {
@@ -71,8 +90,12 @@ void Probe(const std::string& name) {
 } // namespace
 
 std::unique_ptr<sdbus::IConnection> BusLink::OpenBus() {
+    return OpenUnless(nullptr);
+}
+
+std::unique_ptr<sdbus::IConnection> BusLink::OpenUnless(const std::atomic<bool>* stopping) {
     const std::string bus = BusName();
-    Probe(bus);
+    Probe(bus, stopping);
     try {
         if (bus == "session") {
             return sdbus::createSessionBusConnection();
@@ -119,21 +142,41 @@ void BusLink::Stop() {
     stopping_ = true;
     eventfd_write(wake_, 1);
     if (thread_ != nullptr) {
+        {
+            std::unique_lock<std::mutex> guard(lock_);
+            // It may be waiting for an answer of the bus: that it does not get any more.
+            if (!left_.wait_for(guard, kFarewell * 2, [this] { return threadLeft_; }) && descriptor_ >= 0) {
+                shutdown(descriptor_, SHUT_RDWR);
+            }
+        }
         thread_->Join();
         thread_ = nullptr;
     }
     Close();
 }
 
-bool BusLink::Post(Work work) {
+bool BusLink::Post(Work work, std::size_t bytes) {
     const std::lock_guard<std::mutex> guard(lock_);
-    if (!connected_ || posted_.size() >= kMostPosted) {
+    if (!connected_ || posted_.size() >= kMostPosted || postedBytes_ + bytes > kMostPostedBytes) {
         ++dropped_;
         return false;
     }
-    posted_.push_back(std::move(work));
+    posted_.push_back({std::move(work), bytes});
+    postedBytes_ += bytes;
     eventfd_write(wake_, 1);
     return true;
+}
+
+bool BusLink::Post(Work work) {
+    return Post(std::move(work), 0);
+}
+
+void BusLink::PostFirst(Work work) {
+    const std::lock_guard<std::mutex> guard(lock_);
+    if (connected_) {
+        posted_.push_front({std::move(work), 0});
+        eventfd_write(wake_, 1);
+    }
 }
 
 void BusLink::Run() {
@@ -149,6 +192,37 @@ void BusLink::Run() {
             Close();
         }
     }
+    Leave();
+}
+
+/// Sends what was posted if the bus takes it, and leaves nothing behind that closing the connection would wait for.
+void BusLink::Leave() {
+    try {
+        const auto end = std::chrono::steady_clock::now() + kFarewell;
+        while (connection_ != nullptr && std::chrono::steady_clock::now() < end) {
+            DoPosted();
+            if (!IsBusBehind()) {
+                break;
+            }
+            if (!connection_->processPendingRequest()) {
+                pollfd wait{connection_->getEventLoopPollData().fd, POLLOUT, 0};
+                poll(&wait, 1, static_cast<int>(kFarewell.count()));
+            }
+        }
+    } catch (const std::exception& problem) {
+        logger_->Debug("The last messages were not sent: %s", problem.what());
+    }
+    const std::lock_guard<std::mutex> guard(lock_);
+    if (connection_ != nullptr && IsBusBehind()) {
+        shutdown(descriptor_, SHUT_RDWR);
+    }
+    threadLeft_ = true;
+    left_.notify_all();
+}
+
+/// Whether it has not taken all that was sent.
+bool BusLink::IsBusBehind() const {
+    return (connection_->getEventLoopPollData().events & POLLOUT) != 0;
 }
 
 void BusLink::TryOpen() {
@@ -169,9 +243,13 @@ void BusLink::TryOpen() {
 }
 
 void BusLink::Open() {
-    connection_ = OpenBus();
+    connection_ = OpenUnless(&stopping_);
+    {
+        const std::lock_guard<std::mutex> guard(lock_);
+        descriptor_ = connection_->getEventLoopPollData().fd;
+    }
     try {
-        connection_->setMethodCallTimeout(kCallTimeout);
+        connection_->setMethodCallTimeout(kAnswerTimeout);
         client_.OnConnected(*connection_);
     } catch (const sdbus::Error& problem) {
         Close();
@@ -190,6 +268,8 @@ void BusLink::Close() {
         connected_ = false;
         dropped_ += posted_.size();
         posted_.clear();
+        postedBytes_ = 0;
+        descriptor_ = -1;
     }
     if (connection_ != nullptr) {
         client_.OnLost();
@@ -207,15 +287,17 @@ void BusLink::Serve() {
     }
 }
 
+/// As long as the bus keeps up: its library would queue without bounds.
 void BusLink::DoPosted() {
-    for (;;) {
+    while (!IsBusBehind()) {
         Work work;
         {
             const std::lock_guard<std::mutex> guard(lock_);
             if (posted_.empty()) {
                 return;
             }
-            work = std::move(posted_.front());
+            work = std::move(posted_.front().work);
+            postedBytes_ -= posted_.front().bytes;
             posted_.pop_front();
         }
         try {

@@ -24,6 +24,8 @@ struct QUARN_API Message {
 ///
 /// Threads:  any. A callback runs on the thread that publishes, when that is in this process, else on the bus's
 ///           own thread; so one callback may run on several threads at once.
+/// Only messages of processes of the same user and of root are taken from the bus.
+///
 /// Errors:   osa::Exception that names the topic: empty, longer than 255 bytes, with an apostrophe, a backslash, a
 ///           comma or control characters; and for a content of more than 1 MiB. What a callback throws is logged.
 /// Lifetime: on destruction all subscriptions end.
