@@ -160,6 +160,9 @@ public:
     /// seconds and microseconds one after the other. Returns whether the limit has changed. Nothing is written.
     static bool takeMaxRetentionTimeSetting();
     void enforceMaxRetentionTime();
+    /// Before a query: hides what is older than the limit, and erases it if that was not done in the last ten seconds. Erasing
+    /// for each query would cost the device as many syncs.
+    void hideExpired();
     /// Erases what is recorded from `t` on, and the record before it.
     void eraseDataFrom(const Ptime& t);
     /// Of all data tracks. The caller passes not-a-date-time twice.
@@ -235,6 +238,7 @@ private:
     std::map<track_type, RecordingTrack*> _dataTracks;
     std::map<track_type, RecordingTrack*> _allTracks;
     std::shared_ptr<StoreWatch> _storeWatch;
+    std::atomic<std::int64_t> _nextErasing{0}; // By the steady clock: not before, for a query.
 
     static std::mutex _settingMutex; // One reads or writes the settings at a time. Taken before _mutex.
     static boost::posix_time::time_duration _settingSeen; // Guarded by it.

@@ -18,6 +18,8 @@ using boost::posix_time::time_duration;
 
 namespace {
 
+const time_duration kErasingPeriod = boost::posix_time::seconds(10);
+
 time_duration storable(const time_duration& limit) {
     if (limit.is_special()) {
         return boost::posix_time::seconds(0);
@@ -85,9 +87,11 @@ void RecordingManager::enforceMaxRetentionTime() {
     if (limit.is_special() || limit <= time_duration()) {
         return;
     }
+    _nextErasing = RecordingClock::steadyMicroseconds() + kErasingPeriod.total_microseconds();
     const ptime cutoff = RecordingClock::now() - limit;
     for (const auto& [type, track] : _allTracks) {
         const TrackLock lock(*track->getTrack());
+        track->hideBefore(ptime());
         ptime first;
         ptime last;
         if (track->getRecordingTimePeriod(first, last) && first < cutoff) {
@@ -96,9 +100,22 @@ void RecordingManager::enforceMaxRetentionTime() {
     }
 }
 
+void RecordingManager::hideExpired() {
+    if (RecordingClock::steadyMicroseconds() >= _nextErasing) {
+        enforceMaxRetentionTime();
+    }
+    const time_duration limit = getMaxRetentionTime();
+    const bool isLimited = !limit.is_special() && limit > time_duration();
+    const ptime cutoff = isLimited ? RecordingClock::now() - limit : ptime();
+    for (const auto& [type, track] : _allTracks) {
+        track->hideBefore(cutoff);
+    }
+}
+
 void RecordingManager::eraseDataFrom(const ptime& t) {
     for (const auto& [type, track] : _allTracks) {
         const TrackLock lock(*track->getTrack());
+        track->hideBefore(ptime());
         ptime first;
         ptime last;
         if (track->getRecordingTimePeriod(first, last)) {

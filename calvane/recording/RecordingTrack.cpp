@@ -1,5 +1,6 @@
 #include "calvane/recording/RecordingTrack.h"
 
+#include <algorithm>
 #include <boost/bind/bind.hpp>
 #include <stdexcept>
 
@@ -93,10 +94,9 @@ void RecordingTrack::setLatestTimestamp(const ptime& t) {
 }
 
 void RecordingTrack::setLatestToNewestRecord() {
-    ptime first;
-    ptime last;
-    getRecordingTimePeriod(first, last);
-    setLatestTimestamp(last);
+    const TrackLock lock(*_track);
+    const std::optional<unsigned int> newest = findLastReadableIndex(_track->size());
+    setLatestTimestamp(newest ? getTimestampAtIndex(*newest) : ptime());
 }
 
 bool RecordingTrack::ensureIncreasingTimestamps(const ptime& t) {
@@ -190,6 +190,7 @@ void RecordingTrack::notifyRecordingDataPresentChange(const ptime& t, bool prese
 
 void RecordingTrack::onEraseRangeSignal(unsigned int first, unsigned int last) {
     _seen.clear();
+    _hidden = last <= _hidden ? _hidden - (last - first) : std::min(first, _hidden);
     if (_trackType == RecordingManager::kHistoryTrack) {
         return;
     }

@@ -56,6 +56,9 @@ public:
 
     /// Erases all records.
     void clearTrack();
+    /// From now on looking for times ignores what erasing up to `cutoff` would take: the records up to the last one that is
+    /// not later. Not-a-date-time hides nothing.
+    void hideBefore(const Ptime& cutoff);
     Ptime getTimestampAtIndex(unsigned int index) const;
     /// The same; nothing for a record that cannot be read, which the log tells once.
     std::optional<Ptime> findTimestamp(unsigned int index) const;
@@ -138,6 +141,7 @@ private:
     // true any more. Guarded by the track's lock.
     mutable std::map<std::int64_t, unsigned int> _seen;
     mutable std::set<std::string> _passedOver; // What the log has been told. Guarded by the track's lock.
+    unsigned int _hidden = 0;                  // So many of the oldest records. Guarded by the track's lock.
     std::atomic<std::uint64_t> _writtenRecords{0};
     std::atomic<std::uint64_t> _writtenBytes{0};
     std::atomic<std::uint64_t> _refusedRecords{0};

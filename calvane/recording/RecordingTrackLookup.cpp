@@ -133,10 +133,10 @@ std::optional<unsigned int> RecordingTrack::findLastReadableIndex(unsigned int e
 bool RecordingTrack::getRecordingTimePeriod(ptime& first, ptime& last) const {
     const TrackLock lock(*_track);
     const std::optional<unsigned int> newest = findLastReadableIndex(_track->size());
-    if (!newest) {
+    if (!newest || *newest < _hidden) {
         return false;
     }
-    const ptime firstTime = getTimestampAtIndex(std::min(getFirstReadableIndex(0), *newest));
+    const ptime firstTime = getTimestampAtIndex(std::min(getFirstReadableIndex(_hidden), *newest));
     last = getTimestampAtIndex(*newest);
     first = firstTime;
     return true;
@@ -149,9 +149,19 @@ unsigned int RecordingTrack::getFirstIndexNotBefore(const ptime& t) const {
         return size;
     }
     try {
-        return interpolateFirstIndexNotBefore(t, size);
+        return std::max(_hidden, interpolateFirstIndexNotBefore(t, size));
     } catch (const std::exception&) { // A record cannot be read.
-        return halveFirstIndexNotBefore(t, size);
+        return std::max(_hidden, halveFirstIndexNotBefore(t, size));
+    }
+}
+
+void RecordingTrack::hideBefore(const ptime& cutoff) {
+    const TrackLock lock(*_track);
+    _hidden = 0;
+    ptime first;
+    ptime last;
+    if (!cutoff.is_special() && getRecordingTimePeriod(first, last) && first < cutoff) {
+        _hidden = getTrackIndexForcedIntoBounds(cutoff) + 1;
     }
 }
 
@@ -263,7 +273,7 @@ void RecordingTrack::noteSeen(unsigned int index, std::int64_t ticks) const {
 /// Within the lock: the first of the records of the same time.
 unsigned int RecordingTrack::firstOfItsTime(unsigned int index) const {
     const ptime time = getTimestampAtIndex(index);
-    while (index > 0 && findTimestamp(index - 1) == time) {
+    while (index > _hidden && findTimestamp(index - 1) == time) {
         --index;
     }
     return index;
@@ -282,10 +292,11 @@ unsigned int RecordingTrack::getTrackIndexForcedIntoBounds(const ptime& t) const
     CALVANE_RECORDING_LOG(DRENN_CORE_LOG_DEBUG, "Found index %u", index);
     if (index == size || t < getTimestampAtIndex(index)) {
         const std::optional<unsigned int> previous = findLastReadableIndex(found);
-        if (!previous && index == size) {
+        const bool isThere = previous && *previous >= _hidden;
+        if (!isThere && index == size) {
             throw std::out_of_range("No data");
         }
-        if (previous) {
+        if (isThere) {
             index = index == size ? *previous : firstOfItsTime(*previous);
         }
     }

@@ -22,11 +22,11 @@ using drenn::api::ServiceCursor;
 using drenn::api::ServiceTime;
 using ServiceEvent = drenn::api::HistoryEvent;
 
-/// The recorder, with what is too old for it erased.
+/// The recorder, with what is too old for it hidden.
 RecordingManager& currentRecorder() {
     RecordingManager* const recorder = RecordingManager::instance();
     recorder->requireCard();
-    recorder->enforceMaxRetentionTime();
+    recorder->hideExpired();
     return *recorder;
 }
 

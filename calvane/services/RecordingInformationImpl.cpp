@@ -16,11 +16,11 @@ namespace {
 
 using InfoMap = RecordingManager::InfoMap;
 
-/// The recorder with what is too old erased, so that it is never told of.
+/// The recorder with what is too old hidden, so that it is never told of.
 RecordingManager& trimmedRecorder() {
     RecordingManager* const manager = RecordingManager::instance();
     manager->requireCard();
-    manager->enforceMaxRetentionTime();
+    manager->hideExpired();
     return *manager;
 }
 

@@ -201,6 +201,34 @@ TEST_F(Coverage, SummariesTellTheSpanOfWhatIsKept) {
     EXPECT_THAT(out, ElementsAre(2077252342, 775807, 1388534400, 0));
 }
 
+TEST_F(Coverage, WhatIsTooOldIsHiddenAtOnceAndErasedInBatches) {
+    unsigned out[4] = {};
+    const auto ask = [&](double time) {
+        SetClock(time);
+        Information().getTrackSummary(1, &out[0], &out[1], &out[2], &out[3]);
+        return out[0] == 0 ? 0 : out[0] - kStart;
+    };
+    RecordingManager::setMaxRetentionTime(boost::posix_time::seconds(100));
+    Report(AUDIO_TRACK, 1, true);
+    Write(AUDIO_TRACK, {1, 2, 3});
+    ProcessAt(5);
+    EXPECT_EQ(ask(102.5), 3U);
+    EXPECT_EQ(SizeOf(AUDIO_TRACK), 3U);
+    EXPECT_THAT(RecorderTest::History(), testing::IsEmpty());
+    EXPECT_EQ(StateAt(1.5), "0000");
+    EXPECT_EQ(TrackOf(AUDIO_TRACK).getFirstIndexNotBefore(At(0)), 2U);
+    EXPECT_THROW(TrackOf(AUDIO_TRACK).getTrackIndex(At(2)), std::out_of_range);
+    TrackOf(AUDIO_TRACK).getTrack()->eraseRange(0, 1);
+    EXPECT_EQ(TrackOf(AUDIO_TRACK).getFirstIndexNotBefore(At(0)), 1U);
+    steadyMicroseconds += 10'000'000;
+    EXPECT_EQ(ask(102.5), 3U);
+    EXPECT_EQ(SizeOf(AUDIO_TRACK), 1U);
+    EXPECT_EQ(ask(200), 0U);
+    // What is hidden counts all the same where times must not fall.
+    Write(AUDIO_TRACK, {2.9});
+    EXPECT_THAT(TimesOf(AUDIO_TRACK), ElementsAre(2.9));
+}
+
 TEST_F(Coverage, AttributesComeWithTheRangeThatTheyHoldFor) {
     unsigned out[8] = {};
     double rate = 0;

@@ -158,7 +158,7 @@ TEST_F(History, RepairAfterARebootClosesWhatWasOpenAndErasesNothing) {
     Restart();
     ProcessAt(60);
     EXPECT_THAT(RecorderTest::History(),
-                ElementsAre("4 audio off", "5 video off 7", "30 metadata off", "30 recording off"));
+                ElementsAre("4 audio off", "5 video off", "30 metadata off", "30 recording off"));
 }
 
 TEST_F(History, AvailabilityFollowsTheEvents) {

@@ -225,7 +225,8 @@ std::vector<CoverageSpan> CoverageQuery::findRuns(const Stretch& stretch, const 
 /// times are open. Within the track's lock.
 std::pair<unsigned int, unsigned int> CoverageQuery::findRecords(const ptime& from, const ptime& to) const {
     const ptime behind = to.is_special() ? ptime() : to + boost::posix_time::microseconds(1);
-    const unsigned int begin = from.is_special() ? 0 : _track.getFirstIndexNotBefore(from);
+    const unsigned int begin =
+        _track.getFirstIndexNotBefore(from.is_special() ? ptime(boost::posix_time::neg_infin) : from);
     const unsigned int first = _track.getFirstReadableIndex(begin);
     const auto last = _track.findLastReadableIndex(_track.getFirstIndexNotBefore(behind));
     return last && first <= *last ? std::pair{first, *last} : std::pair{1U, 0U};

@@ -145,6 +145,7 @@ class HistoryReader::Walk {
 public:
     Walk(const HistoryReader& reader, const HistoryCursor& cursor, bool backward)
         : _reader(reader),
+          _begin(reader._history.getFirstIndexNotBefore(boost::posix_time::neg_infin)),
           _cursor(cursor),
           _backward(backward),
           _place(backward ? reader.firstAfter(cursor.time)
@@ -156,7 +157,9 @@ public:
         }
     }
 
-    bool isAtEnd() const { return _backward ? _place == 0 : _place == _reader._history.getTrack()->size(); }
+    bool isAtEnd() const {
+        return _backward ? _place <= _begin : _place == _reader._history.getTrack()->size();
+    }
     ptime time() const { return _reader._history.getTimestampAtIndex(index()); }
     std::optional<HistoryEvent> event() const { return _reader.read(index()); }
     void pass() {
@@ -182,6 +185,7 @@ private:
     }
 
     const HistoryReader& _reader;
+    const unsigned int _begin; // What is in front of it is hidden.
     HistoryCursor _cursor;
     const bool _backward;
     unsigned int _place; // Backwards, one more than the index.
