@@ -10,6 +10,7 @@
 #include "bus/TestServices.h"
 #include "quarn/core/LogCapture.h"
 #include "quarn/msgbus/BusLink.h"
+#include "quarn/msgbus/MsgBus.h"
 #include "support/PrivateBus.h"
 #include "support/Program.h"
 #include "support/RunInThreads.h"
@@ -364,6 +365,14 @@ TEST_F(ServicePolicyTest, TheServicesUserOwnsTheNamesAndTheGroupMayAsk) {
     EXPECT_EQ(std::get<0>(client.getRecordingSummary()), 1U);
     information->sendEventDataPresent(1, 1);
     EXPECT_TRUE(WaitUntil([&] { return client.Events().size() == 1; }));
+    std::atomic<int> messages{0};
+    quarn::msgbus::MsgBus here;
+    quarn::msgbus::MsgBus there;
+    here.Subscribe("door", [&](const quarn::msgbus::Message&) { ++messages; });
+    EXPECT_TRUE(WaitUntil([&] {
+        there.PublishText("door", "open");
+        return messages > 0;
+    }));
     // Nothing but the services' own interfaces.
     EXPECT_EQ(ErrorOf([&] {
                   sdbus::createProxy(sdbus::createSessionBusConnectionWithAddress(bus.Address()),
@@ -394,6 +403,18 @@ TEST_F(ServicePolicyTest, OthersMayNeitherOwnNorAskNorListen) {
                                                               std::make_shared<FakeInformation>());
                     }),
                     HasSubstr("com.drenn.recording_information"));
+        std::atomic<int> messages{0};
+        quarn::msgbus::MsgBus here;
+        quarn::msgbus::MsgBus forger;
+        here.Subscribe("door", [&](const quarn::msgbus::Message&) { ++messages; });
+        forger.PublishText("door", "open");
+        EXPECT_TRUE(WaitUntil([&] { return here.IsConnected() && forger.IsConnected(); }));
+        InformationClient client(bus.Address());
+        for (int i = 0; i < 50; ++i) {
+            forger.PublishText("door", "open");
+            ErrorOf([&] { client.getRecordingSummary(); }); // Takes its time.
+        }
+        EXPECT_EQ(messages, 0);
     }
     const PrivateBus bus(kStrict, Policy(Own(), "65534"));
     const auto information = std::make_shared<FakeInformation>();

@@ -1,7 +1,6 @@
 #include "quarn/msgbus/MsgBus.h"
 
 #include <sdbus-c++/sdbus-c++.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <map>
@@ -20,7 +19,6 @@ namespace {
 constexpr const char* kPath = "/com/quarn/MsgBus";
 constexpr const char* kInterface = "com.quarn.MsgBus1";
 constexpr const char* kMember = "Message";
-constexpr std::size_t kMostSenders = 1000;
 
 bool IsPlain(char character) {
     return static_cast<unsigned char>(character) >= ' ' && character != '\'' && character != '\\' &&
@@ -58,7 +56,6 @@ private:
     void MatchTopics(sdbus::IConnection& connection);
     void Send(const Message& message);
     void Receive(sdbus::Message& signal);
-    bool IsTrusted(const sdbus::Message& signal);
 
     Subscriptions subscriptions_;
     std::once_flag connectOnce_;
@@ -68,7 +65,6 @@ private:
     std::unique_ptr<sdbus::IObject> object_;
     std::string ownName_;
     std::map<std::string, sdbus::Slot> matches_;
-    std::map<std::string, bool> trusted_; // By the sender's name on the bus.
 
     BusLink link_;
 };
@@ -110,7 +106,6 @@ void MsgBus::Impl::OnConnected(sdbus::IConnection& connection) {
 void MsgBus::Impl::OnLost() {
     connected_ = false;
     matches_.clear();
-    trusted_.clear();
     object_ = nullptr;
 }
 
@@ -131,34 +126,11 @@ void MsgBus::Impl::Send(const Message& message) {
     signal.send();
 }
 
-/// Whether the sender is of this process's user or root: on the system bus anybody can send a signal.
-bool MsgBus::Impl::IsTrusted(const sdbus::Message& signal) {
-    const std::string sender = signal.getSender(); // The bus gives no name out twice.
-    const auto known = trusted_.find(sender);
-    if (known != trusted_.end()) {
-        return known->second;
-    }
-    if (trusted_.size() >= kMostSenders) {
-        trusted_.clear();
-    }
-    const uid_t user = signal.getCredsUid();
-    const bool isTrusted = user == geteuid() || user == 0;
-    if (!isTrusted) {
-        core::Logger::GetLogger("MsgBus")->Warning("Messages of user %u (%s) are ignored", user,
-                                                   sender.c_str());
-    }
-    trusted_.emplace(sender, isTrusted);
-    return isTrusted;
-}
-
 void MsgBus::Impl::Receive(sdbus::Message& signal) {
     if (signal.getSender() == ownName_) {
         return; // Delivered when it was published.
     }
     try {
-        if (!IsTrusted(signal)) {
-            return;
-        }
         Message message;
         std::vector<std::uint8_t> content;
         signal >> message.topic >> message.isText >> content;

@@ -24,7 +24,8 @@ struct QUARN_API Message {
 ///
 /// Threads:  any. A callback runs on the thread that publishes, when that is in this process, else on the bus's
 ///           own thread; so one callback may run on several threads at once.
-/// Only messages of processes of the same user and of root are taken from the bus.
+/// Whoever may send signals on a bus can send messages. On the system bus the installed policy
+/// (com.drenn.recorder.conf) allows it to the recorder's user only.
 ///
 /// Errors:   osa::Exception that names the topic: empty, longer than 255 bytes, with an apostrophe, a backslash, a
 ///           comma or control characters; and for a content of more than 1 MiB. What a callback throws is logged.
@@ -48,8 +49,8 @@ public:
     /// Calls `callback` for every message of the topic: from now on for those of this process, and from a moment
     /// later for those of others. Returns a number to unsubscribe with.
     int Subscribe(const std::string& topic, Callback callback);
-    /// On return the callback is not running any more, except where it is the caller. A callback may unsubscribe
-    /// itself, subscribe and publish.
+    /// On return the callback is not running any more, except where it is the caller, or waits for the caller's end: two
+    /// callbacks may unsubscribe each other. A callback may unsubscribe itself, subscribe and publish.
     void Unsubscribe(int subscription);
 
     /// Whether messages reach other processes at the moment.
