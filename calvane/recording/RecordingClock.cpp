@@ -2,14 +2,16 @@
 
 #include <atomic>
 #include <boost/date_time/posix_time/posix_time.hpp>
-#include <chrono>
+#include <ctime>
 
 namespace quarn::calvane {
 namespace {
 
+/// Also while the machine sleeps: that is no jump of the clock.
 std::int64_t machineSteadyMicroseconds() {
-    const auto since = std::chrono::steady_clock::now().time_since_epoch();
-    return std::chrono::duration_cast<std::chrono::microseconds>(since).count();
+    timespec since{};
+    clock_gettime(CLOCK_BOOTTIME, &since);
+    return std::int64_t{since.tv_sec} * 1'000'000 + since.tv_nsec / 1000;
 }
 
 const RecordingClock::Source kMachine{boost::posix_time::microsec_clock::universal_time,

@@ -19,7 +19,7 @@ public:
 
     /// In UTC.
     static boost::posix_time::ptime now();
-    /// From a start of its own; it never jumps.
+    /// From a start of its own; it never jumps, and goes on while the machine is suspended.
     static std::int64_t steadyMicroseconds();
     /// For tests. Null is the machine's own clock, as from the start; `source` must stay.
     static void setSource(const Source* source);

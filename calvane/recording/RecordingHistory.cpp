@@ -285,7 +285,14 @@ void RecordingManager::onStoreState(StoreState state) {
     switch (state) {
         case StoreState::Good:
             CALVANE_RECORDING_LOG(DRENN_CORE_LOG_NOTICE, "The card is back; recording goes on");
-            repairHistoryAfterCard();
+            try {
+                repairHistoryAfterCard();
+            } catch (const std::exception&
+                         error) { // It may have gone again, and will be repaired when it is back.
+                CALVANE_RECORDING_LOG(DRENN_CORE_LOG_WARNING,
+                                      "The history was not repaired after the card was away: %s",
+                                      error.what());
+            }
             return;
         case StoreState::ReadOnly:
             CALVANE_RECORDING_LOG(DRENN_CORE_LOG_ERROR,
@@ -339,13 +346,15 @@ void RecordingManager::repairHistoryAfterCard() {
             begun[type] = time;
         }
     }
-    _historySaveQueue = std::move(_queuedAtLoss);
-    _queuedAtLoss.clear();
-    _tracksWithDataCount = 0;
+    std::int32_t tracksWithData = 0;
     for (const auto& [type, track] : _dataTracks) {
         const auto last = HistoryReader(*_historyTrack).findLast(now, type);
-        _tracksWithDataCount += last && last->present ? 1 : 0;
+        tracksWithData += last && last->present ? 1 : 0;
     }
+    // From here on nothing fails.
+    _tracksWithDataCount = tracksWithData;
+    _historySaveQueue = std::move(_queuedAtLoss);
+    _queuedAtLoss.clear();
     for (const track_type type : _presentAtLoss) {
         queueLocked(_cardLostAt, type, false, CoverageReason::NoCard);
     }

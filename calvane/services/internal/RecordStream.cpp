@@ -26,14 +26,6 @@ constexpr std::uint8_t kStreamVersion = 1;
 constexpr unsigned int kDamageFlags = 4 | RecordHeader::kDiscontinuity;
 constexpr unsigned int kStackBytes = 256 * 1024;
 
-int makeEvent() {
-    const int event = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
-    if (event < 0) {
-        throw std::system_error(errno, std::generic_category(), "Cannot make an event descriptor");
-    }
-    return event;
-}
-
 void putLittleEndian(std::vector<unsigned char>& bytes, std::uint64_t value, int count) {
     for (int i = 0; i != count; ++i) {
         bytes.push_back(static_cast<unsigned char>(value >> (8 * i)));
@@ -42,12 +34,21 @@ void putLittleEndian(std::vector<unsigned char>& bytes, std::uint64_t value, int
 
 } // namespace
 
+RecordStream::Event::Event() : _descriptor(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)) {
+    if (_descriptor < 0) {
+        throw std::system_error(errno, std::generic_category(), "Cannot make an event descriptor");
+    }
+}
+
+RecordStream::Event::~Event() {
+    close(_descriptor);
+}
+
 RecordStream::RecordStream(RecordingTrack& track, const Ptime& from, const Ptime& to, int socket)
     : _track(track),
       _store(track.getTrack()),
       _to(to),
       _socket(socket),
-      _stop(makeEvent()),
       _lastTime(from),
       _thread("RecordStream", this, kStackBytes, 0) {
     try {
@@ -60,7 +61,6 @@ RecordStream::RecordStream(RecordingTrack& track, const Ptime& from, const Ptime
         _thread.Run();
     } catch (...) {
         disconnect();
-        close(_stop);
         throw;
     }
 }
@@ -70,7 +70,6 @@ RecordStream::~RecordStream() {
     _thread.Join();
     disconnect();
     close(_socket);
-    close(_stop);
 }
 
 /// On return no erasing is on its way here any more.
@@ -84,19 +83,26 @@ void RecordStream::disconnect() {
 }
 
 void RecordStream::Stop() {
-    eventfd_write(_stop, 1);
+    eventfd_write(_stop.number(), 1);
 }
 
 void RecordStream::Run() {
     try {
         sendAll();
     } catch (const std::exception& problem) {
-        const std::string text = problem.what();
-        putFrame(FrameKind::Failed, 0, _lastTime, text.data(), text.size());
-        sendFrame();
+        sendFailure(problem.what());
     }
     shutdown(_socket, SHUT_RDWR);
     _ended = true;
+}
+
+/// The reason may be that there is no memory.
+void RecordStream::sendFailure(const char* text) noexcept {
+    try {
+        putFrame(FrameKind::Failed, 0, _lastTime, text, std::strlen(text));
+        sendFrame();
+    } catch (const std::exception&) { // The client sees that the last frame is missing.
+    }
 }
 
 void RecordStream::sendAll() {
@@ -210,7 +216,7 @@ bool RecordStream::sendFrame() {
 }
 
 bool RecordStream::waitWritable() const {
-    std::array<pollfd, 2> waits{{{_socket, POLLOUT, 0}, {_stop, POLLIN, 0}}};
+    std::array<pollfd, 2> waits{{{_socket, POLLOUT, 0}, {_stop.number(), POLLIN, 0}}};
     while (poll(waits.data(), waits.size(), -1) < 0) {
         if (errno != EINTR) {
             return false;

@@ -43,12 +43,26 @@ public:
 private:
     enum class FrameKind : std::uint8_t { Record = 0, Erased = 1, End = 2, Failed = 3 };
 
+    /// An eventfd.
+    class Event {
+    public:
+        Event();
+        ~Event();
+        Event(const Event&) = delete;
+        Event& operator=(const Event&) = delete;
+        int number() const { return _descriptor; }
+
+    private:
+        const int _descriptor;
+    };
+
     /// What is to be done next: send the frame, or read on, since the record could not be read.
     enum class Step { Send, SendLast, ReadOn };
 
     void Run() override;
     void Stop() override;
     void disconnect();
+    void sendFailure(const char* text) noexcept;
     void sendAll();
     Step readNext();
     bool resumeBehindErased();
@@ -63,7 +77,7 @@ private:
     const boost::shared_ptr<drenn::multi_track_recorder::Track> _store;
     const Ptime _to;
     const int _socket;
-    const int _stop; // An eventfd.
+    const Event _stop;
     std::atomic<bool> _ended{false};
 
     // Guarded by the track's lock.

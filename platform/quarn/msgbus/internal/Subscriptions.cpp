@@ -24,7 +24,32 @@ void Subscriptions::Remove(int number) {
     entries_.erase(found);
     entry->removed = true;
     const auto self = std::this_thread::get_id();
-    ended_.wait(guard, [&] { return entry->running.size() == entry->running.count(self); });
+    waiting_[self] = entry.get();
+    ended_.notify_all(); // Who waits for what this thread runs may not have known.
+    ended_.wait(
+        guard, [&] { return entry->running.size() == entry->running.count(self) || WaitsForCaller(*entry); });
+    waiting_.erase(self);
+}
+
+/// Whether a thread that runs the entry waits, perhaps through others, for what this thread runs.
+bool Subscriptions::WaitsForCaller(const Entry& entry) const {
+    const auto self = std::this_thread::get_id();
+    std::set<const Entry*> seen;
+    std::vector<const Entry*> next{&entry};
+    while (!next.empty()) {
+        const Entry* const one = next.back();
+        next.pop_back();
+        if (one != &entry && one->running.count(self) != 0) {
+            return true;
+        }
+        for (const auto& thread : one->running) {
+            const auto waits = waiting_.find(thread);
+            if (thread != self && waits != waiting_.end() && seen.insert(waits->second).second) {
+                next.push_back(waits->second);
+            }
+        }
+    }
+    return false;
 }
 
 void Subscriptions::Deliver(const Message& message) {

@@ -19,7 +19,7 @@ namespace quarn::msgbus {
 class Subscriptions {
 public:
     int Add(const std::string& topic, MsgBus::Callback callback);
-    /// Waits until the callback runs on no other thread.
+    /// Waits until the callback runs on no other thread, unless that waits for this one: two callbacks may remove each other.
     void Remove(int number);
     void Deliver(const Message& message);
     std::set<std::string> Topics() const;
@@ -32,12 +32,14 @@ private:
         bool removed = false;                   // Guarded by lock_.
     };
 
+    bool WaitsForCaller(const Entry& entry) const;
     void Call(const std::shared_ptr<Entry>& entry, const Message& message);
 
     mutable std::mutex lock_;
     std::condition_variable ended_;
     // Guarded by lock_.
     std::map<int, std::shared_ptr<Entry>> entries_;
+    std::map<std::thread::id, const Entry*> waiting_; // Who waits for the end of what.
     int nextNumber_ = 1;
 };
 

@@ -32,8 +32,14 @@ SettingsWatcher::SettingsWatcher(std::shared_ptr<SettingsStore> store) : store_(
         throw osa::Exception("Cannot watch the settings database " + store_->Path() + ": " +
                              std::strerror(error));
     }
-    thread_ = std::make_unique<osa::Thread>("SettingsWatcher", this, osa::Thread::kMinimumStackBytes, 0);
-    thread_->Run();
+    try {
+        thread_ = std::make_unique<osa::Thread>("SettingsWatcher", this, osa::Thread::kMinimumStackBytes, 0);
+        thread_->Run();
+    } catch (...) {
+        close(inotify_);
+        close(stop_);
+        throw;
+    }
 }
 
 void SettingsWatcher::Stop() {
