@@ -17,10 +17,13 @@ TEST_F(RecorderTest, WithoutAUsableCardItAnswersAndSaysWhatToDo) {
     const Answer disabled = Ask({"summary"});
     EXPECT_EQ(disabled.status, 1);
     EXPECT_EQ(disabled.err, "calvane-recording: Recording is currently disabled\n");
+    std::filesystem::create_directory(folder.Path("card")); // It is taken up when it comes.
+    EXPECT_TRUE(WaitUntil([&] { return Ask({"summary"}).out == "Nothing is recorded\n"; }));
     EXPECT_EQ(Stop(), 0);
     EXPECT_THAT(recorder->Err(), HasSubstr("No SD Card!"));
     EXPECT_THAT(recorder->Err(), HasSubstr("There is no card at " + folder.Path("card")));
 
+    std::filesystem::remove_all(folder.Path("card"));
     std::filesystem::create_directory(folder.Path("card"));
     folder.Write("card/holiday.jpg", "x");
     StartAndWait(kDescription, 1); // The pipelines run, and their sinks drop.

@@ -1,6 +1,8 @@
 #include "RecorderHost.h"
 
+#include <sys/stat.h>
 #include <systemd/sd-daemon.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <boost/date_time/posix_time/posix_time.hpp>
@@ -47,6 +49,33 @@ void TakeRetentionSetting() {
                                  limit.c_str());
     }
 }
+
+/// Another text when there is another card, or the same with other things on it.
+std::string LooksOf(const std::string& root) {
+    struct stat facts {};
+    if (stat(root.c_str(), &facts) != 0) {
+        return {};
+    }
+    return std::to_string(facts.st_dev) + " " + std::to_string(facts.st_ino) + " " +
+           std::to_string(facts.st_uid) + " " + std::to_string(facts.st_mode) + " " +
+           std::to_string(facts.st_mtim.tv_sec) + " " + std::to_string(facts.st_mtim.tv_nsec);
+}
+
+/// Whether a folder lies in the file system of the one above it.
+bool IsNothingMountedAt(const std::string& folder) {
+    struct stat here {};
+    struct stat above {};
+    return stat(folder.c_str(), &here) == 0 && stat((folder + "/..").c_str(), &above) == 0 &&
+           here.st_dev == above.st_dev;
+}
+
+bool AnyFailed(const std::vector<PipelineStatus>& pipelines) {
+    return std::any_of(pipelines.begin(), pipelines.end(), [](const PipelineStatus& pipeline) {
+        return pipeline.state == PipelineState::Failed;
+    });
+}
+
+} // namespace
 
 /// The recorder's lifetime, and what is to be done for it all the time.
 class Recorder {
@@ -112,14 +141,6 @@ void Recorder::EndHistory() {
     }
 }
 
-bool AnyFailed(const std::vector<PipelineStatus>& pipelines) {
-    return std::any_of(pipelines.begin(), pipelines.end(), [](const PipelineStatus& pipeline) {
-        return pipeline.state == PipelineState::Failed;
-    });
-}
-
-} // namespace
-
 RecorderHost::RecorderHost(HostOptions options)
     : options_(std::move(options)), watcher_([] {
           try {
@@ -150,18 +171,11 @@ int RecorderHost::Run() {
 }
 
 int RecorderHost::RunServices(calvane_program::CheckedDescription* description) {
-    std::optional<Recorder> recorder;
     try {
-        recorder.emplace(options_.root);
-        RecordingManager::instance();
-        recording_ = true;
-        recorder->StartUpkeep();
+        TakeRecording();
     } catch (const std::exception& problem) {
-        if (!recorder) {
-            PrintError(std::string("calvane-recorder: ") + problem.what());
-            return kFailedWhileRunning;
-        }
-        SayWhatToDo();
+        PrintError(std::string("calvane-recorder: ") + problem.what());
+        return kFailedWhileRunning;
     }
     int status = kDone;
     if (description != nullptr) {
@@ -172,27 +186,51 @@ int RecorderHost::RunServices(calvane_program::CheckedDescription* description) 
     }
     // The pipelines are gone, and with them the last report of data that ends.
     if (recording_) {
-        recorder->EndHistory();
+        recorder_->EndHistory();
     }
+    recorder_ = nullptr;
     return status;
+}
+
+/// Starts the services, and recording if there is a card that can be used.
+void RecorderHost::TakeRecording() {
+    recorder_ = nullptr;
+    cardLooks_ = LooksOf(options_.root);
+    recorder_ = std::make_unique<Recorder>(options_.root);
+    recording_ = RecordingManager::_recordingDisabledReason == 0;
+    if (recording_) {
+        recorder_->StartUpkeep();
+    } else {
+        SayWhatToDo();
+    }
 }
 
 void RecorderHost::SayWhatToDo() const {
     const char* const root = options_.root.c_str();
     switch (RecordingManager::_recordingDisabledReason) {
         case 4:
-            GetLogger()->Warning(
-                "There is no card at %s. Mount one there (ext4, made with mkfs.ext4 -m 0) and start again",
-                root);
+            GetLogger()->Warning("There is no card at %s. Mount one there (ext4, made with mkfs.ext4 -m 0)",
+                                 root);
             break;
         case 5:
             GetLogger()->Warning(
                 "%s holds other things than \"data\" and \"database\". Take them away, or mount an empty "
-                "card, and "
-                "start again",
+                "card",
                 root);
             break;
         default:
+            if (access(root, W_OK) != 0 && IsNothingMountedAt(options_.root)) {
+                GetLogger()->Warning("%s is an empty place to mount a card at. Mount one there", root);
+                break;
+            }
+            if (access(root, W_OK) != 0) {
+                GetLogger()->Warning(
+                    "%s cannot be written to by this program's user. Give it to that user with chown, or "
+                    "mount the "
+                    "card for writing",
+                    root);
+                break;
+            }
             GetLogger()->Warning(
                 "The recording at %s could not be opened, for the reason above. calvane-store verify and "
                 "calvane-store rebuild look after it",
@@ -216,13 +254,14 @@ int RecorderHost::RunPipelines(DescribedPipelines& pipelines) {
 /// Until a signal, or until a pipeline has failed. When they merely run out of data, what is recorded can still be
 /// asked for.
 void RecorderHost::Serve(DescribedPipelines* pipelines) {
-    sd_notify(0, "READY=1\nSTATUS=recording");
-    if (!recording_) {
-        sd_notify(0, "STATUS=recording is disabled, see the log");
-    }
+    sd_notify(0, "READY=1");
+    SayState();
     while (!WaitForStop(kWatchdogPeriod)) {
         if (recording_) {
             RecordingManager::instance()->awaitWriters();
+        } else if (LooksOf(options_.root) != cardLooks_) {
+            TakeRecording();
+            SayState();
         }
         sd_notify(0, "WATCHDOG=1");
         if (pipelines != nullptr && AnyFailed(pipelines->GetManager().GetStatus())) {
@@ -230,6 +269,10 @@ void RecorderHost::Serve(DescribedPipelines* pipelines) {
         }
     }
     sd_notify(0, "STOPPING=1");
+}
+
+void RecorderHost::SayState() const {
+    sd_notify(0, recording_ ? "STATUS=recording" : "STATUS=recording is disabled, see the log");
 }
 
 bool RecorderHost::WaitForStop(std::chrono::milliseconds time) {

@@ -15,6 +15,8 @@ class DescribedPipelines;
 
 namespace calvane_recorder {
 
+class Recorder;
+
 struct HostOptions {
     std::string root = "/media/sd/";
     std::string file; ///< The description of the pipelines; empty for none.
@@ -38,14 +40,18 @@ public:
 private:
     int RunServices(calvane_program::CheckedDescription* description);
     int RunPipelines(calvane_program::DescribedPipelines& pipelines);
+    void TakeRecording();
     void SayWhatToDo() const;
+    void SayState() const;
     bool WaitForStop(std::chrono::milliseconds time);
     void Serve(calvane_program::DescribedPipelines* pipelines);
     int EndPipelines(calvane_program::DescribedPipelines& pipelines) const;
 
     const HostOptions options_;
     calvane_program::SignalWatcher watcher_;
+    std::unique_ptr<Recorder> recorder_;
     bool recording_ = false; // Otherwise there are only the services.
+    std::string cardLooks_;  // When it was tried last.
 
     std::mutex lock_;
     std::condition_variable stopped_;
