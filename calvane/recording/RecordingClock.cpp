@@ -1,5 +1,8 @@
 #include "calvane/recording/RecordingClock.h"
 
+#include <sys/timex.h>
+#include <unistd.h>
+
 #include <atomic>
 #include <boost/date_time/posix_time/posix_time.hpp>
 #include <ctime>
@@ -14,8 +17,14 @@ std::int64_t machineSteadyMicroseconds() {
     return std::int64_t{since.tv_sec} * 1'000'000 + since.tv_nsec / 1000;
 }
 
+bool isMachineSynchronised() {
+    timex state{};
+    const bool isKernelSure = adjtimex(&state) >= 0 && (state.status & STA_UNSYNC) == 0;
+    return isKernelSure || access("/run/systemd/timesync/synchronized", F_OK) == 0;
+}
+
 const RecordingClock::Source kMachine{boost::posix_time::microsec_clock::universal_time,
-                                      machineSteadyMicroseconds};
+                                      machineSteadyMicroseconds, isMachineSynchronised};
 
 std::atomic<const RecordingClock::Source*> current{&kMachine};
 
@@ -27,6 +36,11 @@ boost::posix_time::ptime RecordingClock::now() {
 
 std::int64_t RecordingClock::steadyMicroseconds() {
     return current.load()->steadyMicroseconds();
+}
+
+bool RecordingClock::isSynchronised() {
+    const auto isSynchronised = current.load()->isSynchronised;
+    return isSynchronised != nullptr && isSynchronised();
 }
 
 void RecordingClock::setSource(const Source* source) {

@@ -85,6 +85,9 @@ void RecordingManager::queueLocked(const ptime& t, track_type type, bool present
 }
 
 void RecordingManager::processHistorySaveQueue() {
+    if (isAwaitingClock()) {
+        return; // What is queued has been dated by a clock that was right.
+    }
     const std::lock_guard<std::mutex> lock(_mutex);
     if (isCardAway() && _cardLostAt.is_special()) {
         return; // The store is about to say so, and what is queued can be written when the card is back.

@@ -5,6 +5,7 @@
 #include <stdexcept>
 
 #include "calvane/recording/DrennApiException.h"
+#include "calvane/recording/internal/ClockWait.h"
 #include "calvane/recording/internal/RecordingLog.h"
 #include "calvane/recording/internal/StoreWatch.h"
 #include "calvane/recording/internal/TrackLock.h"
@@ -257,6 +258,7 @@ RecordingManager::RecordingManager() {
     CALVANE_RECORDING_LOG(DRENN_CORE_LOG_DEBUG, "RECORDING_MANAGER CONSTRUCTOR");
     openRecording();
     initTracks();
+    awaitClock();
     correctHistoryAfterReboot();
     _storeWatch = std::make_shared<StoreWatch>(*this);
     _storeWatch->connect(*_multiTrackRecorder);
@@ -311,6 +313,27 @@ void RecordingManager::initTracks() {
     _metadataTrack->initTrack(_recording);
     CALVANE_RECORDING_LOG(DRENN_CORE_LOG_DEBUG, "Initializing history track");
     _historyTrack->initTrack(_recording);
+}
+
+void RecordingManager::awaitClock() {
+    constexpr int kDefaultWait = 300;
+    int wait = kDefaultWait;
+    if (drenn_core_settings_set_default_int_value(kClockWaitSeconds, kDefaultWait) != 0 ||
+        drenn_core_settings_get_int_value(kClockWaitSeconds, &wait) != 0) {
+        wait = kDefaultWait; // The log has the reason.
+    }
+    ptime newest;
+    for (const auto& [type, track] : _allTracks) {
+        const ptime latest = track->getLatestTimestamp();
+        if (!latest.is_special()) {
+            updateLatest(newest, latest);
+        }
+    }
+    _clockWait = std::make_unique<ClockWait>(newest, boost::posix_time::seconds(wait));
+}
+
+bool RecordingManager::isAwaitingClock() const {
+    return _clockWait->goesOn();
 }
 
 RecordingManager::~RecordingManager() {

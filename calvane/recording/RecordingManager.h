@@ -33,11 +33,15 @@ enum class StoreState;
 
 namespace quarn::calvane {
 
+class ClockWait;
 class RecordingInformationImpl;
 
 /// The settings of the longest time that data is kept, in whole seconds and the rest in microseconds.
 inline constexpr char kMaxRetentionTimeSeconds[] = "recording.max.retention.sec";
 inline constexpr char kMaxRetentionTimeMicroseconds[] = "recording.max.retention.usec";
+
+/// How long a start waits for a clock that is behind the newest record; 300 if it is not set, 0 not at all.
+inline constexpr char kClockWaitSeconds[] = "recording.clock.wait.sec";
 
 /// The device's local recording: its store on the card, its tracks, its history, the services that tell of it.
 ///
@@ -115,6 +119,8 @@ public:
     RecordingManager(const RecordingManager&) = delete;
     RecordingManager& operator=(const RecordingManager&) = delete;
 
+    /// Whether nothing is recorded since the clock has come up behind the newest record and is not synchronised yet.
+    bool isAwaitingClock() const;
     /// Returns when each track could take a record: its writer and whoever reads it are not stuck.
     void awaitWriters() const;
     /// Erases the records of all tracks.
@@ -205,6 +211,7 @@ private:
     void openRecording();
     bool takeRecordingOf(const std::string& deviceInfo);
     void initTracks();
+    void awaitClock();
     void onStoreState(drenn::multi_track_recorder::StoreState state);
     void blameCardForQueuedEnds();
     void repairHistoryAfterCard();
@@ -237,6 +244,7 @@ private:
     std::unique_ptr<RecordingTrack> _historyTrack;
     std::map<track_type, RecordingTrack*> _dataTracks;
     std::map<track_type, RecordingTrack*> _allTracks;
+    std::unique_ptr<ClockWait> _clockWait;
     std::shared_ptr<StoreWatch> _storeWatch;
     std::atomic<std::int64_t> _nextErasing{0}; // By the steady clock: not before, for a query.
 

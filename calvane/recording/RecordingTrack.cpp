@@ -104,6 +104,9 @@ bool RecordingTrack::ensureIncreasingTimestamps(const ptime& t) {
         return false;
     }
     const ptime latest = getLatestTimestamp();
+    if (_trackType != RecordingManager::kHistoryTrack && RecordingManager::instance()->isAwaitingClock()) {
+        return false;
+    }
     if (!latest.is_special() && t < latest) {
         CALVANE_RECORDING_LOG(DRENN_CORE_LOG_NOTICE,
                               "Camera date has gone backwards.  Recorded data may be lost");

@@ -85,7 +85,7 @@ public:
                         Ptime& rangeEnd);
 
     /// To be called before a record of time `t` is written. False: it must not be, since the clock has not been
-    /// set. When the time went back, what is recorded from `t` on is erased from all tracks.
+    /// set, or came up behind the newest record and may yet be. When the time went back, what is recorded from `t` on is erased from all tracks.
     bool ensureIncreasingTimestamps(const Ptime& t);
     /// Writes a record: ensureIncreasingTimestamps, header, payload. `flags` are those of RecordHeader. False:
     /// it was not written, since the clock has not been set. Throws what the store throws when it refuses.

@@ -95,7 +95,7 @@ void RecordingSink::Record(const Buffer& buffer) {
         flags |= RecordHeader::kDiscontinuity;
     }
     if (!track.writeRecord(time, flags, buffer.GetData(), buffer.GetLength())) {
-        TakeLoss("the time of its record lies before 2014: the clock is not set");
+        TakeLoss("the clock is not set: its time lies before 2014, or before the newest record");
         return;
     }
     if (lost_ != 0) {

@@ -44,9 +44,11 @@ protected:
         SetDevice("model.name = M\nserial.number = 1\n");
         std::filesystem::create_directory(folder.Path("card"));
         static const RecordingClock::Source source{[] { return At(seconds); },
-                                                   [] { return steadyMicroseconds.load(); }};
+                                                   [] { return steadyMicroseconds.load(); },
+                                                   [] { return isSynchronised.load(); }};
         RecordingClock::setSource(&source);
         SetClock(0);
+        isSynchronised = false;
         RecordingManager::setRecordingRootPath(folder.Path("card"));
     }
     ~RecorderTest() override {
@@ -143,4 +145,5 @@ protected:
     const PrivateBus bus;
     static inline std::atomic<double> seconds{0};
     static inline std::atomic<std::int64_t> steadyMicroseconds{1};
+    static inline std::atomic<bool> isSynchronised{false};
 };

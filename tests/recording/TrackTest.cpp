@@ -123,6 +123,45 @@ TEST_F(Track, AnUnsetClockIsRefusedAndOneThatGoesBackErases) {
     EXPECT_THAT(TimesOf(VIDEO_TRACK), ElementsAre(1, 2.7, 2.7));
 }
 
+TEST_F(Track, AClockThatComesUpBehindErasesNothingUntilItIsSynchronised) {
+    Report(AUDIO_TRACK, 1000, true);
+    Write(AUDIO_TRACK, {1000, 1001, 1002});
+    ProcessAt(1010);
+    const auto restartAt = [](double time) {
+        RecordingManager::deinit();
+        SetClock(time);
+        RecordingManager::init();
+    };
+    const auto isTaken = [](double time) {
+        SetClock(time);
+        Recorder().processHistorySaveQueue();
+        return TrackOf(AUDIO_TRACK).writeRecord(At(time), 0, "x", 1);
+    };
+    restartAt(-1e8);
+    EXPECT_TRUE(Recorder().isAwaitingClock());
+    EXPECT_FALSE(isTaken(-1e8));
+    steadyMicroseconds += 299'000'000;
+    EXPECT_FALSE(isTaken(-1e8 + 299));
+    EXPECT_TRUE(isTaken(2000)); // Synchronised.
+    EXPECT_FALSE(Recorder().isAwaitingClock());
+    EXPECT_THAT(TimesOf(AUDIO_TRACK), ElementsAre(1000, 1001, 1002, 2000));
+    EXPECT_THAT(History(), ElementsAre("1000 audio on", "1000 recording on", "1002 audio off"));
+    // Set back later, it erases as ever.
+    EXPECT_TRUE(isTaken(1001.5));
+    EXPECT_THAT(TimesOf(AUDIO_TRACK), ElementsAre(1000, 1001.5));
+    restartAt(500);
+    EXPECT_FALSE(isTaken(500));
+    isSynchronised = true; // That is the time, so the records are wrong.
+    EXPECT_TRUE(isTaken(501));
+    EXPECT_THAT(TimesOf(AUDIO_TRACK), ElementsAre(501));
+    isSynchronised = false;
+    restartAt(400);
+    EXPECT_FALSE(isTaken(400));
+    steadyMicroseconds += 300'000'000;
+    EXPECT_TRUE(isTaken(401));
+    EXPECT_THAT(TimesOf(AUDIO_TRACK), ElementsAre(401));
+}
+
 TEST_F(Track, ErasingFromATimeTakesTheRecordInFrontOfIt) {
     for (const auto& [from, left] : std::vector<std::pair<double, std::vector<double>>>{
              {25, {10}}, {20, {10}}, {5, {}}, {40, {10, 20}}}) {

@@ -261,8 +261,8 @@ void RecorderHost::Serve(DescribedPipelines* pipelines) {
             RecordingManager::instance()->awaitWriters();
         } else if (LooksOf(options_.root) != cardLooks_) {
             TakeRecording();
-            SayState();
         }
+        SayState();
         sd_notify(0, "WATCHDOG=1");
         if (pipelines != nullptr && AnyFailed(pipelines->GetManager().GetStatus())) {
             break;
@@ -272,7 +272,10 @@ void RecorderHost::Serve(DescribedPipelines* pipelines) {
 }
 
 void RecorderHost::SayState() const {
-    sd_notify(0, recording_ ? "STATUS=recording" : "STATUS=recording is disabled, see the log");
+    const bool isWaiting = recording_ && RecordingManager::instance()->isAwaitingClock();
+    sd_notify(0, isWaiting    ? "STATUS=waiting for the time, which is behind the newest record"
+                 : recording_ ? "STATUS=recording"
+                              : "STATUS=recording is disabled, see the log");
 }
 
 bool RecorderHost::WaitForStop(std::chrono::milliseconds time) {
