@@ -85,7 +85,7 @@ TEST_F(Damage, StartingNeedsOnlyTheNewestEventThatCanBeRead) {
     EXPECT_THAT(History(), ElementsAre("1.5 audio off", "1.5 recording off", "2 audio on", "2 recording on",
                                        "2.5 audio off", "2.5 recording off", "3 audio on", "3 recording on"));
     ProcessAt(20);
-    EXPECT_EQ(History().back(), "3 audio off"); // By the last of its records.
+    EXPECT_EQ(History().back(), "3 audio off 7"); // By the last of its records.
     RestartDamaged({1.5, 2, 2.5, 3});
     EXPECT_THAT(History(), testing::IsEmpty());
     EXPECT_FALSE(Recorder().isDataAvailable(At(2), AUDIO_TRACK));

@@ -145,7 +145,7 @@ TEST_F(Track, AClockThatComesUpBehindErasesNothingUntilItIsSynchronised) {
     EXPECT_TRUE(isTaken(2000)); // Synchronised.
     EXPECT_FALSE(Recorder().isAwaitingClock());
     EXPECT_THAT(TimesOf(AUDIO_TRACK), ElementsAre(1000, 1001, 1002, 2000));
-    EXPECT_THAT(History(), ElementsAre("1000 audio on", "1000 recording on", "1002 audio off"));
+    EXPECT_THAT(History(), ElementsAre("1000 audio on", "1000 recording on", "1002 audio off 7"));
     // Set back later, it erases as ever.
     EXPECT_TRUE(isTaken(1001.5));
     EXPECT_THAT(TimesOf(AUDIO_TRACK), ElementsAre(1000, 1001.5));
