@@ -82,6 +82,9 @@ RecordingStatus GetRecordingStatus() {
     for (const track_type type : {VIDEO_TRACK, AUDIO_TRACK, METADATA_TRACK}) {
         status.tracks[static_cast<std::size_t>(type)] = manager->getTrackStatus(type);
     }
+    if (manager->isAwaitingClock()) {
+        status.problem = "the clock is behind the newest record, and its synchronisation is awaited";
+    }
     SetState(status, manager->getStore().getState(), manager->getStore().getDamage());
     return status;
 }
