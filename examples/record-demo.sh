@@ -43,6 +43,7 @@ for _ in $(seq 100); do
     sleep 0.1
 done
 sleep "$seconds"
+show status
 show summary
 show tracks
 show state

@@ -255,10 +255,11 @@ void PrintTracks(RecordingClient& client, const Options& options) {
             all[NameOf(track)] = facts;
             continue;
         }
-        const std::string text =
-            span.IsEmpty() ? "nothing is recorded"
-                           : ToText(span, options) + "  " +
-                                 (facts["attributes"].is_null() ? "" : AttributesText(facts["attributes"]));
+        std::string text = "nothing is recorded";
+        if (!span.IsEmpty()) {
+            text = ToText(span, options) +
+                   (facts["attributes"].is_null() ? "" : "  " + AttributesText(facts["attributes"]));
+        }
         std::printf("%-9s %s\n", NameOf(track).c_str(), text.c_str());
     }
     std::fflush(stdout);
