@@ -8,6 +8,7 @@
 #include "calvane/recording/DrennApiException.h"
 #include "calvane/recording/RecordingClock.h"
 #include "calvane/recording/RecordingManager.h"
+#include "calvane/recording/internal/RecordingLog.h"
 #include "calvane/recording/internal/TrackLock.h"
 #include "drenn/core/Settings.h"
 
@@ -102,7 +103,11 @@ void RecordingManager::enforceMaxRetentionTime() {
 
 void RecordingManager::hideExpired() {
     if (RecordingClock::steadyMicroseconds() >= _nextErasing) {
-        enforceMaxRetentionTime();
+        try {
+            enforceMaxRetentionTime();
+        } catch (const std::exception& problem) { // A card that cannot be written to can still be asked.
+            CALVANE_RECORDING_LOG(DRENN_CORE_LOG_DEBUG, "What is too old was not erased: %s", problem.what());
+        }
     }
     const time_duration limit = getMaxRetentionTime();
     const bool isLimited = !limit.is_special() && limit > time_duration();

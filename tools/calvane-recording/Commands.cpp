@@ -329,6 +329,7 @@ void PrintCoverage(RecordingClient& client, const Options& options) {
     if (span.first == 0) { // Nothing is known of 1970.
         const Span summary = client.GetSummary();
         span.first = summary.IsEmpty() ? span.last : summary.first;
+        span.last = std::max(span.last, span.first); // Unless the clock went back.
     }
     json all = json::object();
     for (const unsigned int track : TracksOf(options)) {

@@ -138,6 +138,7 @@ RecordStream::Step RecordStream::readNext() {
         const StoredRecord record(*_store, _next);
         const unsigned int damage = _damageAhead ? kDamageFlags : 0;
         putFrame(FrameKind::Record, record.flags() | damage, record.time(), record.data(), record.size());
+        _sentOfLastTime = record.time() == _lastTime ? _sentOfLastTime + 1 : 1;
         _lastTime = record.time();
         _damageAhead = false;
     } catch (const std::exception& problem) {
@@ -154,7 +155,7 @@ bool RecordStream::resumeBehindErased() {
     const std::optional<Ptime> time = _erased ? std::nullopt : _track.findTimestamp(_next);
     if (time && *time < _lastTime) {
         // An erasing that was announced has failed after all, or times that fall; never back, so that it ends.
-        _next = std::max(_next + 1, _track.getFirstIndexNotBefore(_lastTime));
+        _next = std::max(_next + 1, _track.getFirstIndexNotBefore(_lastTime) + _sentOfLastTime);
         return true;
     }
     return std::exchange(_erased, false);

@@ -81,9 +81,10 @@ private:
     std::atomic<bool> _ended{false};
 
     // Guarded by the track's lock.
-    unsigned int _next = 0; // The index of the record to be read.
-    Ptime _lastTime;        // Nothing before this time is left to be sent.
-    bool _erased = false;   // Some of what was to be sent is gone.
+    unsigned int _next = 0;           // The index of the record to be read.
+    Ptime _lastTime;                  // Nothing before this time is left to be sent.
+    unsigned int _sentOfLastTime = 0; // So many records of exactly that time were sent.
+    bool _erased = false;             // Some of what was to be sent is gone.
 
     // The thread's own.
     std::uint64_t _unreadable = 0; // Records that were passed over.

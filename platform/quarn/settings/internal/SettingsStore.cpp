@@ -272,9 +272,14 @@ std::uint32_t SettingsStore::ReadChangeCounter() const {
     sqlite3_file* file = nullptr;
     sqlite3_file_control(database_, "main", SQLITE_FCNTL_FILE_POINTER, &file);
     std::array<unsigned char, 4> bytes{};
-    if (file == nullptr || file->pMethods == nullptr ||
-        file->pMethods->xRead(file, bytes.data(), static_cast<int>(bytes.size()), 24) != SQLITE_OK) {
-        throw osa::Exception("Cannot read the settings database " + path_);
+    const int result = file == nullptr || file->pMethods == nullptr
+                           ? SQLITE_MISUSE
+                           : file->pMethods->xRead(file, bytes.data(), static_cast<int>(bytes.size()), 24);
+    if (result == SQLITE_IOERR_SHORT_READ) {
+        throw DamagedError("The settings database " + path_ + " has been cut short");
+    }
+    if (result != SQLITE_OK) {
+        throw osa::Exception("Cannot read the settings database " + path_ + ": " + sqlite3_errstr(result));
     }
     return std::uint32_t{bytes[0]} << 24 | std::uint32_t{bytes[1]} << 16 | std::uint32_t{bytes[2]} << 8 |
            bytes[3];
