@@ -227,7 +227,7 @@ unsigned int RecordingDataAccessImpl::openRecords(unsigned int trackType, const 
     const ptime begin = timeFromService(from);
     const ptime end = timeFromService(to);
     checkSpan(begin, end);
-    *fd = _streams->open(currentRecorder().getTrack(dataTrack(trackType)), begin, end);
+    *fd = _streams->open(currentRecorder().getTrack(dataTrack(trackType)), begin, end, callingClient());
     return 0;
 }
 

@@ -253,15 +253,19 @@ TEST_F(DataAccess, EndingTheRecorderEndsTheStreamsOfItsClients) {
     const auto proxy = sdbus::createProxy(*connection, "com.drenn.recording_data_access",
                                           "/com/drenn/recording_data_access");
     std::vector<std::unique_ptr<RecordReader>> readers;
-    for (int i = 0; i < 3; ++i) {
-        sdbus::UnixFd fd;
+    sdbus::UnixFd fd;
+    const auto open = [&] {
         proxy->callMethod("openRecords")
             .onInterface("com.drenn.RecordingDataAccess1")
             .withArguments(0U, kStart, 0U, kStart + 100, 0U)
             .storeResultsTo(fd);
+    };
+    for (int i = 0; i < 4; ++i) {
+        open();
         readers.push_back(std::make_unique<RecordReader>(fd.release()));
     }
     EXPECT_EQ(readers[0]->Read().kind, Frame::kRecord);
+    EXPECT_THAT(ThrownText<sdbus::Error>(open), HasSubstr("of one client are open; the most are 4"));
     RecordingManager::deinit();
     for (const auto& reader : readers) {
         EXPECT_EQ(ThrownText<std::runtime_error>([&] { ReadAll(*reader); }),

@@ -24,6 +24,7 @@ namespace {
 constexpr std::uint8_t kStreamVersion = 1;
 // What a record's flags have, too, when some in front of it could not be read.
 constexpr unsigned int kDamageFlags = 4 | RecordHeader::kDiscontinuity;
+constexpr int kIdleMilliseconds = 600'000;
 constexpr unsigned int kStackBytes = 256 * 1024;
 
 void putLittleEndian(std::vector<unsigned char>& bytes, std::uint64_t value, int count) {
@@ -218,17 +219,24 @@ bool RecordStream::sendFrame() {
 
 bool RecordStream::waitWritable() const {
     std::array<pollfd, 2> waits{{{_socket, POLLOUT, 0}, {_stop.number(), POLLIN, 0}}};
-    while (poll(waits.data(), waits.size(), -1) < 0) {
+    int ready = -1;
+    while ((ready = poll(waits.data(), waits.size(), kIdleMilliseconds)) < 0) {
         if (errno != EINTR) {
             return false;
         }
     }
-    return waits[1].revents == 0 && (waits[0].revents & (POLLHUP | POLLERR)) == 0;
+    return ready != 0 && waits[1].revents == 0 && (waits[0].revents & (POLLHUP | POLLERR)) == 0;
 }
 
-int RecordStreams::open(RecordingTrack& track, const RecordStream::Ptime& from,
-                        const RecordStream::Ptime& to) {
-    _streams.remove_if([](const RecordStream& stream) { return stream.hasEnded(); });
+int RecordStreams::open(RecordingTrack& track, const RecordStream::Ptime& from, const RecordStream::Ptime& to,
+                        const std::string& client) {
+    _streams.remove_if([](const Open& open) { return open.stream.hasEnded(); });
+    const auto own = std::count_if(_streams.begin(), _streams.end(),
+                                   [&](const Open& open) { return open.client == client; });
+    if (!client.empty() && own >= kMostOfOneClient) {
+        throw std::runtime_error("Too many record streams of one client are open; the most are " +
+                                 std::to_string(kMostOfOneClient));
+    }
     if (_streams.size() >= kMost) {
         throw std::runtime_error("Too many record streams are open; the most are " + std::to_string(kMost));
     }
@@ -237,7 +245,7 @@ int RecordStreams::open(RecordingTrack& track, const RecordStream::Ptime& from,
         throw std::system_error(errno, std::generic_category(), "Cannot make a record stream");
     }
     try {
-        _streams.emplace_back(track, from, to, ends[0]);
+        _streams.emplace_back(client, track, from, to, ends[0]);
     } catch (...) {
         close(ends[0]);
         close(ends[1]);

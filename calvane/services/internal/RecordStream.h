@@ -27,7 +27,8 @@ namespace quarn::calvane {
 ///
 /// Threads:  one of its own reads and writes. Erasing moves its place on the thread that erases, which holds the
 ///           track's lock then, as the reading does.
-/// Lifetime: ends by itself behind the last record, when the reader goes, and when it is destroyed.
+/// Lifetime: ends by itself behind the last record, when the reader goes, when it has read nothing for ten minutes, and
+///           when it is destroyed.
 class RecordStream : public osa::Runnable {
 public:
     using Ptime = boost::posix_time::ptime;
@@ -102,12 +103,23 @@ private:
 class RecordStreams {
 public:
     static constexpr std::size_t kMost = 16;
+    static constexpr std::ptrdiff_t kMostOfOneClient = 4;
 
-    /// Returns the end to read from, the caller's to close. Throws std::runtime_error when kMost are open.
-    int open(RecordingTrack& track, const RecordStream::Ptime& from, const RecordStream::Ptime& to);
+    /// Returns the end to read from, the caller's to close. Throws std::runtime_error when kMost are open, or
+    /// kMostOfOneClient for a client that has a name.
+    int open(RecordingTrack& track, const RecordStream::Ptime& from, const RecordStream::Ptime& to,
+             const std::string& client);
 
 private:
-    std::list<RecordStream> _streams;
+    struct Open {
+        Open(std::string name, RecordingTrack& track, const RecordStream::Ptime& from,
+             const RecordStream::Ptime& to, int socket)
+            : client(std::move(name)), stream(track, from, to, socket) {}
+        const std::string client;
+        RecordStream stream;
+    };
+
+    std::list<Open> _streams;
 };
 
 } // namespace quarn::calvane

@@ -1,8 +1,27 @@
 #include "drenn/api/ServiceTarget.h"
 
+#include "drenn/api/internal/CallingClient.h"
+
 #include <cstdarg>
 
 namespace drenn::api {
+namespace {
+
+thread_local std::string calling;
+
+} // namespace
+
+CallingClient::CallingClient(const std::string& name) {
+    calling = name;
+}
+
+CallingClient::~CallingClient() {
+    calling.clear();
+}
+
+const std::string& ServiceTarget::callingClient() {
+    return calling;
+}
 
 ServiceTarget::~ServiceTarget() = default;
 

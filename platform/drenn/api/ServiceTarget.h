@@ -1,5 +1,7 @@
 #pragma once
 
+#include <string>
+
 #include "drenn/Export.h"
 #include "drenn/core/Logging.h"
 
@@ -15,6 +17,10 @@ public:
     virtual ~ServiceTarget();
     ServiceTarget(const ServiceTarget&) = delete;
     ServiceTarget& operator=(const ServiceTarget&) = delete;
+
+    /// The name on the bus of the client whose call this thread is answering; empty outside of calls, and where the
+    /// operation does not ask for it.
+    static const std::string& callingClient();
 
     /// Logs through the handle, printf-style.
     [[gnu::format(printf, 3, 4)]] virtual void log(drenn_core_log_priority priority, const char* format,

@@ -1,5 +1,6 @@
 #include <utility>
 
+#include "drenn/api/internal/CallingClient.h"
 #include "drenn/api/internal/DataAccessAdaptor.h"
 #include "drenn/api/internal/ServiceRunner.h"
 
@@ -123,6 +124,7 @@ DataAccessAdaptor::findHistory(const U& fromSec, const U& fromUsec, const U& toS
 
 sdbus::UnixFd DataAccessAdaptor::openRecords(const U& trackType, const U& fromSec, const U& fromUsec,
                                              const U& toSec, const U& toUsec) {
+    const CallingClient client(getObject().getCurrentlyProcessedMessage()->getSender());
     int fd = -1;
     AnswerCall("openRecords", [&] {
         return implementation_.openRecords(trackType, {fromSec, fromUsec}, {toSec, toUsec}, &fd);
