@@ -71,6 +71,16 @@ void RequireKnownVersion(IFileSystem& files, const StoreFolders& folders, bool h
     }
 }
 
+/// What a killed process wrote to the catalogue's log may not be durable yet. Nothing may be removed or made on the word of
+/// a transaction that a power cut can still take back.
+void SyncLog(IFileSystem& files, const StoreFolders& folders) {
+    const std::string log = folders.Catalogue() + "-wal";
+    if (files.Exists(log)) {
+        files.Open(log, OpenMode::ReadWrite)->Sync();
+        files.SyncFolder(folders.database);
+    }
+}
+
 StoreId IdentityOf(IFileSystem& files, const StoreFolders& folders, Catalogue& catalogue, bool hasIdentity) {
     StoreId id = catalogue.GetId();
     if (id == StoreId{}) {
@@ -213,6 +223,7 @@ OpenedStore OpenStore(IFileSystem& files, const StoreFolders& folders, const cha
     }
     opened.lock = LockStore(files, folders);
     RequireKnownVersion(files, folders, hasIdentity);
+    SyncLog(files, folders);
     opened.catalogue = std::make_shared<Catalogue>(folders.Catalogue(), vfs, Catalogue::Mode::OpenOrMake);
     opened.id = IdentityOf(files, folders, *opened.catalogue, hasIdentity);
     Recovery recovery(files, folders, opened.id, *opened.catalogue);
