@@ -1,13 +1,14 @@
 #!/usr/bin/env python3
 """Plants faults one by one and runs the tests that must notice them:
 
-    mutate.py GROUP [--only REGEX] [--part N/M] [--check]
+    mutate.py GROUP [--only REGEX] [--part N/M] [--all] [--check]
 
 GROUP names tests/mutants/GROUP.toml:
 
     targets = ["calvane_store_tests"]   # what is built for each mutant
     tests = "^Store"                    # names of tests, a regex of ctest; that of a mutant goes before it
     timeout = 60                        # seconds that one test may take; one that hangs has noticed
+    quick = { CALVANE_TEST_EFFORT = "5" }   # optional: environment of a first, short run of the same tests
 
     [[mutant]]
     name = "sync-ignored"               # unique
@@ -18,17 +19,21 @@ GROUP names tests/mutants/GROUP.toml:
     equivalent = "why no test can notice it"   # optional: it is not run, and the reason is printed
 
 The sources are copied to build/mutate/source and built in build/mutate/build, so the checkout is never touched. All
-tests are run without a mutant first: a test that fails by itself notices nothing. --check only tells whether every
-mutant still applies. Exit status: 0 all were noticed; 1 one survived, does not apply or does not compile; 2 the
-list, the build or the tests without a mutant are at fault."""
+tests are run without a mutant first: a test that fails by itself notices nothing. --all runs the tests of the whole group
+for each mutant, does not stop at the first that notices it, and prints in the end which tests notice a mutant that no
+other does, and which notice none. --check only tells whether every mutant still applies. Exit status: 0 all were
+noticed; 1 one survived, does not apply or does not compile; 2 the list, the build or the tests without a mutant are at
+fault."""
 
 import argparse
+import os
 import pathlib
 import re
 import subprocess
 import sys
 import time
 import tomllib
+import xml.etree.ElementTree
 
 ROOT = pathlib.Path(__file__).resolve().parents[2]
 WORK = ROOT / "build" / "mutate"
@@ -92,10 +97,10 @@ def copy_sources():
         target.chmod(source.stat().st_mode & 0o777)
 
 
-def run(command, log):
+def run(command, log, environment=None):
     with open(log, "wb") as out:
-        return subprocess.run(command, stdin=subprocess.DEVNULL, stdout=out, stderr=subprocess.STDOUT,
-                              check=False).returncode
+        return subprocess.run(command, stdin=subprocess.DEVNULL, stdout=out, stderr=subprocess.STDOUT, check=False,
+                              env={**os.environ, **(environment or {})}).returncode
 
 
 def tail(log, lines=15):
@@ -115,32 +120,36 @@ def builds(targets):
     return run(["cmake", "--build", BUILD, "--target", *targets], WORK / "build.log") == 0
 
 
-def passes(tests, timeout, stop):
-    command = ["ctest", "--test-dir", BUILD, "-R", tests, "--timeout", str(timeout), "--no-tests=error",
-               "--output-on-failure"]
-    return run(command + (["--stop-on-failure"] if stop else []), WORK / "test.log") == 0
+def failing(tests, content, stop, quick):
+    """The names of those tests that fail; one that cannot be named is "a test"."""
+    results = WORK / "results.xml"
+    results.unlink(missing_ok=True)
+    command = ["ctest", "--test-dir", BUILD, "-R", tests, "--timeout", str(content.get("timeout", 60)), "--parallel",
+               str(os.cpu_count()), "--no-tests=error", "--output-on-failure", "--output-junit", results]
+    if run(command + (["--stop-on-failure"] if stop else []), WORK / "test.log",
+           content.get("quick") if quick else None) == 0:
+        return []
+    cases = xml.etree.ElementTree.parse(results).iter("testcase") if results.is_file() else []
+    return [case.get("name") for case in cases if case.get("status") == "fail"] or ["a test"]
 
 
-def who_noticed():
-    found = re.search(r"\*\*\*(?:Failed|Timeout|Exception)[^\n]*", text := (WORK / "test.log").read_text(errors="replace"))
-    line = text[text.rfind("\n", 0, found.start()) + 1:found.start()] if found else ""
-    name = re.search(r"#\d+: (\S+)", line)
-    return name.group(1) if name else "a test"
+def stages(mutant, content, everything):
+    """What is run one after the other until a test fails: tests, and whether quickly."""
+    own = [tests for tests in (None if everything else mutant.get("tests"), content.get("tests")) if tests]
+    return [(tests, True) for tests in own if "quick" in content] + [(tests, False) for tests in own]
 
 
-def judge(mutant, content):
-    """noticed, survived or broken, and a word about it."""
+def judge(mutant, content, everything):
+    """noticed, survived or broken; and by which tests, or why."""
     path = SOURCE / mutant["file"]
     whole = path.read_text()
     path.write_text(whole.replace(mutant["old"], mutant["new"]))
     try:
         if not builds(content["targets"]):
             return "broken", f"it does not compile:\n{tail(WORK / 'build.log')}"
-        timeout = content.get("timeout", 60)
-        stages = [stage for stage in (mutant.get("tests"), content.get("tests")) if stage]
-        for tests in stages:
-            if not passes(tests, timeout, True):
-                return "noticed", f"by {who_noticed()}"
+        for tests, quick in stages(mutant, content, everything):
+            if names := failing(tests, content, not everything, quick):
+                return "noticed", names
         return "survived", f"{mutant['file']}: {mutant['old'].strip().splitlines()[0]}"
     finally:
         path.write_text(whole)
@@ -156,10 +165,29 @@ def baseline(content, chosen):
     configure()
     if not builds(content["targets"]):
         raise Fault(f"the sources do not build:\n{tail(WORK / 'build.log')}")
-    wanted = sorted({tests for mutant in chosen for tests in (mutant.get("tests"), content.get("tests")) if tests})
-    for tests in wanted:  # One by one: ctest takes no regex with many parentheses.
-        if not passes(tests, content.get("timeout", 60), False):
+    wanted = sorted({stage for mutant in chosen for stage in stages(mutant, content, "tests" in content)})
+    for tests, quick in wanted:  # One by one: ctest takes no regex with many parentheses.
+        if failing(tests, content, False, quick):
             raise Fault(f"tests fail without a mutant:\n{tail(WORK / 'test.log')}")
+
+
+def names_of_tests(tests):
+    listed = subprocess.run(["ctest", "--test-dir", BUILD, "-R", tests, "--show-only"], stdout=subprocess.PIPE, text=True,
+                            check=True).stdout
+    return re.findall(r"Test +#\d+: (\S+)", listed)
+
+
+def print_worth(tests, noticed):
+    """Which tests are the only ones to notice something, and which notice nothing."""
+    alone = {}
+    for mutant, names in noticed.items():
+        if len(names) == 1:
+            alone.setdefault(names[0], []).append(mutant)
+    print("\nthe only ones to notice a mutant:")
+    for test, mutants in sorted(alone.items()):
+        print(f"  {test}: {', '.join(mutants)}")
+    useful = {name for names in noticed.values() for name in names}
+    print("notice none: " + (", ".join(test for test in tests if test not in useful) or "no test"))
 
 
 def main():
@@ -167,10 +195,13 @@ def main():
     parser.add_argument("group")
     parser.add_argument("--only", default="", metavar="REGEX", help="mutants whose name matches")
     parser.add_argument("--part", default="1/1", metavar="N/M", help="every M-th mutant, from the N-th on")
+    parser.add_argument("--all", action="store_true", help="run all tests for each mutant, and say which are needed")
     parser.add_argument("--check", action="store_true", help="only tell whether every mutant applies")
     options = parser.parse_args()
     content = read_list(options.group)
     chosen = choose(content["mutant"], options.only, options.part)
+    if options.all and "tests" not in content:
+        raise Fault(f"{options.group} has no tests of the whole group")
     if not chosen:
         raise Fault(f"no mutant of {options.group} matches")
     results = {"noticed": [], "survived": [], "broken": [], "equivalent": []}
@@ -191,11 +222,16 @@ def main():
     if fits:
         copy_sources()
         baseline(content, fits)
+    noticed = {}
     for number, mutant in enumerate(fits, 1):
         begin = time.monotonic()
-        verdict, word = judge(mutant, content)
+        verdict, word = judge(mutant, content, options.all)
         results[verdict].append(mutant["name"])
+        if verdict == "noticed":
+            noticed[mutant["name"]], word = word, "by " + ", ".join(word)
         print(f"{verdict:11} {mutant['name']}: {word} ({number} of {len(fits)}, {time.monotonic() - begin:.0f} s)", flush=True)
+    if options.all and fits:
+        print_worth(names_of_tests(content["tests"]), noticed)
     print("\n" + ", ".join(f"{len(names)} {verdict}" for verdict, names in results.items()))
     for verdict in ("survived", "broken"):
         for name in results[verdict]:

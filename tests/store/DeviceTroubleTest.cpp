@@ -4,6 +4,7 @@
 
 #include "drenn/multi_track_recorder/internal/recovery/StoreVerifier.h"
 #include "quarn/core/LogCapture.h"
+#include "support/Effort.h"
 #include "support/TestStore.h"
 #include "support/ThrownText.h"
 #include "support/store/Workload.h"
@@ -14,12 +15,6 @@ using testing::IsEmpty;
 
 namespace {
 
-#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__) || defined(__arm__)
-constexpr unsigned int kStride = 17; // Sanitizers and emulators are slow.
-#else
-constexpr unsigned int kStride = 3;
-#endif
-
 bool Changes(const std::string& operation) {
     return operation == "write" || operation == "sync" || operation == "truncate" || operation == "rename" ||
            operation == "remove" || operation == "sync folder" || operation == "reserve";
@@ -29,7 +24,7 @@ bool Changes(const std::string& operation) {
 /// and compares. Returns how many changes there were.
 unsigned int RunWithFault(unsigned int at, bool sticking, int error) {
     SimFileSystem disk;
-    disk.SetCapacity(std::uint64_t{1650} * 1024); // 1 MiB is held back, and the ring turns.
+    disk.capacity = std::uint64_t{1650} * 1024; // 1 MiB is held back, and the ring turns.
     unsigned int changes = 0;
     std::vector<TrackLife> lives;
     std::vector<std::string> faults;
@@ -58,7 +53,7 @@ unsigned int RunWithFault(unsigned int at, bool sticking, int error) {
     try {
         {
             Store store(disk, options);
-            EXPECT_THAT(CheckAt(disk.GetTraceLength(), store, lives), IsEmpty())
+            EXPECT_THAT(CheckAt(disk.GetMoment(), store, lives), IsEmpty())
                 << "change " << at << " failed with " << error;
         }
         EXPECT_THAT(VerifyStore(disk, options.storage, options.database), IsEmpty());
@@ -74,8 +69,9 @@ TEST(DeviceTrouble, LosesNothingThatWasDurableWhateverFails) {
     const quarn::core::LogCapture log(quarn::core::LogLevel::Off);
     const unsigned int changes = RunWithFault(0, false, 0);
     ASSERT_GT(changes, 100U);
+    const auto stride = static_cast<unsigned int>(1 + changes / Effort(changes / 2));
     for (const int error : {EIO, ENOSPC, EROFS}) {
-        for (unsigned int at = 1; at <= changes && !HasFailure(); at += kStride) {
+        for (unsigned int at = 1; at <= changes && !HasFailure(); at += stride) {
             RunWithFault(at, false, error);
             RunWithFault(at, true, error);
         }
@@ -98,13 +94,13 @@ TEST(DeviceTrouble, GoesOnWhenTheCardIsBackAndLeavesAnotherAlone) {
     };
     append(1);
     store.Sync();
-    disk.SetPresent(false);
+    disk.isPresent = false;
     store.Keep();
     EXPECT_EQ(StoreState::NoCard, store.GetState());
     EXPECT_EQ(0U, disk.CountOpenFiles()); // So that it can be unmounted.
     EXPECT_THROW(append(2), std::runtime_error);
-    disk.SetPresent(true);
-    disk.SetDevice(2); // Where it is plugged in may be numbered anew.
+    disk.isPresent = true;
+    disk.device = 2; // Where it is plugged in may be numbered anew.
     store.Keep();
     EXPECT_EQ(StoreState::Good, store.GetState());
     append(3);
@@ -149,7 +145,7 @@ TEST(DeviceTrouble, WhatIsHeldBackLetsTheStoreErase) {
     const quarn::core::LogCapture log(quarn::core::LogLevel::Off);
     constexpr std::uint64_t kCapacity = std::uint64_t{16} * 1024 * 1024;
     SimFileSystem disk;
-    disk.SetCapacity(kCapacity);
+    disk.capacity = kCapacity;
     StoreOptions options = Workload::SmallStore();
     options.maxPercent = 100;
     const auto free = [&] { return disk.GetSpace(options.storage).free; };

@@ -11,6 +11,7 @@
 #include <random>
 
 #include "drenn/multi_track_recorder/internal/recovery/StoreVerifier.h"
+#include "support/Effort.h"
 #include "support/TempFolder.h"
 #include "support/WaitUntil.h"
 #include "support/store/Workload.h"
@@ -19,12 +20,6 @@ using namespace drenn::multi_track_recorder;
 using testing::IsEmpty;
 
 namespace {
-
-#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__) || defined(__arm__)
-constexpr int kRounds = 15; // Sanitizers and emulators are slow.
-#else
-constexpr int kRounds = 200;
-#endif
 
 /// What the writer tells, in memory that outlives it.
 struct Told {
@@ -65,7 +60,7 @@ TEST(Kill, LosesNothingThatWasFlushed) {
     ASSERT_NE(MAP_FAILED, memory);
     Told& told = *new (memory) Told;
     std::mt19937 random(3);
-    for (int round = 0; round != kRounds && !HasFailure(); ++round) {
+    for (std::size_t round = 0; round != Effort(200) && !HasFailure(); ++round) {
         const pid_t writer = fork();
         ASSERT_GE(writer, 0);
         if (writer == 0) {

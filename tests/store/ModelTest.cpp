@@ -1,6 +1,7 @@
 #include <gmock/gmock.h>
 
 #include "drenn/multi_track_recorder/internal/recovery/StoreVerifier.h"
+#include "support/Effort.h"
 #include "support/store/Workload.h"
 
 using namespace drenn::multi_track_recorder;
@@ -11,23 +12,18 @@ namespace {
 constexpr std::uint64_t kCapacity =
     std::uint64_t{2200} * 1024; // Half of it is held back; the ring turns all the time.
 
-#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__) || defined(__arm__)
-constexpr unsigned int kSteps = 40000; // Sanitizers and emulators are slow.
-#else
-constexpr unsigned int kSteps = 1000000;
-#endif
-
 } // namespace
 
 TEST(StoreModel, AgreesWithAListUnderRandomOperations) {
+    const std::size_t steps = Effort(1000000);
     const StoreOptions options = Workload::SmallStore();
     SimFileSystem disk;
-    disk.StopTracing();
-    disk.SetCapacity(kCapacity);
+    disk.isTracing = false;
+    disk.capacity = kCapacity;
     Workload workload(disk, options, 1);
-    for (unsigned int step = 1; step <= kSteps && workload.GetFaults().empty(); ++step) {
+    for (std::size_t step = 1; step <= steps && workload.GetFaults().empty(); ++step) {
         workload.Step();
-        if (step % (kSteps / 20) == 0) {
+        if (step % (steps / 20) == 0) {
             workload.Reopen();
         }
     }

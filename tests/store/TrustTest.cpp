@@ -148,12 +148,12 @@ TEST(Trust, WhatCannotBeReadAtAllIsSetAsideAndGivesWayFirst) {
     const std::string aside = std::string(kSegment) + ".aside";
     ASSERT_TRUE(disk.Exists(aside));
     EXPECT_THAT(VerifyStore(disk, kStorage, kDatabase), IsEmpty());
-    disk.SetCapacity(std::uint64_t{3} << 20U);
+    disk.capacity = std::uint64_t{3} << 20U;
     Store store(disk, Workload::SmallStore());
     const auto track = store.GetRecordings().front().lock()->getTracks().front().lock();
     AppendText(*track, NumberText(0));
     store.Sync();
-    disk.SetCapacity(std::uint64_t{1400} << 10U);
+    disk.capacity = std::uint64_t{1400} << 10U;
     store.Keep();
     EXPECT_FALSE(disk.Exists(aside));
 }
@@ -212,7 +212,8 @@ TEST(Trust, AFileWhoseSyncFailedIsNotTrustedBeyondTheLastGoodOne) {
         EXPECT_FALSE(isUsedAgain) << error;
         AppendText(*track, "third");
         store.Sync();
-        SimFileSystem left(disk.GetDurable()); // The device never got what that sync was for.
+        SimFileSystem left(
+            PowerCuts(disk.GetTrace()).Durable()); // The device never got what that sync was for.
         const Store again(left, Workload::SmallStore());
         const auto found = again.GetRecordings().front().lock()->getTracks().front().lock();
         ASSERT_EQ(found->size(), 3U) << error;
@@ -307,14 +308,17 @@ TEST(Trust, RebuildSavesWhatCanBeReadOrChangesNothing) {
     Change(lost, kSegment)[20000] ^= 1;
     {
         SimFileSystem full(lost);
-        full.SetCapacity(full.GetUsed() + 20000);
+        full.capacity = full.GetUsed() + 20000;
         EXPECT_THAT(ThrownText<std::runtime_error>([&] { RebuildStore(full, kStorage, kDatabase); }),
                     AllOf(HasSubstr("takes about"), HasSubstr("are free")));
         EXPECT_FALSE(full.Exists("/card/database/catalogue"));
         EXPECT_FALSE(full.Exists("/card/database/catalogue.new"));
     }
     SimFileSystem disk(lost);
-    disk.SetUnreadable("/card/data/00000002-00000007.seg");
+    disk.Open("/card/data/00000002-00000007.seg", OpenMode::Create)->Write(0, "x", 1);
+    disk.SetFault([](const std::string& operation, const std::string& path) {
+        return operation == "open" && path.find("00000007.seg") != std::string::npos ? EIO : 0;
+    });
     EXPECT_THAT(RebuildStore(disk, kStorage, kDatabase),
                 AllOf(Contains(HasSubstr("00000007.seg")), Contains(HasSubstr("cannot be read"))));
     EXPECT_THAT(VerifyStore(disk, kStorage, kDatabase), IsEmpty());
@@ -374,7 +378,7 @@ TEST(Trust, AStoreOpensForChangesWhenThereIsRoomAgain) {
 TEST(Trust, ARecordThatTheCardHasNoRoomForIsRefusedByName) {
     const quarn::core::LogCapture log(quarn::core::LogLevel::Off);
     SimFileSystem disk;
-    disk.SetCapacity(std::uint64_t{64} << 20U);
+    disk.capacity = std::uint64_t{64} << 20U;
     StoreOptions options = Workload::SmallStore();
     options.segmentBytes = 16U << 20U;
     options.maxPercent = 98;

@@ -116,11 +116,11 @@ public:
         const std::uint64_t growth = offset + length > size ? offset + length - size : 0;
         try {
             disk_.Check("write", path_);
-            if (disk_.Used() + growth > disk_.capacity_) {
+            if (disk_.Used() + growth > disk_.capacity) {
                 throw FileError("write", path_, ENOSPC);
             }
         } catch (const FileError& error) {
-            if (disk_.present_ && error.GetError() != EROFS && disk_.Used() + growth / 2 <= disk_.capacity_) {
+            if (disk_.isPresent && error.GetError() != EROFS && disk_.Used() + growth / 2 <= disk_.capacity) {
                 write(length / 2);
             }
             throw;
@@ -155,9 +155,12 @@ private:
     const std::shared_ptr<int> counted_;
 };
 
-SimFileSystem::SimFileSystem(DiskImage image) : image_(std::move(image)) {
-    for (const auto& [path, inode] : image_.names) {
-        folders_.insert(FolderOf(path));
+SimFileSystem::SimFileSystem(DiskImage image, std::vector<DiskOperation> trace, std::size_t first)
+    : image_(std::move(image)), trace_(std::move(trace)), moment_(first + trace_.size()) {
+    for (auto name = image_.names.begin(); name != image_.names.end();) {
+        const std::string folder = FolderOf(name->first);
+        const bool isLost = folder != "/card" && image_.names.count(folder) == 0;
+        name = isLost ? image_.names.erase(name) : std::next(name);
     }
     if (!image_.files.empty()) {
         lastInode_ =
@@ -165,24 +168,9 @@ SimFileSystem::SimFileSystem(DiskImage image) : image_(std::move(image)) {
     }
 }
 
-void SimFileSystem::StopTracing() {
-    const std::lock_guard<std::mutex> lock(lock_);
-    tracing_ = false;
-}
-
 void SimFileSystem::SetFault(Fault fault) {
     const std::lock_guard<std::mutex> lock(lock_);
     fault_ = std::move(fault);
-}
-
-void SimFileSystem::SetCapacity(std::uint64_t bytes) {
-    const std::lock_guard<std::mutex> lock(lock_);
-    capacity_ = bytes;
-}
-
-void SimFileSystem::SetDevice(std::uint64_t device) {
-    const std::lock_guard<std::mutex> lock(lock_);
-    device_ = device;
 }
 
 void SimFileSystem::SetBadBytes(const std::string& path, std::uint64_t first, std::uint64_t end) {
@@ -190,27 +178,9 @@ void SimFileSystem::SetBadBytes(const std::string& path, std::uint64_t first, st
     bad_.push_back({path, first, end});
 }
 
-void SimFileSystem::SetUnreadable(const std::string& path) {
-    const std::lock_guard<std::mutex> lock(lock_);
-    unreadable_ = path;
-    image_.names[path] = ++lastInode_;
-    image_.files[lastInode_] = std::make_shared<DiskImage::Bytes>(1);
-}
-
-DiskImage SimFileSystem::GetDurable() const {
-    DiskImage durable;
-    PowerCuts(GetTrace()).ForEach(1, 0, [&](std::size_t, const DiskImage& image) { durable = image; });
-    return durable;
-}
-
 std::uint64_t SimFileSystem::GetUsed() const {
     const std::lock_guard<std::mutex> lock(lock_);
     return Used();
-}
-
-void SimFileSystem::SetPresent(bool present) {
-    const std::lock_guard<std::mutex> lock(lock_);
-    present_ = present;
 }
 
 std::vector<DiskOperation> SimFileSystem::GetTrace() const {
@@ -218,9 +188,9 @@ std::vector<DiskOperation> SimFileSystem::GetTrace() const {
     return trace_;
 }
 
-std::size_t SimFileSystem::GetTraceLength() const {
+std::size_t SimFileSystem::GetMoment() const {
     const std::lock_guard<std::mutex> lock(lock_);
-    return trace_.size();
+    return moment_;
 }
 
 DiskImage SimFileSystem::GetImage() const {
@@ -231,9 +201,6 @@ DiskImage SimFileSystem::GetImage() const {
 std::unique_ptr<IFile> SimFileSystem::Open(const std::string& path, OpenMode mode) {
     const std::lock_guard<std::mutex> lock(lock_);
     Check("open", path);
-    if (path == unreadable_) {
-        throw FileError("open", path, EIO);
-    }
     const auto found = image_.names.find(path);
     const bool exists = found != image_.names.end();
     if (exists && mode == OpenMode::CreateNew) {
@@ -275,7 +242,9 @@ std::unique_ptr<IFolderLock> SimFileSystem::TryLockFolder(const std::string& pat
 void SimFileSystem::MakeFolder(const std::string& path) {
     const std::lock_guard<std::mutex> lock(lock_);
     Check("make folder", path);
-    folders_.insert(path); // At once durable: the store makes folders only once.
+    if (image_.names.count(path) == 0) {
+        Do({Kind::Create, 0, path, "", 0, {}});
+    }
 }
 
 std::vector<std::string> SimFileSystem::List(const std::string& folder) const {
@@ -283,7 +252,7 @@ std::vector<std::string> SimFileSystem::List(const std::string& folder) const {
     Check("list", folder);
     std::vector<std::string> names;
     for (const auto& entry : image_.names) {
-        if (FolderOf(entry.first) == folder) {
+        if (FolderOf(entry.first) == folder && entry.second != 0) {
             names.push_back(entry.first.substr(folder.size() + 1));
         }
     }
@@ -292,7 +261,7 @@ std::vector<std::string> SimFileSystem::List(const std::string& folder) const {
 
 bool SimFileSystem::Exists(const std::string& path) const {
     const std::lock_guard<std::mutex> lock(lock_);
-    return present_ && (image_.names.count(path) != 0 || folders_.count(path) != 0);
+    return isPresent && image_.names.count(path) != 0;
 }
 
 void SimFileSystem::Rename(const std::string& from, const std::string& to) {
@@ -321,18 +290,19 @@ void SimFileSystem::SyncFolder(const std::string& path) {
 Space SimFileSystem::GetSpace(const std::string& path) const {
     const std::lock_guard<std::mutex> lock(lock_);
     Check("get space", path);
-    return {capacity_, capacity_ - std::min(capacity_, Used())};
+    const std::uint64_t all = capacity;
+    return {all, all - std::min(all, Used())};
 }
 
 std::uint64_t SimFileSystem::DeviceOf(const std::string& path) const {
     const std::lock_guard<std::mutex> lock(lock_);
     Check("get device", path);
-    return device_;
+    return device;
 }
 
 // With the lock held, as the next two.
 void SimFileSystem::Check(const char* operation, const std::string& path) const {
-    if (!present_) {
+    if (!isPresent) {
         throw FileError(operation, path, ENOENT);
     }
     if (const int error = fault_ ? fault_(operation, path) : 0; error != 0) {
@@ -351,7 +321,8 @@ void SimFileSystem::CheckSync(const char* operation, const std::string& path, un
 
 void SimFileSystem::Do(DiskOperation operation) {
     image_.Apply(operation);
-    if (tracing_) {
+    ++moment_;
+    if (isTracing) {
         trace_.push_back(std::move(operation));
     }
 }
@@ -366,37 +337,45 @@ std::uint64_t SimFileSystem::Used() const {
     return used;
 }
 
-PowerCuts::PowerCuts(std::vector<DiskOperation> trace, DiskImage start)
-    : trace_(std::move(trace)), durable_(std::move(start)) {}
+PowerCuts::PowerCuts(std::vector<DiskOperation> trace, DiskImage start, std::size_t first)
+    : trace_(std::move(trace)), durable_(std::move(start)), first_(first) {}
 
-std::size_t PowerCuts::ForEach(unsigned int randomEach, unsigned int seed,
-                               const std::function<void(std::size_t moment, const DiskImage& image)>& check,
-                               std::size_t first) {
+void PowerCuts::ForEach(unsigned int randomEach, unsigned int seed,
+                        const std::function<void(std::size_t moment, const DiskImage& image)>& check,
+                        std::size_t begin, std::size_t end) {
     std::vector<DiskOperation> pending;
-    std::size_t images = 0;
-    for (std::size_t moment = 0; moment <= trace_.size(); ++moment) {
-        if (moment >= first) {
+    end = std::min(end, first_ + trace_.size());
+    for (std::size_t moment = first_; moment <= end; ++moment) {
+        if (moment >= begin) {
             for (const DiskImage& image : Structured(pending)) {
                 check(moment, image);
-                ++images;
             }
-            for (unsigned int i = 0; i != (pending.empty() ? 0 : randomEach); ++i, ++images) {
-                check(moment, Settle(pending, seed + static_cast<unsigned int>(images)));
+            for (unsigned int i = 0; i != (pending.empty() ? 0 : randomEach); ++i) {
+                check(moment, Settle(pending, seed + static_cast<unsigned int>(moment) * randomEach + i));
             }
         }
-        if (moment == trace_.size()) {
-            break;
-        }
-        const DiskOperation& next = trace_[moment];
-        if (next.kind == Kind::SyncFile || next.kind == Kind::SyncFolder) {
-            MakeDurable(pending, next);
-        } else if (next.kind == Kind::FailedSync) {
-            Strand(pending, next);
-        } else {
-            pending.push_back(next);
+        if (moment != end) {
+            Take(trace_[moment - first_], pending);
         }
     }
-    return images;
+}
+
+DiskImage PowerCuts::Durable() {
+    std::vector<DiskOperation> pending;
+    for (const DiskOperation& operation : trace_) {
+        Take(operation, pending);
+    }
+    return durable_;
+}
+
+void PowerCuts::Take(const DiskOperation& next, std::vector<DiskOperation>& pending) {
+    if (next.kind == Kind::SyncFile || next.kind == Kind::SyncFolder) {
+        MakeDurable(pending, next);
+    } else if (next.kind == Kind::FailedSync) {
+        Strand(pending, next);
+    } else {
+        pending.push_back(next);
+    }
 }
 
 DiskImage PowerCuts::Choose(const std::vector<DiskOperation>& pending,
@@ -440,9 +419,15 @@ DiskImage PowerCuts::Settle(const std::vector<DiskOperation>& pending, unsigned 
     const auto chance = [&random](unsigned int of) { return random() % of == 0; };
     const std::size_t unit = chance(2) ? kSectorBytes : kPageBytes;
     const bool isStale = chance(4);
+    std::size_t prefix = chance(4) ? random() % pending.size() : 0;
     for (const DiskOperation& operation : pending) {
-        if (chance(2)) {
+        if (prefix == 0 && chance(2)) {
             continue; // Never got there.
+        }
+        if (prefix > 0) {
+            --prefix;
+            image.Apply(operation);
+            continue;
         }
         if (operation.kind != Kind::Write || chance(2)) {
             image.Apply(operation);

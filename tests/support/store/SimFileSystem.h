@@ -1,5 +1,6 @@
 #pragma once
 
+#include <atomic>
 #include <cstdint>
 #include <functional>
 #include <map>
@@ -33,7 +34,7 @@ struct DiskOperation {
     bool isStranded = false;          ///< A sync that was to write it failed.
 };
 
-/// Files by path and their content.
+/// Files by path and their content. A folder has the inode 0.
 class DiskImage {
 public:
     using Bytes = std::vector<unsigned char>;
@@ -56,26 +57,25 @@ public:
     /// 0, is the errno that the operation fails with. A write that fails is half done.
     using Fault = std::function<int(const char* operation, const std::string& path)>;
 
-    explicit SimFileSystem(DiskImage image = {});
+    /// Goes on with the trace of a process that was killed, which left `image` in the page cache. `first`: the moment at
+    /// which the trace begins.
+    explicit SimFileSystem(DiskImage image = {}, std::vector<DiskOperation> trace = {},
+                           std::size_t first = 0);
 
-    /// Traces take memory: long runs do without.
-    void StopTracing();
-    void SetFault(Fault fault);
+    std::atomic<bool> isTracing{true}; ///< Traces take memory: long runs do without.
     /// Bytes that files may take in all; a write beyond fails with ENOSPC.
-    void SetCapacity(std::uint64_t bytes);
-    /// What DeviceOf gives; and whether the card is there at all: without it everything fails with ENOENT or EIO.
-    void SetDevice(std::uint64_t device);
-    void SetPresent(bool present);
-    /// Reading any of these bytes of a file fails with EIO; a file that is unreadable cannot even be opened, or made.
+    std::atomic<std::uint64_t> capacity{std::uint64_t{1} << 40U};
+    std::atomic<std::uint64_t> device{1}; ///< What DeviceOf gives.
+    std::atomic<bool> isPresent{true};    ///< Without a card everything fails with ENOENT.
+
+    void SetFault(Fault fault);
+    /// Reading any of these bytes of a file fails with EIO.
     void SetBadBytes(const std::string& path, std::uint64_t first, std::uint64_t end);
-    void SetUnreadable(const std::string& path);
 
     std::vector<DiskOperation> GetTrace() const;
-    std::size_t GetTraceLength() const;
+    /// How many operations there were so far, with those before the trace.
+    std::size_t GetMoment() const;
     DiskImage GetImage() const;
-    /// What is on the disk for certain. A sync that failed makes nothing durable, and neither does a later one of the
-    /// same file for what was written before it.
-    DiskImage GetDurable() const;
     std::uint64_t GetUsed() const;
     unsigned int CountOpenFiles() const { return static_cast<unsigned int>(openFiles_.use_count() - 1); }
 
@@ -108,16 +108,11 @@ private:
     };
     Fault fault_;
     std::vector<BadBytes> bad_;
-    std::string unreadable_;
     DiskImage image_;
-    std::set<std::string> folders_;
     std::set<std::string> locked_;                   ///< Folders.
     std::map<unsigned int, std::uint64_t> reserved_; ///< Room set aside, by inode.
     std::vector<DiskOperation> trace_;
-    bool tracing_ = true;
-    std::uint64_t capacity_ = std::uint64_t{1} << 40;
-    std::uint64_t device_ = 1;
-    bool present_ = true;
+    std::size_t moment_;
     unsigned int lastInode_ = 0;
     std::shared_ptr<int> openFiles_ = std::make_shared<int>();
 };
@@ -130,16 +125,20 @@ std::uint64_t HashOf(const DiskImage& image);
 /// names any changes.
 class PowerCuts {
 public:
-    explicit PowerCuts(std::vector<DiskOperation> trace, DiskImage start = {});
+    /// `start`: what was durable at the moment `first`, at which the trace begins.
+    explicit PowerCuts(std::vector<DiskOperation> trace, DiskImage start = {}, std::size_t first = 0);
 
-    /// Calls `check` for every moment from `first` on, with its number (operations that were done before it) and
-    /// images: without anything that was not synced, with all of it, with all or nothing of one file or folder, with the
-    /// first half, and some at random. Returns how many images there were.
-    std::size_t ForEach(unsigned int randomEach, unsigned int seed,
-                        const std::function<void(std::size_t moment, const DiskImage& image)>& check,
-                        std::size_t first = 0);
+    /// Calls `check` for every moment from `begin` to `end` with images: without anything that was not synced, with all
+    /// of it, with all or nothing of one file or folder, with the first half, and `randomEach` at random.
+    void ForEach(unsigned int randomEach, unsigned int seed,
+                 const std::function<void(std::size_t moment, const DiskImage& image)>& check,
+                 std::size_t begin = 0, std::size_t end = ~std::size_t{0});
+    /// What is on the disk for certain in the end. A sync that failed makes nothing durable, and neither does a later one
+    /// of the same file for what was written before it.
+    DiskImage Durable();
 
 private:
+    void Take(const DiskOperation& next, std::vector<DiskOperation>& pending);
     DiskImage Settle(const std::vector<DiskOperation>& pending, unsigned int seed) const;
     DiskImage Choose(const std::vector<DiskOperation>& pending,
                      const std::function<bool(std::size_t number)>& isThere) const;
@@ -149,4 +148,5 @@ private:
 
     const std::vector<DiskOperation> trace_;
     DiskImage durable_;
+    const std::size_t first_;
 };

@@ -7,7 +7,6 @@ using namespace drenn::multi_track_recorder;
 
 namespace {
 
-constexpr char kRecordingInfo[] = "model,serial";
 constexpr unsigned int kMostTracks = 5;
 
 std::vector<unsigned char> NumberBlob(unsigned int track, unsigned int number) {
@@ -36,6 +35,18 @@ bool Holds(const BlobRecord& record, const TestRecord& expected) {
 
 std::string Name(unsigned int track, unsigned int number) {
     return "track " + std::to_string(track) + " record " + std::to_string(number);
+}
+
+unsigned int NumberAt(Track& track, unsigned int index, std::string& info) {
+    BlobRecord record;
+    track.seekg(index);
+    track.getInfo(info);
+    track >> record;
+    return NumberOf(record);
+}
+
+DataFormatVersion FormatOf(unsigned int track) {
+    return {std::to_string(track), 1};
 }
 
 // What is wrong with one track of an opened store.
@@ -98,12 +109,16 @@ StoreOptions Workload::SmallStore() {
     return options;
 }
 
-Workload::Workload(SimFileSystem& disk, const StoreOptions& options, unsigned int seed)
-    : disk_(disk), options_(options), random_(seed) {
+Workload::Workload(SimFileSystem& disk, const StoreOptions& options, unsigned int seed,
+                   std::vector<TrackLife> lives)
+    : disk_(disk), options_(options), random_(seed), lives_(std::move(lives)) {
     Open();
-    recording_ = store_->NewRecording();
-    recording_->setInfo<std::string>(kRecordingInfo);
-    NewTrack();
+    if (store_->GetState() == StoreState::Good) {
+        Adopt();
+    }
+    if (tracks_.empty()) {
+        NewTrack();
+    }
 }
 
 Workload::~Workload() {
@@ -112,6 +127,74 @@ Workload::~Workload() {
 
 void Workload::Open() {
     store_ = std::make_unique<Store>(disk_, options_);
+    for (const auto& recording : store_->GetRecordings()) {
+        for (const auto& track : recording.lock()->getTracks()) {
+            Find(recording.lock(), track.lock());
+        }
+    }
+}
+
+void Workload::Find(const RecordingPtr& recording, const TrackPtr& track) {
+    const auto life = std::find_if(lives_.begin(), lives_.end(),
+                                   [&](const TrackLife& each) { return each.id == track->getId(); });
+    if (life == lives_.end()) {
+        return; // The making of it failed or was cut short.
+    }
+    auto open = std::make_unique<OpenTrack>();
+    open->number = static_cast<unsigned int>(life - lives_.begin());
+    open->recording = recording;
+    open->track = track;
+    for (unsigned int index = 0; index != track->size(); ++index) {
+        std::string info;
+        open->present.push_back(NumberAt(*track, index, info));
+    }
+    Connect(*open);
+    tracks_.push_back(std::move(open));
+}
+
+void Workload::Adopt() {
+    for (TrackLife& life : lives_) {
+        const auto found = std::find_if(tracks_.begin(), tracks_.end(),
+                                        [&](const auto& each) { return each->track->getId() == life.id; });
+        if (found == tracks_.end()) {
+            life.erased = std::min(life.erased, disk_.GetMoment());
+            life.id = life.made == RecordLife::kNever ? 0 : life.id; // The next one may get its number.
+            continue;
+        }
+        OpenTrack& open = **found;
+        if (life.made == RecordLife::kNever) { // Its format may be missing.
+            open.recording->setInfo(life.recordingInfo);
+            open.track->setFormat(FormatOf(open.number));
+            life.made = disk_.GetMoment();
+        }
+        life.eraseBegun = RecordLife::kNever; // Whether it was done is known now: it was not.
+        AdoptRecords(open, life);
+        SetInfo(open); // Nobody can say which holds.
+    }
+}
+
+void Workload::AdoptRecords(OpenTrack& open, TrackLife& life) {
+    auto index = open.present.begin();
+    for (unsigned int number = 0; number != life.records.size(); ++number) {
+        RecordLife& record = life.records[number];
+        if (index == open.present.end() || *index != number) {
+            record.erased = std::min(record.erased, disk_.GetMoment());
+            continue;
+        }
+        if (record.durable == RecordLife::kNever) { // Its text may be lost.
+            NumberAt(*open.track, static_cast<unsigned int>(index - open.present.begin()), record.info);
+            record.durable = disk_.GetMoment();
+        }
+        record.eraseBegun = RecordLife::kNever;
+        ++index;
+    }
+}
+
+void Workload::Connect(OpenTrack& open) {
+    open.connection = open.track->connectToEraseRangeSignal(
+        [this, number = open.number](unsigned int first, unsigned int last) {
+            OnErase(number, first, last);
+        });
 }
 
 void Workload::Step() {
@@ -141,72 +224,55 @@ void Workload::Step() {
 
 void Workload::Reopen() {
     Sync();
-
-    std::map<unsigned int, std::unique_ptr<OpenTrack>> known;
-    for (auto& open : tracks_) {
-        open->connection.disconnect();
-        open->track.reset();
-        const unsigned int id = lives_[open->number].id;
-        known[id] = std::move(open);
+    std::map<unsigned int, std::pair<std::vector<unsigned int>, std::string>> before;
+    for (const auto& open : tracks_) {
+        before[open->number] = {open->present, open->info};
     }
     tracks_.clear();
-    recording_.reset();
     store_.reset();
     Open();
-    for (const auto& recording : store_->GetRecordings()) {
-        recording_ = recording.lock();
-    }
-    for (const auto& weak : recording_->getTracks()) {
-        TrackPtr track = weak.lock();
-        auto found = known.find(track->getId());
-        if (found == known.end()) {
-            Fault("there is an unknown track " + std::to_string(track->getId()));
-            continue;
+    for (const auto& open : tracks_) {
+        open->info = before[open->number].second;
+        if (before[open->number].first != open->present) {
+            Fault("track " + std::to_string(open->number) + " has other records");
         }
-        const unsigned int number = found->second->number;
-        found->second->track = track;
-        found->second->connection = track->connectToEraseRangeSignal(
-            [this, number](unsigned int first, unsigned int last) { OnErase(number, first, last); });
-        tracks_.push_back(std::move(found->second));
-        known.erase(found);
+        before.erase(open->number);
     }
-    if (!known.empty()) {
+    if (!before.empty()) {
         Fault("tracks are lost");
     }
-    CompareAll();
-}
-
-void Workload::CompareAll() {
-    std::string info;
-    recording_->getInfo(info);
-    if (info != kRecordingInfo) {
-        Fault("the recording's info is \"" + info + "\"");
-    }
-    for (const auto& open : tracks_) {
-        for (unsigned int index = 0; index <= open->present.size(); ++index) {
-            Compare(*open, index);
-        }
+    for (const std::string& fault : CheckAt(disk_.GetMoment(), *store_, lives_)) {
+        Fault(fault);
     }
 }
 
+// Now and then in a recording of its own.
 void Workload::NewTrack() {
     const auto number = static_cast<unsigned int>(lives_.size());
     auto open = std::make_unique<OpenTrack>();
     open->number = number;
-    open->track = recording_->newTrack(number % 4 == 1 ? TrackClass::Sparse : TrackClass::Bulk);
+    std::string info;
+    if (tracks_.empty() || (store_->GetRecordings().size() < 3 && Random(3) == 0)) {
+        info = "recording of " + std::to_string(number);
+        open->recording = store_->NewRecording();
+        open->recording->setInfo(info);
+    } else {
+        open->recording = tracks_.front()->recording;
+        open->recording->getInfo(info);
+    }
+    open->track = open->recording->newTrack(number % 4 == 1 ? TrackClass::Sparse : TrackClass::Bulk);
+    open->track->setFormat(FormatOf(number));
     lives_.push_back(
-        {open->track->getId(), disk_.GetTraceLength(), RecordLife::kNever, RecordLife::kNever, {}});
-    open->track->setFormat({std::to_string(number), 1});
-    open->connection = open->track->connectToEraseRangeSignal(
-        [this, number](unsigned int first, unsigned int last) { OnErase(number, first, last); });
+        {open->track->getId(), info, disk_.GetMoment(), RecordLife::kNever, RecordLife::kNever, {}});
+    Connect(*open);
     tracks_.push_back(std::move(open));
 }
 
 void Workload::EraseTrack(OpenTrack& open) {
     TrackLife& life = lives_[open.number];
-    life.eraseBegun = disk_.GetTraceLength();
-    recording_->eraseTrack(life.id);
-    life.erased = disk_.GetTraceLength();
+    life.eraseBegun = disk_.GetMoment();
+    open.recording->eraseTrack(life.id);
+    life.erased = disk_.GetMoment();
     FinishErasures();
     tracks_.erase(
         std::find_if(tracks_.begin(), tracks_.end(), [&open](const auto& t) { return t.get() == &open; }));
@@ -256,13 +322,13 @@ void Workload::Erase(OpenTrack& open) {
 
 void Workload::Sync() {
     store_->Sync();
-    const std::size_t now = disk_.GetTraceLength();
+    const std::size_t now = disk_.GetMoment();
     for (TrackLife& life : lives_) {
         for (auto record = life.records.rbegin(); record != life.records.rend(); ++record) {
             if (record->durable != RecordLife::kNever) {
                 break; // And so are all before it.
             }
-            record->durable = now;
+            record->durable = record->erased == RecordLife::kNever ? now : record->durable;
         }
     }
 }
@@ -278,7 +344,7 @@ void Workload::OnErase(unsigned int number, unsigned int first, unsigned int las
     std::vector<unsigned int>& present = (*open)->present;
     Compare(**open, first);
     Compare(**open, last - 1);
-    const std::size_t now = disk_.GetTraceLength();
+    const std::size_t now = disk_.GetMoment();
     for (unsigned int index = first; index != last; ++index) {
         lives_[number].records[present[index]].eraseBegun = now;
         erasing_.emplace_back(number, present[index]);
@@ -288,7 +354,7 @@ void Workload::OnErase(unsigned int number, unsigned int first, unsigned int las
 }
 
 void Workload::FinishErasures() {
-    const std::size_t now = disk_.GetTraceLength();
+    const std::size_t now = disk_.GetMoment();
     for (const auto& [track, number] : erasing_) {
         lives_[track].records[number].erased = now;
     }
@@ -320,18 +386,27 @@ void Workload::Compare(OpenTrack& open, unsigned int index) {
     }
 }
 
-void Workload::Fault(const std::string& text) {
-    faults_.push_back(text);
+std::vector<TrackLife> LivesAt(std::size_t moment, std::vector<TrackLife> lives) {
+    const auto forget = [moment](std::size_t& each) { each = each > moment ? RecordLife::kNever : each; };
+    for (TrackLife& life : lives) {
+        forget(life.made);
+        forget(life.eraseBegun);
+        forget(life.erased);
+        for (RecordLife& record : life.records) {
+            forget(record.durable);
+            forget(record.eraseBegun);
+            forget(record.erased);
+        }
+    }
+    return lives;
 }
 
 std::vector<std::string> CheckAt(std::size_t moment, Store& store, const std::vector<TrackLife>& lives) {
     std::vector<std::string> faults;
-    std::map<unsigned int, boost::shared_ptr<Track>> byId;
-    std::list<boost::shared_ptr<Recording>> recordings;
-    for (const auto& weak : store.GetRecordings()) {
-        recordings.push_back(weak.lock());
-        for (const auto& track : recordings.back()->getTracks()) {
-            byId[track.lock()->getId()] = track.lock();
+    std::map<unsigned int, std::pair<boost::shared_ptr<Recording>, boost::shared_ptr<Track>>> byId;
+    for (const auto& recording : store.GetRecordings()) {
+        for (const auto& track : recording.lock()->getTracks()) {
+            byId[track.lock()->getId()] = {recording.lock(), track.lock()};
         }
     }
     for (unsigned int number = 0; number != lives.size(); ++number) {
@@ -344,7 +419,14 @@ std::vector<std::string> CheckAt(std::size_t moment, Store& store, const std::ve
         } else if (moment >= life.erased) {
             faults.push_back("track " + std::to_string(number) + " came back");
         } else {
-            CheckTrack(moment, number, *found->second, life, faults);
+            const auto& [recording, track] = found->second;
+            std::string info;
+            recording->getInfo(info);
+            if (moment >= life.made &&
+                (info != life.recordingInfo || track->getFormat() != FormatOf(number))) {
+                faults.push_back("track " + std::to_string(number) + " has another format or recording");
+            }
+            CheckTrack(moment, number, *track, life, faults);
         }
     }
     return faults;

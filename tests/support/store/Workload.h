@@ -21,8 +21,8 @@ struct TestRecord {
     std::vector<std::vector<unsigned char>> Blobs() const;
 };
 
-/// How the expected content of a store came about. Moments are lengths of the disk's trace: something that was
-/// done before moment M is on the disk when the first M operations are.
+/// How the expected content of a store came about. Moments are numbers of the disk's operations: something that was done
+/// before moment M is on the disk when the first M operations are.
 struct RecordLife {
     static constexpr std::size_t kNever = std::numeric_limits<std::size_t>::max();
 
@@ -34,7 +34,8 @@ struct RecordLife {
 
 struct TrackLife {
     unsigned int id;
-    std::size_t made = RecordLife::kNever;
+    std::string recordingInfo;
+    std::size_t made = RecordLife::kNever; ///< With its format.
     std::size_t eraseBegun = RecordLife::kNever;
     std::size_t erased = RecordLife::kNever;
     std::vector<RecordLife> records; ///< By number.
@@ -43,15 +44,16 @@ struct TrackLife {
 /// A small store with a model beside it, changed by random operations that are drawn from a seed.
 class Workload {
 public:
-    Workload(SimFileSystem& disk, const drenn::multi_track_recorder::StoreOptions& options,
-             unsigned int seed);
+    /// `lives`: what there may be on the disk. What is found is durable from now on, since opening makes it so, and what
+    /// is not must never come back.
+    Workload(SimFileSystem& disk, const drenn::multi_track_recorder::StoreOptions& options, unsigned int seed,
+             std::vector<TrackLife> lives = {});
     ~Workload();
 
     /// Does one operation at random; compares what it touches with the model. Throws what the store throws.
     void Step();
     /// Closes and opens the store and compares all of it with the model.
     void Reopen();
-    void CompareAll();
 
     drenn::multi_track_recorder::Store& GetStore() { return *store_; }
     const std::vector<TrackLife>& GetLives() const { return lives_; }
@@ -61,9 +63,11 @@ public:
     static drenn::multi_track_recorder::StoreOptions SmallStore();
 
 private:
+    using RecordingPtr = boost::shared_ptr<drenn::multi_track_recorder::Recording>;
     using TrackPtr = boost::shared_ptr<drenn::multi_track_recorder::Track>;
     struct OpenTrack {
         unsigned int number; // In lives_.
+        RecordingPtr recording;
         TrackPtr track;
         std::string info;                  // That holds for what is appended next.
         std::vector<unsigned int> present; // Numbers of its records, by index.
@@ -71,6 +75,10 @@ private:
     };
 
     void Open();
+    void Find(const RecordingPtr& recording, const TrackPtr& track);
+    void Adopt();
+    void AdoptRecords(OpenTrack& open, TrackLife& life);
+    void Connect(OpenTrack& open);
     void NewTrack();
     void EraseTrack(OpenTrack& open);
     void Append(OpenTrack& open);
@@ -80,19 +88,21 @@ private:
     void OnErase(unsigned int number, unsigned int first, unsigned int last);
     void FinishErasures();
     void Compare(OpenTrack& open, unsigned int index);
-    void Fault(const std::string& text);
+    void Fault(const std::string& text) { faults_.push_back(text); }
     unsigned int Random(unsigned int below) { return static_cast<unsigned int>(random_() % below); }
 
     SimFileSystem& disk_;
     const drenn::multi_track_recorder::StoreOptions options_;
     std::mt19937 random_;
     std::unique_ptr<drenn::multi_track_recorder::Store> store_;
-    boost::shared_ptr<drenn::multi_track_recorder::Recording> recording_;
     std::vector<std::unique_ptr<OpenTrack>> tracks_;
     std::vector<TrackLife> lives_;
     std::vector<std::pair<unsigned int, unsigned int>> erasing_; // Tracks and records, until the step ends.
     std::vector<std::string> faults_;
 };
+
+/// What may be left of it when the process dies or the power goes at a moment: what came later never came.
+std::vector<TrackLife> LivesAt(std::size_t moment, std::vector<TrackLife> lives);
 
 /// Compares a store with what it may hold at a moment; returns what is wrong.
 std::vector<std::string> CheckAt(std::size_t moment, drenn::multi_track_recorder::Store& store,
