@@ -307,7 +307,7 @@ void Workload::Erase(OpenTrack& open) {
             first = 0;
             break;
         case 1:
-            last = size;
+            last = size + Random(3); // It is cut to the size.
             break;
         case 2:
             first = 0;
@@ -351,6 +351,7 @@ void Workload::OnErase(unsigned int number, unsigned int first, unsigned int las
     }
     const auto begin = present.begin();
     present.erase(begin + static_cast<std::ptrdiff_t>(first), begin + static_cast<std::ptrdiff_t>(last));
+    throw std::runtime_error("a slot that fails");
 }
 
 void Workload::FinishErasures() {
@@ -361,16 +362,31 @@ void Workload::FinishErasures() {
     erasing_.clear();
 }
 
+// The records around one that have its text.
+std::pair<unsigned int, unsigned int> Workload::InfoRange(const OpenTrack& open, unsigned int index) const {
+    const auto info = [&](unsigned int at) { return lives_[open.number].records[open.present[at]].info; };
+    std::pair<unsigned int, unsigned int> range{index, index};
+    while (range.first > 0 && info(range.first - 1) == info(index)) {
+        --range.first;
+    }
+    while (range.second + 1 < open.present.size() && info(range.second + 1) == info(index)) {
+        ++range.second;
+    }
+    return range;
+}
+
 // At the end nothing may be read.
 void Workload::Compare(OpenTrack& open, unsigned int index) {
     const bool inside = index < open.present.size();
     BlobRecord record;
     bool outOfRange = false;
     std::string info;
+    std::pair<unsigned int, unsigned int> range;
     open.track->lock();
     open.track->seekg(index);
     try {
         open.track->getInfo(info);
+        range = open.track->getInfoRange();
         *open.track >> record;
     } catch (const std::out_of_range&) {
         outOfRange = true;
@@ -380,6 +396,8 @@ void Workload::Compare(OpenTrack& open, unsigned int index) {
     open.track->unlock();
     if (outOfRange == inside) {
         Fault("track " + std::to_string(open.number) + " ends at the wrong index");
+    } else if (inside && range != InfoRange(open, index)) {
+        Fault(Name(open.number, open.present[index]) + " has another range of its info");
     } else if (inside && (!Holds(record, {open.number, open.present[index]}) ||
                           info != lives_[open.number].records[open.present[index]].info)) {
         Fault(Name(open.number, open.present[index]) + " is not what was appended");

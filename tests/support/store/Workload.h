@@ -87,6 +87,7 @@ private:
     void Sync();
     void OnErase(unsigned int number, unsigned int first, unsigned int last);
     void FinishErasures();
+    std::pair<unsigned int, unsigned int> InfoRange(const OpenTrack& open, unsigned int index) const;
     void Compare(OpenTrack& open, unsigned int index);
     void Fault(const std::string& text) { faults_.push_back(text); }
     unsigned int Random(unsigned int below) { return static_cast<unsigned int>(random_() % below); }

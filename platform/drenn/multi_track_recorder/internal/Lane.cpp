@@ -289,8 +289,12 @@ TrackState Lane::StateOf(TrackContent& track) {
         state.id = track.id;
         state.formatName = track.formatName;
         state.formatVersion = track.formatVersion;
-        state.firstSerial = track.erased.FirstSerial();
-        state.erased = track.erased.Ranges();
+        ErasedRanges erased = track.erased;
+        if (track.marked) {
+            erased.Add(*track.marked); // This state may be the first thing behind the marker.
+        }
+        state.firstSerial = erased.FirstSerial();
+        state.erased = erased.Ranges();
         state.nextSerial = track.FirstUnwritten();
         const std::size_t info = track.FindInfo(state.nextSerial);
         if (info < track.infos.size()) {
@@ -351,6 +355,8 @@ void Lane::Publish(const SegmentWriter::Placed& placed) {
         const std::string text(block.Body().begin(), block.Body().end());
         infos_.emplace_back(track,
                             InfoText{block.FirstSerial(), std::make_shared<const std::string>(text), 0});
+    } else if (block.Kind() == BlockKind::Erased) {
+        track->marked = {block.FirstSerial(), ByteReader(block.Body().data(), block.Body().size()).U64()};
     }
     context_.memory -= static_cast<std::size_t>(block.Length());
     track->pending.pop_front();

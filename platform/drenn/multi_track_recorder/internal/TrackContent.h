@@ -3,6 +3,7 @@
 #include <deque>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -43,6 +44,8 @@ struct TrackContent {
     std::uint32_t formatVersion = 0;
     std::uint64_t nextSerial = 0;
     ErasedRanges erased; ///< As the catalogue has it.
+    std::optional<SerialRange>
+        marked; ///< Being erased: the marker is durable, the transaction is yet to come.
     Survivors survivors;
     std::deque<Extent> extents;                        ///< Durable records.
     std::deque<std::shared_ptr<PendingBlock>> pending; ///< Not yet durable, in the order of appending.

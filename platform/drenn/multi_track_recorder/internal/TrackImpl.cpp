@@ -299,11 +299,12 @@ void TrackImpl::EraseRange(std::uint32_t first, std::uint32_t last) {
     Add(marker);
     try {
         lane_.Sync();
+        EraseSerials(range);
     } catch (const std::exception&) {
-        Withdraw(marker);
+        DropMarker(marker);
         throw;
     }
-    EraseSerials(range);
+    DropMarker(marker);
 }
 
 /// Behind what was appended before.
@@ -316,8 +317,9 @@ void TrackImpl::Add(const std::shared_ptr<PendingBlock>& block) {
     context_.memory += static_cast<std::size_t>(block->Length());
 }
 
-void TrackImpl::Withdraw(const std::shared_ptr<PendingBlock>& block) {
+void TrackImpl::DropMarker(const std::shared_ptr<PendingBlock>& block) {
     const std::lock_guard<std::mutex> lock(content_->mutex);
+    content_->marked.reset();
     const auto place = std::find(content_->pending.begin(), content_->pending.end(), block);
     if (place != content_->pending.end()) {
         content_->pending.erase(place);

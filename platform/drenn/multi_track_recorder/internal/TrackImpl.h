@@ -65,7 +65,7 @@ private:
     void EraseSerials(SerialRange range);
     void Remove(Catalogue::Transaction& transaction, SerialRange range);
     void Add(const std::shared_ptr<PendingBlock>& block);
-    void Withdraw(const std::shared_ptr<PendingBlock>& block);
+    void DropMarker(const std::shared_ptr<PendingBlock>& block);
     std::string Name() const;
 
     StoreContext& context_;
