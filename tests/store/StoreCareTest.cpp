@@ -2,10 +2,6 @@
 
 #include <gmock/gmock.h>
 
-#include <fstream>
-
-#include "drenn/multi_track_recorder/StoreInspection.h"
-#include "drenn/multi_track_recorder/internal/io/FileError.h"
 #include "support/TestStore.h"
 #include "support/ThrownText.h"
 
@@ -27,125 +23,6 @@ std::vector<std::filesystem::path> Segments(const TestStore& test) {
     }
     std::sort(segments.begin(), segments.end());
     return segments;
-}
-
-/// Two tracks in several segments, with a hole, an info text and an erased track.
-void Fill(TestStore& test) {
-    auto bulk = test.NewTrack();
-    auto sparse = test.NewTrack(TestStore::TrackClass::Sparse);
-    auto gone = test.NewTrack();
-    test.store->GetRecordings().front().lock()->setInfo(std::string("M,1"));
-    bulk->setFormat({"0", 1});
-    AppendText(*gone, "gone");
-    for (unsigned i = 0; i < 60; ++i) {
-        if (i == 30) {
-            bulk->setInfo(std::string("from 30"));
-        }
-        AppendText(*bulk, std::to_string(i) + std::string(5000, '.'));
-        if (i % 6 == 0) {
-            AppendText(*sparse, std::to_string(i));
-            test.store->Sync();
-        }
-    }
-    test.store->GetRecordings().front().lock()->eraseTrack(gone->getId());
-    bulk->eraseRange(20, 25);
-    bulk->eraseRange(0, 2);
-}
-
-void CheckFilled(TestStore& test) {
-    std::string info;
-    test.store->GetRecordings().front().lock()->getInfo(info);
-    EXPECT_EQ(info, "M,1");
-    ASSERT_EQ(test.store->GetRecordings().front().lock()->getTracks().size(), 2U);
-    auto bulk = test.GetTrack(0);
-    EXPECT_EQ(bulk->getFormat(), DataFormatVersion("0", 1));
-    ASSERT_EQ(bulk->size(), 53U);
-    for (unsigned i = 0; i < 53; ++i) {
-        const unsigned number = i < 18 ? i + 2 : i + 7;
-        ASSERT_EQ(TextAt(*bulk, i), std::to_string(number) + std::string(5000, '.'));
-    }
-    bulk->seekg(52);
-    bulk->getInfo(info);
-    EXPECT_EQ(info, "from 30");
-    EXPECT_EQ(bulk->getInfoRange(), std::make_pair(23U, 52U));
-    EXPECT_EQ(test.GetTrack(1)->size(), 10U);
-}
-
-TEST(StoreCare, ALostCatalogueIsRebuiltWithoutWhatWasErased) {
-    TestStore test;
-    Fill(test);
-    test.store = nullptr;
-    const StoreInspection inspection(test.folder.Path());
-    EXPECT_THAT(ThrownText<std::runtime_error>([&] { inspection.Rebuild(); }), HasSubstr("is whole"));
-    std::filesystem::remove_all(test.options.database);
-    EXPECT_THAT(ThrownText<std::runtime_error>([&] { test.Open(); }), HasSubstr("calvane-store rebuild"));
-    std::filesystem::resize_file(test.options.database + "/catalogue", 0);
-    EXPECT_THAT(inspection.Rebuild(), IsEmpty());
-    EXPECT_THAT(inspection.Verify().wrong, IsEmpty());
-    EXPECT_EQ(inspection.Describe().recordings.at(0).tracks.at(0).records, 53U);
-    test.Open();
-    CheckFilled(test);
-    EXPECT_THAT(test.Verify(), IsEmpty());
-}
-
-TEST(StoreCare, ARebuiltCatalogueHasWhatLiesBehindDamage) {
-    TestStore test;
-    Fill(test);
-    test.store = nullptr;
-    const std::string path = Segments(test).at(1).string();
-    const std::string name = "data/" + std::filesystem::path(path).filename().string();
-    const std::string whole = test.folder.Read(name);
-    const auto rebuild = [&](std::size_t damaged) {
-        std::string bytes = whole;
-        bytes[damaged] = static_cast<char>(~bytes[damaged]);
-        test.folder.Write(name, bytes);
-        std::filesystem::resize_file(test.options.database + "/catalogue", 0);
-        return StoreInspection(test.folder.Path()).Rebuild();
-    };
-    // Of a payload: that one record is lost, by its number.
-    EXPECT_THAT(rebuild(whole.find("....") + 1000),
-                ElementsAre(testing::AllOf(HasSubstr(path), HasSubstr("is damaged")),
-                            HasSubstr("records 7 to 7 of track 1 cannot be read")));
-    EXPECT_THAT(StoreInspection(test.folder.Path()).Verify().wrong, IsEmpty());
-    EXPECT_THAT(StoreInspection(test.folder.Path()).Verify().notes,
-                testing::Contains(testing::AllOf(HasSubstr(path), HasSubstr("known"))));
-    test.Open();
-    ASSERT_EQ(test.GetTrack(0)->size(), 52U);
-    EXPECT_EQ(TextAt(*test.GetTrack(0), 5), "8" + std::string(5000, '.'));
-    test.store = nullptr;
-    // Of a block's header: the block is lost, and no other.
-    const std::size_t second = whole.find("CBLK", whole.find("CBLK") + 1);
-    EXPECT_THAT(rebuild(second + 20),
-                ElementsAre(testing::AllOf(HasSubstr(path), HasSubstr("cannot be read"))));
-    test.Open();
-    const auto bulk = test.GetTrack(0);
-    EXPECT_LT(bulk->size(), 53U);
-    EXPECT_GT(bulk->size(), 40U);
-    EXPECT_EQ(TextAt(*bulk, bulk->size() - 1), "59" + std::string(5000, '.'));
-}
-
-TEST(StoreCare, DamageIsFoundAndNeverRead) {
-    TestStore test;
-    Fill(test);
-    test.store = nullptr;
-    const std::string path = Segments(test).at(1).string();
-    std::string bytes = test.folder.Read("data/" + std::filesystem::path(path).filename().string());
-    const std::size_t place = bytes.find("....") + 1000;
-    bytes[place] = '!';
-    std::ofstream(path, std::ios::binary) << bytes;
-    EXPECT_THAT(test.Verify(), testing::Contains(HasSubstr("Invariant 4: " + path)));
-    test.Open();
-    auto bulk = test.GetTrack(0);
-    unsigned bad = 0;
-    for (unsigned i = 0; i < bulk->size(); ++i) {
-        const std::string error =
-            ThrownText<std::runtime_error>([&] { EXPECT_THAT(TextAt(*bulk, i), Not(HasSubstr("!"))); });
-        bad += error.find(path + ": it fails its checksum") != std::string::npos ? 1U : 0U;
-    }
-    EXPECT_EQ(bad, 1U);
-    test.store = nullptr;
-    std::filesystem::remove(path);
-    EXPECT_THAT(test.Verify(), testing::Contains("Invariant 2: " + path + " is missing"));
 }
 
 TEST(StoreCare, AFullCardGivesUpTheOldestBulkDataFirst) {

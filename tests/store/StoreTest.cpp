@@ -26,14 +26,6 @@ void AppendNumbers(Track& track, unsigned first, unsigned end) {
     }
 }
 
-std::string AllTexts(Track& track) {
-    std::string texts;
-    for (unsigned i = 0; i < track.size(); ++i) {
-        texts += (i == 0 ? "" : " ") + TextAt(track, i);
-    }
-    return texts;
-}
-
 TEST(Store, RecordsReadTheSameInMemoryAndOnTheDevice) {
     TestStore test;
     auto track = test.NewTrack();
@@ -104,90 +96,6 @@ TEST(Store, WhatIsTooLargeIsRefusedAndChangesNothing) {
     EXPECT_THAT(test.Verify(), IsEmpty());
 }
 
-TEST(Store, AnInfoHoldsForTheRecordsThatFollowIt) {
-    TestStore test;
-    auto track = test.NewTrack();
-    AppendNumbers(*track, 0, 3);
-    track->setInfo(std::string("overwritten"));
-    track->setInfo(std::string("A"));
-    AppendNumbers(*track, 3, 5);
-    test.store->Commit();
-    track->setInfo(std::string("A"));
-    AppendNumbers(*track, 5, 6);
-    track->setInfo(std::string("B"));
-    AppendNumbers(*track, 6, 9);
-    const auto at = [&](unsigned index) {
-        track->seekg(index);
-        const auto range = track->getInfoRange();
-        return Info(*track) + " " + std::to_string(range.first) + "-" + std::to_string(range.second);
-    };
-    const auto check = [&] {
-        EXPECT_EQ(at(0), " 0-2");
-        EXPECT_EQ(at(4), "A 3-5");
-        EXPECT_EQ(at(8), "B 6-8");
-        EXPECT_THROW(at(9), std::out_of_range);
-    };
-    check();
-    test.Open();
-    track = test.GetTrack();
-    check();
-    track->eraseRange(1, 5); // 0 5 6 7 8
-    EXPECT_EQ(at(0), " 0-0");
-    EXPECT_EQ(at(1), "A 1-1");
-    track->eraseRange(0, 3); // 7 8
-    EXPECT_EQ(at(0), "B 0-1");
-    track->eraseRange(0, 2);
-    AppendText(*track, "9");
-    EXPECT_EQ(at(0), "B 0-0");
-    test.Open();
-    track = test.GetTrack();
-    EXPECT_EQ(at(0), "B 0-0");
-    EXPECT_THAT(test.Verify(), IsEmpty());
-}
-
-TEST(Store, ErasedRangesCloseUpAndCanStillBeReadWhileTheSignalIsRaised) {
-    TestStore test(4096 + 600); // A segment has a handful of records.
-    auto track = test.NewTrack();
-    std::vector<std::string> signals;
-    const auto connect = [&] {
-        track->connectToEraseRangeSignal([&](unsigned first, unsigned last) {
-            signals.push_back(TextAt(*track, first) + " to " + TextAt(*track, last - 1));
-            throw std::runtime_error("a slot that fails");
-        });
-    };
-    connect();
-    for (unsigned i = 0; i < 20; ++i) {
-        AppendText(*track, std::to_string(i));
-        if (i % 4 == 3) {
-            test.store->Sync();
-        }
-    }
-    track->eraseRange(5, 8);   // Middle.
-    track->eraseRange(15, 99); // Suffix, cut to the size.
-    track->eraseRange(3, 3);
-    track->eraseRange(40, 50);
-    AppendNumbers(*track, 20, 22);
-    track->eraseRange(0, 2); // Prefix, and records that are only in memory below.
-    track->eraseRange(10, 14);
-    EXPECT_THAT(signals, ElementsAre("5 to 7", "18 to 19", "0 to 1", "15 to 20"));
-    const std::string left = "2 3 4 8 9 10 11 12 13 14 21";
-    EXPECT_EQ(AllTexts(*track), left);
-    test.Open();
-    track = test.GetTrack();
-    connect();
-    EXPECT_EQ(AllTexts(*track), left);
-    track->eraseRange(0, track->size());
-    EXPECT_EQ(track->size(), 0U);
-    test.store->Keep();
-    EXPECT_EQ(std::filesystem::directory_iterator(test.folder.Path("data")) !=
-                  std::filesystem::directory_iterator(),
-              true);
-    AppendText(*track, "22");
-    test.Open();
-    EXPECT_EQ(AllTexts(*test.GetTrack()), "22");
-    EXPECT_THAT(test.Verify(), IsEmpty());
-}
-
 TEST(Store, TracksAndRecordingsComeAndGoAndStayThemselves) {
     TestStore test;
     const auto foreign = test.store->NewRecording();
@@ -218,39 +126,6 @@ TEST(Store, TracksAndRecordingsComeAndGoAndStayThemselves) {
     EXPECT_EQ(TextAt(*own->getTracks().front().lock(), 0), "history");
     EXPECT_GT(own->newTrack()->getId(), history->getId());
     EXPECT_THAT(test.Verify(), IsEmpty());
-}
-
-TEST(Store, OnlyOneProcessHasItOpen) {
-    TestStore test;
-    const std::string text = ThrownText<std::runtime_error>([&] { Store(PosixFileSystem(), test.options); });
-    EXPECT_THAT(text, HasSubstr("open in another process"));
-    EXPECT_THAT(text, HasSubstr(test.options.database));
-}
-
-TEST(Store, WhatAKilledProcessWroteIsThereAndWhatItHadInMemoryIsNot) {
-    TestStore test;
-    auto track = test.NewTrack();
-    AppendNumbers(*track, 0, 3);
-    track->setInfo(std::string("info"));
-    test.store->Commit();
-    AppendNumbers(*track, 3, 5);
-    // The files as a kill leaves them, beside a store that is still open.
-    const TempFolder left;
-    std::filesystem::copy(test.folder.Path(), left.Path(), std::filesystem::copy_options::recursive);
-    StoreOptions options = test.options;
-    options.storage = left.Path("data");
-    options.database = left.Path("database");
-    EXPECT_THAT(VerifyStore(PosixFileSystem(), options.storage, options.database), IsEmpty());
-    {
-        Store killed(PosixFileSystem(), options);
-        const auto recovered = killed.GetRecordings().front().lock()->getTracks().front().lock();
-        EXPECT_EQ(AllTexts(*recovered), "0 1 2");
-        AppendText(*recovered, "new");
-        EXPECT_EQ(AllTexts(*recovered), "0 1 2 new");
-        recovered->seekg(3);
-        EXPECT_EQ(Info(*recovered), "info");
-    }
-    EXPECT_THAT(VerifyStore(PosixFileSystem(), options.storage, options.database), IsEmpty());
 }
 
 TEST(Store, ManyReadWhileOneAppends) {
