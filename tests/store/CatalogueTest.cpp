@@ -1,0 +1,219 @@
+// The catalogue: damage to it, its loss, and what verifying compares it with.
+
+#include <gmock/gmock.h>
+
+#include <cerrno>
+
+#include "drenn/multi_track_recorder/internal/io/SqliteVfs.h"
+#include "drenn/multi_track_recorder/internal/recovery/StoreRebuilding.h"
+#include "drenn/multi_track_recorder/internal/recovery/StoreVerifier.h"
+#include "quarn/core/LogCapture.h"
+#include "support/ThrownText.h"
+#include "support/store/NumberedStore.h"
+
+using namespace drenn::multi_track_recorder;
+using testing::AllOf;
+using testing::Contains;
+using testing::HasSubstr;
+using testing::IsEmpty;
+using testing::Not;
+
+namespace {
+
+void Execute(SimFileSystem& disk, const std::string& sql) {
+    const SqliteVfs vfs(disk);
+    Database("/card/database/catalogue", vfs.Name()).Execute("PRAGMA locking_mode=EXCLUSIVE; " + sql);
+}
+
+/// A closed store with erased ranges and states behind them, in several segments of both lanes.
+DiskImage SegmentsImage() {
+    SimFileSystem disk;
+    StoreOptions options = Workload::SmallStore();
+    options.segmentBytes = 8192;
+    {
+        Store store(disk, options);
+        const auto recording = store.NewRecording();
+        const auto track = recording->newTrack();
+        const auto sparse = recording->newTrack(TrackClass::Sparse);
+        for (unsigned int i = 0; i != kRecords; ++i) {
+            if (i % 30 == 0) {
+                track->setInfo("info " + std::to_string(i));
+            }
+            AppendText(*track, NumberText(i));
+            AppendText(*sparse, NumberText(i));
+            if (i % 5 == 4) {
+                store.Sync();
+            }
+            if (i == 40) {
+                track->eraseRange(20, 23);
+                track->eraseRange(0, 2);
+            }
+        }
+    }
+    return disk.GetImage();
+}
+
+} // namespace
+
+TEST(Trust, NoFlippedBitOfTheCatalogueRemovesASegmentOrChangesARecord) {
+    const quarn::core::LogCapture log(quarn::core::LogLevel::Off);
+    const DiskImage good = ClosedImage();
+    const std::string path = std::string(kDatabase) + "/catalogue";
+    ASSERT_EQ(good.names.count(path + "-wal"), 0U);
+    const std::size_t bits = good.files.at(good.names.at(path))->size() * 8;
+    unsigned int refused = 0;
+    for (std::size_t bit = 0; bit < bits && !HasFailure(); bit += 397) {
+        DiskImage bad = good;
+        Change(bad, path)[bit / 8] ^= static_cast<unsigned char>(1U << bit % 8);
+        SimFileSystem disk(bad);
+        try {
+            const Store store(disk, Workload::SmallStore());
+            EXPECT_EQ(Readable(store), kRecords) << bit;
+        } catch (const std::runtime_error&) {
+            ++refused;
+            EXPECT_THAT(RebuildStore(disk, kStorage, kDatabase), IsEmpty()) << bit;
+            EXPECT_EQ(OpenedTwice(disk.GetImage()), kRecords) << bit;
+        }
+        EXPECT_TRUE(disk.Exists(kSegment)) << bit;
+    }
+    EXPECT_GT(refused, bits / 397 / 4);
+}
+
+// A catalogue as earlier versions made it: no room for checksums in its pages, and no table of damage.
+TEST(Trust, AnEarlierCatalogueOpensAndGetsChecksums) {
+    const quarn::core::LogCapture log(quarn::core::LogLevel::Off);
+    const std::string path = std::string(kDatabase) + "/catalogue";
+    SimFileSystem disk(ClosedImage());
+    {
+        const SqliteVfs vfs(disk);
+        Database earlier(path + ".earlier", vfs.Name());
+        earlier.Execute("PRAGMA locking_mode=EXCLUSIVE; ATTACH '" + path + "' AS made");
+        std::vector<std::pair<std::string, std::string>> tables;
+        for (Statement row(earlier,
+                           "SELECT name, sql FROM made.sqlite_master WHERE type='table' AND name NOT IN"
+                           " ('damage', 'sqlite_sequence')");
+             row.Step();) {
+            tables.emplace_back(row.Text(0), row.Text(1));
+        }
+        for (const auto& [name, sql] : tables) {
+            earlier.Execute(sql);
+            earlier.Execute("INSERT INTO main." + name + " SELECT * FROM made." + name);
+        }
+    }
+    disk.Rename(path + ".earlier", path);
+    const auto reserved = [&] {
+        unsigned char header[21] = {};
+        disk.Open(path, OpenMode::Read)->Read(0, header, sizeof header);
+        return static_cast<int>(header[20]);
+    };
+    ASSERT_EQ(reserved(), 0);
+    EXPECT_THAT(VerifyStore(disk, kStorage, kDatabase), IsEmpty());
+    EXPECT_EQ(OpenedTwice(disk.GetImage()), kRecords);
+    { const Store converted(disk, Workload::SmallStore()); }
+    EXPECT_EQ(reserved(), SqliteVfs::kReservedBytes);
+    EXPECT_THAT(VerifyStore(disk, kStorage, kDatabase), IsEmpty());
+}
+
+TEST(Trust, OneRowAloneRemovesNoSegment) {
+    const quarn::core::LogCapture log(quarn::core::LogLevel::Off);
+    SimFileSystem disk(ClosedImage());
+    Execute(disk, "UPDATE segments SET removing=1");
+    EXPECT_THAT(VerifyStore(disk, kStorage, kDatabase), Contains(HasSubstr("Invariant 8")));
+    Store store(disk, Workload::SmallStore());
+    store.Keep();
+    EXPECT_EQ(Readable(store), kRecords);
+    EXPECT_TRUE(disk.Exists(kSegment));
+}
+
+TEST(Trust, RebuildSavesWhatCanBeReadOrChangesNothing) {
+    const quarn::core::LogCapture log(quarn::core::LogLevel::Off);
+    DiskImage lost = OpenImage();
+    for (const char* name : {"catalogue", "catalogue-wal"}) {
+        lost.names.erase(std::string(kDatabase) + "/" + name);
+    }
+    Change(lost, kSegment)[20000] ^= 1;
+    {
+        SimFileSystem full(lost);
+        full.capacity = full.GetUsed() + 20000;
+        EXPECT_THAT(ThrownText<std::runtime_error>([&] { RebuildStore(full, kStorage, kDatabase); }),
+                    AllOf(HasSubstr("takes about"), HasSubstr("are free")));
+        EXPECT_FALSE(full.Exists("/card/database/catalogue"));
+        EXPECT_FALSE(full.Exists("/card/database/catalogue.new"));
+    }
+    SimFileSystem disk(lost);
+    disk.Open("/card/data/00000002-00000007.seg", OpenMode::Create)->Write(0, "x", 1);
+    disk.SetFault([](const std::string& operation, const std::string& path) {
+        return operation == "open" && path.find("00000007.seg") != std::string::npos ? EIO : 0;
+    });
+    EXPECT_THAT(RebuildStore(disk, kStorage, kDatabase),
+                AllOf(Contains(HasSubstr("00000007.seg")), Contains(HasSubstr("cannot be read"))));
+    EXPECT_THAT(VerifyStore(disk, kStorage, kDatabase), IsEmpty());
+    EXPECT_GE(OpenedTwice(disk.GetImage()), kRecords - 1);
+    // Where only the identity is missing, that is made again.
+    SimFileSystem closed(ClosedImage());
+    EXPECT_THAT(ThrownText<std::runtime_error>([&] { RebuildStore(closed, kStorage, kDatabase); }),
+                HasSubstr("is whole"));
+    closed.Remove("/card/data/store");
+    EXPECT_THAT(RebuildStore(closed, kStorage, kDatabase), IsEmpty());
+    EXPECT_EQ(OpenedTwice(closed.GetImage()), kRecords);
+}
+
+TEST(Trust, VerifyNoticesEveryFaultThatIsPlanted) {
+    const quarn::core::LogCapture log(quarn::core::LogLevel::Off);
+    const DiskImage good = SegmentsImage();
+    SimFileSystem whole(good);
+    const VerifyReport report = ExamineStore(whole, kStorage, kDatabase);
+    EXPECT_THAT(report.wrong, IsEmpty());
+    EXPECT_THAT(report.notes, IsEmpty());
+    EXPECT_THAT(report.checked, AllOf(HasSubstr("200 records"), Not(HasSubstr(" 0 footers"))));
+    const std::vector<std::pair<std::string, std::string>> planted{
+        {"UPDATE store SET id=x'000102030405060708090a0b0c0d0e0f'", "Invariant 1: /card/data/store"},
+        {"DELETE FROM segments WHERE sequence=1", "Invariant 2"},
+        {"INSERT INTO segments VALUES(2, 900, 5000, 1, 0)", "Invariant 2"},
+        {"UPDATE segments SET length=length-1 WHERE sequence=1", "Invariant 4"},
+        {"UPDATE segments SET length=length+80 WHERE sequence=1", "Invariant 4"},
+        {"UPDATE tracks SET next_serial=7 WHERE id=1", "Invariant 5"},
+        {"UPDATE extents SET count=count-1 WHERE sequence=1", "Invariant 6"},
+        {"DELETE FROM extents WHERE sequence=2 AND lane=3", "Invariant 6"},
+        {"UPDATE extents SET first_serial=1, count=count-1 WHERE sequence=1 AND lane=3", "Invariant 6"},
+        {"INSERT INTO extents VALUES(7, 2, 950, 0, 1)", "Invariant 6"},
+        {"INSERT INTO erased VALUES(1, 1, 3)", "Invariant 7"},
+        {"DELETE FROM erased", "Invariant 7"},
+        {"UPDATE tracks SET first_serial=0 WHERE id=1", "Invariant 7"},
+        {"UPDATE segments SET removing=1 WHERE sequence=2", "Invariant 8"},
+        {"UPDATE tracks SET first_serial=30 WHERE id=2", "Invariant 8"},
+        {"UPDATE tracks SET recording=9 WHERE id=1", "Invariant 9: track 1 is of recording 9"},
+        {"UPDATE tracks SET sparse=1 WHERE id=1", "Invariant 9"},
+        {"INSERT INTO erased VALUES(2, 50, 52)", "Invariant 10"},
+        {"UPDATE tracks SET first_serial=5 WHERE id=1", "Invariant 10"},
+        {"UPDATE infos SET text=x'41' WHERE from_serial=30", "Invariant 11"},
+        {"DELETE FROM infos WHERE from_serial=60", "Invariant 11"},
+        {"INSERT INTO infos VALUES(1, 9999, x'')", "Invariant 11"},
+        {"INSERT INTO infos VALUES(77, 0, x'')", "Invariant 11"},
+    };
+    for (const auto& [sql, expected] : planted) {
+        SimFileSystem disk(good);
+        Execute(disk, sql);
+        EXPECT_THAT(VerifyStore(disk, kStorage, kDatabase), Contains(HasSubstr(expected))) << sql;
+    }
+}
+
+TEST(Trust, VerifyComparesFootersWithTheirSegments) {
+    const quarn::core::LogCapture log(quarn::core::LogLevel::Off);
+    DiskImage bad = SegmentsImage();
+    std::vector<unsigned char>& segment = Change(bad, "/card/data/00000003-00000001.seg");
+    const auto header = DecodeSegmentHeader(segment.data(), segment.size());
+    const std::string magic = "CFTR";
+    const auto begin = std::search(segment.begin(), segment.end(), magic.begin(), magic.end());
+    ASSERT_NE(begin, segment.end());
+    auto directory = *DecodeFooter(Bytes(begin, segment.end()), header->salt);
+    ++directory.front().count;
+    const Bytes other = EncodeFooter(directory, header->salt);
+    std::copy(other.begin(), other.end(), begin);
+    SimFileSystem disk(bad);
+    EXPECT_THAT(VerifyStore(disk, kStorage, kDatabase),
+                Contains(AllOf(HasSubstr("Invariant 6"), HasSubstr("footer"))));
+    Change(bad, "/card/data/00000003-00000001.seg").back() ^= 1;
+    SimFileSystem torn(bad);
+    EXPECT_THAT(ExamineStore(torn, kStorage, kDatabase).notes, Contains(HasSubstr("footer")));
+}
