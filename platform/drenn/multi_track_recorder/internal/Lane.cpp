@@ -47,7 +47,7 @@ std::vector<std::shared_ptr<TrackContent>> Lane::Tracks() const {
 void Lane::Add(const std::shared_ptr<Segment>& segment) {
     const std::lock_guard<std::mutex> lock(tablesMutex_);
     segments_.push_back(segment);
-    newest_ = segment->key;
+    newest_ = segment->length > 0 ? segment->key : newest_;
 }
 
 void Lane::Forget(SegmentKey segment) {
@@ -252,12 +252,8 @@ void Lane::StartSegment() {
         SealLocked();
     }
     // A number is used once, even if making the file fails half way.
-    auto writer = std::make_unique<SegmentWriter>(context_, SegmentKey{id_, nextSequence_++});
-    {
-        const std::lock_guard<std::mutex> lock(tablesMutex_);
-        newest_ = writer->GetSegment()->key;
-    }
-    writer_ = std::move(writer);
+    const SegmentKey key{id_, nextSequence_++};
+    writer_ = std::make_unique<SegmentWriter>(context_, key);
 }
 
 std::shared_ptr<PendingBlock> Lane::MakeState() {
@@ -313,7 +309,13 @@ void Lane::SyncLocked() {
     if (writer_ == nullptr || !writer_->NeedsSync()) {
         return;
     }
-    for (const SegmentWriter::Placed& placed : writer_->Sync()) {
+    const std::vector<SegmentWriter::Placed> synced = writer_->Sync();
+    {
+        const std::lock_guard<std::mutex> lock(tablesMutex_);
+        newest_ =
+            writer_->GetSegment()->key; // Its state is durable, so the one before is not needed for its own.
+    }
+    for (const SegmentWriter::Placed& placed : synced) {
         Publish(placed);
     }
 }

@@ -32,6 +32,7 @@ public:
     void Add(const std::shared_ptr<Segment>& segment);
     void Forget(SegmentKey segment);
     std::vector<std::shared_ptr<Segment>> SealedSegments() const;
+    /// Of those whose state and markers are durable: it is needed even if no record in it survives.
     bool IsNewest(SegmentKey segment) const;
     void SetRecordingInfo(const std::string& info);
     /// What a State block says has changed: one is written with what comes next.
@@ -84,7 +85,7 @@ private:
     // Guarded by tablesMutex_, which is held for work in memory only.
     std::map<std::uint32_t, std::shared_ptr<TrackContent>> tracks_;
     std::vector<std::shared_ptr<Segment>> segments_; ///< Sealed ones, oldest first.
-    SegmentKey newest_;
+    SegmentKey newest_;                              ///< That is durable.
     std::string recordingInfo_;
     bool hasChanged_ = false;
 };

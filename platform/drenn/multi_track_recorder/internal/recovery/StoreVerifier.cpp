@@ -166,7 +166,6 @@ private:
 
     /// The next opening seals it with all that can be read.
     void CheckUnsealed(SegmentKey key, const SegmentScan& scan) {
-        newest_[key.lane] = key.sequence;
         const bool isDamaged = std::any_of(scan.damage.begin(), scan.damage.end(), [](const DamageRow& row) {
             return row.kind == DamageRow::Kind::Damaged;
         });
@@ -464,7 +463,7 @@ private:
     std::map<std::uint32_t, const TrackRow*> tracks_;
     std::map<SegmentKey, const SegmentRow*> segments_;
     std::map<std::uint32_t, std::uint32_t> nextSequences_;
-    std::map<std::uint32_t, std::uint32_t> newest_; ///< Sequence of the newest segment of each lane.
+    std::map<std::uint32_t, std::uint32_t> newest_; ///< Sequence of the newest sealed segment of each lane.
     std::map<SegmentKey, std::vector<ExtentRow>> extents_;
     std::map<SegmentKey, std::vector<DamageRow>> damage_;
     std::map<std::uint32_t, ErasedRanges> erased_; ///< As the catalogue has it.
