@@ -203,6 +203,8 @@ TEST(Trust, VerifyComparesFootersWithTheirSegments) {
     DiskImage bad = SegmentsImage();
     std::vector<unsigned char>& segment = Change(bad, "/card/data/00000003-00000001.seg");
     const auto header = DecodeSegmentHeader(segment.data(), segment.size());
+    const std::vector<unsigned char>& another = Change(bad, "/card/data/00000003-00000002.seg");
+    EXPECT_NE(header->salt, DecodeSegmentHeader(another.data(), another.size())->salt);
     const std::string magic = "CFTR";
     const auto begin = std::search(segment.begin(), segment.end(), magic.begin(), magic.end());
     ASSERT_NE(begin, segment.end());

@@ -41,6 +41,17 @@ TEST(DeviceTrouble, AStoreWithoutTrustInItsDeviceStillServesReads) {
     EXPECT_THAT(states, testing::ElementsAre(StoreState::ReadOnly));
 }
 
+TEST(DeviceTrouble, AStoreWithoutTrustInItsCatalogueIsReadOnly) {
+    const quarn::core::LogCapture log(quarn::core::LogLevel::Off);
+    SimFileSystem disk;
+    Store store(disk, Workload::SmallStore());
+    disk.SetFault([](const std::string& operation, const std::string& path) {
+        return operation == "sync" && path.find("catalogue-wal") != std::string::npos ? EIO : 0;
+    });
+    EXPECT_THAT(ThrownText<std::runtime_error>([&] { store.NewRecording(); }), HasSubstr("catalogue"));
+    EXPECT_EQ(store.GetState(), StoreState::ReadOnly);
+}
+
 TEST(DeviceTrouble, WhatIsHeldBackLetsTheStoreErase) {
     const quarn::core::LogCapture log(quarn::core::LogLevel::Off);
     constexpr std::uint64_t kCapacity = std::uint64_t{16} * 1024 * 1024;

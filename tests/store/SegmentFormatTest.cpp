@@ -70,6 +70,26 @@ TEST(SegmentFormat, IsThatOfTheGoldenFile) {
     EXPECT_THROW(cache.Get(segment)->Read(3, 12, record), std::runtime_error);
 }
 
+// Not even with a checksum that is right.
+TEST(SegmentFormat, RefusesWhatCannotBe) {
+    BlockHeader header;
+    header.kind = BlockKind::Info;
+    header.offset = 4096;
+    Bytes good;
+    Encode(header, kSalt, good);
+    EXPECT_TRUE(DecodeBlockHeader(good.data(), good.size(), 4096, kSalt));
+    EXPECT_FALSE(DecodeBlockHeader(good.data(), good.size(), 8192, kSalt)); // A copy at another place.
+    header.indexBytes = kLargestIndex + 1;
+    Bytes bad;
+    Encode(header, kSalt, bad);
+    EXPECT_FALSE(DecodeBlockHeader(bad.data(), bad.size(), 4096, kSalt));
+    RecordEntry entry{};
+    entry.payloadBytes = kLargestPayload + 1;
+    Bytes entryBytes;
+    Encode(entry, kSalt, 7, entryBytes);
+    EXPECT_FALSE(DecodeEntry(entryBytes.data(), kSalt, 7));
+}
+
 // Where 32 bits of a system end.
 TEST(SegmentFormat, PlacesBehind4GiBAreThemselves) {
     constexpr std::uint64_t k4GiB = std::uint64_t{1} << 32U;

@@ -46,9 +46,10 @@ TEST(StoreCare, AFullCardGivesUpTheOldestBulkDataFirst) {
             given.push_back(TextAt(track, 0).substr(0, 3) + "-" + TextAt(track, last - 1).substr(0, 3));
         });
     }
+    AppendText(*bulk, "160"); // Of a segment that is being written.
     test.store->Keep();
-    EXPECT_THAT(given,
-                ElementsAre("100-110", "111-121", "122-132", "133-143", "144-154", "155-159", "his-his"));
+    EXPECT_THAT(given, ElementsAre("100-110", "111-121", "122-132", "133-143", "144-154", "155-159",
+                                   "160-160", "his-his"));
     EXPECT_EQ(bulk->size(), 0U);
     EXPECT_EQ(test.GetTrack(1)->size(), 0U);
     EXPECT_EQ(Segments(test).size(), 0U);
@@ -65,13 +66,18 @@ TEST(StoreCare, ACardThatGoesAndComesBack) {
     AppendText(*track, "in memory");
     std::vector<StoreState> states;
     test.store->ConnectToStateSignal([&](StoreState state) { states.push_back(state); });
-    const auto move = [&](const char* from, const char* to) {
+    const auto rename = [&](const std::string& from, const std::string& to) {
         for (const char* name : {"data", "database"}) {
-            std::filesystem::rename(test.folder.Path(std::string(from) + name),
-                                    test.folder.Path(std::string(to) + name));
+            std::filesystem::rename(test.folder.Path(from + name), test.folder.Path(to + name));
         }
+    };
+    const auto move = [&](const char* from, const char* to) {
+        rename(from, to);
         test.store->Keep();
     };
+    for (const char* name : {"data", "database"}) {
+        std::filesystem::copy(test.folder.Path(name), test.folder.Path(std::string("earlier-") + name));
+    }
     move("", "away-");
     EXPECT_THAT(ThrownText<std::runtime_error>([&] { TextAt(*track, 0); }), HasSubstr("is away"));
     EXPECT_THAT(ThrownText<std::runtime_error>([&] { AppendText(*track, "x"); }), HasSubstr("is away"));
@@ -91,11 +97,24 @@ TEST(StoreCare, ACardThatGoesAndComesBack) {
     EXPECT_THAT(states,
                 ElementsAre(StoreState::NoCard, StoreState::OtherCard, StoreState::NoCard, StoreState::Good));
     AppendText(*track, "after");
-    test.Open();
-    track = test.GetTrack();
-    ASSERT_EQ(track->size(), 3U);
+    test.store->Sync();
     EXPECT_EQ(TextAt(*track, 0) + ", " + TextAt(*track, 1) + ", " + TextAt(*track, 2),
               "durable, in memory, after");
+    rename("", "away-");
+    move("other-", ""); // At once in its place.
+    EXPECT_EQ(test.store->GetState(), StoreState::OtherCard);
+    rename("", "other-");
+    move("away-", "");
+    AppendText(*track, "in memory again");
+    test.store->Commit(); // It is found on the card, and not taken twice.
+    move("", "away-");
+    move("away-", "");
+    ASSERT_EQ(track->size(), 4U);
+    AppendText(*track, "that does not fit");
+    move("", "away-");
+    move("earlier-", ""); // As it was before: what is in memory is not its continuation.
+    ASSERT_EQ(test.store->GetState(), StoreState::Good);
+    ASSERT_EQ(track->size(), 1U);
     EXPECT_THAT(test.Verify(), IsEmpty());
 }
 

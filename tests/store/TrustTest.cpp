@@ -58,6 +58,27 @@ TEST(Trust, ABitThatFlipsInASegmentCostsWhatItIsInAndNeverReturnsAWrongByte) {
     }
 }
 
+TEST(Trust, ADamagedSegmentIsKeptThoughAllThatCanBeReadOfItIsErased) {
+    const quarn::core::LogCapture log(quarn::core::LogLevel::Off);
+    DiskImage bad = OpenImage();
+    Change(bad, kSegment)[20000] ^= 1;
+    SimFileSystem disk(bad);
+    for (unsigned int i = 0; i != 2; ++i) { // The second opening knows the damage from the catalogue.
+        Store store(disk, Workload::SmallStore());
+        const auto track = OnlyTrack(store);
+        track->eraseRange(0, track->size());
+        AppendText(*track, NumberText(0));
+        store.Sync();
+        store.Keep();
+        EXPECT_TRUE(disk.Exists(kSegment));
+    }
+    // One of another store, however whole, is never read.
+    const DiskImage made = ClosedImage();
+    DiskImage other = ClosedImage();
+    Change(other, kSegment) = *made.files.at(made.names.at(kSegment));
+    EXPECT_EQ(OpenedTwice(other), 0U);
+}
+
 TEST(Trust, ASectorThatCannotBeReadCostsWhatIsInIt) {
     const quarn::core::LogCapture log(quarn::core::LogLevel::Off);
     SimFileSystem disk(OpenImage());
