@@ -33,4 +33,14 @@ ErasedRanges ErasedOf(const TrackRow& track, std::initializer_list<const std::ve
     return erased;
 }
 
+Survivors Without(const SerialRange& range, const ErasedRanges& erased) {
+    Survivors left;
+    left.Append(range);
+    left.Erase({0, erased.FirstSerial()});
+    for (const SerialRange& each : erased.Ranges()) {
+        left.Erase(each);
+    }
+    return left;
+}
+
 } // namespace drenn::multi_track_recorder

@@ -14,4 +14,7 @@ std::uint64_t SurvivorsOf(const ExtentRow& extent, const CatalogueContent& conte
 /// What is erased of a track by all of these lists.
 ErasedRanges ErasedOf(const TrackRow& track, std::initializer_list<const std::vector<ErasedRow>*> lists);
 
+/// What is left of a range without what was erased.
+Survivors Without(const SerialRange& range, const ErasedRanges& erased);
+
 } // namespace drenn::multi_track_recorder

@@ -169,6 +169,9 @@ Recovery::Found Recovery::Take(const SegmentScan& scan, SegmentKey segment) {
         TakeControl(block, found);
     }
     found.extents = TakeRecords(scan, segment, nextSerials_);
+    for (const TrackRow& track : found.newTracks) { // Not before: the extents are those of the blocks.
+        nextSerials_[track.id] = std::max(nextSerials_[track.id], track.firstSerial);
+    }
     TakeMissing(scan, segment, found);
     // A text whose records were lost before it does not hold for those that take their place.
     found.infos.erase(
@@ -218,7 +221,6 @@ void Recovery::TakeState(const LaneState& state, Found& found) {
         }
         found.newTracks.push_back({track.id, state.recording, state.sparse, track.formatName,
                                    track.formatVersion, track.firstSerial, track.nextSerial});
-        nextSerials_[track.id] = std::max(nextSerials_[track.id], track.firstSerial);
         for (const SerialRange& range : track.erased) {
             found.erased.push_back({track.id, range});
         }

@@ -22,16 +22,6 @@ std::string TrackName(std::uint32_t track) {
     return "track " + std::to_string(track);
 }
 
-Survivors Without(const SerialRange& range, const ErasedRanges& erased) {
-    Survivors left;
-    left.Append(range);
-    left.Erase({0, erased.FirstSerial()});
-    for (const SerialRange& each : erased.Ranges()) {
-        left.Erase(each);
-    }
-    return left;
-}
-
 struct InfoOfBlock {
     std::string text;
     bool isSealed;
