@@ -20,7 +20,8 @@ namespace {
 constexpr unsigned int kGenerations = 5;
 constexpr unsigned int kSteps = 150;
 constexpr unsigned int kRandomEach = 2;
-constexpr std::uint64_t kCapacity = 1650 * 1024; // 1 MiB is held back, and the ring turns.
+constexpr std::uint64_t kCapacity =
+    1650 * 1024; // More than these few steps fill: the ring turns in StoreModel.
 
 /// Opens what a power cut left and says what is wrong with it.
 std::vector<std::string> Examine(std::size_t moment, const DiskImage& image,
