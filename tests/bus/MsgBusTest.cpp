@@ -125,7 +125,7 @@ TEST(MsgBusTest, AStalledBusCostsLittleAndHoldsNobodyUp) {
     for (int i = 0; i < 1000; ++i) {
         here->PublishText("t", large);
     }
-    EXPECT_GT(here->GetDropped() - before, 900U);
+    EXPECT_GT(here->GetDropped() - before, 700U);
     here->Subscribe("late", std::ref(inbox)); // Asks the bus, which does not answer.
     here = nullptr;
     MsgBus silent; // Connects to what does not answer.

@@ -15,11 +15,6 @@ namespace {
 
 class RecorderCardTest : public RecorderTest {
 protected:
-    json RecordingsOnCard() const {
-        Program info("calvane-store", {"info", "--json", card}, folder.Path());
-        EXPECT_EQ(info.Wait(), 0) << info.Err();
-        return json::parse(info.Out(), nullptr, false)["recordings"];
-    }
     /// Why there is data or not, in the order of time.
     std::vector<std::string> ReasonsOf(const std::string& track, const std::string& from) const {
         std::vector<std::string> reasons;
@@ -113,29 +108,6 @@ TEST_F(RecorderCardTest, ACardThatIsPulledAndPutBackLeavesAGapThatSaysSo) {
     StartAndWait();
     EXPECT_THAT(ReasonsOf("audio", first), ElementsAre("data", "no card", "data", "stopped"));
     EXPECT_EQ(Stop(), 0);
-    ExpectStoreIsGood();
-}
-
-TEST_F(RecorderCardTest, ACardOfAnotherDeviceKeepsItsRecordingBesideTheOwn) {
-    for (const int number : {7, 8, 7}) {
-        SetSerialNumber(std::to_string(number));
-        const bool isNew = !folder.Has("card/data") || number == 8;
-        StartAndWait(isNew ? DescribeVideo("track = video\nrate.millihz = 0\ncount = " +
-                                           std::to_string(number * 10) + "\n")
-                           : std::string());
-        ASSERT_TRUE(WaitUntil([&] { return CountRecords("video") == std::size_t(number) * 10; }));
-        ExpectRecordsAreRight("video");
-        EXPECT_EQ(Stop(), 0);
-    }
-    std::vector<std::string> recordings;
-    for (const json& recording : RecordingsOnCard()) {
-        std::string line = recording["info"];
-        for (const json& track : recording["tracks"]) {
-            line += track["format"] == "0" ? " " + track["records"].dump() : "";
-        }
-        recordings.push_back(line);
-    }
-    EXPECT_THAT(recordings, ElementsAre("Camera,7 70", "Camera,8 80"));
     ExpectStoreIsGood();
 }
 

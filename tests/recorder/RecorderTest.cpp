@@ -1,10 +1,5 @@
-#include <sdbus-c++/sdbus-c++.h>
-
-#include <atomic>
-
 #include "recorder/RecorderFixture.h"
 #include "support/Emulation.h"
-#include "support/RunInThreads.h"
 
 namespace {
 
@@ -135,27 +130,6 @@ TEST_F(RecorderTest, RetentionSetWhileItRecordsErasesAndIsTold) {
     EXPECT_THAT(watch.Out(), HasSubstr("\"time\":\"20"));
     EXPECT_EQ(Ask({"retention", "set", "none"}).out, "Recorded data is kept as long as there is room\n");
     EXPECT_EQ(Ask({"retention", "set", "soon"}).status, 2);
-    EXPECT_EQ(Stop(), 0);
-    ExpectStoreIsGood();
-}
-
-TEST_F(RecorderTest, SixteenClientsAskWhileItRecords) {
-    StartAndWait(kDescription);
-    std::atomic<int> answers{0};
-    RunInThreads(16, [&](int) {
-        const auto connection = sdbus::createSessionBusConnectionWithAddress(bus.Address());
-        const auto proxy = sdbus::createProxy(*connection, "com.drenn.recording_information",
-                                              "/com/drenn/recording_information");
-        for (unsigned int i = 0; i != 50; ++i) {
-            std::uint32_t first = 0, firstMicro = 0, last = 0, lastMicro = 0;
-            proxy->callMethod("getTrackSummary")
-                .onInterface("com.drenn.RecordingInformation1")
-                .withArguments(i % 3)
-                .storeResultsTo(first, firstMicro, last, lastMicro);
-            answers += last >= first ? 1 : 0;
-        }
-    });
-    EXPECT_EQ(answers, 16 * 50);
     bus.Signal(SIGSTOP); // Nobody waits for it.
     EXPECT_EQ(Stop(), 0);
     ExpectStoreIsGood();

@@ -146,29 +146,6 @@ TEST_F(Lifecycle, AFailingCallOfThePlatformIsThrownAsWritten) {
     EXPECT_EQ(RecordingManager::getDeviceInfoString(), "M,1");
 }
 
-TEST_F(Lifecycle, AFreshCardGetsARecordingAndItsTracks) {
-    const LogCapture capture(LogLevel::Debug);
-    RecordingManager::init();
-    std::vector<std::string> lines;
-    for (const LogCapture::Line& line : capture.GetLines()) {
-        if (line.logger == "RecordingManager" && line.text.rfind("Service ", 0) != 0) {
-            lines.push_back(line.text);
-        }
-    }
-    EXPECT_THAT(
-        lines, ElementsAre("RECORDING_MANAGER CONSTRUCTOR",
-                           "Recording database is empty - creating new recording", "Initializing audio track",
-                           "Checking for existing track of type 1 in 0 tracks", "creating new track",
-                           "Initializing video track", "Checking for existing track of type 0 in 1 tracks",
-                           "creating new track", "Initializing metadata track",
-                           "Checking for existing track of type 2 in 2 tracks", "creating new track",
-                           "Initializing history track", "Checking for existing track of type -1 in 3 tracks",
-                           "creating new track", "RecordingManager cstr done"));
-    EXPECT_THAT(History(), IsEmpty());
-    RecordingManager::deinit();
-    EXPECT_THAT(Recordings(), ElementsAre("M,1: 1=0 0=0 2=0 -1=0"));
-}
-
 TEST_F(Lifecycle, EachDeviceHasItsRecordingOnACardThatIsMoved) {
     RecordingManager::init();
     Write(VIDEO_TRACK, {1, 2});

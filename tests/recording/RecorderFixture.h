@@ -123,11 +123,26 @@ protected:
         }
         return lines;
     }
-    static std::vector<std::string> Coverage(track_type type, double from, double to) {
+    /// In pages of `max` spans, put together; 0 is all at once.
+    static std::vector<std::string> Coverage(track_type type, double from, double to, unsigned max = 0) {
         static const std::vector<std::string> names{"data",    "stopped", "no card", "erased",
                                                     "dropped", "clock",   "unknown", "interrupted"};
+        std::vector<quarn::calvane::CoverageSpan> spans;
+        if (max == 0) {
+            spans = Recorder().getCoverage(type, At(from), At(to));
+        }
+        quarn::calvane::CoveragePage page;
+        for (page.next = At(from), page.more = max != 0; page.more && spans.size() < 100;) {
+            page = Recorder().findCoverage(type, page.next, At(to), max);
+            EXPECT_LE(page.spans.size(), max);
+            const bool goesOn = !spans.empty() && spans.back().reason == page.spans.front().reason;
+            if (goesOn) {
+                spans.back().end = page.spans.front().end;
+            }
+            spans.insert(spans.end(), page.spans.begin() + (goesOn ? 1 : 0), page.spans.end());
+        }
         std::vector<std::string> lines;
-        for (const auto& span : Recorder().getCoverage(type, At(from), At(to))) {
+        for (const auto& span : spans) {
             lines.push_back(Number(SecondsOf(span.start)) + ".." + Number(SecondsOf(span.end)) + " " +
                             names.at(static_cast<std::size_t>(span.reason)));
         }
