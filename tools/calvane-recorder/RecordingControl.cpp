@@ -8,7 +8,9 @@
 #include <numeric>
 #include <utility>
 
+#include "calvane/recording/DrennApiException.h"
 #include "calvane/recording/RecordingManager.h"
+#include "quarn/core/Logger.h"
 #include "recording_control/generated/RecordingControl1Adaptor.h"
 
 namespace calvane_recorder {
@@ -101,8 +103,11 @@ private:
         try {
             RecordingManager::setMaxRetentionTime(boost::posix_time::seconds(static_cast<long>(sec)) +
                                                   boost::posix_time::microseconds(static_cast<long>(usec)));
-        } catch (const std::exception& problem) {
+        } catch (const quarn::calvane::DrennApiException& problem) { // It could not be kept.
             throw sdbus::Error("com.drenn.Error.Failed", problem.what());
+        } catch (const std::exception& problem) { // The limit holds; upkeep erases when the card lets it.
+            quarn::core::Logger::GetLogger("calvane-recorder")
+                ->Warning("What is older than the new limit is not erased yet: %s", problem.what());
         }
     }
     std::string State() override { return NameOf(control_.GetFacts().recording.state); }
