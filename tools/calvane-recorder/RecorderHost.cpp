@@ -182,7 +182,12 @@ int RecorderHost::RunServices(calvane_program::CheckedDescription* description) 
         DescribedPipelines pipelines(*description);
         status = pipelines.Load() ? RunPipelines(pipelines) : kBadInput;
     } else {
-        Serve(nullptr);
+        try {
+            Serve(nullptr);
+        } catch (const std::exception& problem) { // A card came, and the services could not be started again.
+            PrintError(std::string("calvane-recorder: ") + problem.what());
+            status = kFailedWhileRunning;
+        }
     }
     // The pipelines are gone, and with them the last report of data that ends.
     if (recording_) {
@@ -271,11 +276,15 @@ void RecorderHost::Serve(DescribedPipelines* pipelines) {
     sd_notify(0, "STOPPING=1");
 }
 
-void RecorderHost::SayState() const {
+void RecorderHost::SayState() {
     const bool isWaiting = recording_ && RecordingManager::instance()->isAwaitingClock();
-    sd_notify(0, isWaiting    ? "STATUS=waiting for the time, which is behind the newest record"
-                 : recording_ ? "STATUS=recording"
-                              : "STATUS=recording is disabled, see the log");
+    const std::string state = isWaiting    ? "STATUS=waiting for the time, which is behind the newest record"
+                              : recording_ ? "STATUS=recording"
+                                           : "STATUS=recording is disabled, see the log";
+    if (state != saidState_) {
+        sd_notify(0, state.c_str());
+        saidState_ = state;
+    }
 }
 
 bool RecorderHost::WaitForStop(std::chrono::milliseconds time) {

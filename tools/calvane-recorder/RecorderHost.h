@@ -42,7 +42,7 @@ private:
     int RunPipelines(calvane_program::DescribedPipelines& pipelines);
     void TakeRecording();
     void SayWhatToDo() const;
-    void SayState() const;
+    void SayState();
     bool WaitForStop(std::chrono::milliseconds time);
     void Serve(calvane_program::DescribedPipelines* pipelines);
     int EndPipelines(calvane_program::DescribedPipelines& pipelines) const;
@@ -50,6 +50,7 @@ private:
     const HostOptions options_;
     calvane_program::SignalWatcher watcher_;
     std::unique_ptr<Recorder> recorder_;
+    std::string saidState_;  // To systemd.
     bool recording_ = false; // Otherwise there are only the services.
     std::string cardLooks_;  // When it was tried last.
 
