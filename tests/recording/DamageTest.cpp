@@ -80,7 +80,11 @@ TEST_F(Damage, StartingNeedsOnlyTheNewestEventThatCanBeRead) {
         Report(AUDIO_TRACK, time + 0.5, false);
         Write(AUDIO_TRACK, {time});
     }
+    Report(METADATA_TRACK, 4, true);
     ProcessAt(10);
+    RestartDamaged({4});
+    ProcessAt(12);
+    EXPECT_EQ(History().back(), "3.5 recording off"); // Closed, as far as can be read.
     RestartDamaged({1, 3.5});
     EXPECT_THAT(History(), ElementsAre("1.5 audio off", "1.5 recording off", "2 audio on", "2 recording on",
                                        "2.5 audio off", "2.5 recording off", "3 audio on", "3 recording on"));
