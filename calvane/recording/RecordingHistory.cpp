@@ -334,6 +334,10 @@ void RecordingManager::blameCardForQueuedEnds() {
 /// Events of the time without the card are lost. What had come before ended when the card went; what is present now
 /// has begun again.
 void RecordingManager::repairHistoryAfterCard() {
+    // What was erased last may be back, and later than what is to be written now.
+    for (const auto& [type, track] : _dataTracks) {
+        track->setLatestToNewestRecord();
+    }
     const std::lock_guard<std::mutex> lock(_mutex);
     if (_cardLostAt.is_special()) {
         return;

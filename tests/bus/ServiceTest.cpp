@@ -283,6 +283,22 @@ TEST_F(ServiceTest, AClientKilledInTheMiddleOfACallHarmsNobody) {
     EXPECT_EQ(Busctl("recording_information", "getRecordingSummary"), "uuuu 1 2 3 4\n");
 }
 
+TEST_F(ServiceTest, AnEventSenderNeverWaitsAndTheQueueIsBounded) {
+    Run();
+    information->delayMs = 300;
+    InformationClient client(bus.Address());
+    std::thread caller([&] { client.getRecordingSummary(); });
+    EXPECT_TRUE(WaitUntil([&] { return information->calls == 1; }));
+    for (unsigned int number = 0; number != 1000; ++number) {
+        information->sendEventDataPresent(number, 1); // The service's thread is busy all the while.
+    }
+    caller.join();
+    const auto kept = 1000 - run->getDroppedEvents();
+    EXPECT_GE(kept, 256U);
+    EXPECT_LT(kept, 1000U);
+    EXPECT_TRUE(WaitUntil([&] { return client.Events().size() == kept; }));
+}
+
 TEST_F(ServiceTest, ARunnerEndsWhileCallsAreUnderWay) {
     for (int round = 0; round != 5; ++round) {
         Run();

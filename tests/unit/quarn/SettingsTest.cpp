@@ -7,6 +7,7 @@
 #include <atomic>
 #include <csignal>
 #include <filesystem>
+#include <fstream>
 #include <functional>
 #include <memory>
 #include <numeric>
@@ -105,9 +106,13 @@ TEST_F(SettingsTest, ADamagedFileIsSetAsideAndOneThatIsGoneIsNoticed) {
         settings.Subscribe("a", [&](const std::string& key) { told = settings.GetInt(key).value_or(-1); });
     settings.Set("a", 2);
     EXPECT_TRUE(WaitUntil([&] { return told == 2; }));
-    folder.Write("sub/settings.db", garbage + "y"); // While it is used.
+    std::fstream(path, std::ios::in | std::ios::out) << garbage << "y"; // While it is used.
     EXPECT_EQ(settings.GetInt("a"), 1);
-    EXPECT_EQ(folder.Read("sub/settings.db.damaged-2"), garbage + "y");
+    EXPECT_EQ(folder.Read("sub/settings.db.damaged-2").substr(0, garbage.size() + 1), garbage + "y");
+    EXPECT_TRUE(WaitUntil([&] { return told == 1; }));
+    settings.Set("a", 3);
+    EXPECT_TRUE(WaitUntil([&] { return told == 3; }));
+    std::filesystem::resize_file(path, 0);
     EXPECT_TRUE(WaitUntil([&] { return told == 1; }));
     settings.Set("a", 3);
     EXPECT_TRUE(WaitUntil([&] { return told == 3; }));
