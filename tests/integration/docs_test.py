@@ -23,6 +23,8 @@ SKIPPED_FOLDERS = {"build", ".git", ".cache"}
 FROM = re.compile(r"<!-- from (\S+) -->")
 CHECK = re.compile(r"<!-- check: (\S+) exit (\d+) -->")
 OUTPUT = re.compile(r"<!-- output of: calvane (.+) -->")
+TEST = re.compile(r"^TEST(?:_[FP])?\((\w+), (\w+)\)", re.MULTILINE)
+NAMED_TEST = re.compile(r"`([A-Z]\w+\.[A-Z]\w+)`")
 LINK = re.compile(r"\[[^\]]*\]\(([^)\s]+)\)")
 
 # `expected` is the text block right behind this one, or None.
@@ -157,6 +159,15 @@ def check_settings(calvane):
     return faults
 
 
+def check_named_tests():
+    """That the tests exist which the pages on design name as proofs."""
+    known = {".".join(names) for path in (ROOT / "tests").rglob("*.cpp") for names in TEST.findall(path.read_text())}
+    named = [(path.name, name) for path in (ROOT / "docs/design").glob("*.md") for name in NAMED_TEST.findall(path.read_text())]
+    if not named:
+        return ["the pages on design name no tests"]
+    return [f"{page}: there is no test {name}" for page, name in named if name not in known]
+
+
 def check_embedding(embed_example):
     """The program that the guide shows copies a file with the first description of the README."""
     content = bytes(range(256)) * 1000
@@ -175,7 +186,7 @@ def check_embedding(embed_example):
 
 def main():
     calvane, embed_example = (pathlib.Path(argument).resolve() for argument in sys.argv[1:3])
-    faults, blocks, links = check_embedding(embed_example) + check_settings(calvane), 0, 0
+    faults, blocks, links = check_embedding(embed_example) + check_settings(calvane) + check_named_tests(), 0, 0
     for document in documents():
         found, prose, unclosed = split(document)
         faults += unclosed
