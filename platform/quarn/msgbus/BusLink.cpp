@@ -212,8 +212,9 @@ void BusLink::Leave() {
     } catch (const std::exception& problem) {
         logger_->Debug("The last messages were not sent: %s", problem.what());
     }
+    const bool isBehind = connection_ != nullptr && IsBusBehind();
     const std::lock_guard<std::mutex> guard(lock_);
-    if (connection_ != nullptr && IsBusBehind()) {
+    if (isBehind) {
         shutdown(descriptor_, SHUT_RDWR);
     }
     threadLeft_ = true;
@@ -244,9 +245,10 @@ void BusLink::TryOpen() {
 
 void BusLink::Open() {
     connection_ = OpenUnless(&stopping_);
+    const int descriptor = connection_->getEventLoopPollData().fd; // Has a lock of its own.
     {
         const std::lock_guard<std::mutex> guard(lock_);
-        descriptor_ = connection_->getEventLoopPollData().fd;
+        descriptor_ = descriptor;
     }
     try {
         connection_->setMethodCallTimeout(kAnswerTimeout);
