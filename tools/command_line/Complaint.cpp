@@ -7,7 +7,7 @@
 namespace calvane_program {
 
 std::string Complaint(const CLI::App& program, const CLI::ParseError& error) {
-    const std::string name = program.get_name();
+    const std::string& name = program.get_name();
     const std::vector<std::string> unknown = program.remaining();
     // The parser itself would only say that a command is required.
     if (!program.get_subcommands().empty() || unknown.empty() || unknown[0][0] == '-') {
