@@ -7,22 +7,18 @@
 #include <chrono>
 #include <cstdio>
 #include <iostream>
-#include <limits>
 #include <nlohmann/json.hpp>
 #include <stdexcept>
 #include <thread>
 #include <vector>
 
+#include "Json.h"
 #include "RecordReader.h"
 #include "RecordingClient.h"
 #include "Timeline.h"
-#include "calvane/recording/RecordingManager.h"
-#include "quarn/settings/QuarnSettingsClient.h"
 
 namespace calvane_recording {
 namespace {
-
-using nlohmann::json;
 
 constexpr std::array<const char*, 3> kTracks{"video", "audio", "metadata"};
 constexpr auto kFollowPeriod = std::chrono::milliseconds(500);
@@ -67,17 +63,9 @@ json ToJson(const Span& span) {
     return {{"first", ToJson(span.first)}, {"last", ToJson(span.last)}};
 }
 
-json SecondsOf(Time duration) {
-    return static_cast<double>(duration) / kSecond;
-}
-
 std::string ToText(const Span& span, const Options& options) {
     return TimeText(span.first, options.zone) + " to " + TimeText(span.last, options.zone) + " (" +
            DurationText(span.last - span.first) + ")";
-}
-
-void Print(const json& facts) {
-    std::cout << facts.dump(2) << "\n";
 }
 
 /// One line for a program that reads on.
@@ -178,34 +166,6 @@ std::string ForecastText(const Status& status, const Options& options) {
     return status.usableBytes == 0
                ? "the card is full; the oldest data is erased for new data"
                : "full at " + TimeText(status.fullAt, options.zone) + "; then the oldest data is erased";
-}
-
-/// False when there is no recorder.
-bool AskRecorder(const std::function<void(RecordingClient&)>& question) {
-    try {
-        RecordingClient client;
-        question(client);
-        return true;
-    } catch (const RecordingClient::NotRunning&) {
-        return false;
-    }
-}
-
-/// From the recorder, or without one from the settings.
-Time RetentionOf(const Options& options) {
-    Time limit = 0;
-    if (!options.file &&
-        AskRecorder([&limit](RecordingClient& client) { limit = client.GetMaximumRetention(); })) {
-        return limit;
-    }
-    const quarn::settings::QuarnSettingsClient settings(nullptr);
-    const auto numberOf = [](const std::optional<quarn::settings::Setting>& setting) {
-        const auto* const number = setting ? std::get_if<std::int64_t>(&*setting) : nullptr;
-        return number != nullptr ? *number : 0;
-    };
-    const auto parts = settings.Get(std::vector<std::string>{quarn::calvane::kMaxRetentionTimeSeconds,
-                                                             quarn::calvane::kMaxRetentionTimeMicroseconds});
-    return numberOf(parts[0]) * kSecond + numberOf(parts[1]);
 }
 
 void ListFrame(const Frame& frame, const Options& options) {
@@ -488,32 +448,6 @@ void PrintStatus(RecordingClient& client, const Options& options) {
                                            : "last at " + TimeText(track.span.last, options.zone))
                   << std::endl;
     }
-}
-
-void GetRetention(const Options& options) {
-    const Time limit = RetentionOf(options);
-    if (options.json) {
-        Print({{"seconds", SecondsOf(limit)}});
-    } else if (limit <= 0) {
-        std::cout << "Recorded data is kept as long as there is room\n";
-    } else {
-        std::cout << "Recorded data is kept for " << DurationText(limit) << "\n";
-    }
-}
-
-void SetRetention(const Options& options) {
-    const Time limit = options.limit == "none" ? 0 : ParseDuration(options.limit);
-    if (limit / kSecond > std::numeric_limits<std::int32_t>::max()) {
-        throw std::invalid_argument("Not a limit: \"" + options.limit + "\" is longer than 68 years");
-    }
-    if (!options.file && AskRecorder([&](RecordingClient& client) { client.SetMaximumRetention(limit); })) {
-        GetRetention(options);
-        return;
-    }
-    quarn::settings::QuarnSettingsClient settings(nullptr);
-    settings.Set({{quarn::calvane::kMaxRetentionTimeSeconds, std::int64_t{limit / kSecond}},
-                  {quarn::calvane::kMaxRetentionTimeMicroseconds, std::int64_t{limit % kSecond}}});
-    GetRetention(options);
 }
 
 } // namespace calvane_recording
