@@ -23,8 +23,13 @@ struct RecordHeader {
 
     std::uint8_t version = kVersion;
     std::uint8_t flags = 0;
-    std::uint8_t unused[6] = {};
-    std::int64_t ticks = 0; ///< In the machine's byte order; see ticksFromTime.
+    std::uint8_t offset[6] = {}; ///< The composition offset; see setCompositionOffset.
+    std::int64_t ticks = 0;      ///< In the machine's byte order; see ticksFromTime.
+
+    /// Presentation time less decode time, in microseconds: not 0 in video with pictures that refer to later ones. Stored in
+    /// 48 bits. Throws std::invalid_argument for what does not fit, which is more than four years.
+    CALVANE_API void setCompositionOffset(std::int64_t microseconds);
+    CALVANE_API std::int64_t compositionOffset() const;
 };
 static_assert(sizeof(RecordHeader) == 16, "it is stored as it lies in memory");
 

@@ -116,9 +116,13 @@ bool RecordingTrack::ensureIncreasingTimestamps(const ptime& t) {
     return true;
 }
 
-bool RecordingTrack::writeRecord(const ptime& t, unsigned int flags, const void* data, std::size_t size) {
+bool RecordingTrack::writeRecord(const ptime& t, unsigned int flags, const void* data, std::size_t size,
+                                 std::int64_t compositionOffset) {
     try {
-        if (writeCheckedRecord(t, flags, data, size)) {
+        RecordHeader header;
+        header.flags = static_cast<std::uint8_t>(flags);
+        header.setCompositionOffset(compositionOffset);
+        if (writeCheckedRecord(header, t, data, size)) {
             ++_writtenRecords;
             _writtenBytes += size;
             return true;
@@ -131,7 +135,7 @@ bool RecordingTrack::writeRecord(const ptime& t, unsigned int flags, const void*
     return false;
 }
 
-bool RecordingTrack::writeCheckedRecord(const ptime& t, unsigned int flags, const void* data,
+bool RecordingTrack::writeCheckedRecord(RecordHeader header, const ptime& t, const void* data,
                                         std::size_t size) {
     bool jumped = false;
     ptime previous;
@@ -141,8 +145,6 @@ bool RecordingTrack::writeCheckedRecord(const ptime& t, unsigned int flags, cons
         if (!ensureIncreasingTimestamps(t)) {
             return false;
         }
-        RecordHeader header;
-        header.flags = static_cast<std::uint8_t>(flags);
         header.ticks = ticksFromTime(t);
         BlobRecord record;
         record.add({&header, sizeof(header)});

@@ -87,10 +87,12 @@ public:
     /// To be called before a record of time `t` is written. False: it must not be, since the clock has not been
     /// set, or came up behind the newest record and may yet be. When the time went back, what is recorded from `t` on is erased from all tracks.
     bool ensureIncreasingTimestamps(const Ptime& t);
-    /// Writes a record: ensureIncreasingTimestamps, header, payload. `flags` are those of RecordHeader. False:
+    /// Writes a record: ensureIncreasingTimestamps, header, payload. `flags` are those of RecordHeader,
+    /// `compositionOffset` is its setCompositionOffset. False:
     /// it was not written, since the clock has not been set. Throws what the store throws when it refuses.
     /// A clock that jumped forward goes into the history as a gap, provided that the data is reported present.
-    bool writeRecord(const Ptime& t, unsigned int flags, const void* data, std::size_t size);
+    bool writeRecord(const Ptime& t, unsigned int flags, const void* data, std::size_t size,
+                     std::int64_t compositionOffset = 0);
     /// What was written and refused; the rest is not set.
     TrackStatus getWritten() const;
     /// The map holds for all records written from now on. The same map again costs next to nothing.
@@ -129,7 +131,7 @@ private:
     Ptime getLatestTimestamp() const;
     void setLatestTimestamp(const Ptime& t);
     void setLatestToNewestRecord();
-    bool writeCheckedRecord(const Ptime& t, unsigned int flags, const void* data, std::size_t size);
+    bool writeCheckedRecord(RecordHeader header, const Ptime& t, const void* data, std::size_t size);
     bool jumpedForward(const Ptime& previous, const Ptime& t);
 
     const track_type _trackType;

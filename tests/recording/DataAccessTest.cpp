@@ -188,6 +188,36 @@ TEST_F(DataAccess, AStreamHoldsTheRecordsOfItsSpan) {
     EXPECT_EQ(fd, -1);
 }
 
+TEST_F(DataAccess, AStreamHasWhatADecoderNeeds) {
+    RecordingTrack& video = TrackOf(VIDEO_TRACK);
+    const auto write = [&](double time, std::int64_t offset) {
+        Advance(time);
+        return video.writeRecord(At(time), RecordHeader::kKeyFrame, "x", 1, offset);
+    };
+    constexpr std::int64_t kMost = (std::int64_t{1} << 47) - 1;
+    video.setInfo({{"Width", "640"}});
+    EXPECT_TRUE(write(1, 0));
+    EXPECT_TRUE(write(2, -40000));
+    video.setInfo({{"Width", "1280"}});
+    EXPECT_TRUE(write(3, kMost));
+    EXPECT_TRUE(write(4, -kMost - 1));
+    EXPECT_THROW(write(5, kMost + 1), std::invalid_argument);
+    EXPECT_THROW(write(5, -kMost - 2), std::invalid_argument);
+    EXPECT_EQ(SizeOf(VIDEO_TRACK), 4U);
+
+    const auto read = [](RecordReader reader) {
+        std::string text;
+        for (Frame frame = reader.Read(); frame.kind != Frame::kEnd; frame = reader.Read()) {
+            text += frame.kind == Frame::kInfo ? std::string(frame.payload.begin(), frame.payload.end())
+                                               : std::to_string(frame.compositionOffset) + "\n";
+        }
+        return text;
+    };
+    EXPECT_EQ(read(Open(1, 4)), "Width\n640\n0\n-40000\nWidth\n1280\n" + std::to_string(kMost) + "\n" +
+                                    std::to_string(-kMost - 1) + "\n");
+    EXPECT_EQ(read(Open(2.5, 3)), "Width\n1280\n" + std::to_string(kMost) + "\n");
+}
+
 TEST_F(DataAccess, AReaderThatSleepsHoldsUpNobodyAndIsToldWhatWasErased) {
     constexpr std::size_t kLarge = 100000; // The socket holds some of them.
     constexpr int kLast = 200;

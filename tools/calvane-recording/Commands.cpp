@@ -369,6 +369,8 @@ void ReadRecords(RecordingClient& client, const Options& options) {
             case Frame::kFailed:
                 throw std::runtime_error("The recorder could not read on: " +
                                          std::string(frame.payload.begin(), frame.payload.end()));
+            case Frame::kInfo:
+                break;
             default:
                 if (options.list) {
                     ListFrame(frame, options);

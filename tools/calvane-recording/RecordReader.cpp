@@ -28,16 +28,17 @@ RecordReader::~RecordReader() {
 }
 
 Frame RecordReader::Read() {
-    std::array<unsigned char, 16> header{};
+    std::array<unsigned char, 24> header{};
     ReadFully(header.data(), header.size());
     const std::uint64_t length = LittleEndian(&header[4], 4);
-    if (header[0] > Frame::kFailed || header[1] != 1 || length > kLongestPayload) {
+    if (header[0] > Frame::kInfo || header[1] != 2 || length > kLongestPayload) {
         throw std::runtime_error("The stream of records is none that this program knows");
     }
     Frame frame;
     frame.kind = static_cast<Frame::Kind>(header[0]);
     frame.flags = static_cast<unsigned int>(LittleEndian(&header[2], 2));
     frame.time = static_cast<Time>(LittleEndian(&header[8], 8));
+    frame.compositionOffset = static_cast<std::int64_t>(LittleEndian(&header[16], 8));
     frame.payload.resize(static_cast<std::size_t>(length));
     ReadFully(frame.payload.data(), frame.payload.size());
     if (frame.kind == Frame::kEnd && length >= 8) {

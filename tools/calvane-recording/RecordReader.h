@@ -9,13 +9,15 @@ namespace calvane_recording {
 
 /// One piece of what openRecords hands over; docs/reference/bus-interfaces.md describes it.
 struct Frame {
-    enum Kind : std::uint8_t { kRecord = 0, kErased = 1, kEnd = 2, kFailed = 3 };
+    enum Kind : std::uint8_t { kRecord = 0, kErased = 1, kEnd = 2, kFailed = 3, kInfo = 4 };
 
     Kind kind = kEnd;
     unsigned int flags = 0;
     std::uint64_t unreadable = 0; ///< With kEnd: how many records could not be read.
     Time time = 0;
-    std::vector<char> payload;
+    std::int64_t compositionOffset =
+        0; ///< Of a record: from its time, the decode time, to when it is to be shown, in us.
+    std::vector<char> payload; ///< With kInfo: the info text of the records from here on.
 };
 
 /// Reads frames from a descriptor, which it closes.

@@ -21,7 +21,7 @@
 namespace quarn::calvane {
 namespace {
 
-constexpr std::uint8_t kStreamVersion = 1;
+constexpr std::uint8_t kStreamVersion = 2;
 // What a record's flags have, too, when some in front of it could not be read.
 constexpr unsigned int kDamageFlags = 4 | RecordHeader::kDiscontinuity;
 constexpr int kIdleMilliseconds = 600'000;
@@ -137,8 +137,12 @@ RecordStream::Step RecordStream::readNext() {
     }
     try {
         const StoredRecord record(*_store, _next);
+        if (putChangedInfo(record.time())) {
+            return Step::Send;
+        }
         const unsigned int damage = _damageAhead ? kDamageFlags : 0;
-        putFrame(FrameKind::Record, record.flags() | damage, record.time(), record.data(), record.size());
+        putFrame(FrameKind::Record, record.flags() | damage, record.time(), record.data(), record.size(),
+                 record.compositionOffset());
         _sentOfLastTime = record.time() == _lastTime ? _sentOfLastTime + 1 : 1;
         _lastTime = record.time();
         _damageAhead = false;
@@ -149,6 +153,19 @@ RecordStream::Step RecordStream::readNext() {
     }
     ++_next;
     return _damageAhead ? Step::ReadOn : Step::Send;
+}
+
+/// Whether a frame was made since the next record has another info than the client knows. Within the lock.
+bool RecordStream::putChangedInfo(const Ptime& time) {
+    std::string info;
+    _store->seekg(_next);
+    _store->getInfo(info);
+    if (info == _info) {
+        return false;
+    }
+    putFrame(FrameKind::Info, 0, time, info.data(), info.size());
+    _info = std::move(info);
+    return true;
 }
 
 /// Whether data is missing in front of the next record because it was erased. Within the lock.
@@ -187,7 +204,7 @@ bool RecordStream::isToBeSent(unsigned int index) const {
 }
 
 void RecordStream::putFrame(FrameKind kind, unsigned int flags, const Ptime& time, const void* data,
-                            std::size_t size) {
+                            std::size_t size, std::int64_t compositionOffset) {
     static const Ptime kEpoch(boost::gregorian::date(1970, 1, 1));
     _frame.clear();
     putLittleEndian(_frame, static_cast<std::uint8_t>(kind), 1);
@@ -195,6 +212,7 @@ void RecordStream::putFrame(FrameKind kind, unsigned int flags, const Ptime& tim
     putLittleEndian(_frame, flags, 2);
     putLittleEndian(_frame, size, 4);
     putLittleEndian(_frame, static_cast<std::uint64_t>((time - kEpoch).total_microseconds()), 8);
+    putLittleEndian(_frame, static_cast<std::uint64_t>(compositionOffset), 8);
     const auto* const bytes = static_cast<const unsigned char*>(data);
     _frame.insert(_frame.end(), bytes, bytes + size);
 }

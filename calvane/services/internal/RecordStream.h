@@ -42,7 +42,7 @@ public:
     bool hasEnded() const { return _ended; }
 
 private:
-    enum class FrameKind : std::uint8_t { Record = 0, Erased = 1, End = 2, Failed = 3 };
+    enum class FrameKind : std::uint8_t { Record = 0, Erased = 1, End = 2, Failed = 3, Info = 4 };
 
     /// An eventfd.
     class Event {
@@ -66,11 +66,13 @@ private:
     void sendFailure(const char* text) noexcept;
     void sendAll();
     Step readNext();
+    bool putChangedInfo(const Ptime& time);
     bool resumeBehindErased();
     void putEnd();
     void onEraseRange(unsigned int first, unsigned int last);
     bool isToBeSent(unsigned int index) const;
-    void putFrame(FrameKind kind, unsigned int flags, const Ptime& time, const void* data, std::size_t size);
+    void putFrame(FrameKind kind, unsigned int flags, const Ptime& time, const void* data, std::size_t size,
+                  std::int64_t compositionOffset = 0);
     bool sendFrame();
     bool waitWritable() const;
 
@@ -90,6 +92,7 @@ private:
     // The thread's own.
     std::uint64_t _unreadable = 0; // Records that were passed over.
     bool _damageAhead = false;     // Some of them since the last frame.
+    std::string _info;             // Which the client knows.
 
     std::vector<unsigned char> _frame;
 

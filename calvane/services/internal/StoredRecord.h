@@ -19,6 +19,7 @@ public:
 
     boost::posix_time::ptime time() const { return timeFromTicks(_header.ticks); }
     unsigned int flags() const { return _header.flags; }
+    std::int64_t compositionOffset() const { return _header.compositionOffset(); }
     const unsigned char* data() const { return _data; }
     unsigned int size() const { return _size; }
 
