@@ -20,8 +20,8 @@ namespace {
 constexpr unsigned int kGenerations = 5;
 constexpr unsigned int kSteps = 150;
 constexpr unsigned int kRandomEach = 2;
-constexpr std::uint64_t kCapacity =
-    1650 * 1024; // More than these few steps fill: the ring turns in StoreModel.
+constexpr std::uint64_t kCapacity = 1650 * 1024; // More than these few steps fill.
+constexpr std::uint64_t kSmall = 400 * 1024;     // The ring turns.
 
 /// Opens what a power cut left and says what is wrong with it.
 std::vector<std::string> Examine(std::size_t moment, const DiskImage& image,
@@ -52,12 +52,12 @@ bool IsChange(const std::string& operation) {
 /// one goes on with what that left.
 class Generations {
 public:
-    explicit Generations(unsigned int seed) : random_(seed) {}
+    explicit Generations(unsigned int seed) : random_(seed), capacity_(seed % 2 == 0 ? kSmall : kCapacity) {}
 
     /// What one process does, in whose way there may be errors of the device.
     void Live() {
         SimFileSystem disk(cached_, before_, first_);
-        disk.capacity = kCapacity;
+        disk.capacity = capacity_;
         begin_ = disk.GetMoment();
         const bool isFaulty = Random(2) == 0;
         disk.SetFault(isFaulty ? RandomFault() : nullptr);
@@ -124,6 +124,7 @@ private:
     }
 
     std::mt19937 random_;
+    const std::uint64_t capacity_;
     DiskImage start_;                   // What was durable at the moment first_.
     std::size_t first_ = 0;             // At which the trace begins.
     DiskImage cached_;                  // What the next process finds.

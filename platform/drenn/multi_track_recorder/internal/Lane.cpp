@@ -82,8 +82,7 @@ std::vector<std::shared_ptr<Segment>> Lane::DeadSegments() const {
     const std::lock_guard<std::mutex> lock(tablesMutex_);
     std::vector<std::shared_ptr<Segment>> dead;
     std::copy_if(segments_.begin(), segments_.end(), std::back_inserter(dead), [this](const auto& segment) {
-        return segment->survivors == 0 && !segment->isRemoving && !segment->isDamaged &&
-               !(segment->key == newest_);
+        return segment->survivors == 0 && segment->DiesWhenEmpty() && !(segment->key == newest_);
     });
     return dead;
 }

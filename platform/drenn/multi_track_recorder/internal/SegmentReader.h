@@ -54,12 +54,17 @@ struct Segment {
     const SegmentKey key;
     const std::string path;
     std::atomic<std::uint64_t> survivors{0};
+    /// The ring has begun to erase it. Only the ring marks it as to be removed, together with what it erased in all tracks.
+    std::atomic<bool> isErasing{false};
     // Guarded by the catalogue's transaction.
     std::uint64_t length = 0;
     std::uint64_t time = 0;
     bool isSealed = false;
     bool isRemoving = false;
     bool isDamaged = false; ///< It may hold more than is known of it: only the ring removes it.
+
+    /// Whether it may be removed as soon as nothing in it survives. Within a transaction.
+    bool DiesWhenEmpty() const { return isSealed && !isRemoving && !isErasing && !isDamaged; }
 };
 
 /// The segments that are open for reading; few, since descriptors and directories cost.

@@ -10,6 +10,7 @@
 #include <map>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <shared_mutex>
 #include <thread>
 #include <vector>
@@ -51,6 +52,16 @@ public:
     boost::signals2::connection ConnectToStateSignal(const MultiTrackRecorder::StateSignal::slot_type& slot);
 
 private:
+    /// A segment that the ring erases.
+    struct Erasing {
+        struct Part {
+            std::shared_ptr<TrackImpl> track;
+            std::uint64_t end; ///< Of the track's records in the segment.
+        };
+        std::shared_ptr<Segment> segment;
+        std::vector<Part> parts;
+    };
+
     struct Member {
         std::shared_ptr<RecordingImpl> impl;
         boost::shared_ptr<Recording> recording;
@@ -93,6 +104,7 @@ private:
     std::shared_ptr<Segment> OldestSegment(bool sparse);
     bool SealBulk();
     void EraseSegment(const std::shared_ptr<Segment>& segment);
+    void FinishErasing();
     void RemoveDead();
     void ForgetRemoved();
     void ForgetRemoved(Catalogue::Transaction& transaction);
@@ -125,10 +137,11 @@ private:
     std::uint64_t device_ = 0; ///< Guarded by keeperMutex_.
     bool isOverfull_ = false;  ///< Guarded by keeperMutex_.
     bool hasAside_ = false; ///< There may be files to be removed before any segment. Guarded by keeperMutex_.
-    bool lacksRoom_ = false;  ///< That is why the store is read-only. Guarded by keeperMutex_.
-    bool hasReserve_ = false; ///< Guarded by keeperMutex_.
-    bool hasIdentity_ = true; ///< The card can be told by its identity. Guarded by keeperMutex_.
-    std::string findError_;   ///< Why the card that is back cannot be used. Guarded by keeperMutex_.
+    bool lacksRoom_ = false;         ///< That is why the store is read-only. Guarded by keeperMutex_.
+    bool hasReserve_ = false;        ///< Guarded by keeperMutex_.
+    bool hasIdentity_ = true;        ///< The card can be told by its identity. Guarded by keeperMutex_.
+    std::string findError_;          ///< Why the card that is back cannot be used. Guarded by keeperMutex_.
+    std::optional<Erasing> erasing_; ///< Begun; the catalogue does not know yet. Guarded by keeperMutex_.
     std::vector<SegmentKey>
         removed_; ///< Files that are gone for good, for the catalogue to forget. Likewise.
 

@@ -30,6 +30,7 @@ void Store::Keep() {
         CheckCard();
         RetryWithRoom();
         if (GetState() == StoreState::Good) {
+            FinishErasing();
             RemoveDead();
             MakeRoom();
             KeepReserve();
@@ -93,6 +94,7 @@ void Store::LetGo() {
     }
     context_->cache.DropAll();
     context_->SetCatalogue(nullptr);
+    erasing_.reset(); // What was erased counts when the catalogue knows it.
     removed_.clear(); // Opening looks after them.
     lock_ = {};
 }
@@ -143,6 +145,7 @@ Space Store::LookAtSpace() {
 
 /// Erases the oldest segments until the used share, with what is about to come, is below the limit.
 void Store::MakeRoom() {
+    FinishErasing();
     for (;;) {
         const Space space = LookAtSpace();
         const std::uint64_t used = space.usable - space.free;
@@ -225,37 +228,51 @@ bool Store::SealBulk() {
     return OldestSegment(false) != nullptr;
 }
 
-/// Each track forgets its records under its own lock; then one transaction takes them all.
 void Store::EraseSegment(const std::shared_ptr<Segment>& segment) {
-    std::vector<std::pair<std::shared_ptr<TrackContent>, std::uint64_t>> ends;
+    Erasing erasing{segment, {}};
     for (const auto& recording : Recordings()) {
         for (const auto& track : recording->Tracks()) {
-            const std::shared_ptr<TrackContent>& content = track->Content();
-            const std::uint64_t end = content->EndIn(*segment);
-            if (end > 0) {
-                track->EraseOldest(end);
-                ends.emplace_back(content, end);
+            if (const std::uint64_t end = track->Content()->EndIn(*segment); end > 0) {
+                erasing.parts.push_back({track, end});
             }
         }
     }
+    segment->isErasing = true;
+    erasing_ = std::move(erasing);
+    FinishErasing();
+}
+
+/// Each track forgets its records under its own lock; then one transaction takes them all. When it fails, the records stay
+/// forgotten, and the next round goes on here.
+void Store::FinishErasing() {
+    if (!erasing_) {
+        return;
+    }
+    for (const Erasing::Part& part : erasing_->parts) {
+        part.track->EraseOldest(part.end);
+    }
     context_->Transact([&](Catalogue::Transaction& transaction) {
-        std::vector<ErasedRanges> erased;
-        for (const auto& [content, end] : ends) {
-            const std::lock_guard<std::mutex> lock(content->mutex);
-            erased.push_back(content->erased);
-            erased.back().Add({0, end});
-            transaction.SetErased(content->id, erased.back().FirstSerial(), erased.back().Ranges());
+        std::vector<std::pair<TrackContent*, ErasedRanges>> erased;
+        for (const auto& [track, end] : erasing_->parts) {
+            TrackContent& content = *track->Content();
+            const std::lock_guard<std::mutex> lock(content.mutex);
+            if (!content.isErased) {
+                ErasedRanges& ranges = erased.emplace_back(&content, content.erased).second;
+                ranges.Add({0, end});
+                transaction.SetErased(content.id, ranges.FirstSerial(), ranges.Ranges());
+            }
         }
-        transaction.SetRemoving(segment->key);
+        transaction.SetRemoving(erasing_->segment->key);
         ForgetRemoved(transaction);
         transaction.Commit();
-        segment->isRemoving = true;
+        erasing_->segment->isRemoving = true;
         removed_.clear();
-        for (std::size_t i = 0; i < ends.size(); ++i) {
-            const std::lock_guard<std::mutex> lock(ends[i].first->mutex);
-            ends[i].first->SetErased(erased[i]);
+        for (const auto& [content, ranges] : erased) {
+            const std::lock_guard<std::mutex> lock(content->mutex);
+            content->SetErased(ranges);
         }
     });
+    erasing_.reset();
 }
 
 /// Removes the files of dead segments, in the order that lets a crash come at any point.

@@ -371,8 +371,7 @@ void TrackImpl::Remove(Catalogue::Transaction& transaction, SerialRange range) {
     }
     std::vector<std::shared_ptr<Segment>> dead;
     for (const auto& [segment, count] : erasedIn) {
-        if (segment->isSealed && !segment->isRemoving && !lane_.IsNewest(segment->key) &&
-            !segment->isDamaged && segment->survivors == count) {
+        if (segment->DiesWhenEmpty() && !lane_.IsNewest(segment->key) && segment->survivors == count) {
             transaction.SetRemoving(segment->key);
             dead.push_back(segment);
         }
