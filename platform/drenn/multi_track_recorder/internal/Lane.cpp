@@ -385,17 +385,7 @@ void Lane::SealLocked() {
                 transaction.AddInfo({track->id, info.from, *info.text});
             }
         }
-        std::vector<std::shared_ptr<Segment>> dead = DeadSegments();
-        if (segment->length == 0) {
-            dead.push_back(segment);
-        }
-        for (const auto& each : dead) {
-            transaction.SetRemoving(each->key);
-        }
         transaction.Commit();
-        for (const auto& each : dead) {
-            each->isRemoving = true;
-        }
         segment->isSealed = true;
         Add(segment);
     });
