@@ -41,6 +41,31 @@ TEST(DeviceTrouble, AStoreWithoutTrustInItsDeviceStillServesReads) {
     EXPECT_THAT(states, testing::ElementsAre(StoreState::ReadOnly));
 }
 
+TEST(DeviceTrouble, ASyncThatFailedOnceStaysKnown) {
+    const quarn::core::LogCapture log(quarn::core::LogLevel::Off);
+    SimFileSystem disk;
+    const StoreOptions options = Workload::SmallStore();
+    {
+        Store store(disk, options);
+        const auto track = store.NewRecording()->newTrack();
+        AppendText(*track, "durable");
+        store.Sync();
+        AppendText(*track, "written again");
+        disk.SetFault([failed = false](const std::string& operation, const std::string& path) mutable {
+            const bool fails = !failed && operation == "sync" && path.find(".seg") != std::string::npos;
+            failed = failed || fails;
+            return fails ? EIO : 0;
+        });
+        store.Sync();
+        EXPECT_EQ(store.GetState(), StoreState::Good);
+    }
+    EXPECT_THAT(VerifyStore(disk, options.storage, options.database), IsEmpty());
+    Store store(disk, options);
+    EXPECT_THAT(store.GetDamage(), testing::ElementsAre(HasSubstr(".seg")));
+    const auto tracks = store.GetRecordings().front().lock()->getTracks();
+    EXPECT_EQ("written again", TextAt(*tracks.front().lock(), 1));
+}
+
 TEST(DeviceTrouble, AStoreWithoutTrustInItsCatalogueIsReadOnly) {
     const quarn::core::LogCapture log(quarn::core::LogLevel::Off);
     SimFileSystem disk;
