@@ -113,6 +113,25 @@ TEST(DeviceTrouble, WhatIsHeldBackLetsTheStoreErase) {
         disk.Remove("/card/other");
         store.Keep();
         EXPECT_TRUE(disk.Exists("/card/database/reserve"));
+
+        // Not even that helps; what was begun is finished when it can be.
+        for (unsigned int i = 0; i != 100; ++i) {
+            AppendText(*track, std::string(10000, 'z'));
+            store.Sync();
+        }
+        disk.Open("/card/other", OpenMode::Create)->Reserve(free());
+        disk.SetFault([](const std::string& operation, const std::string& path) {
+            return operation == "write" && path == "/card/database/catalogue-wal" ? ENOSPC : 0;
+        });
+        EXPECT_THAT(ThrownText<std::runtime_error>([&] { store.Keep(); }),
+                    HasSubstr("Cannot use the catalogue"));
+        disk.SetFault(nullptr);
+        disk.Remove("/card/other");
+        store.Keep();
+        SimFileSystem left(disk.GetImage()); // By a kill.
+        Store next(left, options);
+        const auto tracks = next.GetRecordings().front().lock()->getTracks();
+        EXPECT_EQ(track->size(), tracks.front().lock()->size());
     }
     EXPECT_THAT(VerifyStore(disk, options.storage, options.database), IsEmpty());
 }
