@@ -66,6 +66,33 @@ TEST(DeviceTrouble, ASyncThatFailedOnceStaysKnown) {
     EXPECT_EQ("written again", TextAt(*tracks.front().lock(), 1));
 }
 
+TEST(DeviceTrouble, AWriteThatFindsNoRoomLeavesNoTrace) {
+    const quarn::core::LogCapture log(quarn::core::LogLevel::Off);
+    SimFileSystem disk;
+    const StoreOptions options = Workload::SmallStore();
+    {
+        Store store(disk, options);
+        const auto track = store.NewRecording()->newTrack();
+        AppendText(*track, "first");
+        store.Sync();
+        AppendText(*track, "second");
+        disk.SetFault([](const std::string& operation, const std::string& path) {
+            return operation == "write" && path.find(".seg") != std::string::npos ? ENOSPC : 0;
+        });
+        EXPECT_THAT(ThrownText<std::runtime_error>([&] { store.Sync(); }), HasSubstr(".seg"));
+        disk.SetFault(nullptr);
+        AppendText(*track, "third");
+        store.Sync();
+        EXPECT_EQ("third", TextAt(*track, 2));
+    }
+    EXPECT_THAT(VerifyStore(disk, options.storage, options.database), IsEmpty());
+    Store store(disk, options);
+    EXPECT_THAT(store.GetDamage(), IsEmpty());
+    const auto track = store.GetRecordings().front().lock()->getTracks().front().lock();
+    EXPECT_EQ("second", TextAt(*track, 1));
+    EXPECT_EQ("third", TextAt(*track, 2));
+}
+
 TEST(DeviceTrouble, AStoreWithoutTrustInItsCatalogueIsReadOnly) {
     const quarn::core::LogCapture log(quarn::core::LogLevel::Off);
     SimFileSystem disk;
