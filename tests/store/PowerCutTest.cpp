@@ -63,6 +63,9 @@ public:
         disk.SetFault(isFaulty ? RandomFault() : nullptr);
         try {
             Workload workload(disk, Workload::SmallStore(), Random(~0U), lives_);
+            if (Random(2) == 0) {
+                workload.Interrupt();
+            }
             try {
                 for (unsigned int step = 0; step != kSteps; ++step) {
                     workload.Step();

@@ -106,6 +106,7 @@ public:
         return got;
     }
     void Write(std::uint64_t offset, const void* bytes, std::size_t length) override {
+        disk_.beforeChange();
         const std::lock_guard<std::mutex> lock(disk_.lock_);
         const auto* begin = static_cast<const unsigned char*>(bytes);
         const auto write = [&](std::size_t count) {
@@ -128,6 +129,7 @@ public:
         write(length);
     }
     void Truncate(std::uint64_t length) override {
+        disk_.beforeChange();
         const std::lock_guard<std::mutex> lock(disk_.lock_);
         disk_.Check("truncate", path_);
         disk_.Do({Kind::Truncate, inode_, path_, "", length, {}});
@@ -138,6 +140,7 @@ public:
         disk_.reserved_[inode_] = length;
     }
     void Sync() override {
+        disk_.beforeChange();
         const std::lock_guard<std::mutex> lock(disk_.lock_);
         disk_.CheckSync("sync", path_, inode_);
         disk_.Do({Kind::SyncFile, inode_, path_, "", 0, {}});
@@ -265,6 +268,7 @@ bool SimFileSystem::Exists(const std::string& path) const {
 }
 
 void SimFileSystem::Rename(const std::string& from, const std::string& to) {
+    beforeChange();
     const std::lock_guard<std::mutex> lock(lock_);
     Check("rename", from);
     if (image_.names.count(from) == 0) {
@@ -274,6 +278,7 @@ void SimFileSystem::Rename(const std::string& from, const std::string& to) {
 }
 
 void SimFileSystem::Remove(const std::string& path) {
+    beforeChange();
     const std::lock_guard<std::mutex> lock(lock_);
     Check("remove", path);
     if (const auto found = image_.names.find(path); found != image_.names.end()) {
@@ -282,6 +287,7 @@ void SimFileSystem::Remove(const std::string& path) {
 }
 
 void SimFileSystem::SyncFolder(const std::string& path) {
+    beforeChange();
     const std::lock_guard<std::mutex> lock(lock_);
     CheckSync("sync folder", path, 0);
     Do({Kind::SyncFolder, 0, path, "", 0, {}});

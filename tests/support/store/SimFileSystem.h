@@ -68,6 +68,9 @@ public:
     std::atomic<std::uint64_t> device{1}; ///< What DeviceOf gives.
     std::atomic<bool> isPresent{true};    ///< Without a card everything fails with ENOENT.
 
+    /// Called before every change and every sync, without a lock, on the thread that makes it. Set while nobody uses the disk.
+    std::function<void()> beforeChange = [] {};
+
     void SetFault(Fault fault);
     /// Reading any of these bytes of a file fails with EIO.
     void SetBadBytes(const std::string& path, std::uint64_t first, std::uint64_t end);

@@ -1,7 +1,11 @@
 #include "support/store/Workload.h"
 
 #include <algorithm>
+#include <array>
+#include <chrono>
 #include <cstring>
+#include <future>
+#include <thread>
 
 using namespace drenn::multi_track_recorder;
 
@@ -205,11 +209,11 @@ void Workload::Step() {
     } else if (kind < 800) {
         Compare(open, Random(static_cast<unsigned int>(open.present.size()) + 1));
     } else if (kind < 850) {
-        store_->Commit();
+        Do([this] { store_->Commit(); });
     } else if (kind < 900) {
         Sync();
     } else if (kind < 940) {
-        store_->Keep();
+        Do([this] { store_->Keep(); });
     } else if (kind < 965) {
         SetInfo(open);
     } else if (kind < 990) {
@@ -271,7 +275,7 @@ void Workload::NewTrack() {
 void Workload::EraseTrack(OpenTrack& open) {
     TrackLife& life = lives_[open.number];
     life.eraseBegun = disk_.GetMoment();
-    open.recording->eraseTrack(life.id);
+    Do([&] { open.recording->eraseTrack(life.id); });
     life.erased = disk_.GetMoment();
     FinishErasures();
     tracks_.erase(
@@ -317,11 +321,11 @@ void Workload::Erase(OpenTrack& open) {
             last = std::min(last, first + 3);
             break;
     }
-    open.track->eraseRange(first, last);
+    Do([&] { open.track->eraseRange(first, last); });
 }
 
 void Workload::Sync() {
-    store_->Sync();
+    Do([this] { store_->Sync(); });
     const std::size_t now = disk_.GetMoment();
     for (TrackLife& life : lives_) {
         for (auto record = life.records.rbegin(); record != life.records.rend(); ++record) {
@@ -333,8 +337,42 @@ void Workload::Sync() {
     }
 }
 
+void Workload::Do(const std::function<void()>& action) {
+    if (!isInterrupted_) {
+        action();
+        return;
+    }
+    std::future<void> other;
+    const std::array<std::function<void()>, 3> others{[this] { store_->Commit(); },
+                                                      [this] { store_->Sync(); }, [this] { store_->Keep(); }};
+    const auto& what = others[Random(3)];
+    disk_.beforeChange = [&, place = Random(12), thread = std::this_thread::get_id()]() mutable {
+        if (std::this_thread::get_id() == thread && place-- == 0) {
+            other = std::async(std::launch::async, what);
+            other.wait_for(std::chrono::milliseconds(2));
+        }
+    };
+    std::exception_ptr failure;
+    try {
+        action();
+    } catch (const std::exception&) {
+        failure = std::current_exception();
+    }
+    if (other.valid()) {
+        other.wait();
+    }
+    disk_.beforeChange = [] {};
+    if (failure != nullptr) {
+        std::rethrow_exception(failure);
+    }
+    if (other.valid()) {
+        other.get();
+    }
+}
+
 // The records must still be readable.
 void Workload::OnErase(unsigned int number, unsigned int first, unsigned int last) {
+    const std::lock_guard<std::mutex> lock(erasingMutex_);
     const auto open = std::find_if(tracks_.begin(), tracks_.end(),
                                    [number](const auto& track) { return track->number == number; });
     if (open == tracks_.end() || last > (*open)->present.size() || first >= last) {

@@ -1,9 +1,11 @@
 #pragma once
 
 #include <cstdint>
+#include <functional>
 #include <limits>
 #include <map>
 #include <memory>
+#include <mutex>
 #include <random>
 #include <string>
 #include <utility>
@@ -50,6 +52,9 @@ public:
              std::vector<TrackLife> lives = {});
     ~Workload();
 
+    /// From now on another thread commits, syncs or makes room in the middle of operations: it begins at one of the disk's
+    /// changes, which waits until the other is done or waits for a lock.
+    void Interrupt() { isInterrupted_ = true; }
     /// Does one operation at random; compares what it touches with the model. Throws what the store throws.
     void Step();
     /// Closes and opens the store and compares all of it with the model.
@@ -87,6 +92,7 @@ private:
     void Sync();
     void OnErase(unsigned int number, unsigned int first, unsigned int last);
     void FinishErasures();
+    void Do(const std::function<void()>& action);
     std::pair<unsigned int, unsigned int> InfoRange(const OpenTrack& open, unsigned int index) const;
     void Compare(OpenTrack& open, unsigned int index);
     void Fault(const std::string& text) { faults_.push_back(text); }
@@ -98,7 +104,10 @@ private:
     std::unique_ptr<drenn::multi_track_recorder::Store> store_;
     std::vector<std::unique_ptr<OpenTrack>> tracks_;
     std::vector<TrackLife> lives_;
-    std::vector<std::pair<unsigned int, unsigned int>> erasing_; // Tracks and records, until the step ends.
+    bool isInterrupted_ = false;
+    std::mutex erasingMutex_;
+    // Tracks and records, until the step ends. Guarded by erasingMutex_.
+    std::vector<std::pair<unsigned int, unsigned int>> erasing_;
     std::vector<std::string> faults_;
 };
 
