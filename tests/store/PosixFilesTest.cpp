@@ -191,4 +191,7 @@ TEST_F(PosixFiles, DoAllSyncsAndTellTheFirstThatFails) {
     const auto together = [&] { files.Together({[&] { ++done; }, [&] { fail(EIO); }, [&] { ++done; }}); };
     EXPECT_THROW(together(), SyncError);
     EXPECT_EQ(done, 3);
+    // Without threads, one after the other.
+    EXPECT_THROW(files.IFileSystem::Together({[&] { fail(EIO); }, [&] { ++done; }}), SyncError);
+    EXPECT_EQ(done, 5);
 }
