@@ -72,8 +72,10 @@ constexpr std::size_t kSmallestPage = 512;
 
 /// Two witnesses, since a bit of the header may be damaged: that pages have room for a checksum, and the version.
 bool TellsOfChecksums(const unsigned char* header) {
-    const unsigned int version = (static_cast<unsigned int>(header[60]) << 24U) | (header[61] << 16U) |
-                                 (header[62] << 8U) | header[63];
+    unsigned int version = 0;
+    for (const unsigned char* byte = header + 60; byte != header + 64; ++byte) {
+        version = version << 8U | *byte;
+    }
     return header[20] == SqliteVfs::kReservedBytes || version >= SqliteVfs::kChecksummedVersion;
 }
 
