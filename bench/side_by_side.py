@@ -14,6 +14,7 @@ import gstreamer
 from files import FileRows
 from growth import GrowthRows
 from measure import Failure, OthersWatch, Samples, add_extent, bench_figures, elapsed
+from table import print_table
 
 GST_LINES = {
     "base": gstreamer.identities(0),
@@ -84,25 +85,6 @@ def fact_rows(bench, facts):
     for what, _unit, figure in figures:
         samples.add(what, lambda figure=figure: (figure(), None))
     return [(what, *samples.medians(what), unit, None) for what, unit, _figure in figures]
-
-
-def decimals(figure):
-    return 0 if figure == 0 or abs(figure) >= 100 else 1 if abs(figure) >= 10 else 2
-
-
-def print_table(rows):
-    print("| what; beside what | ours | theirs | ratio | must be | met |")
-    print("|---|---:|---:|---:|---:|---|")
-    for what, ours, theirs, unit, limit in rows:
-        if isinstance(ours, Failure):
-            print(f"| {what} | failed: {ours} | - | - | - | NO |")
-            continue
-        show = lambda figure: "-" if figure is None else f"{figure:.{decimals(figure)}f} {unit}".strip()
-        # A difference below zero, or within noise of it, has no ratio.
-        ratio = ours / theirs if theirs is not None and theirs > 0 else None
-        met = "-" if limit is None or ratio is None else "yes" if ratio <= limit else "NO"
-        print(f"| {what} | {show(ours)} | {show(theirs)} | {'-' if ratio is None else f'{ratio:.2f}'} |"
-              f" {'-' if limit is None else f'{limit} x'} | {met} |")
 
 
 def main():
