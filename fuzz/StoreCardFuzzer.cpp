@@ -63,7 +63,7 @@ void Damage(DiskImage& card, const uint8_t* change) {
     auto file = card.names.begin();
     std::advance(file, change[0] % card.names.size());
     DiskImage::Bytes& bytes = card.Change(file->second);
-    const std::size_t place = change[2] | (change[3] << 8U) | (change[4] << 16U);
+    const std::size_t place = change[2] + change[3] * std::size_t{256} + change[4] * std::size_t{65536};
     if (bytes.empty()) {
         return;
     }
