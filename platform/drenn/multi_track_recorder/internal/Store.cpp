@@ -12,13 +12,12 @@ Store::Store(IFileSystem& files, const StoreOptions& options)
     : files_(files),
       options_(options),
       folders_{options.storage, options.database},
-      vfs_(files),
-      readingVfs_(files, SqliteVfs::Access::ReadOnly) {
+      opener_(files, folders_) {
     if (options.maxPercent < 1 || options.maxPercent > 100) {
         throw std::runtime_error("The store at " + options.storage + " cannot be kept below " +
                                  std::to_string(options.maxPercent) + " percent; 1 to 100 are possible");
     }
-    OpenedStore opened = Open();
+    OpenedStore opened = opener_.Open();
     context_ = std::make_unique<StoreContext>(files, options, opened.id);
     gate_->store = this;
     context_->onStateChange = [this] {
@@ -70,44 +69,6 @@ Store::~Store() {
         }
     }
     context_->cache.DropAll();
-}
-
-OpenedStore Store::Open() {
-    bool lacksRoom = false;
-    try {
-        try {
-            return OpenForChanges();
-        } catch (const FileError& error) {
-            lacksRoom = error.IsOutOfSpace();
-            throw;
-        }
-    } catch (const std::exception& error) {
-        try {
-            OpenedStore opened = OpenStoreToRead(files_, folders_, readingVfs_.Name());
-            opened.readOnly = error.what();
-            opened.lacksRoom = lacksRoom;
-            return opened;
-        } catch (const std::exception&) {
-            // The first error tells more.
-        }
-        throw;
-    }
-}
-
-/// Without room, what is held back and what was set aside is given up for it.
-OpenedStore Store::OpenForChanges() {
-    try {
-        return OpenStore(files_, folders_, vfs_.Name());
-    } catch (const FileError& error) {
-        if (!error.IsOutOfSpace()) {
-            throw;
-        }
-    }
-    files_.Remove(folders_.Reserve());
-    for (const std::string& path : ListAside(files_, folders_)) {
-        files_.Remove(path);
-    }
-    return OpenStore(files_, folders_, vfs_.Name());
 }
 
 void Store::TakeOver(OpenedStore& opened) {

@@ -20,8 +20,7 @@
 #include "drenn/multi_track_recorder/internal/StoreContext.h"
 #include "drenn/multi_track_recorder/internal/StoreOptions.h"
 #include "drenn/multi_track_recorder/internal/io/FileSystem.h"
-#include "drenn/multi_track_recorder/internal/io/SqliteVfs.h"
-#include "drenn/multi_track_recorder/internal/recovery/Opening.h"
+#include "drenn/multi_track_recorder/internal/recovery/StoreOpener.h"
 
 namespace drenn::multi_track_recorder {
 
@@ -73,8 +72,6 @@ private:
         Store* store; ///< Nothing when it is closed. Guarded by mutex.
     };
 
-    OpenedStore Open();
-    OpenedStore OpenForChanges();
     void TakeOver(OpenedStore& opened);
     void Tidy();
     void Build(const OpenedStore& opened);
@@ -121,8 +118,7 @@ private:
     IFileSystem& files_;
     const StoreOptions options_;
     const StoreFolders folders_;
-    SqliteVfs vfs_;
-    SqliteVfs readingVfs_;
+    StoreOpener opener_;
     std::unique_ptr<StoreContext> context_;
     MultiTrackRecorder::StateSignal stateSignal_;
 

@@ -109,7 +109,7 @@ void Store::FindCard() {
             context_->SetState(StoreState::OtherCard);
             return;
         }
-        OpenedStore opened = Open();
+        OpenedStore opened = opener_.Open();
         TakeOver(opened);
         context_->logger.Information("The card of %s is back", options_.storage.c_str());
         findError_.clear();
