@@ -47,7 +47,7 @@ private:
 
 SegmentWriter::SegmentWriter(StoreContext& context, SegmentKey key)
     : context_(context),
-      segment_(std::make_shared<Segment>(key, context.PathOf(key))),
+      segment_(std::make_shared<Segment>(key, context.folders.PathOf(key))),
       file_(context.files.Open(segment_->path, OpenMode::CreateNew)),
       header_{key.lane, key.sequence, context.id, RandomSalt()},
       reader_(std::make_shared<SegmentReader>(file_, segment_->path, header_.salt)),

@@ -11,8 +11,7 @@ namespace drenn::multi_track_recorder {
 Store::Store(IFileSystem& files, const StoreOptions& options)
     : files_(files),
       options_(options),
-      folders_{options.storage, options.database},
-      opener_(files, folders_) {
+      opener_(files, {options.storage, options.database}) {
     if (options.maxPercent < 1 || options.maxPercent > 100) {
         throw std::runtime_error("The store at " + options.storage + " cannot be kept below " +
                                  std::to_string(options.maxPercent) + " percent; 1 to 100 are possible");
@@ -76,13 +75,13 @@ void Store::TakeOver(OpenedStore& opened) {
     lock_ = std::move(opened.lock);
     lacksRoom_ = opened.lacksRoom;
     hasIdentity_ = opened.hasIdentity;
-    hasAside_ = !ListAside(files_, folders_).empty();
+    hasAside_ = !ListAside(files_, context_->folders).empty();
     context_->SetCatalogue(opened.catalogue);
     Build(opened);
     LookAtSpace();
     std::vector<std::string> damage = opened.told;
     for (const DamageRow& row : opened.content.damage) {
-        damage.push_back(ToText(row, folders_.PathOf(row.segment)));
+        damage.push_back(ToText(row, context_->folders.PathOf(row.segment)));
     }
     const std::lock_guard<std::mutex> lock(recordingsMutex_);
     damage_ = std::move(damage);

@@ -117,7 +117,6 @@ private:
 
     IFileSystem& files_;
     const StoreOptions options_;
-    const StoreFolders folders_;
     StoreOpener opener_;
     std::unique_ptr<StoreContext> context_;
     MultiTrackRecorder::StateSignal stateSignal_;

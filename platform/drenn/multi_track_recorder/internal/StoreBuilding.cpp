@@ -74,7 +74,7 @@ void Store::Build(const OpenedStore& opened) {
     for (const TrackRow& row : content.tracks) {
         const auto recording = recordings.find(row.recording);
         if (recording == recordings.end()) {
-            throw std::runtime_error("The catalogue " + folders_.Catalogue() + " has track " +
+            throw std::runtime_error("The catalogue " + context_->folders.Catalogue() + " has track " +
                                      std::to_string(row.id) + " of recording " +
                                      std::to_string(row.recording) + ", which it does not have");
         }
@@ -110,8 +110,8 @@ void Store::BuildTables(const CatalogueContent& content,
             const SerialRange range{row.firstSerial, row.firstSerial + row.count};
             const auto segment = segments.find(row.segment);
             if (segment == segments.end()) {
-                throw std::runtime_error("The catalogue " + folders_.Catalogue() + " has records in " +
-                                         folders_.PathOf(row.segment) + ", which it does not have");
+                throw std::runtime_error("The catalogue " + context_->folders.Catalogue() + " has records in " +
+                                         context_->folders.PathOf(row.segment) + ", which it does not have");
             }
             track.AddExtent(segment->second, range);
             track.survivors.Append(range);
@@ -152,7 +152,7 @@ Store::SegmentsByKey Store::BuildSegments(
     const std::map<std::uint32_t, std::shared_ptr<RecordingImpl>>& recordings) {
     SegmentsByKey segments;
     for (const SegmentRow& row : content.segments) {
-        auto segment = std::make_shared<Segment>(row.key, context_->PathOf(row.key));
+        auto segment = std::make_shared<Segment>(row.key, context_->folders.PathOf(row.key));
         segment->length = row.length;
         segment->time = row.time;
         segment->isSealed = true;

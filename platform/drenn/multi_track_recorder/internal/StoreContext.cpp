@@ -3,7 +3,6 @@
 #include <stdexcept>
 
 #include "drenn/multi_track_recorder/internal/StoreContext.h"
-#include "drenn/multi_track_recorder/internal/recovery/Opening.h"
 #include "quarn/core/Logger.h"
 
 namespace drenn::multi_track_recorder {
@@ -11,13 +10,10 @@ namespace drenn::multi_track_recorder {
 StoreContext::StoreContext(IFileSystem& fileSystem, const StoreOptions& storeOptions, const StoreId& storeId)
     : files(fileSystem),
       options(storeOptions),
+      folders{options.storage, options.database},
       id(storeId),
       logger(*quarn::core::Logger::GetLogger("MultiTrackRecorder")),
       cache(fileSystem, storeId) {}
-
-std::string StoreContext::PathOf(SegmentKey segment) const {
-    return options.storage + "/" + FileNameOf(segment);
-}
 
 std::shared_ptr<Catalogue> StoreContext::GetCatalogue() const {
     const std::lock_guard<std::mutex> lock(catalogueMutex_);
@@ -43,10 +39,10 @@ void StoreContext::Transact(const std::function<void(Catalogue::Transaction&)>& 
         try {
             once();
         } catch (const FileError& error) {
-            if (!error.IsOutOfSpace() || !files.Exists(ReservePath())) {
+            if (!error.IsOutOfSpace() || !files.Exists(folders.Reserve())) {
                 throw;
             }
-            files.Remove(ReservePath());
+            files.Remove(folders.Reserve());
             once();
         }
     } catch (const FileError& error) {

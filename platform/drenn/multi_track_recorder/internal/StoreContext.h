@@ -12,6 +12,7 @@
 #include "drenn/multi_track_recorder/internal/io/Catalogue.h"
 #include "drenn/multi_track_recorder/internal/io/FileError.h"
 #include "drenn/multi_track_recorder/internal/io/FileSystem.h"
+#include "drenn/multi_track_recorder/internal/recovery/Opening.h"
 
 namespace quarn::core {
 class Logger;
@@ -28,6 +29,7 @@ public:
 
     IFileSystem& files;
     const StoreOptions options;
+    const StoreFolders folders;
     const StoreId id;
     quarn::core::Logger& logger;
     SegmentCache cache;
@@ -37,9 +39,6 @@ public:
 
     /// What the card has room for, in one record.
     std::atomic<std::uint64_t> largestRecord{std::uint64_t{64} * 1024 * 1024};
-
-    std::string PathOf(SegmentKey segment) const;
-    std::string ReservePath() const { return options.database + "/reserve"; }
 
     /// Throws when it is closed because the card is away.
     std::shared_ptr<Catalogue> GetCatalogue() const;

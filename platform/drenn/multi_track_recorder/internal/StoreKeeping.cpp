@@ -68,9 +68,9 @@ void Store::CheckCard() {
         if (isSameDevice && !hasIdentity_) {
             return; // Nothing else can be compared.
         }
-        if (!isSameDevice || !files_.Exists(folders_.Identity())) {
+        if (!isSameDevice || !files_.Exists(context_->folders.Identity())) {
             state = StoreState::NoCard;
-        } else if (ReadIdentity(files_, folders_.Identity()) != context_->id) {
+        } else if (ReadIdentity(files_, context_->folders.Identity()) != context_->id) {
             state = StoreState::OtherCard;
         }
     } catch (const std::exception&) {
@@ -101,11 +101,11 @@ void Store::LetGo() {
 
 void Store::FindCard() {
     try {
-        if (!files_.Exists(folders_.Identity())) {
+        if (!files_.Exists(context_->folders.Identity())) {
             context_->SetState(StoreState::NoCard);
             return;
         }
-        if (ReadIdentity(files_, folders_.Identity()) != context_->id) {
+        if (ReadIdentity(files_, context_->folders.Identity()) != context_->id) {
             context_->SetState(StoreState::OtherCard);
             return;
         }
@@ -183,7 +183,7 @@ void Store::MakeRoom() {
 /// What was set aside gives way before anything that can be read. False when there was nothing.
 bool Store::RemoveAside() {
     const std::vector<std::string> paths =
-        hasAside_ ? ListAside(files_, folders_) : std::vector<std::string>();
+        hasAside_ ? ListAside(files_, context_->folders) : std::vector<std::string>();
     hasAside_ = !paths.empty();
     if (hasAside_) {
         files_.Remove(paths.front());
@@ -291,7 +291,7 @@ void Store::RemoveDead() {
     }
     for (const auto& [lane, key] : dead) {
         context_->cache.Drop(key);
-        files_.Remove(context_->PathOf(key));
+        files_.Remove(context_->folders.PathOf(key));
     }
     files_.SyncFolder(options_.storage);
     for (const auto& [lane, key] : dead) {
@@ -339,7 +339,7 @@ void Store::MarkDead(Lane& lane) {
 
 /// Room that is held back for the transactions that erase.
 void Store::KeepReserve() {
-    const std::string path = context_->ReservePath();
+    const std::string path = context_->folders.Reserve();
     try {
         // One that is there may be from a process that was killed before it had any room.
         if ((!hasReserve_ || !files_.Exists(path)) &&
