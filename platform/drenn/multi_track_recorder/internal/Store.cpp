@@ -1,5 +1,4 @@
 #include <algorithm>
-#include <boost/make_shared.hpp>
 #include <chrono>
 #include <stdexcept>
 
@@ -9,9 +8,7 @@
 namespace drenn::multi_track_recorder {
 
 Store::Store(IFileSystem& files, const StoreOptions& options)
-    : files_(files),
-      options_(options),
-      opener_(files, {options.storage, options.database}) {
+    : files_(files), options_(options), opener_(files, {options.storage, options.database}) {
     if (options.maxPercent < 1 || options.maxPercent > 100) {
         throw std::runtime_error("The store at " + options.storage + " cannot be kept below " +
                                  std::to_string(options.maxPercent) + " percent; 1 to 100 are possible");
@@ -19,6 +16,12 @@ Store::Store(IFileSystem& files, const StoreOptions& options)
     OpenedStore opened = opener_.Open();
     context_ = std::make_unique<StoreContext>(files, options, opened.id);
     gate_->store = this;
+    tables_ = std::make_unique<StoreTables>(*context_, [gate = gate_] {
+        const std::shared_lock<std::shared_mutex> lock(gate->mutex);
+        if (gate->store != nullptr) {
+            gate->store->Relieve();
+        }
+    });
     context_->onStateChange = [this] {
         const std::lock_guard<std::mutex> lock(wakeMutex_);
         states_.push_back(context_->GetState());
@@ -52,12 +55,12 @@ Store::~Store() {
         const std::unique_lock<std::shared_mutex> lock(gate_->mutex);
         gate_->store = nullptr;
     }
-    for (const auto& recording : Recordings()) {
+    for (const auto& recording : tables_->Recordings()) {
         recording->Detach("its store was closed");
     }
     if (context_->GetState() == StoreState::Good) {
         try {
-            ForEachLane([this](Lane& lane) {
+            tables_->ForEachLane([this](Lane& lane) {
                 lane.Seal();
                 MarkDead(lane);
             });
@@ -83,14 +86,13 @@ void Store::TakeOver(OpenedStore& opened) {
     for (const DamageRow& row : opened.content.damage) {
         damage.push_back(ToText(row, context_->folders.PathOf(row.segment)));
     }
-    const std::lock_guard<std::mutex> lock(recordingsMutex_);
-    damage_ = std::move(damage);
+    tables_->SetDamage(std::move(damage));
 }
 
 /// What a crash left, once the tables are there.
 void Store::Tidy() {
     try {
-        ForEachLane(
+        tables_->ForEachLane(
             [this](Lane& lane) { MarkDead(lane); }); // A crash came before an erasure was done with them.
     } catch (const FileError& error) {
         // What is there can be read; the keeper tries again.
@@ -99,78 +101,19 @@ void Store::Tidy() {
     KeepReserve();
 }
 
-std::vector<std::string> Store::GetDamage() const {
-    const std::lock_guard<std::mutex> lock(recordingsMutex_);
-    return damage_;
-}
-
-Store::Member& Store::Add(const RecordingRow& row) {
-    auto impl = std::make_shared<RecordingImpl>(*context_, row, [gate = gate_] {
-        const std::shared_lock<std::shared_mutex> lock(gate->mutex);
-        if (gate->store != nullptr) {
-            gate->store->Relieve();
-        }
-    });
-    const std::lock_guard<std::mutex> lock(recordingsMutex_);
-    recordings_.push_back({impl, boost::make_shared<Recording>(impl)});
-    return recordings_.back();
-}
-
-std::list<boost::weak_ptr<Recording>> Store::GetRecordings() const {
-    const std::lock_guard<std::mutex> lock(recordingsMutex_);
-    std::list<boost::weak_ptr<Recording>> recordings;
-    for (const Member& member : recordings_) {
-        recordings.emplace_back(member.recording);
-    }
-    return recordings;
-}
-
 boost::shared_ptr<Recording> Store::NewRecording() {
     std::uint32_t id = 0;
     context_->Transact([&](Catalogue::Transaction& transaction) {
         id = transaction.AddRecording();
         transaction.Commit();
     });
-    return Add({id, {}}).recording;
-}
-
-std::vector<std::shared_ptr<RecordingImpl>> Store::Recordings() const {
-    const std::lock_guard<std::mutex> lock(recordingsMutex_);
-    std::vector<std::shared_ptr<RecordingImpl>> recordings;
-    for (const Member& member : recordings_) {
-        recordings.push_back(member.impl);
-    }
-    return recordings;
-}
-
-std::vector<Lane*> Store::Lanes() const {
-    std::vector<Lane*> lanes;
-    for (const auto& recording : Recordings()) {
-        lanes.push_back(&recording->GetLane(false));
-        lanes.push_back(&recording->GetLane(true));
-    }
-    return lanes;
-}
-
-/// All lanes, even if one fails; then its error.
-void Store::ForEachLane(const std::function<void(Lane&)>& action) {
-    std::exception_ptr failure;
-    for (Lane* lane : Lanes()) {
-        try {
-            action(*lane);
-        } catch (const std::exception&) {
-            failure = std::current_exception();
-        }
-    }
-    if (failure != nullptr) {
-        std::rethrow_exception(failure);
-    }
+    return tables_->Add({id, {}}).recording;
 }
 
 void Store::Commit() {
     context_->RequireGood();
     PrepareRoom();
-    ForEachLane([](Lane& lane) { lane.Commit(); });
+    tables_->ForEachLane([](Lane& lane) { lane.Commit(); });
 }
 
 void Store::Sync() {
@@ -193,7 +136,7 @@ void Store::SyncLanes() {
     std::vector<std::function<void()>> syncs;
     std::exception_ptr failure;
     try {
-        ForEachLane([&syncs](Lane& lane) {
+        tables_->ForEachLane([&syncs](Lane& lane) {
             if (lane.BeginSync()) {
                 syncs.emplace_back([&lane] { lane.EndSync(); });
             }

@@ -16,9 +16,9 @@
 #include <vector>
 
 #include "drenn/multi_track_recorder/MultiTrackRecorder.h"
-#include "drenn/multi_track_recorder/internal/RecordingImpl.h"
 #include "drenn/multi_track_recorder/internal/StoreContext.h"
 #include "drenn/multi_track_recorder/internal/StoreOptions.h"
+#include "drenn/multi_track_recorder/internal/StoreTables.h"
 #include "drenn/multi_track_recorder/internal/io/FileSystem.h"
 #include "drenn/multi_track_recorder/internal/recovery/StoreOpener.h"
 
@@ -38,7 +38,7 @@ public:
     Store(const Store&) = delete;
     Store& operator=(const Store&) = delete;
 
-    std::list<boost::weak_ptr<Recording>> GetRecordings() const;
+    std::list<boost::weak_ptr<Recording>> GetRecordings() const { return tables_->GetRecordings(); }
     boost::shared_ptr<Recording> NewRecording();
 
     void Commit(); ///< Writes what was appended to the segments.
@@ -47,7 +47,7 @@ public:
 
     StoreState GetState() const { return context_->GetState(); }
     /// What was found damaged when the store was opened, and what is known to be damaged since earlier.
-    std::vector<std::string> GetDamage() const;
+    std::vector<std::string> GetDamage() const { return tables_->GetDamage(); }
     boost::signals2::connection ConnectToStateSignal(const MultiTrackRecorder::StateSignal::slot_type& slot);
 
 private:
@@ -59,11 +59,6 @@ private:
         };
         std::shared_ptr<Segment> segment;
         std::vector<Part> parts;
-    };
-
-    struct Member {
-        std::shared_ptr<RecordingImpl> impl;
-        boost::shared_ptr<Recording> recording;
     };
 
     /// Appenders come in through here without a lock; closing waits until they are out.
@@ -81,10 +76,6 @@ private:
     void BuildTables(const CatalogueContent& content,
                      const std::map<std::uint32_t, std::shared_ptr<RecordingImpl>>& recordings,
                      const std::map<std::uint32_t, std::shared_ptr<TrackContent>>& tracks);
-    Member& Add(const RecordingRow& row);
-    std::vector<std::shared_ptr<RecordingImpl>> Recordings() const;
-    std::vector<Lane*> Lanes() const;
-    void ForEachLane(const std::function<void(Lane&)>& action);
     void SyncLanes();
     void Relieve();
 
@@ -122,9 +113,7 @@ private:
     MultiTrackRecorder::StateSignal stateSignal_;
 
     const std::shared_ptr<Gate> gate_ = std::make_shared<Gate>();
-    mutable std::mutex recordingsMutex_;
-    std::list<Member> recordings_;    ///< Guarded by recordingsMutex_.
-    std::vector<std::string> damage_; ///< Guarded by recordingsMutex_.
+    std::unique_ptr<StoreTables> tables_;
 
     /// Taken before all locks of tracks: one thread makes room, or looks after the card, at a time.
     std::mutex keeperMutex_;

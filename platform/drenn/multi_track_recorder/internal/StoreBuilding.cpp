@@ -54,7 +54,7 @@ void Store::Build(const OpenedStore& opened) {
     const CatalogueContent& content = opened.content;
     std::map<std::uint32_t, std::shared_ptr<RecordingImpl>> recordings;
     std::map<std::uint32_t, std::shared_ptr<TrackImpl>> tracks;
-    for (const auto& recording : Recordings()) {
+    for (const auto& recording : tables_->Recordings()) {
         recordings[recording->Id()] = recording;
         for (const auto& track : recording->Tracks()) {
             tracks[track->Content()->id] = track;
@@ -63,7 +63,7 @@ void Store::Build(const OpenedStore& opened) {
     for (const RecordingRow& row : content.recordings) {
         std::shared_ptr<RecordingImpl>& recording = recordings[row.id];
         if (recording == nullptr) {
-            recording = Add(row).impl;
+            recording = tables_->Add(row).impl;
         }
         for (const bool sparse : {false, true}) {
             const auto next = opened.nextSequences.find(LaneOf(row.id, sparse));
@@ -110,8 +110,9 @@ void Store::BuildTables(const CatalogueContent& content,
             const SerialRange range{row.firstSerial, row.firstSerial + row.count};
             const auto segment = segments.find(row.segment);
             if (segment == segments.end()) {
-                throw std::runtime_error("The catalogue " + context_->folders.Catalogue() + " has records in " +
-                                         context_->folders.PathOf(row.segment) + ", which it does not have");
+                throw std::runtime_error("The catalogue " + context_->folders.Catalogue() +
+                                         " has records in " + context_->folders.PathOf(row.segment) +
+                                         ", which it does not have");
             }
             track.AddExtent(segment->second, range);
             track.survivors.Append(range);

@@ -89,7 +89,7 @@ void Store::LoseCard(StoreState state) {
 }
 
 void Store::LetGo() {
-    for (Lane* lane : Lanes()) {
+    for (Lane* lane : tables_->Lanes()) {
         lane->Detach();
     }
     context_->cache.DropAll();
@@ -204,7 +204,7 @@ void Store::RetryWithRoom() {
 /// The sealed segment that was begun first, of those that are next in their lanes.
 std::shared_ptr<Segment> Store::OldestSegment(bool sparse) {
     std::shared_ptr<Segment> oldest;
-    for (Lane* lane : Lanes()) {
+    for (Lane* lane : tables_->Lanes()) {
         if (lane->IsSparse() != sparse) {
             continue;
         }
@@ -220,7 +220,7 @@ std::shared_ptr<Segment> Store::OldestSegment(bool sparse) {
 
 /// Whether there is a sealed segment of bulk data after having sealed what was being written.
 bool Store::SealBulk() {
-    for (Lane* lane : Lanes()) {
+    for (Lane* lane : tables_->Lanes()) {
         if (!lane->IsSparse()) {
             lane->Seal();
         }
@@ -230,7 +230,7 @@ bool Store::SealBulk() {
 
 void Store::EraseSegment(const std::shared_ptr<Segment>& segment) {
     Erasing erasing{segment, {}};
-    for (const auto& recording : Recordings()) {
+    for (const auto& recording : tables_->Recordings()) {
         for (const auto& track : recording->Tracks()) {
             if (const std::uint64_t end = track->Content()->EndIn(*segment); end > 0) {
                 erasing.parts.push_back({track, end});
@@ -278,7 +278,7 @@ void Store::FinishErasing() {
 /// Removes the files of dead segments, in the order that lets a crash come at any point.
 void Store::RemoveDead() {
     std::vector<std::pair<Lane*, SegmentKey>> dead;
-    for (Lane* lane : Lanes()) {
+    for (Lane* lane : tables_->Lanes()) {
         MarkDead(*lane);
         for (const auto& segment : lane->SealedSegments()) {
             if (segment->isRemoving) {
