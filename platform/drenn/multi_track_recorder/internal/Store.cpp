@@ -3,6 +3,7 @@
 #include <stdexcept>
 
 #include "drenn/multi_track_recorder/internal/Store.h"
+#include "drenn/multi_track_recorder/internal/StoreBuilder.h"
 #include "quarn/core/Logger.h"
 
 namespace drenn::multi_track_recorder {
@@ -80,13 +81,8 @@ void Store::TakeOver(OpenedStore& opened) {
     hasIdentity_ = opened.hasIdentity;
     hasAside_ = !ListAside(files_, context_->folders).empty();
     context_->SetCatalogue(opened.catalogue);
-    Build(opened);
+    StoreBuilder(*context_, *tables_, opened).Build();
     LookAtSpace();
-    std::vector<std::string> damage = opened.told;
-    for (const DamageRow& row : opened.content.damage) {
-        damage.push_back(ToText(row, context_->folders.PathOf(row.segment)));
-    }
-    tables_->SetDamage(std::move(damage));
 }
 
 /// What a crash left, once the tables are there.

@@ -7,7 +7,6 @@
 #include <condition_variable>
 #include <functional>
 #include <list>
-#include <map>
 #include <memory>
 #include <mutex>
 #include <optional>
@@ -69,13 +68,6 @@ private:
 
     void TakeOver(OpenedStore& opened);
     void Tidy();
-    void Build(const OpenedStore& opened);
-    using SegmentsByKey = std::map<SegmentKey, std::shared_ptr<Segment>>;
-    SegmentsByKey BuildSegments(const CatalogueContent& content,
-                                const std::map<std::uint32_t, std::shared_ptr<RecordingImpl>>& recordings);
-    void BuildTables(const CatalogueContent& content,
-                     const std::map<std::uint32_t, std::shared_ptr<RecordingImpl>>& recordings,
-                     const std::map<std::uint32_t, std::shared_ptr<TrackContent>>& tracks);
     void SyncLanes();
     void Relieve();
 
