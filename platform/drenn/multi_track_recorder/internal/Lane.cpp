@@ -78,15 +78,6 @@ void Lane::NoteChange() {
     hasChanged_ = true;
 }
 
-std::vector<std::shared_ptr<Segment>> Lane::DeadSegments() const {
-    const std::lock_guard<std::mutex> lock(tablesMutex_);
-    std::vector<std::shared_ptr<Segment>> dead;
-    std::copy_if(segments_.begin(), segments_.end(), std::back_inserter(dead), [this](const auto& segment) {
-        return segment->survivors == 0 && segment->DiesWhenEmpty() && !(segment->key == newest_);
-    });
-    return dead;
-}
-
 void Lane::Commit() {
     const std::lock_guard<std::mutex> lock(writeMutex_);
     Guard([this] { CommitLocked(); });
@@ -162,6 +153,31 @@ void Lane::Attach(std::uint32_t nextSequence) {
     nextSequence_ = nextSequence;
     const std::lock_guard<std::mutex> tables(tablesMutex_);
     segments_.clear();
+}
+
+void Lane::MarkDead() {
+    if (DeadSegments().empty()) {
+        return;
+    }
+    context_.Transact([this](Catalogue::Transaction& transaction) {
+        const std::vector<std::shared_ptr<Segment>> dead = DeadSegments();
+        for (const auto& segment : dead) {
+            transaction.SetRemoving(segment->key);
+        }
+        transaction.Commit();
+        for (const auto& segment : dead) {
+            segment->isRemoving = true;
+        }
+    });
+}
+
+std::vector<std::shared_ptr<Segment>> Lane::DeadSegments() const {
+    const std::lock_guard<std::mutex> lock(tablesMutex_);
+    std::vector<std::shared_ptr<Segment>> dead;
+    std::copy_if(segments_.begin(), segments_.end(), std::back_inserter(dead), [this](const auto& segment) {
+        return segment->survivors == 0 && segment->DiesWhenEmpty() && !(segment->key == newest_);
+    });
+    return dead;
 }
 
 void Lane::Guard(const std::function<void()>& action) {

@@ -52,11 +52,13 @@ public:
     void Detach();
     /// The card is back, and these are the next numbers.
     void Attach(std::uint32_t nextSequence);
-    /// Sealed segments without a surviving record, except the newest of the lane, whose markers are needed. Under
-    /// the catalogue's transaction.
-    std::vector<std::shared_ptr<Segment>> DeadSegments() const;
+    /// Lists sealed segments without a surviving record as to be removed, except the newest of the lane, whose markers
+    /// are needed.
+    void MarkDead();
 
 private:
+    /// Those that MarkDead lists; they stay so under the catalogue's transaction.
+    std::vector<std::shared_ptr<Segment>> DeadSegments() const;
     void Guard(const std::function<void()>& action);
     void CommitLocked();
     void SyncLocked();

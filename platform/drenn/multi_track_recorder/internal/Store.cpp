@@ -61,9 +61,9 @@ Store::~Store() {
     }
     if (context_->GetState() == StoreState::Good) {
         try {
-            tables_->ForEachLane([this](Lane& lane) {
+            tables_->ForEachLane([](Lane& lane) {
                 lane.Seal();
-                MarkDead(lane);
+                lane.MarkDead();
             });
             const std::lock_guard<std::mutex> lock(keeperMutex_);
             ForgetRemoved();
@@ -89,7 +89,7 @@ void Store::TakeOver(OpenedStore& opened) {
 void Store::Tidy() {
     try {
         tables_->ForEachLane(
-            [this](Lane& lane) { MarkDead(lane); }); // A crash came before an erasure was done with them.
+            [](Lane& lane) { lane.MarkDead(); }); // A crash came before an erasure was done with them.
     } catch (const FileError& error) {
         // What is there can be read; the keeper tries again.
         context_->logger.Warning("%s; removing erased segments has to wait", error.what());

@@ -88,7 +88,6 @@ private:
     void RemoveDead();
     void ForgetRemoved();
     void ForgetRemoved(Catalogue::Transaction& transaction);
-    void MarkDead(Lane& lane);
     void KeepReserve();
     void RaiseStates();
 

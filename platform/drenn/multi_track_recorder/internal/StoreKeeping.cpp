@@ -279,7 +279,7 @@ void Store::FinishErasing() {
 void Store::RemoveDead() {
     std::vector<std::pair<Lane*, SegmentKey>> dead;
     for (Lane* lane : tables_->Lanes()) {
-        MarkDead(*lane);
+        lane->MarkDead();
         for (const auto& segment : lane->SealedSegments()) {
             if (segment->isRemoving) {
                 dead.emplace_back(lane, segment->key);
@@ -318,23 +318,6 @@ void Store::ForgetRemoved(Catalogue::Transaction& transaction) {
     for (const SegmentKey& key : removed_) {
         transaction.Forget(key);
     }
-}
-
-/// Segments that died while they were the newest of their lane.
-void Store::MarkDead(Lane& lane) {
-    if (lane.DeadSegments().empty()) {
-        return;
-    }
-    context_->Transact([&](Catalogue::Transaction& transaction) {
-        const std::vector<std::shared_ptr<Segment>> dead = lane.DeadSegments();
-        for (const auto& segment : dead) {
-            transaction.SetRemoving(segment->key);
-        }
-        transaction.Commit();
-        for (const auto& segment : dead) {
-            segment->isRemoving = true;
-        }
-    });
 }
 
 /// Room that is held back for the transactions that erase.
