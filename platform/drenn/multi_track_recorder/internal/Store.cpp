@@ -23,6 +23,7 @@ Store::Store(IFileSystem& files, const StoreOptions& options)
             gate->store->Relieve();
         }
     });
+    ring_ = std::make_unique<Ring>(*context_, *tables_);
     context_->onStateChange = [this] {
         const std::lock_guard<std::mutex> lock(wakeMutex_);
         states_.push_back(context_->GetState());
@@ -31,7 +32,7 @@ Store::Store(IFileSystem& files, const StoreOptions& options)
     };
     TakeOver(opened);
     if (opened.readOnly.empty()) {
-        Tidy();
+        ring_->Tidy();
     } else {
         context_->BecomeReadOnly(opened.readOnly);
     }
@@ -66,7 +67,7 @@ Store::~Store() {
                 lane.MarkDead();
             });
             const std::lock_guard<std::mutex> lock(keeperMutex_);
-            ForgetRemoved();
+            ring_->ForgetRemoved();
         } catch (const std::exception& error) {
             context_->logger.Error("Closing the store: %s", error.what());
         }
@@ -79,22 +80,9 @@ void Store::TakeOver(OpenedStore& opened) {
     lock_ = std::move(opened.lock);
     lacksRoom_ = opened.lacksRoom;
     hasIdentity_ = opened.hasIdentity;
-    hasAside_ = !ListAside(files_, context_->folders).empty();
     context_->SetCatalogue(opened.catalogue);
     StoreBuilder(*context_, *tables_, opened).Build();
-    LookAtSpace();
-}
-
-/// What a crash left, once the tables are there.
-void Store::Tidy() {
-    try {
-        tables_->ForEachLane(
-            [](Lane& lane) { lane.MarkDead(); }); // A crash came before an erasure was done with them.
-    } catch (const FileError& error) {
-        // What is there can be read; the keeper tries again.
-        context_->logger.Warning("%s; removing erased segments has to wait", error.what());
-    }
-    KeepReserve();
+    ring_->Attach();
 }
 
 boost::shared_ptr<Recording> Store::NewRecording() {

@@ -9,12 +9,12 @@
 #include <list>
 #include <memory>
 #include <mutex>
-#include <optional>
 #include <shared_mutex>
 #include <thread>
 #include <vector>
 
 #include "drenn/multi_track_recorder/MultiTrackRecorder.h"
+#include "drenn/multi_track_recorder/internal/Ring.h"
 #include "drenn/multi_track_recorder/internal/StoreContext.h"
 #include "drenn/multi_track_recorder/internal/StoreOptions.h"
 #include "drenn/multi_track_recorder/internal/StoreTables.h"
@@ -50,16 +50,6 @@ public:
     boost::signals2::connection ConnectToStateSignal(const MultiTrackRecorder::StateSignal::slot_type& slot);
 
 private:
-    /// A segment that the ring erases.
-    struct Erasing {
-        struct Part {
-            std::shared_ptr<TrackImpl> track;
-            std::uint64_t end; ///< Of the track's records in the segment.
-        };
-        std::shared_ptr<Segment> segment;
-        std::vector<Part> parts;
-    };
-
     /// Appenders come in through here without a lock; closing waits until they are out.
     struct Gate {
         std::shared_mutex mutex;
@@ -67,7 +57,6 @@ private:
     };
 
     void TakeOver(OpenedStore& opened);
-    void Tidy();
     void SyncLanes();
     void Relieve();
 
@@ -77,18 +66,7 @@ private:
     void LetGo();
     void FindCard();
     void PrepareRoom();
-    Space LookAtSpace();
-    void MakeRoom();
-    bool RemoveAside();
     void RetryWithRoom();
-    std::shared_ptr<Segment> OldestSegment(bool sparse);
-    bool SealBulk();
-    void EraseSegment(const std::shared_ptr<Segment>& segment);
-    void FinishErasing();
-    void RemoveDead();
-    void ForgetRemoved();
-    void ForgetRemoved(Catalogue::Transaction& transaction);
-    void KeepReserve();
     void RaiseStates();
 
     void RunCommitter();
@@ -108,17 +86,13 @@ private:
 
     /// Taken before all locks of tracks: one thread makes room, or looks after the card, at a time.
     std::mutex keeperMutex_;
-    StoreLock lock_;           ///< Guarded by keeperMutex_.
-    std::uint64_t device_ = 0; ///< Guarded by keeperMutex_.
-    bool isOverfull_ = false;  ///< Guarded by keeperMutex_.
-    bool hasAside_ = false; ///< There may be files to be removed before any segment. Guarded by keeperMutex_.
-    bool lacksRoom_ = false;         ///< That is why the store is read-only. Guarded by keeperMutex_.
-    bool hasReserve_ = false;        ///< Guarded by keeperMutex_.
-    bool hasIdentity_ = true;        ///< The card can be told by its identity. Guarded by keeperMutex_.
-    std::string findError_;          ///< Why the card that is back cannot be used. Guarded by keeperMutex_.
-    std::optional<Erasing> erasing_; ///< Begun; the catalogue does not know yet. Guarded by keeperMutex_.
-    std::vector<SegmentKey>
-        removed_; ///< Files that are gone for good, for the catalogue to forget. Likewise.
+    // Guarded by keeperMutex_.
+    std::unique_ptr<Ring> ring_;
+    StoreLock lock_;
+    std::uint64_t device_ = 0;
+    bool lacksRoom_ = false;  ///< That is why the store is read-only.
+    bool hasIdentity_ = true; ///< The card can be told by its identity.
+    std::string findError_;   ///< Why the card that is back cannot be used.
 
     std::mutex wakeMutex_;
     std::condition_variable wake_;
