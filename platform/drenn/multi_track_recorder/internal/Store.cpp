@@ -3,10 +3,14 @@
 #include <stdexcept>
 
 #include "drenn/multi_track_recorder/internal/Store.h"
-#include "drenn/multi_track_recorder/internal/StoreBuilder.h"
 #include "quarn/core/Logger.h"
 
 namespace drenn::multi_track_recorder {
+namespace {
+
+constexpr std::uint32_t kKeepMs = 500;
+
+} // namespace
 
 Store::Store(IFileSystem& files, const StoreOptions& options)
     : files_(files), options_(options), opener_(files, {options.storage, options.database}) {
@@ -24,13 +28,14 @@ Store::Store(IFileSystem& files, const StoreOptions& options)
         }
     });
     ring_ = std::make_unique<Ring>(*context_, *tables_);
+    card_ = std::make_unique<CardWatch>(*context_, *tables_, *ring_, opener_);
     context_->onStateChange = [this] {
         const std::lock_guard<std::mutex> lock(wakeMutex_);
         states_.push_back(context_->GetState());
         wakeKeeper_ = true;
         wake_.notify_all();
     };
-    TakeOver(opened);
+    card_->TakeOver(opened);
     if (opened.readOnly.empty()) {
         ring_->Tidy();
     } else {
@@ -73,16 +78,6 @@ Store::~Store() {
         }
     }
     context_->cache.DropAll();
-}
-
-void Store::TakeOver(OpenedStore& opened) {
-    device_ = files_.DeviceOf(options_.storage);
-    lock_ = std::move(opened.lock);
-    lacksRoom_ = opened.lacksRoom;
-    hasIdentity_ = opened.hasIdentity;
-    context_->SetCatalogue(opened.catalogue);
-    StoreBuilder(*context_, *tables_, opened).Build();
-    ring_->Attach();
 }
 
 boost::shared_ptr<Recording> Store::NewRecording() {
@@ -134,6 +129,30 @@ void Store::SyncLanes() {
     }
 }
 
+void Store::Keep() {
+    try {
+        const std::lock_guard<std::mutex> lock(keeperMutex_);
+        card_->Keep();
+        if (GetState() == StoreState::Good) {
+            ring_->Keep();
+        }
+    } catch (const std::exception&) {
+        RaiseStates();
+        throw;
+    }
+    RaiseStates();
+}
+
+void Store::PrepareRoom() {
+    // Making room takes locks of tracks, one at a time; who holds one leaves it to the keeper.
+    if (TrackImpl::LocksHeld() > 0) {
+        Wake(wakeKeeper_);
+        return;
+    }
+    const std::lock_guard<std::mutex> lock(keeperMutex_);
+    ring_->MakeRoom();
+}
+
 /// Much is in memory: whoever appends helps to bring it out.
 void Store::Relieve() {
     if (context_->memory <= context_->mostMemory) {
@@ -155,6 +174,21 @@ boost::signals2::connection Store::ConnectToStateSignal(
     return stateSignal_.connect(slot);
 }
 
+void Store::RaiseStates() {
+    std::vector<StoreState> states;
+    {
+        const std::lock_guard<std::mutex> lock(wakeMutex_);
+        states.swap(states_);
+    }
+    for (const StoreState state : states) {
+        try {
+            stateSignal_(state);
+        } catch (const std::exception& error) {
+            context_->logger.Error("A slot of the state signal failed: %s", error.what());
+        }
+    }
+}
+
 void Store::Wake(bool& flag) {
     const std::lock_guard<std::mutex> lock(wakeMutex_);
     flag = true;
@@ -166,6 +200,16 @@ bool Store::WaitFor(std::uint32_t milliseconds, bool& isWoken) {
     wake_.wait_for(lock, std::chrono::milliseconds(milliseconds), [&] { return isStopping_ || isWoken; });
     isWoken = false;
     return !isStopping_;
+}
+
+void Store::RunKeeper() {
+    while (WaitFor(kKeepMs, wakeKeeper_)) {
+        try {
+            Keep();
+        } catch (const std::exception& error) {
+            context_->logger.Error("%s", error.what());
+        }
+    }
 }
 
 void Store::RunCommitter() {

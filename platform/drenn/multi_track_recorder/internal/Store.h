@@ -14,6 +14,7 @@
 #include <vector>
 
 #include "drenn/multi_track_recorder/MultiTrackRecorder.h"
+#include "drenn/multi_track_recorder/internal/CardWatch.h"
 #include "drenn/multi_track_recorder/internal/Ring.h"
 #include "drenn/multi_track_recorder/internal/StoreContext.h"
 #include "drenn/multi_track_recorder/internal/StoreOptions.h"
@@ -56,17 +57,10 @@ private:
         Store* store; ///< Nothing when it is closed. Guarded by mutex.
     };
 
-    void TakeOver(OpenedStore& opened);
     void SyncLanes();
     void Relieve();
 
-    // Keeper.
-    void CheckCard();
-    void LoseCard(StoreState state);
-    void LetGo();
-    void FindCard();
     void PrepareRoom();
-    void RetryWithRoom();
     void RaiseStates();
 
     void RunCommitter();
@@ -88,11 +82,7 @@ private:
     std::mutex keeperMutex_;
     // Guarded by keeperMutex_.
     std::unique_ptr<Ring> ring_;
-    StoreLock lock_;
-    std::uint64_t device_ = 0;
-    bool lacksRoom_ = false;  ///< That is why the store is read-only.
-    bool hasIdentity_ = true; ///< The card can be told by its identity.
-    std::string findError_;   ///< Why the card that is back cannot be used.
+    std::unique_ptr<CardWatch> card_;
 
     std::mutex wakeMutex_;
     std::condition_variable wake_;
