@@ -93,6 +93,24 @@ TEST(DeviceTrouble, AWriteThatFindsNoRoomLeavesNoTrace) {
     EXPECT_EQ("third", TextAt(*track, 2));
 }
 
+TEST(DeviceTrouble, NobodyElseComesInBeforeAllIsClosed) {
+    const quarn::core::LogCapture log(quarn::core::LogLevel::Off);
+    SimFileSystem disk;
+    {
+        Store store(disk, Workload::SmallStore());
+        AppendText(*store.NewRecording()->newTrack(), "open");
+        store.Commit();
+        disk.device = 2;
+        store.Keep();
+        disk.device = 1;
+        store.Keep();
+        ASSERT_EQ(store.GetState(), StoreState::Good);
+        EXPECT_EQ(disk.GetOpenAtUnlock(), 0U) << "when the card was away";
+        store.Commit();
+    }
+    EXPECT_EQ(disk.GetOpenAtUnlock(), 0U) << "when the store was closed";
+}
+
 TEST(DeviceTrouble, AStoreWithoutTrustInItsCatalogueIsReadOnly) {
     const quarn::core::LogCapture log(quarn::core::LogLevel::Off);
     SimFileSystem disk;

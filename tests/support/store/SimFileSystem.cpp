@@ -223,17 +223,17 @@ std::unique_ptr<IFile> SimFileSystem::Open(const std::string& path, OpenMode mod
 /// Of a folder.
 class SimFileSystem::SimLock : public IFolderLock {
 public:
-    SimLock(SimFileSystem& disk, std::string path)
-        : disk_(disk), path_(std::move(path)), counted_(disk.openFiles_) {}
+    SimLock(SimFileSystem& disk, std::string path) : disk_(disk), path_(std::move(path)) {}
     ~SimLock() override {
         const std::lock_guard<std::mutex> lock(disk_.lock_);
+        const auto open = static_cast<unsigned int>(disk_.openFiles_.use_count() - 1);
+        disk_.openAtUnlock_ = std::max(disk_.openAtUnlock_, open);
         disk_.locked_.erase(path_);
     }
 
 private:
     SimFileSystem& disk_;
     const std::string path_;
-    const std::shared_ptr<int> counted_;
 };
 
 std::unique_ptr<IFolderLock> SimFileSystem::TryLockFolder(const std::string& path) {

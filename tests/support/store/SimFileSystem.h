@@ -80,7 +80,8 @@ public:
     std::size_t GetMoment() const;
     DiskImage GetImage() const;
     std::uint64_t GetUsed() const;
-    unsigned int CountOpenFiles() const { return static_cast<unsigned int>(openFiles_.use_count() - 1); }
+    /// The most files that were open when a folder was unlocked.
+    unsigned int GetOpenAtUnlock() const { return openAtUnlock_; }
 
     std::unique_ptr<drenn::multi_track_recorder::IFile> Open(
         const std::string& path, drenn::multi_track_recorder::OpenMode mode) override;
@@ -118,6 +119,7 @@ private:
     std::size_t moment_;
     unsigned int lastInode_ = 0;
     std::shared_ptr<int> openFiles_ = std::make_shared<int>();
+    unsigned int openAtUnlock_ = 0;
 };
 
 /// Tells images apart by their names and content.

@@ -8,6 +8,10 @@ namespace drenn::multi_track_recorder {
 CardWatch::CardWatch(StoreContext& context, StoreTables& tables, Ring& ring, StoreOpener& opener)
     : context_(context), tables_(tables), ring_(ring), opener_(opener) {}
 
+CardWatch::~CardWatch() {
+    LetGo();
+}
+
 void CardWatch::TakeOver(OpenedStore& opened) {
     device_ = context_.files.DeviceOf(context_.options.storage);
     lock_ = std::move(opened.lock);
@@ -61,7 +65,7 @@ void CardWatch::LetGo() {
     context_.cache.DropAll();
     context_.SetCatalogue(nullptr);
     ring_.Detach();
-    lock_ = {};
+    lock_ = {}; // Last: closing the catalogue still writes to it.
 }
 
 void CardWatch::FindCard() {

@@ -24,6 +24,10 @@ namespace drenn::multi_track_recorder {
 class CardWatch {
 public:
     CardWatch(StoreContext& context, StoreTables& tables, Ring& ring, StoreOpener& opener);
+    /// Closes every file, then unlocks the folders.
+    ~CardWatch();
+    CardWatch(const CardWatch&) = delete;
+    CardWatch& operator=(const CardWatch&) = delete;
 
     /// The store was opened; makes its tables. `opened` keeps all but the lock.
     void TakeOver(OpenedStore& opened);

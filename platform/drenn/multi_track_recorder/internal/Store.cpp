@@ -77,7 +77,6 @@ Store::~Store() {
             context_->logger.Error("Closing the store: %s", error.what());
         }
     }
-    context_->cache.DropAll();
 }
 
 boost::shared_ptr<Recording> Store::NewRecording() {
