@@ -137,7 +137,7 @@ RecordStream::Step RecordStream::readNext() {
     }
     try {
         const StoredRecord record(*_store, _next);
-        if (putChangedInfo(record.time())) {
+        if (putChangedInfo()) {
             return Step::Send;
         }
         const unsigned int damage = _damageAhead ? kDamageFlags : 0;
@@ -155,15 +155,16 @@ RecordStream::Step RecordStream::readNext() {
     return _damageAhead ? Step::ReadOn : Step::Send;
 }
 
-/// Whether a frame was made since the next record has another info than the client knows. Within the lock.
-bool RecordStream::putChangedInfo(const Ptime& time) {
+/// Whether a frame was made since the next record has another info than the client knows. Within the lock. The frame has
+/// the time of the one before it: the next record may be erased before it is sent, and times of frames never fall.
+bool RecordStream::putChangedInfo() {
     std::string info;
     _store->seekg(_next);
     _store->getInfo(info);
     if (info == _info) {
         return false;
     }
-    putFrame(FrameKind::Info, 0, time, info.data(), info.size());
+    putFrame(FrameKind::Info, 0, _lastTime, info.data(), info.size());
     _info = std::move(info);
     return true;
 }

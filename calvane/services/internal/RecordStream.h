@@ -66,7 +66,7 @@ private:
     void sendFailure(const char* text) noexcept;
     void sendAll();
     Step readNext();
-    bool putChangedInfo(const Ptime& time);
+    bool putChangedInfo();
     bool resumeBehindErased();
     void putEnd();
     void onEraseRange(unsigned int first, unsigned int last);
