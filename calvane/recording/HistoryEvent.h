@@ -8,6 +8,10 @@
 
 namespace quarn::calvane {
 
+/// The kinds of history records, as they stand there.
+inline constexpr int kRecordingStateEvent = 0;
+inline constexpr int kTrackDataPresentEvent = 1;
+
 /// What a history record tells.
 struct HistoryEvent {
     boost::posix_time::ptime time;

@@ -1,17 +1,12 @@
 #pragma once
 
-#include <boost/date_time/posix_time/posix_time_types.hpp>
 #include <cstddef>
 #include <cstdint>
 
 #include "calvane/Export.h"
+#include "calvane/recording/RecordingTime.h"
 
 namespace quarn::calvane {
-
-/// What a record's time is stored as: the ticks of a posix time, which are microseconds from day number 0 of
-/// its calendar. 2020-01-01 00:00:00 is 212444640000000000. The special times keep their special numbers.
-CALVANE_API std::int64_t ticksFromTime(const boost::posix_time::ptime& time);
-CALVANE_API boost::posix_time::ptime timeFromTicks(std::int64_t ticks);
 
 /// The first blob of every record: 16 bytes, as docs/reference/record-format.md has them.
 struct RecordHeader {
@@ -32,8 +27,5 @@ struct RecordHeader {
     CALVANE_API std::int64_t compositionOffset() const;
 };
 static_assert(sizeof(RecordHeader) == 16, "it is stored as it lies in memory");
-
-/// Throws std::runtime_error "Parse error in recorded data" unless there are 16 bytes.
-RecordHeader parseHeader(const unsigned char* bytes, std::size_t size);
 
 } // namespace quarn::calvane

@@ -5,7 +5,9 @@
 
 #include "calvane/recording/RecordingClock.h"
 #include "calvane/recording/internal/HistoryReader.h"
+#include "calvane/recording/internal/InfoMap.h"
 #include "calvane/recording/internal/RecordingLog.h"
+#include "calvane/recording/internal/StoredRecord.h"
 #include "calvane/recording/internal/TrackLock.h"
 #include "calvane/services/RecordingInformationImpl.h"
 #include "drenn/multi_track_recorder/MultiTrackRecorder.h"
@@ -23,12 +25,6 @@ const boost::posix_time::time_duration kHoldTime = boost::posix_time::microsecon
 /// An event further ahead than this was dated by a clock that has been set back since.
 const boost::posix_time::time_duration kMostLead = boost::posix_time::seconds(10);
 
-std::string serialized(const RecordingManager::InfoMap& info) {
-    std::string text;
-    RecordingManager::serializeTrackInfo(info, text);
-    return text;
-}
-
 } // namespace
 
 void RecordingManager::writeHistoryRecord(const ptime& t, const std::string& serializedInfo) {
@@ -39,10 +35,7 @@ void RecordingManager::writeHistoryRecord(const ptime& t, const std::string& ser
         RecordHeader header;
         header.flags = RecordHeader::kHistory;
         header.ticks = ticksFromTime(t);
-        BlobRecord record;
-        record.add({&header, sizeof(header)});
-        record.add({serializedInfo.data(), serializedInfo.size()});
-        *_historyTrack->getTrack() << record;
+        appendRecord(*_historyTrack->getTrack(), header, serializedInfo.data(), serializedInfo.size());
     } catch (const std::exception& error) {
         CALVANE_RECORDING_LOG(DRENN_CORE_LOG_WARNING, "Failed to record history record: %s", error.what());
     }
@@ -128,13 +121,13 @@ ptime RecordingManager::dateForHistory(const ptime& t) {
 }
 
 void RecordingManager::writeQueuedEvent(const ptime& t, const InfoMap& info) {
-    writeHistoryRecord(t, serialized(info));
+    writeHistoryRecord(t, textFromInfo(info));
     const bool wasRecording = _tracksWithDataCount > 0;
     _tracksWithDataCount += boost::lexical_cast<int>(info.at(kTrackDataPresent)) != 0 ? 1 : -1;
     const bool isRecording = _tracksWithDataCount > 0;
     if (wasRecording != isRecording) {
-        writeHistoryRecord(t, serialized({{kHistoryEventType, std::to_string(RECORDING_STATE_EVENT)},
-                                          {kRecordingState, isRecording ? "1" : "0"}}));
+        writeHistoryRecord(t, textFromInfo({{kHistoryEventType, std::to_string(RECORDING_STATE_EVENT)},
+                                            {kRecordingState, isRecording ? "1" : "0"}}));
     }
 }
 

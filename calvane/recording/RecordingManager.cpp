@@ -6,6 +6,7 @@
 
 #include "calvane/recording/DrennApiException.h"
 #include "calvane/recording/internal/ClockWait.h"
+#include "calvane/recording/internal/InfoMap.h"
 #include "calvane/recording/internal/RecordingLog.h"
 #include "calvane/recording/internal/StoreWatch.h"
 #include "calvane/recording/internal/TrackLock.h"
@@ -22,23 +23,23 @@ namespace quarn::calvane {
 using boost::posix_time::ptime;
 using drenn::multi_track_recorder::MultiTrackRecorder;
 
-const std::string RecordingManager::kAudioBitsPerSample = "BitsPerSample";
-const std::string RecordingManager::kAudioNumChannels = "NumChannels";
-const std::string RecordingManager::kAudioSamplingFrequency = "SampleFreq";
-const std::string RecordingManager::kAudioBufferFormat = "Format";
-const std::string RecordingManager::kVideoEncoding = "Encoding";
-const std::string RecordingManager::kVideoWidth = "Width";
-const std::string RecordingManager::kVideoHeight = "Height";
-const std::string RecordingManager::kVideoFrameRateMilliHz = "FrameRateMilliHz";
-const std::string RecordingManager::kVideoBitrate = "Bitrate";
-const std::string RecordingManager::kH264ProfileAndLevel = "H264ProfileAndLevel";
-const std::string RecordingManager::kH264SeqParamSet = "H264SeqParamSet";
-const std::string RecordingManager::kH264PicParamSet = "H264PicParamSet";
-const std::string RecordingManager::kHistoryEventType = "EventType";
-const std::string RecordingManager::kRecordingState = "RecordingState";
-const std::string RecordingManager::kTrackType = "TrackType";
-const std::string RecordingManager::kTrackDataPresent = "TrackDataPresent";
-const std::string RecordingManager::kReason = "Reason";
+const std::string RecordingManager::kAudioBitsPerSample = InfoKeys::kAudioBitsPerSample;
+const std::string RecordingManager::kAudioNumChannels = InfoKeys::kAudioNumChannels;
+const std::string RecordingManager::kAudioSamplingFrequency = InfoKeys::kAudioSamplingFrequency;
+const std::string RecordingManager::kAudioBufferFormat = InfoKeys::kAudioBufferFormat;
+const std::string RecordingManager::kVideoEncoding = InfoKeys::kVideoEncoding;
+const std::string RecordingManager::kVideoWidth = InfoKeys::kVideoWidth;
+const std::string RecordingManager::kVideoHeight = InfoKeys::kVideoHeight;
+const std::string RecordingManager::kVideoFrameRateMilliHz = InfoKeys::kVideoFrameRateMilliHz;
+const std::string RecordingManager::kVideoBitrate = InfoKeys::kVideoBitrate;
+const std::string RecordingManager::kH264ProfileAndLevel = InfoKeys::kH264ProfileAndLevel;
+const std::string RecordingManager::kH264SeqParamSet = InfoKeys::kH264SeqParamSet;
+const std::string RecordingManager::kH264PicParamSet = InfoKeys::kH264PicParamSet;
+const std::string RecordingManager::kHistoryEventType = InfoKeys::kHistoryEventType;
+const std::string RecordingManager::kRecordingState = InfoKeys::kRecordingState;
+const std::string RecordingManager::kTrackType = InfoKeys::kTrackType;
+const std::string RecordingManager::kTrackDataPresent = InfoKeys::kTrackDataPresent;
+const std::string RecordingManager::kReason = InfoKeys::kReason;
 const ptime RecordingManager::kEarliestAllowedRecording(boost::gregorian::date(2014, 1, 1));
 const boost::posix_time::time_duration RecordingManager::kLargestRecordGap = boost::posix_time::seconds(10);
 
@@ -353,6 +354,23 @@ void RecordingManager::awaitWriters() const {
         const std::lock_guard<std::mutex> writer(track->_writeMutex);
         const TrackLock lock(*track->getTrack());
     }
+}
+
+void RecordingManager::serializeTrackInfo(const InfoMap& info, std::string& out) {
+    out = textFromInfo(info);
+}
+
+void RecordingManager::deserializeTrackInfo(const std::string& in, InfoMap& out) {
+    out.clear();
+    out = infoFromText(in);
+}
+
+RecordingManager::HistoryEventType RecordingManager::getEventType(const InfoMap& info) {
+    return static_cast<HistoryEventType>(numberUnder(info, InfoKeys::kHistoryEventType));
+}
+
+void RecordingManager::getTrackInfo(const drenn::multi_track_recorder::Track& track, InfoMap& info) {
+    info = readFirstInfo(track);
 }
 
 void RecordingManager::clearAll() {

@@ -61,8 +61,9 @@ public:
     using RecordHeader = calvane::RecordHeader;
 
     enum HistoryEventType : int {
-        RECORDING_STATE_EVENT = 0,   ///< With kRecordingState.
-        TRACK_DATA_PRESENT_EVENT = 1 ///< With kTrackType, kTrackDataPresent and perhaps kReason.
+        RECORDING_STATE_EVENT = kRecordingStateEvent, ///< With kRecordingState.
+        TRACK_DATA_PRESENT_EVENT =
+            kTrackDataPresentEvent ///< With kTrackType, kTrackDataPresent and perhaps kReason.
     };
 
     // Keys of info maps.

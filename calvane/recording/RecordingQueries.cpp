@@ -6,6 +6,7 @@
 
 #include "calvane/recording/RecordingClock.h"
 #include "calvane/recording/internal/CoverageQuery.h"
+#include "calvane/recording/internal/HistoryCodec.h"
 #include "calvane/recording/internal/HistoryReader.h"
 #include "calvane/recording/internal/RecordingLog.h"
 #include "drenn/multi_track_recorder/MultiTrackRecorder.h"
@@ -63,7 +64,7 @@ CoveragePage RecordingManager::findCoverage(track_type type, const ptime& from, 
             moment.cutoff = moment.now - _maxRetentionTime;
         }
         for (const auto& [time, info] : _historySaveQueue) {
-            const HistoryEvent event = HistoryReader::eventOf(time, info);
+            const HistoryEvent event = eventFromInfo(time, info);
             if (event.isOfTrack && event.track == type) {
                 moment.pending.push_back(event);
             }

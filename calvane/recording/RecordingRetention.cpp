@@ -9,6 +9,7 @@
 #include "calvane/recording/RecordingClock.h"
 #include "calvane/recording/RecordingManager.h"
 #include "calvane/recording/internal/RecordingLog.h"
+#include "calvane/recording/internal/StoredRecord.h"
 #include "calvane/recording/internal/TrackLock.h"
 #include "drenn/core/Settings.h"
 
@@ -176,13 +177,7 @@ void RecordingManager::updateLatest(ptime& current, const ptime& candidate) {
 
 bool RecordingManager::getPlaybackInfo(const drenn::multi_track_recorder::BlobRecord& record,
                                        const unsigned char*& data, unsigned int& size, RecordHeader& header) {
-    if (record.blobs().size() != 2) {
-        return false;
-    }
-    header = parseHeader(record.blobs()[0].data(), record.blobs()[0].size());
-    data = record.blobs()[1].data();
-    size = static_cast<unsigned int>(record.blobs()[1].size());
-    return true;
+    return splitRecord(record, data, size, header);
 }
 
 } // namespace quarn::calvane

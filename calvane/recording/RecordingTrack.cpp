@@ -6,7 +6,9 @@
 
 #include "calvane/recording/RecordHeader.h"
 #include "calvane/recording/RecordingClock.h"
+#include "calvane/recording/internal/InfoMap.h"
 #include "calvane/recording/internal/RecordingLog.h"
+#include "calvane/recording/internal/StoredRecord.h"
 #include "calvane/recording/internal/TrackLock.h"
 #include "calvane/services/RecordingInformationImpl.h"
 #include "drenn/multi_track_recorder/Recording.h"
@@ -14,7 +16,6 @@
 namespace quarn::calvane {
 
 using boost::posix_time::ptime;
-using drenn::multi_track_recorder::BlobRecord;
 using drenn::multi_track_recorder::DataFormatVersion;
 using drenn::multi_track_recorder::Recording;
 using drenn::multi_track_recorder::Track;
@@ -146,10 +147,7 @@ bool RecordingTrack::writeCheckedRecord(RecordHeader header, const ptime& t, con
             return false;
         }
         header.ticks = ticksFromTime(t);
-        BlobRecord record;
-        record.add({&header, sizeof(header)});
-        record.add({data, size});
-        *_track << record;
+        appendRecord(*_track, header, data, size);
         jumped = jumpedForward(previous, t);
     }
     if (jumped) {
@@ -178,9 +176,7 @@ bool RecordingTrack::jumpedForward(const ptime& previous, const ptime& t) {
 }
 
 void RecordingTrack::setInfo(const std::map<std::string, std::string>& info) {
-    std::string text;
-    RecordingManager::serializeTrackInfo(info, text);
-    _track->setInfo(text);
+    _track->setInfo(textFromInfo(info));
 }
 
 void RecordingTrack::notifyRecordingDataPresentChange(const ptime& t, bool present) {

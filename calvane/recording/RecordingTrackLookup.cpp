@@ -7,13 +7,14 @@
 
 #include "calvane/recording/RecordHeader.h"
 #include "calvane/recording/RecordingTrack.h"
+#include "calvane/recording/internal/InfoMap.h"
 #include "calvane/recording/internal/RecordingLog.h"
+#include "calvane/recording/internal/StoredRecord.h"
 #include "calvane/recording/internal/TrackLock.h"
 
 namespace quarn::calvane {
 
 using boost::posix_time::ptime;
-using drenn::multi_track_recorder::BlobRecord;
 
 namespace {
 
@@ -80,13 +81,7 @@ ptime RecordingTrack::getTimestampAtIndex(unsigned int index) const {
 
 RecordHeader RecordingTrack::readHeader(unsigned int index) const {
     const TrackLock lock(*_track);
-    BlobRecord record(1);
-    _track->seekg(index);
-    *_track >> record;
-    if (record.blobs().size() != 1) {
-        throw std::runtime_error("Parse error in recorded data");
-    }
-    return parseHeader(record.blobs().front().data(), record.blobs().front().size());
+    return readRecordHeader(*_track, index);
 }
 
 bool RecordingTrack::timestampLessThan(unsigned int index, const ptime& t) const {
@@ -336,7 +331,7 @@ void RecordingTrack::getTrackInfoAt(const ptime& t, std::map<std::string, std::s
         rangeStart = getTimestampAtIndex(getFirstReadableIndex(first));
         rangeEnd = getTimestampAtIndex(findLastReadableIndex(last + 1).value_or(index));
     }
-    RecordingManager::deserializeTrackInfo(text, info);
+    info = infoFromText(text);
 }
 
 } // namespace quarn::calvane

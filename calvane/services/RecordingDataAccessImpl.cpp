@@ -6,10 +6,10 @@
 #include <string>
 
 #include "calvane/recording/RecordingManager.h"
+#include "calvane/recording/internal/StoredRecord.h"
 #include "calvane/recording/internal/TrackLock.h"
 #include "calvane/services/internal/RecordStream.h"
 #include "calvane/services/internal/ServiceTime.h"
-#include "calvane/services/internal/StoredRecord.h"
 #include "drenn/multi_track_recorder/Track.h"
 
 namespace quarn::calvane {

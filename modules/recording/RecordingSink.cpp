@@ -120,9 +120,7 @@ ptime RecordingSink::TimeOf(const Buffer& buffer) const {
     if (useClock_ || timestamp.IsZero()) {
         return RecordingClock::now();
     }
-    static const ptime kEpoch(boost::gregorian::date(1970, 1, 1));
-    return kEpoch + boost::posix_time::microseconds(std::int64_t{timestamp.seconds} * 1'000'000 +
-                                                    timestamp.microseconds);
+    return timeFromUnixMicroseconds(std::int64_t{timestamp.seconds} * 1'000'000 + timestamp.microseconds);
 }
 
 void RecordingSink::TakeLoss(const std::string& reason) {

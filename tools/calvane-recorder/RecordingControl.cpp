@@ -55,7 +55,7 @@ std::string NameOf(Forecast::Erases erases) {
 }
 
 std::int64_t MicrosecondsOf(const ptime& time) {
-    return time.is_special() ? 0 : (time - ptime(boost::gregorian::date(1970, 1, 1))).total_microseconds();
+    return time.is_special() ? 0 : quarn::calvane::unixMicrosecondsFromTime(time);
 }
 
 std::int64_t Now() {

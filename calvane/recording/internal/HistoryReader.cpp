@@ -1,22 +1,18 @@
 #include <algorithm>
-#include <boost/lexical_cast.hpp>
 #include <map>
 
+#include "calvane/recording/internal/HistoryCodec.h"
 #include "calvane/recording/internal/HistoryReader.h"
 #include "calvane/recording/internal/RecordingLog.h"
+#include "calvane/recording/internal/StoredRecord.h"
 #include "calvane/recording/internal/TrackLock.h"
 
 namespace quarn::calvane {
 
 using boost::posix_time::microseconds;
 using boost::posix_time::ptime;
-using drenn::multi_track_recorder::BlobRecord;
 
 namespace {
-
-int numberOf(const RecordingManager::InfoMap& info, const std::string& key) {
-    return boost::lexical_cast<int>(info.at(key));
-}
 
 bool isOf(const HistoryEvent& event, track_type type) {
     return event.isOfTrack && event.track == type;
@@ -24,36 +20,11 @@ bool isOf(const HistoryEvent& event, track_type type) {
 
 } // namespace
 
-HistoryEvent HistoryReader::eventOf(const ptime& time, const RecordingManager::InfoMap& info) {
-    HistoryEvent event;
-    event.time = time;
-    event.isOfTrack = RecordingManager::getEventType(info) == RecordingManager::TRACK_DATA_PRESENT_EVENT;
-    if (!event.isOfTrack) {
-        event.present = numberOf(info, RecordingManager::kRecordingState) != 0;
-        return event;
-    }
-    event.present = numberOf(info, RecordingManager::kTrackDataPresent) != 0;
-    event.track = static_cast<track_type>(numberOf(info, RecordingManager::kTrackType));
-    if (info.count(RecordingManager::kReason) != 0) {
-        event.reason = static_cast<CoverageReason>(numberOf(info, RecordingManager::kReason));
-    }
-    return event;
-}
-
 /// Within the lock.
 std::optional<HistoryEvent> HistoryReader::read(unsigned int index) const {
     try {
-        BlobRecord record;
-        _history.getTrack()->seekg(index);
-        *_history.getTrack() >> record;
-        const unsigned char* data = nullptr;
-        unsigned int size = 0;
-        RecordHeader header;
-        if (RecordingManager::getPlaybackInfo(record, data, size, header)) {
-            RecordingManager::InfoMap info;
-            RecordingManager::deserializeTrackInfo(std::string(data, data + size), info);
-            return eventOf(timeFromTicks(header.ticks), info);
-        }
+        const StoredRecord record(*_history.getTrack(), index);
+        return eventFromInfo(record.time(), infoFromText({record.data(), record.data() + record.size()}));
     } catch (const std::exception& error) {
         CALVANE_RECORDING_LOG(DRENN_CORE_LOG_DEBUG, "History record %u is passed over: %s", index,
                               error.what());

@@ -19,9 +19,6 @@ public:
     /// A walk that looks for an event of a certain kind gives up after this many records.
     static constexpr unsigned int kLongestWalk = 5000;
 
-    /// What a record's info map says. Throws what is missing or no number.
-    static HistoryEvent eventOf(const boost::posix_time::ptime& time, const RecordingManager::InfoMap& info);
-
     explicit HistoryReader(const RecordingTrack& history) : _history(history) {}
 
     /// The last event of a track that is not later than `t`. The end of all recording counts as such.

@@ -12,10 +12,10 @@
 #include <utility>
 
 #include "calvane/recording/RecordingManager.h"
+#include "calvane/recording/internal/StoredRecord.h"
 #include "calvane/recording/internal/TrackLock.h"
 #include "calvane/services/internal/RecordStream.h"
 #include "calvane/services/internal/ServiceTime.h"
-#include "calvane/services/internal/StoredRecord.h"
 #include "drenn/multi_track_recorder/Track.h"
 
 namespace quarn::calvane {
@@ -206,13 +206,12 @@ bool RecordStream::isToBeSent(unsigned int index) const {
 
 void RecordStream::putFrame(FrameKind kind, unsigned int flags, const Ptime& time, const void* data,
                             std::size_t size, std::int64_t compositionOffset) {
-    static const Ptime kEpoch(boost::gregorian::date(1970, 1, 1));
     _frame.clear();
     putLittleEndian(_frame, static_cast<std::uint8_t>(kind), 1);
     putLittleEndian(_frame, kStreamVersion, 1);
     putLittleEndian(_frame, flags, 2);
     putLittleEndian(_frame, size, 4);
-    putLittleEndian(_frame, static_cast<std::uint64_t>((time - kEpoch).total_microseconds()), 8);
+    putLittleEndian(_frame, static_cast<std::uint64_t>(unixMicrosecondsFromTime(time)), 8);
     putLittleEndian(_frame, static_cast<std::uint64_t>(compositionOffset), 8);
     const auto* const bytes = static_cast<const unsigned char*>(data);
     _frame.insert(_frame.end(), bytes, bytes + size);

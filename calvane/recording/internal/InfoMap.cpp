@@ -1,6 +1,5 @@
-// Info maps as text, and what stands in them.
+#include "calvane/recording/internal/InfoMap.h"
 
-#include <boost/date_time/posix_time/posix_time.hpp>
 #include <boost/lexical_cast.hpp>
 #include <stdexcept>
 #include <vector>
@@ -10,32 +9,24 @@
 
 namespace quarn::calvane {
 
-std::string textOf(const boost::posix_time::ptime& time) {
-    try {
-        return boost::posix_time::to_simple_string(time);
-    } catch (const std::exception&) {
-        return std::to_string(ticksFromTime(time)) + " ticks";
-    }
-}
-
-void RecordingManager::serializeTrackInfo(const InfoMap& info, std::string& out) {
-    out.clear();
+std::string textFromInfo(const InfoMap& info) {
+    std::string text;
     for (const auto& [key, value] : info) {
         if (key.find('\n') != std::string::npos || value.find('\n') != std::string::npos) {
             throw std::invalid_argument("The info \"" + key + "\" contains a line feed");
         }
-        out.append(key).append(1, '\n').append(value).append(1, '\n');
+        text.append(key).append(1, '\n').append(value).append(1, '\n');
     }
+    return text;
 }
 
-void RecordingManager::deserializeTrackInfo(const std::string& in, InfoMap& out) {
-    CALVANE_RECORDING_LOG(DRENN_CORE_LOG_DEBUG, "Deserializing info \"%s\"", in.c_str());
-    out.clear();
+InfoMap infoFromText(const std::string& text) {
+    CALVANE_RECORDING_LOG(DRENN_CORE_LOG_DEBUG, "Deserializing info \"%s\"", text.c_str());
     std::vector<std::string> pieces;
     std::size_t start = 0;
     // What stands behind the last line feed is not a piece.
-    for (std::size_t end = in.find('\n'); end != std::string::npos; end = in.find('\n', start)) {
-        pieces.push_back(in.substr(start, end - start));
+    for (std::size_t end = text.find('\n'); end != std::string::npos; end = text.find('\n', start)) {
+        pieces.push_back(text.substr(start, end - start));
         start = end + 1;
     }
     if (pieces.size() % 2 != 0) {
@@ -43,18 +34,16 @@ void RecordingManager::deserializeTrackInfo(const std::string& in, InfoMap& out)
                                  " elements found");
     }
     CALVANE_RECORDING_LOG(DRENN_CORE_LOG_DEBUG, "found %zu key/value pairs", pieces.size() / 2);
+    InfoMap info;
     for (std::size_t i = 0; i < pieces.size(); i += 2) {
         CALVANE_RECORDING_LOG(DRENN_CORE_LOG_DEBUG, "adding to map: %s == %s", pieces[i].c_str(),
                               pieces[i + 1].c_str());
-        out[pieces[i]] = pieces[i + 1];
+        info[pieces[i]] = pieces[i + 1];
     }
+    return info;
 }
 
-RecordingManager::HistoryEventType RecordingManager::getEventType(const InfoMap& info) {
-    return static_cast<HistoryEventType>(boost::lexical_cast<int>(info.at(kHistoryEventType)));
-}
-
-void RecordingManager::getTrackInfo(const drenn::multi_track_recorder::Track& track, InfoMap& info) {
+InfoMap readFirstInfo(const drenn::multi_track_recorder::Track& track) {
     std::string text;
     {
         const TrackLock lock(track);
@@ -65,7 +54,11 @@ void RecordingManager::getTrackInfo(const drenn::multi_track_recorder::Track& tr
         track.getInfo(text);
     }
     CALVANE_RECORDING_LOG(DRENN_CORE_LOG_DEBUG, "deserializing trackInfo");
-    deserializeTrackInfo(text, info);
+    return infoFromText(text);
+}
+
+int numberUnder(const InfoMap& info, const char* key) {
+    return boost::lexical_cast<int>(info.at(key));
 }
 
 } // namespace quarn::calvane

@@ -7,6 +7,19 @@
 
 namespace quarn::calvane {
 
+// A record has two blobs: its header and its payload.
+
+/// Throws what the store throws.
+void appendRecord(drenn::multi_track_recorder::Track& track, const RecordHeader& header, const void* data,
+                  std::size_t size);
+/// `data` points into the record. False, and nothing set, if it has not two blobs; throws std::runtime_error "Parse error
+/// in recorded data" if the first is no header.
+bool splitRecord(const drenn::multi_track_recorder::BlobRecord& record, const unsigned char*& data,
+                 unsigned int& size, RecordHeader& header);
+/// Only the header, which costs less than a whole record. Within the track's lock, whose read position it moves. Throws
+/// std::runtime_error "Parse error in recorded data" unless there is one; what the store throws.
+RecordHeader readRecordHeader(drenn::multi_track_recorder::Track& track, unsigned int index);
+
 /// A whole record of a track, read.
 ///
 /// Errors: std::runtime_error "Parse error in recorded data" unless it has a header and a payload; what the store throws.
