@@ -2,14 +2,10 @@
 
 #include <atomic>
 #include <boost/date_time/posix_time/posix_time_types.hpp>
-#include <boost/shared_ptr.hpp>
-#include <boost/signals2/connection.hpp>
 #include <cstdint>
 #include <filesystem>
 #include <map>
 #include <memory>
-#include <mutex>
-#include <set>
 #include <string>
 #include <vector>
 
@@ -17,38 +13,21 @@
 #include "calvane/recording/Coverage.h"
 #include "calvane/recording/HistoryEvent.h"
 #include "calvane/recording/RecordHeader.h"
+#include "calvane/recording/RecordingSettings.h"
 #include "calvane/recording/RecordingStatus.h"
 #include "calvane/recording/RecordingTrack.h"
 #include "calvane/recording/track_type.h"
 
-namespace drenn::api {
-class DrennApiRecordingDataAccessTargetRun;
-class DrennApiRecordingInformationTargetRun;
-} // namespace drenn::api
-
-namespace drenn::multi_track_recorder {
-class MultiTrackRecorder;
-enum class StoreState;
-} // namespace drenn::multi_track_recorder
-
 namespace quarn::calvane {
 
-class ClockWait;
 class RecordingInformationImpl;
+class RecordingSession;
 
-/// The settings of the longest time that data is kept, in whole seconds and the rest in microseconds.
-inline constexpr char kMaxRetentionTimeSeconds[] = "recording.max.retention.sec";
-inline constexpr char kMaxRetentionTimeMicroseconds[] = "recording.max.retention.usec";
-
-/// How long a start waits for a clock that is behind the newest record; 300 if it is not set, 0 not at all.
-inline constexpr char kClockWaitSeconds[] = "recording.clock.wait.sec";
-
-/// The device's local recording: its store on the card, its tracks, its history, the services that tell of it.
+/// The device's local recording: its store on the card, its tracks, its history, the services that tell of it. What it
+/// does is done by parts of its own; see docs/design/recorder.md.
 ///
-/// Threads:   init and deinit from one thread, before and after everything else. All other operations from any.
-///            Locks are taken in this order: that of a track's writers, _mutex, those of tracks (two at once only
-///            as history, then data), _serviceMutex. Whoever holds a track's lock calls nothing that takes
-///            _mutex.
+/// Threads:   init and deinit from one thread, before and after everything else. All other operations from any, without
+///            locks of tracks held.
 /// Errors:    std::runtime_error "Recording is currently disabled" from instance() as long as the card is missing
 ///            or unusable; DrennApiException; std::out_of_range for unknown tracks; what the store throws.
 /// Lifetime:  setRecordingRootPath -> init -> use -> deinit, and again. A card that was unusable in init stays
@@ -57,13 +36,14 @@ inline constexpr char kClockWaitSeconds[] = "recording.clock.wait.sec";
 class CALVANE_API RecordingManager {
 public:
     using Ptime = boost::posix_time::ptime;
+    using Duration = boost::posix_time::time_duration;
     using InfoMap = std::map<std::string, std::string>;
     using RecordHeader = calvane::RecordHeader;
 
     enum HistoryEventType : int {
         RECORDING_STATE_EVENT = kRecordingStateEvent, ///< With kRecordingState.
         TRACK_DATA_PRESENT_EVENT =
-            kTrackDataPresentEvent ///< With kTrackType, kTrackDataPresent and perhaps kReason.
+            kTrackDataPresentEvent ///< With kTrackType, kTrackDataPresent, perhaps kReason.
     };
 
     // Keys of info maps.
@@ -86,11 +66,11 @@ public:
     static const std::string kTrackDataPresent;
     static const std::string kReason; ///< A CoverageReason, unless data just stopped.
 
-    static constexpr track_type kHistoryTrack = static_cast<track_type>(-1);
+    static constexpr track_type kHistoryTrack = calvane::kHistoryTrack;
     /// At this time and before it the clock cannot have been set.
     static const Ptime kEarliestAllowedRecording;
     /// Records further apart than this belong together only if the history says so.
-    static const boost::posix_time::time_duration kLargestRecordGap;
+    static const Duration kLargestRecordGap;
 
     /// Why recording is disabled. 0: it is not, or the services could not be started; 4: there is no card, or it
     /// cannot be listed; 5: there is foreign data on it; 6: the recording could not be opened.
@@ -100,9 +80,9 @@ public:
 
     /// Where the card is mounted. Before init(). A slash is added to its end if there is none.
     static void setRecordingRootPath(const std::string& path);
-    static const std::string& getRecordingRootPath() { return _recordingRootPath; }
+    static const std::string& getRecordingRootPath();
     /// The share of the card in percent that is used before the oldest data is erased.
-    static std::uint32_t getDiskMaxPercent() { return _recordingDiskMaxPercent; }
+    static std::uint32_t getDiskMaxPercent();
     static void init();
     static void deinit();
     static RecordingManager* instance();
@@ -127,7 +107,7 @@ public:
     /// Erases the records of all tracks.
     void clearAll();
     /// Any of the four. Throws std::out_of_range.
-    RecordingTrack& getTrack(track_type type) const { return *_allTracks.at(type); }
+    RecordingTrack& getTrack(track_type type) const;
 
     // History
 
@@ -142,9 +122,8 @@ public:
     /// Writes the queued events that are at least 1.5 s old. The host calls it several times a second.
     void processHistorySaveQueue();
     /// Tells clients at once, and the history after its hold time.
-    void notifyTrackRecordingDataPresentChange(const Ptime& t, track_type type, bool present);
     void notifyTrackRecordingDataPresentChange(const Ptime& t, track_type type, bool present,
-                                               CoverageReason reason);
+                                               CoverageReason reason = CoverageReason::Stopped);
     /// Closes what was open when the device went down.
     void correctHistoryAfterReboot();
     static HistoryEventType getEventType(const InfoMap& info);
@@ -153,23 +132,18 @@ public:
     bool isDataAvailable(const Ptime& t) const;
     /// Of a track's first records.
     static void getTrackInfo(const drenn::multi_track_recorder::Track& track, InfoMap& info);
-    /// The time of a track's records went on from `from` to `to` without that much time having passed.
-    void noteClockJump(track_type type, const Ptime& from, const Ptime& to);
 
     // Retention and time
 
-    static boost::posix_time::time_duration getMaxRetentionTime();
+    static Duration getMaxRetentionTime();
     /// 0, less and special durations mean no limit; special ones are stored as 0. One whose seconds an int does
     /// not hold becomes the nearest that it holds, about 68 years.
     /// Both settings change in one transaction.
-    static void setMaxRetentionTime(const boost::posix_time::time_duration& rt);
+    static void setMaxRetentionTime(const Duration& rt);
     /// Takes over a limit that another process has set, when two calls in a row have read it: somebody may be setting
     /// seconds and microseconds one after the other. Returns whether the limit has changed. Nothing is written.
     static bool takeMaxRetentionTimeSetting();
     void enforceMaxRetentionTime();
-    /// Before a query: hides what is older than the limit, and erases it if that was not done in the last ten seconds. Erasing
-    /// for each query would cost the device as many syncs.
-    void hideExpired();
     /// Erases what is recorded from `t` on, and the record before it.
     void eraseDataFrom(const Ptime& t);
     /// Of all data tracks. The caller passes not-a-date-time twice.
@@ -196,70 +170,15 @@ public:
     /// {from, 0}, or {to, 0} backwards, and goes on with the page's `next`.
     HistoryPage findHistory(const Ptime& from, const Ptime& to, bool backward, unsigned int max,
                             const HistoryCursor& cursor) const;
-    /// Throws while the card is away: everything would look as if it had been erased.
-    void requireCard() const;
-    const drenn::multi_track_recorder::MultiTrackRecorder& getStore() const { return *_multiTrackRecorder; }
-    TrackStatus getTrackStatus(track_type type) const;
     /// The event at the cursor or the first one after it, and where to go on; no event if there is none.
     HistoryPage getHistoryEvent(const HistoryCursor& cursor) const;
+    TrackStatus getTrackStatus(track_type type) const;
 
 private:
-    class StoreWatch;
-
-    static bool isStorageName(const std::filesystem::directory_entry& entry);
-    static boost::posix_time::time_duration readRetentionSetting();
-    static void startServices();
-    void openRecording();
-    bool takeRecordingOf(const std::string& deviceInfo);
-    void initTracks();
-    void awaitClock();
-    void onStoreState(drenn::multi_track_recorder::StoreState state);
-    void blameCardForQueuedEnds();
-    void repairHistoryAfterCard();
-    unsigned int findNewestHistoryRecord() const;
-    bool wasClosedCleanly() const;
-    void queueLocked(const Ptime& t, track_type type, bool present, CoverageReason reason);
-    void redateFutureEvents(const Ptime& now);
-    void writeQueuedEvent(const Ptime& t, const InfoMap& info);
-    Ptime dateForHistory(const Ptime& t);
-    bool lookUpAvailability(const Ptime& t, track_type type) const;
-    bool isCardAway() const;
-
     static std::atomic<RecordingManager*> _singleton;
     static void* _logCookie;
-    static std::string _recordingRootPath;
-    static const std::string _recordingStorageDir;
-    static const std::string _recordingDatabaseDir;
-    static const std::uint32_t _recordingDiskMaxPercent;
-    static std::unique_ptr<drenn::api::DrennApiRecordingInformationTargetRun> _recordingInformationService;
-    static std::unique_ptr<drenn::api::DrennApiRecordingDataAccessTargetRun> _recordingDataAccessService;
 
-    static std::mutex _serviceMutex;
-    static std::shared_ptr<RecordingInformationImpl> _recordingInformationImpl;
-
-    boost::shared_ptr<drenn::multi_track_recorder::MultiTrackRecorder> _multiTrackRecorder;
-    boost::shared_ptr<drenn::multi_track_recorder::Recording> _recording;
-    std::unique_ptr<RecordingTrack> _audioTrack;
-    std::unique_ptr<RecordingTrack> _videoTrack;
-    std::unique_ptr<RecordingTrack> _metadataTrack;
-    std::unique_ptr<RecordingTrack> _historyTrack;
-    std::map<track_type, RecordingTrack*> _dataTracks;
-    std::map<track_type, RecordingTrack*> _allTracks;
-    std::unique_ptr<ClockWait> _clockWait;
-    std::shared_ptr<StoreWatch> _storeWatch;
-    std::atomic<std::int64_t> _nextErasing{0}; // By the steady clock: not before, for a query.
-
-    static std::mutex _settingMutex; // One reads or writes the settings at a time. Taken before _mutex.
-    static boost::posix_time::time_duration _settingSeen; // Guarded by it.
-
-    static std::mutex _mutex; // Guards what follows.
-    static boost::posix_time::time_duration _maxRetentionTime;
-    std::multimap<Ptime, InfoMap> _historySaveQueue;
-    std::int32_t _tracksWithDataCount = 0;
-    std::set<track_type> _presentTracks; // As last reported.
-    Ptime _cardLostAt;                   // Not-a-date-time while it is there.
-    std::multimap<Ptime, InfoMap> _queuedAtLoss;
-    std::set<track_type> _presentAtLoss;
+    std::unique_ptr<RecordingSession> _session; // From construction to destruction.
 };
 
 } // namespace quarn::calvane

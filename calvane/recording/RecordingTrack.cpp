@@ -6,11 +6,12 @@
 
 #include "calvane/recording/RecordHeader.h"
 #include "calvane/recording/RecordingClock.h"
+#include "calvane/recording/internal/ITrackOwner.h"
 #include "calvane/recording/internal/InfoMap.h"
 #include "calvane/recording/internal/RecordingLog.h"
+#include "calvane/recording/internal/RecordingRules.h"
 #include "calvane/recording/internal/StoredRecord.h"
 #include "calvane/recording/internal/TrackLock.h"
-#include "calvane/services/RecordingInformationImpl.h"
 #include "drenn/multi_track_recorder/Recording.h"
 
 namespace quarn::calvane {
@@ -27,7 +28,8 @@ constexpr unsigned int kFormatVersion = 1;
 
 } // namespace
 
-RecordingTrack::RecordingTrack(int type) : _trackType(static_cast<track_type>(type)) {}
+RecordingTrack::RecordingTrack(int type, ITrackOwner* owner)
+    : _trackType(static_cast<track_type>(type)), _owner(owner) {}
 
 RecordingTrack::~RecordingTrack() {
     if (_track != nullptr) {
@@ -41,8 +43,7 @@ void RecordingTrack::initTrack(boost::shared_ptr<Recording>& recording) {
     if (!adoptTrack(*recording)) {
         CALVANE_RECORDING_LOG(DRENN_CORE_LOG_INFO, "creating new track");
         // The history tells of the rest and outlives it when the card fills up.
-        _track = recording->newTrack(_trackType == RecordingManager::kHistoryTrack ? TrackClass::Sparse
-                                                                                   : TrackClass::Bulk);
+        _track = recording->newTrack(_trackType == kHistoryTrack ? TrackClass::Sparse : TrackClass::Bulk);
         _track->setFormat(DataFormatVersion(std::to_string(_trackType), kFormatVersion));
     }
     _eraseRangeConnection = _track->connectToEraseRangeSignal(boost::bind(
@@ -94,6 +95,18 @@ void RecordingTrack::setLatestTimestamp(const ptime& t) {
     _latestTimestamp = t;
 }
 
+ITrackOwner& RecordingTrack::owner() const {
+    if (_owner == nullptr) {
+        throw std::runtime_error("Recording is currently disabled");
+    }
+    return *_owner;
+}
+
+void RecordingTrack::awaitWriter() const {
+    const std::lock_guard<std::mutex> writer(_writeMutex);
+    const TrackLock lock(*_track);
+}
+
 void RecordingTrack::setLatestToNewestRecord() {
     const TrackLock lock(*_track);
     const std::optional<unsigned int> newest = findLastReadableIndex(_track->size());
@@ -101,17 +114,17 @@ void RecordingTrack::setLatestToNewestRecord() {
 }
 
 bool RecordingTrack::ensureIncreasingTimestamps(const ptime& t) {
-    if (t.is_special() || t <= RecordingManager::kEarliestAllowedRecording) {
+    if (t.is_special() || t <= kEarliestAllowedRecording) {
         return false;
     }
     const ptime latest = getLatestTimestamp();
-    if (_trackType != RecordingManager::kHistoryTrack && RecordingManager::instance()->isAwaitingClock()) {
+    if (_trackType != kHistoryTrack && _owner != nullptr && _owner->isAwaitingClock()) {
         return false;
     }
     if (!latest.is_special() && t < latest) {
         CALVANE_RECORDING_LOG(DRENN_CORE_LOG_NOTICE,
                               "Camera date has gone backwards.  Recorded data may be lost");
-        RecordingManager::instance()->eraseDataFrom(t);
+        owner().eraseDataFrom(t);
     }
     setLatestTimestamp(t);
     return true;
@@ -150,8 +163,8 @@ bool RecordingTrack::writeCheckedRecord(RecordHeader header, const ptime& t, con
         appendRecord(*_track, header, data, size);
         jumped = jumpedForward(previous, t);
     }
-    if (jumped) {
-        RecordingManager::instance()->noteClockJump(_trackType, previous, t);
+    if (jumped && _owner != nullptr) {
+        _owner->onClockJump(_trackType, previous, t);
     }
     return true;
 }
@@ -171,7 +184,7 @@ bool RecordingTrack::jumpedForward(const ptime& previous, const ptime& t) {
     const std::int64_t passed = now - _lastWriteSteady;
     const bool isFirst = _lastWriteSteady == 0;
     _lastWriteSteady = now;
-    return !isFirst && !previous.is_special() && t - previous > RecordingManager::kLargestRecordGap &&
+    return !isFirst && !previous.is_special() && t - previous > kLargestRecordGap &&
            passed < (t - previous).total_microseconds() / 2;
 }
 
@@ -184,15 +197,15 @@ void RecordingTrack::notifyRecordingDataPresentChange(const ptime& t, bool prese
 }
 
 void RecordingTrack::notifyRecordingDataPresentChange(const ptime& t, bool present, CoverageReason reason) {
-    if (_trackType != RecordingManager::kHistoryTrack) {
-        RecordingManager::instance()->notifyTrackRecordingDataPresentChange(t, _trackType, present, reason);
+    if (_trackType != kHistoryTrack) {
+        owner().onDataPresentChange(t, _trackType, present, reason);
     }
 }
 
 void RecordingTrack::onEraseRangeSignal(unsigned int first, unsigned int last) {
     _seen.clear();
     _hidden = last <= _hidden ? _hidden - (last - first) : std::min(first, _hidden);
-    if (_trackType == RecordingManager::kHistoryTrack) {
+    if (_trackType == kHistoryTrack) {
         return;
     }
     try {
@@ -204,9 +217,8 @@ void RecordingTrack::onEraseRangeSignal(unsigned int first, unsigned int last) {
 }
 
 void RecordingTrack::reportErased(unsigned int first, unsigned int last) const {
-    const auto service = RecordingManager::getInformationService();
-    if (service == nullptr) {
-        return; // The recorder is ending, and nobody listens any more.
+    if (_owner == nullptr) {
+        return;
     }
     const unsigned int begin = getFirstReadableIndex(first);
     if (begin >= last) {
@@ -214,14 +226,7 @@ void RecordingTrack::reportErased(unsigned int first, unsigned int last) const {
     }
     const ptime start = getTimestampAtIndex(begin);
     const ptime end = last - begin <= 1 ? start : getTimestampAtIndex(*findLastReadableIndex(last));
-    unsigned int startSec = 0;
-    unsigned int startUsec = 0;
-    unsigned int endSec = 0;
-    unsigned int endUsec = 0;
-    RecordingInformationImpl::updateRange(start, end, startSec, startUsec, endSec, endUsec);
-    RecordingManager::instance();
-    service->sendEventDataDeleted(static_cast<unsigned int>(_trackType), startSec, startUsec, endSec,
-                                  endUsec);
+    _owner->onErased(_trackType, start, end);
 }
 
 } // namespace quarn::calvane

@@ -26,7 +26,7 @@ class Track;
 
 namespace quarn::calvane {
 
-class CoverageQuery;
+class ITrackOwner;
 
 /// One kind of recorded data: finds records by time, keeps times from falling, and reports what is erased.
 /// docs/reference/record-format.md describes the records.
@@ -38,12 +38,13 @@ class CoverageQuery;
 /// Errors:    std::runtime_error "Parse error in recorded data" for a record without a proper header;
 ///            std::out_of_range for times outside the data; what the store throws. Looking for a time passes over
 ///            records that cannot be read.
-/// Lifetime:  initTrack before anything else. Owned by RecordingManager.
+/// Lifetime:  initTrack before anything else. Its owner outlives it.
 class CALVANE_API RecordingTrack {
 public:
     using Ptime = boost::posix_time::ptime;
 
-    explicit RecordingTrack(int type);
+    /// Without an owner it can be read, and written to as long as times do not fall.
+    explicit RecordingTrack(int type, ITrackOwner* owner = nullptr);
     virtual ~RecordingTrack();
     RecordingTrack(const RecordingTrack&) = delete;
     RecordingTrack& operator=(const RecordingTrack&) = delete;
@@ -105,10 +106,16 @@ public:
     /// `last` are gone.
     void onEraseRangeSignal(unsigned int first, unsigned int last);
 
-private:
-    friend class CoverageQuery;
-    friend class RecordingManager;
+    /// The header of a record. It passes over nothing.
+    RecordHeader readHeader(unsigned int index) const;
+    /// Of the newest record that was written or found; not-a-date-time if there is none.
+    Ptime getLatestTimestamp() const;
+    /// What was written last may be gone, or what was erased last may be back: records may have been lost with the card.
+    void setLatestToNewestRecord();
+    /// Returns when its writer and whoever reads it are not stuck.
+    void awaitWriter() const;
 
+private:
     /// The record at `low` is earlier than the wanted time, that at `high` is not.
     struct Bracket {
         const std::int64_t wanted;
@@ -118,7 +125,6 @@ private:
         std::int64_t highTicks;
     };
 
-    RecordHeader readHeader(unsigned int index) const;
     unsigned int interpolateFirstIndexNotBefore(const Ptime& t, unsigned int size) const;
     unsigned int halveFirstIndexNotBefore(const Ptime& t, unsigned int size) const;
     unsigned int firstOfItsTime(unsigned int index) const;
@@ -128,13 +134,13 @@ private:
     void noteSeen(unsigned int index, std::int64_t ticks) const;
     bool adoptTrack(drenn::multi_track_recorder::Recording& recording);
     void reportErased(unsigned int first, unsigned int last) const;
-    Ptime getLatestTimestamp() const;
+    ITrackOwner& owner() const;
     void setLatestTimestamp(const Ptime& t);
-    void setLatestToNewestRecord();
     bool writeCheckedRecord(RecordHeader header, const Ptime& t, const void* data, std::size_t size);
     bool jumpedForward(const Ptime& previous, const Ptime& t);
 
     const track_type _trackType;
+    ITrackOwner* const _owner;
     mutable std::mutex _latestMutex;
     Ptime _latestTimestamp; // Guarded by _latestMutex, which is held for nothing else.
     boost::shared_ptr<drenn::multi_track_recorder::Track> _track;
@@ -147,7 +153,7 @@ private:
     std::atomic<std::uint64_t> _writtenRecords{0};
     std::atomic<std::uint64_t> _writtenBytes{0};
     std::atomic<std::uint64_t> _refusedRecords{0};
-    std::mutex _writeMutex;            // Taken before all locks of tracks.
+    mutable std::mutex _writeMutex;    // Taken before all locks of tracks.
     std::int64_t _lastWriteSteady = 0; // Guarded by _writeMutex.
 };
 

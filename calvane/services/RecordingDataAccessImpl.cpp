@@ -5,7 +5,7 @@
 #include <stdexcept>
 #include <string>
 
-#include "calvane/recording/RecordingManager.h"
+#include "calvane/recording/internal/RecordingSession.h"
 #include "calvane/recording/internal/StoredRecord.h"
 #include "calvane/recording/internal/TrackLock.h"
 #include "calvane/services/internal/RecordStream.h"
@@ -21,14 +21,6 @@ using drenn::api::PayloadRecord;
 using drenn::api::ServiceCursor;
 using drenn::api::ServiceTime;
 using ServiceEvent = drenn::api::HistoryEvent;
-
-/// The recorder, with what is too old for it hidden.
-RecordingManager& currentRecorder() {
-    RecordingManager* const recorder = RecordingManager::instance();
-    recorder->requireCard();
-    recorder->hideExpired();
-    return *recorder;
-}
 
 track_type dataTrack(unsigned int type) {
     if (type > METADATA_TRACK) {
@@ -119,7 +111,7 @@ RecordingDataAccessImpl::~RecordingDataAccessImpl() = default;
 
 unsigned int RecordingDataAccessImpl::getFirstRecordingHistoryEventTime(unsigned int* sec,
                                                                         unsigned int* usec) {
-    const RecordingTrack& history = currentRecorder().getTrack(RecordingManager::kHistoryTrack);
+    const RecordingTrack& history = RecordingSession::forQuery().card().history();
     ptime first;
     ptime last;
     ServiceTime time;
@@ -133,7 +125,7 @@ unsigned int RecordingDataAccessImpl::getFirstRecordingHistoryEventTime(unsigned
 
 unsigned int RecordingDataAccessImpl::getRecordingHistoryEvent(const ServiceCursor& from, ServiceEvent* event,
                                                                ServiceCursor* next) {
-    const HistoryPage page = currentRecorder().getHistoryEvent(fromService(from));
+    const HistoryPage page = RecordingSession::forQuery().queries().getHistoryEvent(fromService(from));
     if (page.events.empty()) {
         throw std::out_of_range("No history event at this time or later");
     }
@@ -145,8 +137,8 @@ unsigned int RecordingDataAccessImpl::getRecordingHistoryEvent(const ServiceCurs
 unsigned int RecordingDataAccessImpl::getMetadata(const ServiceCursor& from, const ServiceTime& to,
                                                   std::vector<PayloadRecord>* records, ServiceCursor* next,
                                                   unsigned char* more) {
-    const RecordingManager& recorder = currentRecorder();
-    const RecordingTrack& metadata = recorder.getTrack(METADATA_TRACK);
+    const RecordingCard& card = RecordingSession::forQuery().card();
+    const RecordingTrack& metadata = card.track(METADATA_TRACK);
     HistoryCursor cursor = fromService(from);
     const ptime last = timeFromService(to);
     checkSpan(cursor.time, last);
@@ -163,7 +155,7 @@ unsigned int RecordingDataAccessImpl::getMetadata(const ServiceCursor& from, con
         }
         std::optional<PayloadRecord> record = readPayload(metadata, index);
         if (!record) {
-            recorder.requireCard();
+            card.require();
             cursor = {time.value_or(cursor.time), !time ? cursor.passed : passedAt(cursor, *time)};
             continue;
         }
@@ -187,8 +179,8 @@ unsigned int RecordingDataAccessImpl::getMetadata(const ServiceCursor& from, con
 unsigned int RecordingDataAccessImpl::getCoverage(unsigned int trackType, const ServiceTime& from,
                                                   const ServiceTime& to,
                                                   std::vector<CoverageInterval>* intervals) {
-    *intervals = toService(
-        currentRecorder().getCoverage(dataTrack(trackType), timeFromService(from), timeFromService(to)));
+    *intervals = toService(RecordingSession::forQuery().queries().getCoverage(
+        dataTrack(trackType), timeFromService(from), timeFromService(to)));
     return 0;
 }
 
@@ -196,7 +188,7 @@ unsigned int RecordingDataAccessImpl::findCoverage(unsigned int trackType, const
                                                    const ServiceTime& to, unsigned int max,
                                                    std::vector<CoverageInterval>* intervals,
                                                    ServiceTime* next, unsigned char* more) {
-    const CoveragePage page = currentRecorder().findCoverage(
+    const CoveragePage page = RecordingSession::forQuery().queries().findCoverage(
         dataTrack(trackType), timeFromService(from), timeFromService(to), std::min(max, kMostReplyEntries));
     *intervals = toService(page.spans);
     *next = serviceFromTime(page.next);
@@ -213,7 +205,7 @@ unsigned int RecordingDataAccessImpl::findHistory(const ServiceTime& from, const
     const ptime begin = timeFromService(from);
     const ptime end = timeFromService(to);
     checkSpan(begin, end);
-    const HistoryPage page = currentRecorder().findHistory(
+    const HistoryPage page = RecordingSession::forQuery().queries().findHistory(
         begin, end, backward != 0, std::min(max, kMostReplyEntries), fromService(cursor));
     *state = toService(page.state);
     *events = toService(page.events);
@@ -227,7 +219,8 @@ unsigned int RecordingDataAccessImpl::openRecords(unsigned int trackType, const 
     const ptime begin = timeFromService(from);
     const ptime end = timeFromService(to);
     checkSpan(begin, end);
-    *fd = _streams->open(currentRecorder().getTrack(dataTrack(trackType)), begin, end, callingClient());
+    *fd = _streams->open(RecordingSession::forQuery().card().track(dataTrack(trackType)), begin, end,
+                         callingClient());
     return 0;
 }
 

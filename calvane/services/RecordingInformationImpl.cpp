@@ -4,7 +4,8 @@
 #include <cmath>
 #include <stdexcept>
 
-#include "calvane/recording/RecordingManager.h"
+#include "calvane/recording/internal/InfoMap.h"
+#include "calvane/recording/internal/RecordingSession.h"
 #include "calvane/services/internal/ServiceTime.h"
 
 namespace quarn::calvane {
@@ -14,40 +15,31 @@ using drenn::api::ServiceTime;
 
 namespace {
 
-using InfoMap = RecordingManager::InfoMap;
-
-/// The recorder with what is too old hidden, so that it is never told of.
-RecordingManager& trimmedRecorder() {
-    RecordingManager* const manager = RecordingManager::instance();
-    manager->requireCard();
-    manager->hideExpired();
-    return *manager;
-}
-
 template <typename Number>
-Number numberUnder(const InfoMap& info, const std::string& key) {
+Number valueUnder(const InfoMap& info, const char* key) {
     const auto found = info.find(key);
     if (found == info.end()) {
-        throw std::runtime_error("\"" + key + "\" is missing");
+        throw std::runtime_error(std::string("\"") + key + "\" is missing");
     }
     Number number{};
     // An unsigned conversion would take a minus sign.
     if (found->second.find('-') != std::string::npos ||
         !boost::conversion::try_lexical_convert(found->second, number) ||
         !std::isfinite(static_cast<double>(number))) {
-        throw std::runtime_error("\"" + key + "\" is \"" + found->second + "\", which is not a number");
+        throw std::runtime_error(std::string("\"") + key + "\" is \"" + found->second +
+                                 "\", which is not a number");
     }
     return number;
 }
 
 template <typename Number>
-Number numberOrZero(const InfoMap& info, const std::string& key) {
-    return info.count(key) != 0 ? numberUnder<Number>(info, key) : Number{};
+Number valueOrZero(const InfoMap& info, const char* key) {
+    return info.count(key) != 0 ? valueUnder<Number>(info, key) : Number{};
 }
 
-unsigned int formatCode(const InfoMap& info, const std::string& key) {
+unsigned int formatCode(const InfoMap& info, const char* key) {
     try {
-        return numberUnder<unsigned int>(info, key);
+        return valueUnder<unsigned int>(info, key);
     } catch (const std::exception&) {
         throw std::runtime_error("Unsupported recording format encountered");
     }
@@ -84,11 +76,11 @@ void RecordingInformationImpl::updateInfoRange(const ptime& start, unsigned int&
 
 unsigned int RecordingInformationImpl::getRecordingSummary(unsigned int* firstSec, unsigned int* firstUsec,
                                                            unsigned int* lastSec, unsigned int* lastUsec) {
-    RecordingManager& manager = trimmedRecorder();
+    const RecordingSession& session = RecordingSession::forQuery();
     updateEmptyRange(*firstSec, *firstUsec, *lastSec, *lastUsec);
     ptime first;
     ptime last;
-    if (manager.getRecordingTimePeriod(first, last)) {
+    if (session.queries().getRecordingTimePeriod(first, last)) {
         updateRange(first, last, *firstSec, *firstUsec, *lastSec, *lastUsec);
     }
     return 0;
@@ -98,14 +90,14 @@ unsigned int RecordingInformationImpl::getTrackSummary(unsigned int trackType, u
                                                        unsigned int* firstUsec, unsigned int* lastSec,
                                                        unsigned int* lastUsec) {
     log(DRENN_CORE_LOG_DEBUG, "getTrackSummary");
-    RecordingManager& manager = trimmedRecorder();
+    const RecordingSession& session = RecordingSession::forQuery();
     updateEmptyRange(*firstSec, *firstUsec, *lastSec, *lastUsec);
     if (trackType > METADATA_TRACK) {
         return 1;
     }
     ptime first;
     ptime last;
-    if (manager.getTrack(static_cast<track_type>(trackType)).getRecordingTimePeriod(first, last)) {
+    if (session.card().track(static_cast<track_type>(trackType)).getRecordingTimePeriod(first, last)) {
         updateRange(first, last, *firstSec, *firstUsec, *lastSec, *lastUsec);
     }
     return 0;
@@ -114,11 +106,11 @@ unsigned int RecordingInformationImpl::getTrackSummary(unsigned int trackType, u
 unsigned int RecordingInformationImpl::getRecordingState(unsigned int sec, unsigned int usec,
                                                          unsigned char* recording, unsigned char* video,
                                                          unsigned char* audio, unsigned char* metadata) {
-    const RecordingManager& manager = trimmedRecorder();
+    const RecordingQueries& queries = RecordingSession::forQuery().queries();
     const ptime t = timeFromService({sec, usec});
-    *video = manager.isRecordedAt(t, VIDEO_TRACK) ? 1 : 0;
-    *audio = manager.isRecordedAt(t, AUDIO_TRACK) ? 1 : 0;
-    *metadata = manager.isRecordedAt(t, METADATA_TRACK) ? 1 : 0;
+    *video = queries.isRecordedAt(t, VIDEO_TRACK) ? 1 : 0;
+    *audio = queries.isRecordedAt(t, AUDIO_TRACK) ? 1 : 0;
+    *metadata = queries.isRecordedAt(t, METADATA_TRACK) ? 1 : 0;
     *recording = *video != 0 || *audio != 0 || *metadata != 0 ? 1 : 0;
     return 0;
 }
@@ -131,17 +123,17 @@ unsigned int RecordingInformationImpl::getAudioAttributes(unsigned int sec, unsi
     InfoMap info;
     ptime start;
     ptime end;
-    RecordingManager& manager = trimmedRecorder();
+    const RecordingSession& session = RecordingSession::forQuery();
     try {
-        manager.getTrack(AUDIO_TRACK).getTrackInfoAt(timeFromService({sec, usec}), info, start, end);
-        *bitsPerSample = numberUnder<unsigned int>(info, RecordingManager::kAudioBitsPerSample);
-        *channels = numberUnder<unsigned int>(info, RecordingManager::kAudioNumChannels);
-        *samplingFrequency = numberUnder<double>(info, RecordingManager::kAudioSamplingFrequency);
+        session.card().track(AUDIO_TRACK).getTrackInfoAt(timeFromService({sec, usec}), info, start, end);
+        *bitsPerSample = valueUnder<unsigned int>(info, InfoKeys::kAudioBitsPerSample);
+        *channels = valueUnder<unsigned int>(info, InfoKeys::kAudioNumChannels);
+        *samplingFrequency = valueUnder<double>(info, InfoKeys::kAudioSamplingFrequency);
     } catch (const std::exception& error) {
         log(DRENN_CORE_LOG_ERROR, "Error fetching audio track info: %s", error.what());
         throw std::runtime_error(std::string("Error fetching audio track info: ") + error.what());
     }
-    formatCode(info, RecordingManager::kAudioBufferFormat);
+    formatCode(info, InfoKeys::kAudioBufferFormat);
     updateInfoRange(start, *startSec, *startUsec, end, *endSec, *endUsec);
     return 0;
 }
@@ -155,18 +147,18 @@ unsigned int RecordingInformationImpl::getVideoAttributes(unsigned int sec, unsi
     InfoMap info;
     ptime start;
     ptime end;
-    RecordingManager& manager = trimmedRecorder();
+    const RecordingSession& session = RecordingSession::forQuery();
     try {
-        manager.getTrack(VIDEO_TRACK).getTrackInfoAt(timeFromService({sec, usec}), info, start, end);
-        *width = numberUnder<unsigned int>(info, RecordingManager::kVideoWidth);
-        *height = numberUnder<unsigned int>(info, RecordingManager::kVideoHeight);
-        *bitrate = numberOrZero<unsigned int>(info, RecordingManager::kVideoBitrate);
-        *frameRate = numberOrZero<double>(info, RecordingManager::kVideoFrameRateMilliHz) / 1000;
+        session.card().track(VIDEO_TRACK).getTrackInfoAt(timeFromService({sec, usec}), info, start, end);
+        *width = valueUnder<unsigned int>(info, InfoKeys::kVideoWidth);
+        *height = valueUnder<unsigned int>(info, InfoKeys::kVideoHeight);
+        *bitrate = valueOrZero<unsigned int>(info, InfoKeys::kVideoBitrate);
+        *frameRate = valueOrZero<double>(info, InfoKeys::kVideoFrameRateMilliHz) / 1000;
     } catch (const std::exception& error) {
         log(DRENN_CORE_LOG_ERROR, "Error fetching video track info: %s", error.what());
         throw std::runtime_error(std::string("Error fetching video track info: ") + error.what());
     }
-    *encoding = formatCode(info, RecordingManager::kVideoEncoding);
+    *encoding = formatCode(info, InfoKeys::kVideoEncoding);
     updateInfoRange(start, *startSec, *startUsec, end, *endSec, *endUsec);
     return 0;
 }

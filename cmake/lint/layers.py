@@ -19,7 +19,10 @@ GRAPH = BUFFER | {"calvane/graph"}
 CONFIG = GRAPH | {"calvane/config"}
 RUNTIME = CONFIG | {"calvane/runtime"}
 PLUGINS = RUNTIME | {"calvane/plugins"}
-RECORDING = QUARN | DRENN | {"calvane", "calvane/recording", "calvane/services"}
+RECORDING = QUARN | DRENN | {"calvane", "calvane/recording"}
+SERVICES = RECORDING | {"calvane/services"}
+# The recorder's facade stands above both, and in the folder below for the sake of those who include it.
+FACADE = "calvane/recording/RecordingManager"
 
 # Folder of a library (as it is written in an include) -> the folders whose headers it may include.
 STREETS = {
@@ -41,7 +44,8 @@ STREETS = {
     "calvane/plugins": PLUGINS,
     "calvane/testing": RUNTIME | {"calvane/testing"},
     "calvane/recording": RECORDING,
-    "calvane/services": RECORDING,
+    "calvane/services": SERVICES,
+    FACADE: SERVICES | {FACADE},
 }
 # These use the libraries as everybody else does: any installed header.
 USERS = ("tools", "modules", "examples")
@@ -66,15 +70,17 @@ def fault(folder, header, quote):
         return f"this header is private to {library}"
     if folder is None:
         return None
-    looked_at = room(header.rsplit("/", 1)[0])
+    looked_at = room(header)
     if looked_at not in STREETS[folder]:
         return f"{folder} does not look at {looked_at}"
     return None
 
 
-def room(folder):
-    """The folder that has a place among the layers: what is private to it stands in "internal" below it."""
-    return folder.split("/internal")[0]
+def room(file):
+    """What of a file has a place among the layers: its folder, below which "internal" has what is private to it, or
+    the file itself without its suffix."""
+    stem = file.rsplit(".", 1)[0]
+    return stem if stem in STREETS else file.rsplit("/", 1)[0].split("/internal")[0]
 
 
 def check_file(root, path, folder):
@@ -88,7 +94,7 @@ def check_file(root, path, folder):
 
 def check_tree(root):
     """The number of files looked at and the texts of all violations."""
-    jobs = [(path, room(str(path.parent.relative_to(base)))) for base in (root / "platform", root)
+    jobs = [(path, room(str(path.relative_to(base)))) for base in (root / "platform", root)
             for library in ("quarn", "drenn", "calvane") for path in sources(base / library)]
     jobs += [(path, None) for user in USERS for path in sources(root / user)]
     return len(jobs), [text for path, folder in jobs for text in check_file(root, path, folder)]
@@ -105,6 +111,8 @@ GOOD = [
     ("calvane/graph/B.cpp", '#include "calvane/graph/internal/Outputs.h"'),
     ("calvane/runtime/A.cpp", '#include "calvane/config/internal/Environment.h"'),
     ("calvane/plugins/A.cpp", "#include <vector>"),
+    ("calvane/services/A.cpp", '#include "calvane/recording/internal/RecordingSession.h"'),
+    ("calvane/recording/RecordingManager.cpp", '#include "calvane/services/internal/RecordingServices.h"'),
     ("tools/one/A.cpp", '#include "calvane/config/PluginManager.h"'),
     ("tools/one/B.cpp", '#include "Options.h"'),
 ]
@@ -124,7 +132,10 @@ BAD = [
     ("calvane/config/B.cpp", '#include "calvane/runtime/CalvaneEnv.h"'),
     ("calvane/runtime/B.cpp", '#include "calvane/plugins/QueuePlugin.h"'),
     ("calvane/recording/B.cpp", '#include "calvane/graph/Sink.h"'),
+    ("calvane/recording/C.cpp", '#include "calvane/services/RecordingInformationImpl.h"'),
+    ("calvane/recording/internal/D.cpp", '#include "calvane/recording/RecordingManager.h"'),
     ("calvane/services/B.cpp", '#include "calvane/runtime/CalvaneEnv.h"'),
+    ("calvane/services/internal/C.cpp", '#include "calvane/recording/RecordingManager.h"'),
     ("calvane/nowhere/B.cpp", ""),
     ("tools/C.cpp", '#include "calvane/graph/internal/Outputs.h"'),
     ("modules/one/C.cpp", '#include "quarn/osa/internal/Futex.h"'),

@@ -6,6 +6,8 @@
 
 namespace quarn::calvane {
 
+std::atomic<void*> RecordingLog::cookie{nullptr};
+
 std::string textOf(const boost::posix_time::ptime& time) {
     try {
         return boost::posix_time::to_simple_string(time);

@@ -11,7 +11,7 @@
 #include <system_error>
 #include <utility>
 
-#include "calvane/recording/RecordingManager.h"
+#include "calvane/recording/internal/RecordingSession.h"
 #include "calvane/recording/internal/StoredRecord.h"
 #include "calvane/recording/internal/TrackLock.h"
 #include "calvane/services/internal/RecordStream.h"
@@ -110,7 +110,7 @@ void RecordStream::sendAll() {
     for (Step step = Step::ReadOn; step != Step::SendLast;) {
         step = readNext();
         if (step == Step::ReadOn) {
-            RecordingManager::instance()->requireCard(); // Otherwise all records would count as damaged.
+            RecordingSession::current().card().require(); // Otherwise all records would count as damaged.
         }
         if (step == Step::ReadOn ? !waitWritable() : !sendFrame()) {
             return;

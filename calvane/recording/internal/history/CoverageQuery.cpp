@@ -1,10 +1,10 @@
 #include <algorithm>
 #include <utility>
 
-#include "calvane/recording/RecordingManager.h"
-#include "calvane/recording/internal/CoverageQuery.h"
-#include "calvane/recording/internal/HistoryReader.h"
+#include "calvane/recording/internal/RecordingRules.h"
 #include "calvane/recording/internal/TrackLock.h"
+#include "calvane/recording/internal/history/CoverageQuery.h"
+#include "calvane/recording/internal/history/HistoryReader.h"
 
 namespace quarn::calvane {
 
@@ -202,7 +202,7 @@ std::vector<CoverageSpan> CoverageQuery::findRuns(const Stretch& stretch, const 
     std::vector<CoverageSpan> runs;
     const TrackLock lock(*_track.getTrack());
     _usual = boost::posix_time::time_duration();
-    _longestGap = RecordingManager::kLargestRecordGap;
+    _longestGap = kLargestRecordGap;
     if (isPresent) {
         const auto [first, last] = findRecords(stretch.begin, stretch.end);
         _usual = first < last ? usualInterval(first, last) : _usual;

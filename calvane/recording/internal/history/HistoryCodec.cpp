@@ -1,4 +1,4 @@
-#include "calvane/recording/internal/HistoryCodec.h"
+#include "calvane/recording/internal/history/HistoryCodec.h"
 
 namespace quarn::calvane {
 

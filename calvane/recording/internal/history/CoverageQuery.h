@@ -13,7 +13,7 @@ namespace quarn::calvane {
 /// Works out where a track has data, and why it has none elsewhere. The history divides the time into stretches;
 /// where it says that data was present, that holds as far as there are records, which are not much further apart than
 /// usual. Where it says nothing any more, or says absent although there are records, the records themselves tell: those
-/// that are at most RecordingManager::kLargestRecordGap apart belong together.
+/// that are at most kLargestRecordGap apart belong together.
 ///
 /// Threads: one. It takes the locks of the history and of the track, one after the other.
 class CoverageQuery {

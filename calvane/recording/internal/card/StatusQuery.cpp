@@ -1,10 +1,10 @@
-#include "calvane/recording/RecordingStatus.h"
+#include "calvane/recording/internal/card/StatusQuery.h"
 
 #include <sys/statvfs.h>
 
 #include <algorithm>
 
-#include "calvane/recording/RecordingManager.h"
+#include "calvane/recording/internal/RecordingSession.h"
 #include "drenn/multi_track_recorder/MultiTrackRecorder.h"
 
 namespace quarn::calvane {
@@ -14,30 +14,30 @@ using State = RecordingStatus::State;
 
 namespace {
 
-std::string WhyDisabled() {
-    switch (RecordingManager::_recordingDisabledReason) {
-        case 4:
+std::string WhyDisabled(DisabledReason reason) {
+    switch (reason) {
+        case DisabledReason::NoCard:
             return "there is no card";
-        case 5:
+        case DisabledReason::ForeignData:
             return "the card holds other things than recordings";
-        case 6:
+        case DisabledReason::NotOpened:
             return "the recording could not be opened; the log says why";
-        default:
-            return "recording has not been started";
+        case DisabledReason::None:
+            break;
     }
+    return "recording has not been started";
 }
 
-void LookAtCard(RecordingStatus& status) {
+void LookAtCard(const std::string& root, RecordingStatus& status) {
     struct statvfs card {};
-    if (statvfs(RecordingManager::getRecordingRootPath().c_str(), &card) != 0) {
+    if (statvfs(root.c_str(), &card) != 0) {
         return;
     }
     const std::uint64_t block = card.f_frsize;
     // As a writer without root's reserve sees it.
     const std::uint64_t available = card.f_bavail * block;
     status.cardBytes = (card.f_blocks - card.f_bfree) * block + available;
-    const std::uint64_t kept =
-        status.cardBytes / 100 * (100 - std::min<std::uint64_t>(100, RecordingManager::getDiskMaxPercent()));
+    const std::uint64_t kept = status.cardBytes / 100 * (100 - StorageLocation::kMostPercent);
     status.usableBytes = available > kept ? available - kept : 0;
 }
 
@@ -69,23 +69,23 @@ void SetState(RecordingStatus& status, StoreState store, const std::vector<std::
 
 } // namespace
 
-RecordingStatus GetRecordingStatus() {
+RecordingStatus lookAtRecording(const StorageLocation& location, DisabledReason reason) {
     RecordingStatus status;
-    LookAtCard(status);
-    const RecordingManager* manager = nullptr;
+    LookAtCard(location.root(), status);
+    RecordingSession* session = nullptr;
     try {
-        manager = RecordingManager::instance();
+        session = &RecordingSession::current();
     } catch (const std::exception&) {
-        status.problem = WhyDisabled();
+        status.problem = WhyDisabled(reason);
         return status;
     }
     for (const track_type type : {VIDEO_TRACK, AUDIO_TRACK, METADATA_TRACK}) {
-        status.tracks[static_cast<std::size_t>(type)] = manager->getTrackStatus(type);
+        status.tracks[static_cast<std::size_t>(type)] = session->queries().getTrackStatus(type);
     }
-    if (manager->isAwaitingClock()) {
+    if (session->isAwaitingClock()) {
         status.problem = "the clock is behind the newest record, and its synchronisation is awaited";
     }
-    SetState(status, manager->getStore().getState(), manager->getStore().getDamage());
+    SetState(status, session->card().store().getState(), session->card().store().getDamage());
     return status;
 }
 

@@ -4,8 +4,8 @@
 #include <vector>
 
 #include "calvane/recording/HistoryEvent.h"
-#include "calvane/recording/RecordingManager.h"
 #include "calvane/recording/RecordingTrack.h"
+#include "calvane/recording/internal/InfoMap.h"
 
 namespace quarn::calvane {
 
@@ -32,7 +32,10 @@ public:
                                           std::size_t max) const;
     /// The last event of each kind before `t`: of the recording, then of the tracks by their numbers.
     std::vector<HistoryEvent> findState(const boost::posix_time::ptime& t) const;
-    /// As RecordingManager::findHistory, without the state.
+    /// What the record at `index` says: nothing, and not-a-date-time, if it has not two blobs. Throws what the store
+    /// and the codecs throw. Within the history track's lock.
+    void readInfo(unsigned int index, InfoMap& info, boost::posix_time::ptime& time) const;
+    /// As RecordingQueries::findHistory, without the state.
     HistoryPage readPage(const boost::posix_time::ptime& from, const boost::posix_time::ptime& to,
                          bool backward, unsigned int max, const HistoryCursor& cursor) const;
 

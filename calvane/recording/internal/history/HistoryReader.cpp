@@ -1,11 +1,11 @@
 #include <algorithm>
 #include <map>
 
-#include "calvane/recording/internal/HistoryCodec.h"
-#include "calvane/recording/internal/HistoryReader.h"
 #include "calvane/recording/internal/RecordingLog.h"
 #include "calvane/recording/internal/StoredRecord.h"
 #include "calvane/recording/internal/TrackLock.h"
+#include "calvane/recording/internal/history/HistoryCodec.h"
+#include "calvane/recording/internal/history/HistoryReader.h"
 
 namespace quarn::calvane {
 
@@ -19,6 +19,18 @@ bool isOf(const HistoryEvent& event, track_type type) {
 }
 
 } // namespace
+
+void HistoryReader::readInfo(unsigned int index, InfoMap& info, ptime& time) const {
+    drenn::multi_track_recorder::BlobRecord record(-1);
+    _history.getTrack()->seekg(index);
+    *_history.getTrack() >> record;
+    const unsigned char* data = nullptr;
+    unsigned int size = 0;
+    RecordHeader header;
+    const bool isWhole = splitRecord(record, data, size, header);
+    time = isWhole ? timeFromTicks(header.ticks) : ptime();
+    info = infoFromText(std::string(data, data + size));
+}
 
 /// Within the lock.
 std::optional<HistoryEvent> HistoryReader::read(unsigned int index) const {
