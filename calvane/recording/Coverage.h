@@ -1,6 +1,8 @@
 #pragma once
 
+#include <array>
 #include <boost/date_time/posix_time/posix_time_types.hpp>
+#include <cstddef>
 #include <vector>
 
 namespace quarn::calvane {
@@ -11,12 +13,32 @@ enum class CoverageReason : int {
     Data = 0,    ///< There is.
     Stopped = 1, ///< Its producer had none.
     NoCard = 2,  ///< The card was away.
-    Erased = 3,  ///< By the limit of time or of space.
+    Erased = 3,  ///< It was older than the limit of age, or by a limit that is another one now.
     Dropped = 4, ///< Its producer or the store could not keep up.
     Clock = 5,   ///< The clock jumped over this time.
     Unknown = 6,
-    Interrupted = 7 ///< The recorder ended without an end of the data: it was killed, or the power failed.
+    Interrupted = 7, ///< The recorder ended without an end of the data: it was killed, or the power failed.
+    SpaceLimit = 8,  ///< Erased, since the limit of space is reached.
+    CardFull = 9     ///< Erased, since the card is full.
 };
+
+/// What a reason is called, and its mark in a time line.
+struct CoverageReasonName {
+    const char* text;
+    char mark;
+};
+
+/// By their numbers.
+inline constexpr std::array<CoverageReasonName, 10> kCoverageReasonNames{{{"data", '#'},
+                                                                          {"stopped", '.'},
+                                                                          {"no card", 'c'},
+                                                                          {"erased", 'e'},
+                                                                          {"dropped", 'd'},
+                                                                          {"clock", 't'},
+                                                                          {"unknown", '?'},
+                                                                          {"interrupted", 'i'},
+                                                                          {"space limit", 's'},
+                                                                          {"card full", 'f'}}};
 
 /// A stretch of time. Both ends belong to it.
 struct CoverageSpan {

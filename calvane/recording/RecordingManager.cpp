@@ -232,25 +232,37 @@ void RecordingManager::getTrackInfo(const drenn::multi_track_recorder::Track& tr
 
 // Retention and time
 
+/// New ones hold at once, if there is a recording.
+void RecordingManager::enforceLimits() {
+    if (RecordingManager* const manager = _singleton.load()) {
+        manager->enforceMaxRetentionTime();
+    }
+}
+
 boost::posix_time::time_duration RecordingManager::getMaxRetentionTime() {
     return limits.getMaxTime();
 }
 
 void RecordingManager::setMaxRetentionTime(const Duration& rt) {
     limits.setMaxTime(rt);
-    if (RecordingManager* const manager = _singleton.load()) {
-        manager->enforceMaxRetentionTime();
-    }
+    enforceLimits();
+}
+
+RecordingSpace RecordingManager::getMaxSpace() {
+    return limits.getMaxSpace();
+}
+
+void RecordingManager::setMaxSpace(const RecordingSpace& space) {
+    limits.setMaxSpace(space);
+    enforceLimits();
 }
 
 bool RecordingManager::takeMaxRetentionTimeSetting() {
-    if (!limits.takeSettings()) {
-        return false;
+    const bool hasChanged = limits.takeSettings();
+    if (hasChanged) {
+        enforceLimits();
     }
-    if (RecordingManager* const manager = _singleton.load()) {
-        manager->enforceMaxRetentionTime();
-    }
-    return true;
+    return hasChanged;
 }
 
 void RecordingManager::enforceMaxRetentionTime() {

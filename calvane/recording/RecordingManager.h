@@ -140,8 +140,12 @@ public:
     /// not hold becomes the nearest that it holds, about 68 years.
     /// Both settings change in one transaction.
     static void setMaxRetentionTime(const Duration& rt);
+    /// How much space is taken at most; 0: as much as there is. A part of a MiB counts as one. The oldest segments are erased
+    /// when a class of tracks takes more; the one that is being written, of some 16 MiB, does not count.
+    static RecordingSpace getMaxSpace();
+    static void setMaxSpace(const RecordingSpace& space);
     /// Takes over a limit that another process has set, when two calls in a row have read it: somebody may be setting
-    /// seconds and microseconds one after the other. Returns whether the limit has changed. Nothing is written.
+    /// one after the other. Returns whether a limit has changed. Nothing is written.
     static bool takeMaxRetentionTimeSetting();
     void enforceMaxRetentionTime();
     /// Erases what is recorded from `t` on, and the record before it.
@@ -175,6 +179,8 @@ public:
     TrackStatus getTrackStatus(track_type type) const;
 
 private:
+    static void enforceLimits();
+
     static std::atomic<RecordingManager*> _singleton;
     static void* _logCookie;
 

@@ -6,6 +6,7 @@
 #include <string>
 
 #include "calvane/Export.h"
+#include "calvane/recording/RecordingSpace.h"
 #include "calvane/recording/track_type.h"
 
 namespace quarn::calvane {
@@ -37,6 +38,7 @@ struct RecordingStatus {
     // Of the card's file system, in bytes; 0 when it cannot be asked.
     std::uint64_t cardBytes = 0;
     std::uint64_t usableBytes = 0; ///< What can be written before the oldest data is erased.
+    RecordingSpace used;           ///< What is taken, without the last 16 MiB or so of data and of history.
     /// Video, audio, metadata. Without a recording there is nothing in them.
     std::array<TrackStatus, 3> tracks;
 };

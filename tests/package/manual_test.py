@@ -30,14 +30,21 @@ def options(text):
     return {option for start in starts for option in OPTION.findall(start)}
 
 
+def commands_in(text):
+    commands = section(text, "Subcommands") if "\nSubcommands:\n" in text else ""
+    return re.findall(r"^  ([a-z]+)", commands, re.MULTILINE)
+
+
 def commands_and_options(calvane):
     """Options by command; those of the program itself stand under the empty name."""
     text = output(calvane, "--help")
-    found = {"": options(text)}
-    commands = section(text, "Subcommands") if "\nSubcommands:\n" in text else ""
-    for command in re.findall(r"^  ([a-z]+)", commands, re.MULTILINE):
-        found[command] = options(output(calvane, command, "--help"))
-    return found
+    return {"": options(text)} | {command: options(output(calvane, command, "--help")) for command in commands_in(text)}
+
+
+def every_option(program, *words):
+    """Those of commands of commands, too."""
+    text = output(program, *words, "--help")
+    return options(text).union(*(every_option(program, *words, command) for command in commands_in(text)))
 
 
 def complete(program, script, folder, *words, function="_calvane"):
@@ -89,7 +96,7 @@ def check_other(program, packaging):
     script = packaging / "completions/calvane-recording"
     page = packaging / f"man/{program.name}.1"
     faults = check_markup(page) + compare(page.name, set(OPTION.findall(page.read_text().replace("\\-", "-"))),
-                                          {option for found in known.values() for option in found} - {"--help"})
+                                          every_option(program) - {"--help"})
     asked = lambda *words: complete(program, script, packaging, *words, function="_calvane_client")
     for command in known:
         faults += compare(f"completion of {program.name} {command}", asked(*filter(None, [command]), "-"), known[command])

@@ -69,7 +69,8 @@ TEST_F(RecorderCardTest, AFullCardGivesWayWhileItsOldestDataIsRead) {
         highest = std::max(highest, small.Percent());
         now = AskJson({"summary"});
         reasons = ReasonsOf("video", before["first"]);
-        return now["first"] > before["last"] && reasons.front() == "erased"; // All of it has been replaced.
+        return now["first"] > before["last"] &&
+               reasons.front() == "card full"; // All of it has been replaced.
     }));
     folder.Write("awake", "");
     EXPECT_EQ(sleeper.Wait(), 1);

@@ -122,13 +122,25 @@ TEST_F(RecorderTest, RetentionSetWhileItRecordsErasesAndIsTold) {
     EXPECT_EQ(AskJson({"retention", "set", "1s"})["seconds"], 1.0);
     EXPECT_TRUE(WaitUntil(
         [&] { return properties.Out().find("'MaximumRetention': <uint64 1000000>") != std::string::npos; }));
+    const json limits =
+        AskJson({"retention", "set", "--data", "3GiB", "--history", "1kB"}); // Kept in whole MiB.
+    EXPECT_EQ(limits["data"], 3U << 30U);
+    EXPECT_EQ(limits["history"], 1U << 20U);
+    EXPECT_EQ(limits["seconds"], 1.0);
+    EXPECT_EQ(AskJson({"status"})["space"]["data"]["limit"], 3U << 30U);
+    EXPECT_TRUE(WaitUntil([&] {
+        return properties.Out().find("'MaximumSpace': <(uint64 3221225472, uint64 1048576)>") !=
+               std::string::npos;
+    }));
     properties.Signal(SIGTERM);
-    EXPECT_EQ(AskJson({"retention", "--settings", folder.Path("settings.db"), "get"})["seconds"], 1.0);
+    const std::vector<std::string> inFile{"retention", "--settings", folder.Path("settings.db")};
+    EXPECT_EQ(AskJson(inFile), limits);
     ASSERT_TRUE(WaitUntil([&] { return AskJson({"summary"})["first"] > before["first"]; }));
     EXPECT_TRUE(
         WaitUntil([&] { return watch.Out().find("\"event\":\"dataDeleted\"") != std::string::npos; }));
     EXPECT_THAT(watch.Out(), HasSubstr("\"time\":\"20"));
-    EXPECT_EQ(Ask({"retention", "set", "none"}).out, "Recorded data is kept as long as there is room\n");
+    EXPECT_EQ(Ask({"retention", "set", "none", "--data", "0", "--history", "0"}).out,
+              "Recorded data is kept as long as there is room\n");
     EXPECT_EQ(Ask({"retention", "set", "soon"}).status, 2);
     bus.Signal(SIGSTOP); // Nobody waits for it.
     EXPECT_EQ(Stop(), 0);

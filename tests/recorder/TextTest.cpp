@@ -89,7 +89,7 @@ TEST(TimelineTest, MarksWhatLiesInEachPart) {
     EXPECT_EQ(Timeline({{{0, 29'499}, 0}, {{29'500, 60'000}, 1}}, span),
               std::string(29, '#') + "+" + std::string(30, '.'));
     EXPECT_EQ(Timeline({}, span), std::string(60, ' '));
-    EXPECT_EQ(Timeline({{span, 7}}, span) + Timeline({{span, 8}}, span),
+    EXPECT_EQ(Timeline({{span, 7}}, span) + Timeline({{span, 99}}, span),
               std::string(60, 'i') + std::string(60, '?'));
 }
 
@@ -165,11 +165,18 @@ TEST(ForecastTest, LooksAtTheLastMinuteAndAtTheLimit) {
         EXPECT_EQ(forecast.fullAt, fullAt);
         EXPECT_EQ(forecast.erases, erases);
     };
-    expect(MakeForecast(kNow, 1000, 500, 0, 0), 0, Forecast::Erases::Nothing);
-    expect(MakeForecast(kNow, 1000, 500, 100, 0), kNow + 5 * hour, Forecast::Erases::Space);
-    expect(MakeForecast(kNow, 1000, 0, 100, 0), kNow, Forecast::Erases::Space);
-    expect(MakeForecast(kNow, 1000, 500, 100, 10 * hour), 0, Forecast::Erases::Age);
-    expect(MakeForecast(kNow, 1000, 500, 100, 11 * hour), kNow + 5 * hour, Forecast::Erases::Space);
+    const Room card{1000, 500};
+    expect(MakeForecast(kNow, card, 0, 0), 0, Forecast::Erases::Nothing);
+    expect(MakeForecast(kNow, card, 100, 0), kNow + 5 * hour, Forecast::Erases::Space);
+    expect(MakeForecast(kNow, {1000, 0}, 100, 0), kNow, Forecast::Erases::Space);
+    expect(MakeForecast(kNow, card, 100, 10 * hour), 0, Forecast::Erases::Age);
+    expect(MakeForecast(kNow, card, 100, 11 * hour), kNow + 5 * hour, Forecast::Erases::Space);
+    // A limit of space counts when it leaves less than the card does.
+    expect(MakeForecast(kNow, LimitRoom(card, 700, 400), 100, 0), kNow + 3 * hour,
+           Forecast::Erases::SpaceLimit);
+    expect(MakeForecast(kNow, LimitRoom(card, 700, 400), 100, 7 * hour), 0, Forecast::Erases::Age);
+    expect(MakeForecast(kNow, LimitRoom(card, 700, 800), 100, 0), kNow, Forecast::Erases::SpaceLimit);
+    expect(MakeForecast(kNow, LimitRoom(card, 1000, 400), 100, 0), kNow + 5 * hour, Forecast::Erases::Space);
 }
 
 } // namespace

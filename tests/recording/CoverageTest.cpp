@@ -184,6 +184,38 @@ TEST_F(Coverage, SummariesTellTheSpanOfWhatIsKept) {
     EXPECT_THAT(out, ElementsAre(2077252342, 775807, 1388534400, 0));
 }
 
+TEST_F(Coverage, WhatIsTooMuchIsErasedAndTheReasonIsTheLimit) {
+    constexpr std::uint64_t kMebibyte = 1U << 20U;
+    const std::string large(kMebibyte, 'x');
+    Report(VIDEO_TRACK, 0, true);
+    for (int i = 0; i != 40; ++i) { // Two segments of 16 MiB or more, and what is being written.
+        Advance(2 * i);
+        ASSERT_TRUE(TrackOf(VIDEO_TRACK).writeRecord(At(2 * i), 0, large.data(), large.size()));
+    }
+    Write(AUDIO_TRACK, {78});
+    ProcessAt(80);
+    const auto used = [] { return quarn::calvane::GetRecordingStatus().used; };
+    ASSERT_TRUE(WaitUntil([&] { return used().data > 20 * kMebibyte; }));
+    RecordingManager::setMaxSpace({40 * kMebibyte, kMebibyte});
+    EXPECT_EQ(TimesOf(VIDEO_TRACK).front(), 0);
+    RecordingManager::setMaxSpace({19 * kMebibyte + 1, kMebibyte});
+    EXPECT_EQ(RecordingManager::getMaxSpace().data, 20 * kMebibyte);
+    ASSERT_TRUE(WaitUntil([&] { return used().data <= 20 * kMebibyte; }));
+    EXPECT_GT(used().data, 0U); // No more than has to go.
+    const std::vector<double> times = TimesOf(VIDEO_TRACK);
+    const double first = times.front();
+    EXPECT_GT(first, 20);
+    EXPECT_EQ(times.back(), 78);
+
+    const auto coverage = [&] { return RecorderTest::Coverage(VIDEO_TRACK, 0, 78); };
+    const std::string rest = Number(first) + "..78 data";
+    EXPECT_THAT(coverage(), ElementsAre("0.." + Number(first) + " space limit", rest));
+    RecordingManager::setMaxRetentionTime(boost::posix_time::seconds(77)); // Back to 3.
+    EXPECT_THAT(coverage(), ElementsAre("0..3 erased", "3.." + Number(first) + " space limit", rest));
+    RecordingManager::setMaxSpace({}); // Nothing tells of that limit any more, nor of when the data began.
+    EXPECT_THAT(coverage(), ElementsAre("0.." + Number(first) + " unknown", rest));
+}
+
 TEST_F(Coverage, WhatIsTooOldIsHiddenAtOnceAndErasedInBatches) {
     unsigned out[4] = {};
     const auto ask = [&](double time) {

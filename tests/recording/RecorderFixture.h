@@ -53,6 +53,7 @@ protected:
     }
     ~RecorderTest() override {
         RecordingManager::setMaxRetentionTime(boost::posix_time::seconds(0));
+        RecordingManager::setMaxSpace({});
         RecordingManager::deinit();
         RecordingClock::setSource(nullptr);
     }
@@ -125,8 +126,6 @@ protected:
     }
     /// In pages of `max` spans, put together; 0 is all at once.
     static std::vector<std::string> Coverage(track_type type, double from, double to, unsigned max = 0) {
-        static const std::vector<std::string> names{"data",    "stopped", "no card", "erased",
-                                                    "dropped", "clock",   "unknown", "interrupted"};
         std::vector<quarn::calvane::CoverageSpan> spans;
         if (max == 0) {
             spans = Recorder().getCoverage(type, At(from), At(to));
@@ -143,8 +142,9 @@ protected:
         }
         std::vector<std::string> lines;
         for (const auto& span : spans) {
-            lines.push_back(Number(SecondsOf(span.start)) + ".." + Number(SecondsOf(span.end)) + " " +
-                            names.at(static_cast<std::size_t>(span.reason)));
+            lines.push_back(
+                Number(SecondsOf(span.start)) + ".." + Number(SecondsOf(span.end)) + " " +
+                quarn::calvane::kCoverageReasonNames.at(static_cast<std::size_t>(span.reason)).text);
         }
         return lines;
     }

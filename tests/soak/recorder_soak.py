@@ -32,7 +32,8 @@ CARD_MIB = 192
 HEADER = struct.Struct("<QI")  # A record's number, counted from 0, and its length.
 COUNTING = bytes(range(256)) * 1024
 TRACKS = ("video", "audio", "metadata")
-REASONS = {"data", "stopped", "no card", "erased", "dropped", "clock", "unknown", "interrupted"}
+REASONS = {"data", "stopped", "no card", "erased", "dropped", "clock", "unknown", "interrupted",
+           "space limit", "card full"}
 STATES = {"recording", "waiting", "read-only", "card-away", "disabled"}
 # What a client may be told while all this goes on. Anything else is a fault.
 TOLERATED = re.compile(r"is away|was erased while it was read|was there any more|Recording is currently disabled|"

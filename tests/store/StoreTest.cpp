@@ -128,6 +128,43 @@ TEST(Store, TracksAndRecordingsComeAndGoAndStayThemselves) {
     EXPECT_THAT(test.Verify(), IsEmpty());
 }
 
+TEST(Store, TheOldestSegmentOfAClassCanBeErased) {
+    TestStore test;
+    const auto video = test.NewTrack();
+    const auto history = test.NewTrack(TrackClass::Sparse);
+    AppendText(*history, "0");
+    for (unsigned i = 0; i != 20; ++i) {
+        AppendText(*video, std::to_string(i) + std::string(20000, ' '));
+        test.store->Sync();
+    }
+    EXPECT_EQ(test.store->GetBytes(true), 0U); // It is being written.
+    std::uint64_t bytes = test.store->GetBytes(false);
+    EXPECT_GT(bytes, 200000U);
+    EXPECT_LE(bytes, 420000U);
+    unsigned gone = 0;
+    video->connectToEraseRangeSignal([&](unsigned first, unsigned last) {
+        EXPECT_EQ(first, 0U);
+        gone += last;
+    });
+    {
+        const std::lock_guard<const Track> lock(*history);
+        EXPECT_THROW(test.store->EraseOldest(false), std::logic_error);
+    }
+    EXPECT_FALSE(test.store->EraseOldest(true));
+    while (test.store->EraseOldest(false)) {
+        EXPECT_LT(test.store->GetBytes(false), bytes);
+        bytes = test.store->GetBytes(false);
+    }
+    EXPECT_EQ(bytes, 0U);
+    EXPECT_GT(gone, 10U);
+    ASSERT_GE(video->size(), 1U); // In the segment that is being written.
+    EXPECT_EQ(std::stoul(TextAt(*video, 0)), gone);
+    test.Open();
+    EXPECT_EQ(std::stoul(TextAt(*test.GetTrack(0), 0)), gone);
+    EXPECT_EQ(TextAt(*test.GetTrack(1), 0), "0");
+    EXPECT_THAT(test.Verify(), IsEmpty());
+}
+
 TEST(Store, ManyReadWhileOneAppends) {
     TestStore test;
     test.options.background = true;

@@ -32,21 +32,25 @@ TrackBytes GrowthMeter::GetBytesPerHour() const {
     return rates;
 }
 
-Forecast MakeForecast(std::int64_t now, std::uint64_t cardBytes, std::uint64_t usableBytes,
-                      std::uint64_t bytesPerHour, std::uint64_t limit) {
+Room LimitRoom(const Room& card, std::uint64_t limit, std::uint64_t used) {
+    const std::uint64_t left = limit > used ? limit - used : 0;
+    return limit == 0 || card.usable < left ? card : Room{limit, left, true};
+}
+
+Forecast MakeForecast(std::int64_t now, const Room& room, std::uint64_t bytesPerHour, std::uint64_t limit) {
     Forecast forecast;
     if (bytesPerHour == 0) {
         return forecast;
     }
     const auto rate = static_cast<double>(bytesPerHour);
     const auto hours = static_cast<double>(limit) / kMicrosecondsPerHour;
-    if (limit != 0 && hours * rate <= static_cast<double>(cardBytes)) {
+    if (limit != 0 && hours * rate <= static_cast<double>(room.bytes)) {
         forecast.erases = Forecast::Erases::Age;
         return forecast;
     }
-    const double left = static_cast<double>(usableBytes) / rate * kMicrosecondsPerHour;
+    const double left = static_cast<double>(room.usable) / rate * kMicrosecondsPerHour;
     if (left < kEndOfTime) {
-        forecast.erases = Forecast::Erases::Space;
+        forecast.erases = room.isLimited ? Forecast::Erases::SpaceLimit : Forecast::Erases::Space;
         forecast.fullAt = now + static_cast<std::int64_t>(left);
     }
     return forecast;

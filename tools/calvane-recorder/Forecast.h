@@ -31,18 +31,27 @@ private:
 
 /// What becomes of the card if data goes on to come as fast as now.
 struct Forecast {
-    enum class Erases { Nothing, Age, Space };
+    enum class Erases { Nothing, Age, Space, SpaceLimit };
 
-    /// When the card will be full, in microseconds since 1970: from then on the oldest data gives way. 0 when it never
-    /// will be.
+    /// When there will be no room, in microseconds since 1970: from then on the oldest data gives way. 0 when there always
+    /// will be some.
     std::int64_t fullAt = 0;
-    /// What is erased in the long run: nothing, what is older than the limit, or the oldest when there is no room.
+    /// What is erased in the long run: nothing, what is older than the limit, the oldest when the card is full, or when
+    /// the limit of space is reached.
     Erases erases = Erases::Nothing;
 };
 
-/// `cardBytes`: what the card can hold before data gives way; `usableBytes`: what of that is free. `limit`: how long data
-/// is kept, in microseconds, 0 for as long as there is room.
-Forecast MakeForecast(std::int64_t now, std::uint64_t cardBytes, std::uint64_t usableBytes,
-                      std::uint64_t bytesPerHour, std::uint64_t limit);
+/// What can be held before data gives way, in bytes, and what of that is free.
+struct Room {
+    std::uint64_t bytes = 0;
+    std::uint64_t usable = 0;
+    bool isLimited = false; ///< By a limit of space rather than by the card.
+};
+
+/// That of a card, or of a limit of space (0: none) of which `used` are taken, whichever is smaller.
+Room LimitRoom(const Room& card, std::uint64_t limit, std::uint64_t used);
+
+/// `limit`: how long data is kept, in microseconds, 0 for as long as there is room.
+Forecast MakeForecast(std::int64_t now, const Room& room, std::uint64_t bytesPerHour, std::uint64_t limit);
 
 } // namespace calvane_recorder

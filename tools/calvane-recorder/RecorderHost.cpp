@@ -45,8 +45,12 @@ Logger* GetLogger() {
 void TakeRetentionSetting() {
     if (RecordingManager::takeMaxRetentionTimeSetting()) {
         const auto limit = boost::posix_time::to_simple_string(RecordingManager::getMaxRetentionTime());
-        GetLogger()->Information("Recorded data is kept for %s from now on (0: without limit)",
-                                 limit.c_str());
+        const auto space = RecordingManager::getMaxSpace();
+        GetLogger()->Information(
+            "Recorded data is kept for %s from now on (0: without limit), and takes at most %llu "
+            "bytes, the history %llu (0: as many as there are)",
+            limit.c_str(), static_cast<unsigned long long>(space.data),
+            static_cast<unsigned long long>(space.history));
     }
 }
 
@@ -124,11 +128,11 @@ void Recorder::StartUpkeep() {
     std::vector<UpkeepJob> jobs;
     jobs.emplace_back("Writing the history", period,
                       [] { RecordingManager::instance()->processHistorySaveQueue(); });
-    jobs.emplace_back("Erasing what is too old", kRetentionPeriod,
+    jobs.emplace_back("Erasing what is too old or too much", kRetentionPeriod,
                       [] { RecordingManager::instance()->enforceMaxRetentionTime(); });
     upkeep_ = std::make_unique<UpkeepThread>("Upkeep", std::move(jobs));
     settings_ = std::make_unique<UpkeepThread>(
-        "Settings", std::vector{UpkeepJob("Reading the limit of time", period, &TakeRetentionSetting)});
+        "Settings", std::vector{UpkeepJob("Reading the limits", period, &TakeRetentionSetting)});
 }
 
 void Recorder::EndHistory() {

@@ -2,8 +2,10 @@
 
 #include <sdbus-c++/sdbus-c++.h>
 
+#include <algorithm>
 #include <boost/date_time/posix_time/posix_time.hpp>
 #include <chrono>
+#include <functional>
 #include <limits>
 #include <numeric>
 #include <utility>
@@ -17,6 +19,7 @@ namespace calvane_recorder {
 
 using boost::posix_time::ptime;
 using quarn::calvane::RecordingManager;
+using quarn::calvane::RecordingSpace;
 using quarn::calvane::RecordingStatus;
 using State = RecordingStatus::State;
 
@@ -50,6 +53,8 @@ std::string NameOf(Forecast::Erases erases) {
             return "age";
         case Forecast::Erases::Space:
             return "space";
+        case Forecast::Erases::SpaceLimit:
+            return "space-limit";
     }
     return {};
 }
@@ -89,6 +94,22 @@ public:
 private:
     using U = std::uint32_t;
     using T = std::uint64_t;
+    static constexpr T kMostSpace = T{std::numeric_limits<std::int32_t>::max()} << 20U; // Kept in MiB.
+
+    static sdbus::Struct<T, T> ToBus(const RecordingSpace& space) {
+        return sdbus::Struct<T, T>{space.data, space.history};
+    }
+    static void SetLimit(const std::function<void()>& set) {
+        try {
+            set();
+        } catch (const quarn::calvane::DrennApiException& problem) { // It could not be kept.
+            throw sdbus::Error("com.drenn.Error.Failed", problem.what());
+        } catch (const std::exception& problem) { // The limit holds; upkeep erases when the card lets it.
+            quarn::core::Logger::GetLogger("calvane-recorder")
+                ->Warning("What is beyond the new limit is not erased yet: %s", problem.what());
+        }
+    }
+
     using TrackFacts = sdbus::Struct<U, bool, T, T, T, T, std::int64_t, std::int64_t>;
 
     std::tuple<U, U> getMaximumRetention() override {
@@ -100,18 +121,22 @@ private:
             throw sdbus::Error("org.freedesktop.DBus.Error.InvalidArgs",
                                "A limit has at most 2147483647 seconds and 999999 microseconds");
         }
-        try {
+        SetLimit([&] {
             RecordingManager::setMaxRetentionTime(boost::posix_time::seconds(static_cast<long>(sec)) +
                                                   boost::posix_time::microseconds(static_cast<long>(usec)));
-        } catch (const quarn::calvane::DrennApiException& problem) { // It could not be kept.
-            throw sdbus::Error("com.drenn.Error.Failed", problem.what());
-        } catch (const std::exception& problem) { // The limit holds; upkeep erases when the card lets it.
-            quarn::core::Logger::GetLogger("calvane-recorder")
-                ->Warning("What is older than the new limit is not erased yet: %s", problem.what());
+        });
+    }
+    void setMaximumSpace(const T& data, const T& history) override {
+        if (std::max(data, history) > kMostSpace) {
+            throw sdbus::Error("org.freedesktop.DBus.Error.InvalidArgs",
+                               "A limit of space has at most " + std::to_string(kMostSpace) + " bytes");
         }
+        SetLimit([&] { RecordingManager::setMaxSpace({data, history}); });
     }
     std::string State() override { return NameOf(control_.GetFacts().recording.state); }
     std::string Problem() override { return control_.GetFacts().recording.problem; }
+    sdbus::Struct<T, T> MaximumSpace() override { return ToBus(RecordingManager::getMaxSpace()); }
+    sdbus::Struct<T, T> UsedSpace() override { return ToBus(control_.GetFacts().recording.used); }
     T MaximumRetention() override { return control_.GetFacts().limit; }
     sdbus::Struct<T, T> Card() override {
         const RecordingStatus status = control_.GetFacts().recording;
@@ -148,15 +173,17 @@ void RecordingControl::Update() {
     Facts facts;
     facts.recording = quarn::calvane::GetRecordingStatus();
     facts.limit = LimitNow();
+    facts.maxSpace = RecordingManager::getMaxSpace();
     TrackBytes written{};
     for (std::size_t track = 0; track != kTracks; ++track) {
         written[track] = facts.recording.tracks[track].writtenBytes;
     }
     growth_.Add(std::chrono::steady_clock::now(), written);
     facts.bytesPerHour = growth_.GetBytesPerHour();
-    facts.forecast =
-        MakeForecast(Now(), facts.recording.cardBytes / 100 * RecordingManager::getDiskMaxPercent(),
-                     facts.recording.usableBytes, Sum(facts.bytesPerHour), facts.limit);
+    const Room card{facts.recording.cardBytes / 100 * RecordingManager::getDiskMaxPercent(),
+                    facts.recording.usableBytes};
+    facts.forecast = MakeForecast(Now(), LimitRoom(card, facts.maxSpace.data, facts.recording.used.data),
+                                  Sum(facts.bytesPerHour), facts.limit);
     std::vector<std::string> changed;
     {
         const std::lock_guard<std::mutex> guard(lock_);
@@ -168,6 +195,9 @@ void RecordingControl::Update() {
         }
         if (facts.limit != facts_.limit) {
             changed.emplace_back("MaximumRetention");
+        }
+        if (facts.maxSpace != facts_.maxSpace) {
+            changed.emplace_back("MaximumSpace");
         }
         facts_ = std::move(facts);
     }

@@ -33,6 +33,7 @@ private:
     struct Facts {
         quarn::calvane::RecordingStatus recording;
         std::uint64_t limit = 0; ///< Microseconds.
+        quarn::calvane::RecordingSpace maxSpace;
         TrackBytes bytesPerHour{};
         Forecast forecast;
     };

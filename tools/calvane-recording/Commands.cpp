@@ -144,24 +144,16 @@ void FollowHistory(RecordingClient& client, const Options& options, Shown& shown
     }
 }
 
-std::string BytesText(std::uint64_t bytes) {
-    constexpr std::array<const char*, 6> kUnits{"B", "kB", "MB", "GB", "TB", "PB"};
-    auto number = static_cast<double>(bytes);
-    std::size_t unit = 0;
-    for (; number >= 999.5 && unit + 1 != kUnits.size(); ++unit) {
-        number /= 1000;
-    }
-    std::array<char, 32> text{};
-    std::snprintf(text.data(), text.size(), "%.3g %s", number, kUnits[unit]);
-    return text.data();
-}
-
 std::string ForecastText(const Status& status, const Options& options) {
     if (status.erasesFirst == "age") {
         return "the card is large enough; what is older than " + DurationText(status.limit) + " is erased";
     }
     if (status.fullAt == 0) {
         return "the card does not get full";
+    }
+    if (status.erasesFirst == "space-limit") {
+        return "the limit of space is reached at " + TimeText(status.fullAt, options.zone) +
+               "; then the oldest data is erased";
     }
     return status.usableBytes == 0
                ? "the card is full; the oldest data is erased for new data"
@@ -413,12 +405,39 @@ void Watch(RecordingClient& client, const Options& options) {
         });
 }
 
+std::string BytesText(std::uint64_t bytes) {
+    constexpr std::array<const char*, 6> kUnits{"B", "kB", "MB", "GB", "TB", "PB"};
+    auto number = static_cast<double>(bytes);
+    std::size_t unit = 0;
+    for (; number >= 999.5 && unit + 1 != kUnits.size(); ++unit) {
+        number /= 1000;
+    }
+    std::array<char, 32> text{};
+    std::snprintf(text.data(), text.size(), "%.3g %s", number, kUnits[unit]);
+    return text.data();
+}
+
+namespace {
+
+std::string SpaceText(std::uint64_t used, std::uint64_t limit) {
+    return BytesText(used) + (limit == 0 ? "" : " (at most " + BytesText(limit) + ")");
+}
+
+json ToJson(std::uint64_t used, std::uint64_t limit) {
+    return {{"bytes", used}, {"limit", limit == 0 ? json(nullptr) : json(limit)}};
+}
+
+} // namespace
+
 void PrintStatus(RecordingClient& client, const Options& options) {
     const Status status = client.GetStatus();
     if (options.json) {
         json facts{{"state", status.state},
                    {"problem", status.problem},
                    {"retention", SecondsOf(status.limit)},
+                   {"space",
+                    {{"data", ToJson(status.usedSpace.data, status.maxSpace.data)},
+                     {"history", ToJson(status.usedSpace.history, status.maxSpace.history)}}},
                    {"card", {{"bytes", status.cardBytes}, {"usableBytes", status.usableBytes}}},
                    {"bytesPerHour", status.bytesPerHour},
                    {"fullAt", status.fullAt == 0 ? json(nullptr) : ToJson(status.fullAt)},
@@ -438,6 +457,8 @@ void PrintStatus(RecordingClient& client, const Options& options) {
               << "\n"
               << "Card       " << BytesText(status.usableBytes) << " to be written of "
               << BytesText(status.cardBytes) << "\n"
+              << "Taken      " << SpaceText(status.usedSpace.data, status.maxSpace.data) << " by data, "
+              << SpaceText(status.usedSpace.history, status.maxSpace.history) << " by the history\n"
               << "Growth     " << BytesText(status.bytesPerHour) << " an hour\n"
               << "Forecast   " << ForecastText(status, options) << "\n";
     for (const Status::Track& track : status.tracks) {

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstdint>
 #include <optional>
 #include <string>
 
@@ -19,7 +20,10 @@ struct Options {
     std::string track; ///< Empty for all of them.
     bool follow = false;
     bool list = false;
-    std::string limit; ///< Of retention; empty to ask.
+    // Limits to be set; empty ones stay as they are. Of space in bytes, 0 for none.
+    std::string limit;
+    std::optional<std::uint64_t> dataSpace;
+    std::optional<std::uint64_t> historySpace;
     bool file = false; ///< Retention is that of the settings, whether there is a recorder or not.
 };
 
@@ -34,6 +38,8 @@ void PrintAttributes(RecordingClient& client, const Options& options);
 void ReadRecords(RecordingClient& client, const Options& options);
 void Watch(RecordingClient& client, const Options& options);
 void PrintStatus(RecordingClient& client, const Options& options);
+/// Of bytes: "1.5 GB".
+std::string BytesText(std::uint64_t bytes);
 /// Through the recorder; without one they work on the settings.
 void GetRetention(const Options& options);
 void SetRetention(const Options& options);

@@ -204,6 +204,8 @@ Status RecordingClient::GetStatus() {
         status.state = control_->State();
         status.problem = control_->Problem();
         status.limit = static_cast<Time>(control_->MaximumRetention());
+        std::tie(status.maxSpace.data, status.maxSpace.history) = control_->MaximumSpace();
+        std::tie(status.usedSpace.data, status.usedSpace.history) = control_->UsedSpace();
         std::tie(status.cardBytes, status.usableBytes) = control_->Card();
         status.bytesPerHour = control_->BytesPerHour();
         status.fullAt = control_->FullAt();
@@ -219,6 +221,18 @@ Status RecordingClient::GetStatus() {
         }
         return status;
     });
+}
+
+Space RecordingClient::GetMaximumSpace() {
+    return Ask([&] {
+        Space limit;
+        std::tie(limit.data, limit.history) = control_->MaximumSpace();
+        return limit;
+    });
+}
+
+void RecordingClient::SetMaximumSpace(const Space& limit) {
+    Ask([&] { control_->setMaximumSpace(limit.data, limit.history); });
 }
 
 Time RecordingClient::GetMaximumRetention() {

@@ -60,6 +60,12 @@ struct Interval {
     unsigned int reason = 0; ///< 0: there is data.
 };
 
+/// Bytes of video, audio and metadata together, and of the history; as a limit, 0 is none.
+struct Space {
+    std::uint64_t data = 0;
+    std::uint64_t history = 0;
+};
+
 /// What the recorder says of itself. Times are 0 where there is none.
 struct Status {
     struct Track {
@@ -75,6 +81,8 @@ struct Status {
     std::string state;
     std::string problem;
     Time limit = 0;
+    Space maxSpace;
+    Space usedSpace;
     std::uint64_t cardBytes = 0;
     std::uint64_t usableBytes = 0;
     std::uint64_t bytesPerHour = 0;
@@ -109,6 +117,8 @@ public:
     Status GetStatus();
     Time GetMaximumRetention();
     void SetMaximumRetention(Time limit);
+    Space GetMaximumSpace();
+    void SetMaximumSpace(const Space& limit);
     /// A descriptor to read frames from, the caller's to close.
     int OpenRecords(unsigned int track, const Span& span);
 

@@ -3,23 +3,14 @@
 #include <algorithm>
 #include <array>
 
+#include "calvane/recording/Coverage.h"
+
 namespace calvane_recording {
 namespace {
 
 constexpr int kWidth = 60;
-struct Reason {
-    const char* text;
-    char mark;
-};
-constexpr std::size_t kUnknown = 6;
-constexpr std::array<Reason, 8> kReasons{{{"data", '#'},
-                                          {"stopped", '.'},
-                                          {"no card", 'c'},
-                                          {"erased", 'e'},
-                                          {"dropped", 'd'},
-                                          {"clock", 't'},
-                                          {"unknown", '?'},
-                                          {"interrupted", 'i'}}};
+constexpr const auto& kReasons = quarn::calvane::kCoverageReasonNames;
+constexpr auto kUnknown = static_cast<std::size_t>(quarn::calvane::CoverageReason::Unknown);
 
 std::size_t IndexOf(unsigned int reason) {
     return reason < kReasons.size() ? reason : kUnknown;

@@ -112,15 +112,22 @@ void Program::AddTrack(CLI::App* command, bool required) {
 
 void Program::AddRetention() {
     CLI::App* const retention =
-        app_.add_subcommand("retention", "Print or set how long recorded data is kept at most");
+        app_.add_subcommand("retention", "Print or set how long recorded data is kept at most, and how much");
     retention->add_option("--settings", settings_, "This settings database, instead of asking the recorder")
         ->type_name("FILE");
     retention->add_flag("--json", options_.json, "Print JSON");
     retention->add_subcommand("get", "Print it");
     CLI::App* const set =
-        retention->add_subcommand("set", "Set it; a running recorder erases at once what is older");
-    set->add_option("DURATION", options_.limit, "90s, 5min, 2h, 30d, sums such as 1d12h, or none")
-        ->required();
+        retention->add_subcommand("set", "Set it; a running recorder erases at once what is beyond");
+    set->add_option("DURATION", options_.limit, "90s, 5min, 2h, 30d, sums such as 1d12h, or none");
+    const CLI::AsSizeValue size(true); // kB is 1000, KiB is 1024.
+    set->add_option("--data", options_.dataSpace,
+                    "The most that video, audio and metadata take together: 100GB, 64GiB; 0 for no limit")
+        ->transform(size)
+        ->type_name("SIZE");
+    set->add_option("--history", options_.historySpace, "The most that the history takes")
+        ->transform(size)
+        ->type_name("SIZE");
     retention->require_subcommand(0, 1);
     retention->fallthrough();
     retention->final_callback([this, set] {

@@ -32,6 +32,14 @@ void MultiTrackRecorder::flush() {
     store_->Sync();
 }
 
+std::uint64_t MultiTrackRecorder::getBytes(TrackClass trackClass) const {
+    return store_->GetBytes(trackClass == TrackClass::Sparse);
+}
+
+bool MultiTrackRecorder::eraseOldest(TrackClass trackClass) {
+    return store_->EraseOldest(trackClass == TrackClass::Sparse);
+}
+
 StoreState MultiTrackRecorder::getState() const {
     return store_->GetState();
 }

@@ -4,6 +4,7 @@
 #include <boost/signals2/connection.hpp>
 #include <boost/signals2/signal.hpp>
 #include <boost/weak_ptr.hpp>
+#include <cstdint>
 #include <list>
 #include <memory>
 #include <string>
@@ -55,6 +56,13 @@ public:
 
     /// Returns when everything appended before is durable; throws when it cannot become so.
     void flush();
+
+    /// What the segments of a class occupy, without those that are being written.
+    std::uint64_t getBytes(TrackClass trackClass) const;
+    /// Erases the oldest segment of a class that is not being written, some 16 MiB, as a card that is full does: raises the
+    /// erase-range signals of the tracks on this thread. Durable when it returns. False when there is none, and while
+    /// nothing can be changed. Not with the lock of a track held: std::logic_error.
+    bool eraseOldest(TrackClass trackClass);
 
     StoreState getState() const;
     /// What was found damaged when the store was opened, and what is known to be damaged since earlier: a line for each

@@ -3,10 +3,12 @@
 #include "calvane/recording/RecordingClock.h"
 #include "calvane/recording/internal/RecordingLog.h"
 #include "calvane/recording/internal/TrackLock.h"
+#include "drenn/multi_track_recorder/MultiTrackRecorder.h"
 
 namespace quarn::calvane {
 
 using boost::posix_time::ptime;
+using drenn::multi_track_recorder::TrackClass;
 
 namespace {
 
@@ -16,10 +18,14 @@ const boost::posix_time::time_duration kErasingPeriod = boost::posix_time::secon
 
 void Retention::enforce() {
     const ptime cutoff = _limits.cutoff(RecordingClock::now());
-    if (cutoff.is_not_a_date_time()) {
-        return;
+    if (!cutoff.is_not_a_date_time()) {
+        _nextErasing = RecordingClock::steadyMicroseconds() + kErasingPeriod.total_microseconds();
+        enforceTime(cutoff);
     }
-    _nextErasing = RecordingClock::steadyMicroseconds() + kErasingPeriod.total_microseconds();
+    enforceSpace();
+}
+
+void Retention::enforceTime(const ptime& cutoff) {
     for (const auto& [type, track] : _card.allTracks()) {
         const TrackLock lock(*track->getTrack());
         track->hideBefore(ptime());
@@ -29,6 +35,17 @@ void Retention::enforce() {
             track->getTrack()->eraseRange(0, track->getTrackIndexForcedIntoBounds(cutoff) + 1);
         }
     }
+}
+
+void Retention::enforceSpace() {
+    const RecordingSpace limit = _limits.getMaxSpace();
+    const auto enforceOn = [this](TrackClass trackClass, std::uint64_t most) {
+        while (most != 0 && _card.store().getBytes(trackClass) > most &&
+               _card.store().eraseOldest(trackClass)) {
+        }
+    };
+    enforceOn(TrackClass::Bulk, limit.data);
+    enforceOn(TrackClass::Sparse, limit.history);
 }
 
 void Retention::hideExpired() {

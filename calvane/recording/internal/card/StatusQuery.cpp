@@ -1,7 +1,5 @@
 #include "calvane/recording/internal/card/StatusQuery.h"
 
-#include <sys/statvfs.h>
-
 #include <algorithm>
 
 #include "calvane/recording/internal/RecordingSession.h"
@@ -10,6 +8,7 @@
 namespace quarn::calvane {
 
 using drenn::multi_track_recorder::StoreState;
+using drenn::multi_track_recorder::TrackClass;
 using State = RecordingStatus::State;
 
 namespace {
@@ -26,19 +25,6 @@ std::string WhyDisabled(DisabledReason reason) {
             break;
     }
     return "recording has not been started";
-}
-
-void LookAtCard(const std::string& root, RecordingStatus& status) {
-    struct statvfs card {};
-    if (statvfs(root.c_str(), &card) != 0) {
-        return;
-    }
-    const std::uint64_t block = card.f_frsize;
-    // As a writer without root's reserve sees it.
-    const std::uint64_t available = card.f_bavail * block;
-    status.cardBytes = (card.f_blocks - card.f_bfree) * block + available;
-    const std::uint64_t kept = status.cardBytes / 100 * (100 - StorageLocation::kMostPercent);
-    status.usableBytes = available > kept ? available - kept : 0;
 }
 
 void SetState(RecordingStatus& status, StoreState store, const std::vector<std::string>& damage) {
@@ -71,7 +57,9 @@ void SetState(RecordingStatus& status, StoreState store, const std::vector<std::
 
 RecordingStatus lookAtRecording(const StorageLocation& location, DisabledReason reason) {
     RecordingStatus status;
-    LookAtCard(location.root(), status);
+    const CardSpace space = lookAtCard(location.root());
+    status.cardBytes = space.card;
+    status.usableBytes = space.usable;
     RecordingSession* session = nullptr;
     try {
         session = &RecordingSession::current();
@@ -82,6 +70,8 @@ RecordingStatus lookAtRecording(const StorageLocation& location, DisabledReason 
     for (const track_type type : {VIDEO_TRACK, AUDIO_TRACK, METADATA_TRACK}) {
         status.tracks[static_cast<std::size_t>(type)] = session->queries().getTrackStatus(type);
     }
+    status.used.data = session->card().store().getBytes(TrackClass::Bulk);
+    status.used.history = session->card().store().getBytes(TrackClass::Sparse);
     if (session->isAwaitingClock()) {
         status.problem = "the clock is behind the newest record, and its synchronisation is awaited";
     }

@@ -1,11 +1,32 @@
 #include "calvane/recording/internal/card/StorageLocation.h"
 
+#include <sys/statvfs.h>
+
+#include <algorithm>
 #include <system_error>
 
 namespace quarn::calvane {
 
 using std::filesystem::directory_entry;
 using std::filesystem::path;
+
+bool CardSpace::isFull() const {
+    constexpr std::uint64_t kLargest = std::uint64_t{64} << 20U;
+    return card != 0 && usable <= std::min(kLargest, card / 2);
+}
+
+CardSpace lookAtCard(const std::string& root) {
+    CardSpace space;
+    struct statvfs facts {};
+    if (statvfs(root.c_str(), &facts) == 0) {
+        const std::uint64_t block = facts.f_frsize;
+        const std::uint64_t available = facts.f_bavail * block;
+        space.card = (facts.f_blocks - facts.f_bfree) * block + available;
+        const std::uint64_t kept = space.card / 100 * (100 - StorageLocation::kMostPercent);
+        space.usable = available > kept ? available - kept : 0;
+    }
+    return space;
+}
 
 StorageLocation::StorageLocation(const std::string& root)
     : _root(!root.empty() && root.back() == '/' ? root : root + '/') {}

@@ -15,6 +15,19 @@ enum class DisabledReason : std::int32_t {
     NotOpened = 6    ///< The recording could not be opened.
 };
 
+/// Of the card's file system, in bytes; 0 when it cannot be asked.
+struct CardSpace {
+    std::uint64_t card = 0;   ///< As a writer without root's reserve sees it.
+    std::uint64_t usable = 0; ///< What can be written before the oldest data is erased.
+
+    /// Whether the oldest data makes room for what is recorded. The store erases a segment at a time, and holds back room
+    /// for what it has in memory.
+    bool isFull() const;
+};
+
+/// `root`: where it is mounted.
+CardSpace lookAtCard(const std::string& root);
+
 /// Where the card is mounted, and what may lie on it: two folders of the store, and what the file system makes.
 class StorageLocation {
 public:

@@ -115,7 +115,9 @@ std::optional<HistoryEvent> CoverageQuery::nextEvent(const ptime& t) const {
 /// that is near, and while it is being recorded up to this moment.
 void CoverageQuery::addPresent(const Stretch& stretch, const ptime& start, const ptime& end) {
     const bool isOpen = stretch.end.is_special() && _moment.isPresent;
-    const CoverageReason before = stretch.isCertain ? CoverageReason::Erased : CoverageReason::Unknown;
+    // Where the event that it began with has been erased for its age, other limits may have taken what was younger.
+    const bool isErased = stretch.isCertain || _moment.erased != CoverageReason::Erased;
+    const CoverageReason before = isErased ? CoverageReason::Erased : CoverageReason::Unknown;
     const CoverageReason behind = isOpen ? _moment.afterwards : CoverageReason::Unknown;
     std::vector<CoverageSpan> runs = findRuns(stretch, start, end);
     if (!runs.empty()) {
@@ -276,6 +278,27 @@ void CoverageQuery::add(const ptime& start, const ptime& end, CoverageReason rea
     if (reason == CoverageReason::Unknown && !_moment.cutoff.is_special() && end <= _moment.cutoff) {
         reason = CoverageReason::Erased;
     }
+    if (reason == CoverageReason::Erased) {
+        addErased(start, end);
+        return;
+    }
+    append(start, end, reason);
+}
+
+/// What is much later than the cut-off was not erased for its age.
+void CoverageQuery::addErased(const ptime& start, const ptime& end) {
+    const ptime cutoff = _moment.cutoff;
+    if (!cutoff.is_special() && end - cutoff <= kLargestRecordGap) {
+        append(start, end, CoverageReason::Erased);
+    } else if (cutoff.is_special() || cutoff <= start) {
+        append(start, end, _moment.erased);
+    } else {
+        append(start, cutoff, CoverageReason::Erased);
+        append(cutoff, end, _moment.erased);
+    }
+}
+
+void CoverageQuery::append(const ptime& start, const ptime& end, CoverageReason reason) {
     if (!_spans.empty() && _spans.back().reason == reason) {
         _spans.back().end = end;
     } else {

@@ -25,6 +25,7 @@ public:
         CoverageReason afterwards = CoverageReason::Unknown; ///< Why there is nothing behind the last record.
         std::vector<HistoryEvent> pending; ///< The track's events that are not in the history yet, by time.
         boost::posix_time::ptime cutoff;   ///< What is older was to be erased; or not-a-date-time.
+        CoverageReason erased = CoverageReason::Erased; ///< Why something is gone that was not too old.
     };
 
     CoverageQuery(const RecordingTrack& history, const RecordingTrack& track, const Moment& moment);
@@ -63,6 +64,8 @@ private:
     unsigned int findBetween(unsigned int first, unsigned int last) const;
     void joinRuns(unsigned int first, unsigned int last, const Ptime& firstTime, const Ptime& lastTime,
                   std::vector<CoverageSpan>& runs);
+    void addErased(const Ptime& start, const Ptime& end);
+    void append(const Ptime& start, const Ptime& end, CoverageReason reason);
     void add(const Ptime& start, const Ptime& end, CoverageReason reason);
 
     const RecordingTrack& _history;

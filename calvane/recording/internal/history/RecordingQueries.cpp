@@ -15,6 +15,7 @@ namespace quarn::calvane {
 
 using boost::posix_time::ptime;
 using drenn::multi_track_recorder::StoreState;
+using drenn::multi_track_recorder::TrackClass;
 
 bool RecordingQueries::getRecordingTimePeriod(ptime& first, ptime& last) const {
     for (const auto& [type, track] : _card.dataTracks()) {
@@ -125,6 +126,17 @@ std::vector<CoverageSpan> RecordingQueries::getCoverage(track_type type, const p
     return spans;
 }
 
+/// By the limits as they are now: nothing tells which ones were reached before.
+CoverageReason RecordingQueries::whyNotTooOldIsErased() const {
+    // The limit was reached when the last segment had come.
+    constexpr std::uint64_t kSegment = std::uint64_t{16} << 20U;
+    const std::uint64_t most = _limits.getMaxSpace().data;
+    if (most != 0 && _card.store().getBytes(TrackClass::Bulk) + kSegment > most) {
+        return CoverageReason::SpaceLimit;
+    }
+    return lookAtCard(_card.root()).isFull() ? CoverageReason::CardFull : CoverageReason::Erased;
+}
+
 CoveragePage RecordingQueries::findCoverage(track_type type, const ptime& from, const ptime& to,
                                             unsigned int max) const {
     const RecordingTrack& track = *_card.dataTracks().at(type);
@@ -142,6 +154,7 @@ CoveragePage RecordingQueries::findCoverage(track_type type, const ptime& from, 
     moment.isPresent = unwritten.isPresent;
     moment.pending = std::move(unwritten.events);
     moment.cutoff = _limits.cutoff(moment.now);
+    moment.erased = whyNotTooOldIsErased();
     return CoverageQuery(_card.history(), track, moment).run(from, to, std::max(max, 1U));
 }
 

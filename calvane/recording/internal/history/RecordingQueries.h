@@ -42,6 +42,7 @@ public:
     static void updateLatest(Ptime& current, const Ptime& candidate);
 
 private:
+    CoverageReason whyNotTooOldIsErased() const;
     bool lookUpAvailability(const Ptime& t, track_type type) const;
 
     const RecordingCard& _card;

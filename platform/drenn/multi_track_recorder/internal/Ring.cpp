@@ -83,6 +83,16 @@ void Ring::MakeRoom() {
     }
 }
 
+bool Ring::EraseOldest(bool sparse) {
+    FinishErasing();
+    const std::shared_ptr<Segment> oldest = OldestSegment(sparse);
+    if (oldest != nullptr) {
+        EraseSegment(oldest);
+        RemoveDead();
+    }
+    return oldest != nullptr;
+}
+
 /// What was set aside gives way before anything that can be read. False when there was nothing.
 bool Ring::RemoveAside() {
     const std::vector<std::string> paths =

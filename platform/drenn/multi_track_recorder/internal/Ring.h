@@ -31,6 +31,8 @@ public:
     void Keep();
     /// Erases the oldest segments until the used share, with what is about to come, is below the limit.
     void MakeRoom();
+    /// Erases the oldest sealed segment of sparse tracks, or of the others; false when there is none.
+    bool EraseOldest(bool sparse);
     /// Has the catalogue forget the segments whose files are gone.
     void ForgetRemoved();
     /// Whether there is room for the reserve, and more.

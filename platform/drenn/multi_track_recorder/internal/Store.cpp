@@ -142,6 +142,26 @@ void Store::Keep() {
     RaiseStates();
 }
 
+std::uint64_t Store::GetBytes(bool sparse) const {
+    std::uint64_t bytes = 0;
+    for (const Lane* lane : tables_->Lanes()) {
+        if (lane->IsSparse() == sparse) {
+            for (const auto& segment : lane->SealedSegments()) {
+                bytes += segment->length;
+            }
+        }
+    }
+    return bytes;
+}
+
+bool Store::EraseOldest(bool sparse) {
+    if (TrackImpl::LocksHeld() > 0) {
+        throw std::logic_error("The oldest data cannot be erased with the lock of a track held");
+    }
+    const std::lock_guard<std::mutex> lock(keeperMutex_);
+    return GetState() == StoreState::Good && ring_->EraseOldest(sparse);
+}
+
 void Store::PrepareRoom() {
     // Making room takes locks of tracks, one at a time; who holds one leaves it to the keeper.
     if (TrackImpl::LocksHeld() > 0) {

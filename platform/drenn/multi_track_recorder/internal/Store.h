@@ -45,6 +45,10 @@ public:
     void Sync();   ///< Commit, and makes durable what was written. MultiTrackRecorder::flush.
     void Keep();   ///< One round of the keeper: the card, room, removals. Not with a track's lock held.
 
+    /// Of sealed segments. MultiTrackRecorder::getBytes.
+    std::uint64_t GetBytes(bool sparse) const;
+    bool EraseOldest(bool sparse); ///< MultiTrackRecorder::eraseOldest.
+
     StoreState GetState() const { return context_->GetState(); }
     /// What was found damaged when the store was opened, and what is known to be damaged since earlier.
     std::vector<std::string> GetDamage() const { return tables_->GetDamage(); }
