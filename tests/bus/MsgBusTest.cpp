@@ -1,6 +1,7 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <chrono>
 #include <csignal>
 #include <mutex>
 #include <string>
@@ -124,6 +125,9 @@ TEST(MsgBusTest, AStalledBusCostsLittleAndHoldsNobodyUp) {
     const std::string large(100'000, 'x');
     for (int i = 0; i < 1000; ++i) {
         here->PublishText("t", large);
+        if (i % 100 == 0) { // Time in which nothing is to be handed on.
+            std::this_thread::sleep_for(std::chrono::milliseconds(20));
+        }
     }
     EXPECT_GT(here->GetDropped() - before, 700U);
     here->Subscribe("late", std::ref(inbox)); // Asks the bus, which does not answer.

@@ -86,6 +86,31 @@ TEST_F(RecorderCardTest, AFullCardGivesWayWhileItsOldestDataIsRead) {
     ExpectStoreIsGood();
 }
 
+TEST_F(RecorderCardTest, ACardThatTakesNoMoreDataIsToldOfAndCanBeRead) {
+    SmallCard small(std::uint64_t{64} << 20U, 0);
+    if (!small.Why().empty()) {
+        GTEST_SKIP() << "there is no small card to be had: " << small.Why();
+    }
+    card = small.Path();
+    StartAndWait(kDescription);
+    ASSERT_TRUE(WaitUntil([&] { return CountRecords("audio") > 50; }));
+    Program properties("/usr/bin/gdbus",
+                       {"monitor", "--address", bus.Address(), "-d", "com.drenn.recording_control"},
+                       folder.Path());
+    ASSERT_TRUE(WaitUntil([&] { return properties.Out().find("is owned by") != std::string::npos; }));
+    small.MakeReadOnly();
+    ASSERT_TRUE(WaitUntil([&] { return AskJson({"status"})["state"] == "read-only"; }));
+    const json status = AskJson({"status"});
+    EXPECT_THAT(status["problem"], HasSubstr("the card takes no data"));
+    EXPECT_TRUE(WaitUntil([&] {
+        return properties.Out().find("'Problem': <'the card takes no data") != std::string::npos &&
+               properties.Out().find("'State': <'read-only'>") != std::string::npos;
+    }));
+    EXPECT_GT(CountRecords("audio"), 50U);
+    properties.Signal(SIGTERM);
+    EXPECT_EQ(Stop(), 0);
+}
+
 TEST_F(RecorderCardTest, ACardThatIsPulledAndPutBackLeavesAGapThatSaysSo) {
     SmallCard small(std::uint64_t{64} << 20U, 0);
     if (!small.Why().empty()) {

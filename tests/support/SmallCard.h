@@ -34,6 +34,8 @@ public:
         Run("mount -o loop " + image_ + " " + Path());
         isMounted_ = why_.empty();
     }
+    /// As the kernel does when the file system finds an error.
+    void MakeReadOnly() { Run("mount -o remount,abort " + Path()); }
     /// Those who have files on it keep them.
     void Pull() {
         if (isMounted_) {

@@ -1,4 +1,5 @@
-#include <gtest/gtest.h>
+#include <gmock/gmock.h>
+#include <sqlite3.h>
 #include <sys/mman.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -149,6 +150,20 @@ TEST_F(SettingsTest, SettingsThatAreSetTogetherAreReadTogether) {
         ASSERT_EQ(both[0], both[1]);
         last = both[0];
     } while (last != Setting(std::int64_t{100}));
+
+    // One of them fails: none is set.
+    sqlite3* database = nullptr;
+    ASSERT_EQ(sqlite3_open(path.c_str(), &database), SQLITE_OK);
+    sqlite3_exec(database,
+                 "CREATE TRIGGER refuse BEFORE INSERT ON settings WHEN NEW.key = 'usec' "
+                 "BEGIN SELECT RAISE(ABORT, 'refused'); END",
+                 nullptr, nullptr, nullptr);
+    sqlite3_close(database);
+    EXPECT_THAT(ThrownText([&] {
+                    settings.Set({{"sec", std::int64_t{7}}, {"usec", std::int64_t{7}}});
+                }),
+                testing::HasSubstr("refused"));
+    EXPECT_EQ(settings.GetInt("sec"), 100);
 }
 
 TEST_F(SettingsTest, AFileOfAnotherUserCanBeReadAndDefaultsCount) {
