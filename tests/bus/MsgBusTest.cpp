@@ -125,11 +125,19 @@ TEST(MsgBusTest, AStalledBusCostsLittleAndHoldsNobodyUp) {
     const std::string large(100'000, 'x');
     for (int i = 0; i < 1000; ++i) {
         here->PublishText("t", large);
-        if (i % 100 == 0) { // Time in which nothing is to be handed on.
-            std::this_thread::sleep_for(std::chrono::milliseconds(20));
-        }
     }
     EXPECT_GT(here->GetDropped() - before, 700U);
+    // Once the connection's own buffer is full nothing is handed on, however much time there is for it.
+    bool isFull = false;
+    for (int round = 0; round < 60 && !isFull; ++round) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(50));
+        const auto dropped = here->GetDropped();
+        for (int i = 0; i < 20; ++i) {
+            here->PublishText("t", large);
+        }
+        isFull = here->GetDropped() - dropped == 20;
+    }
+    EXPECT_TRUE(isFull);
     here->Subscribe("late", std::ref(inbox)); // Asks the bus, which does not answer.
     here = nullptr;
     MsgBus silent; // Connects to what does not answer.
