@@ -4,7 +4,8 @@
 set -euo pipefail
 
 readonly PACKAGES=libc6-dev,libstdc++-12-dev,libspdlog-dev,libcli11-dev,nlohmann-json3-dev,libgtest-dev,libgmock-dev,\
-libboost-dev,libsqlite3-dev,libxxhash-dev,libsdbus-c++-dev,libsystemd-dev,libelf-dev
+libboost-dev,libsqlite3-dev,libxxhash-dev,libsdbus-c++-dev,libsystemd-dev,libelf-dev,\
+libavcodec-dev,libavdevice-dev,libavformat-dev,libavutil-dev,libswscale-dev
 folder=$1
 stamp=$folder/packages
 
