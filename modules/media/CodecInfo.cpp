@@ -112,20 +112,11 @@ void AddVideo(Info& info, const AVCodecParameters& parameters, AVRational frameR
     }
 }
 
-int BitsPerSample(const AVCodecParameters& parameters) {
-    const auto format = static_cast<AVSampleFormat>(parameters.format);
-    for (const int bits : {av_get_bits_per_sample(parameters.codec_id), parameters.bits_per_raw_sample,
-                           parameters.bits_per_coded_sample, 8 * av_get_bytes_per_sample(format)}) {
-        if (bits > 0) {
-            return bits;
-        }
-    }
-    return 16;
-}
-
 void AddAudio(Info& info, const AVCodecParameters& parameters) {
     info["BitsPerSample"] = std::to_string(BitsPerSample(parameters));
-    info["NumChannels"] = std::to_string(parameters.ch_layout.nb_channels);
+    if (parameters.ch_layout.nb_channels > 0) {
+        info["NumChannels"] = std::to_string(parameters.ch_layout.nb_channels);
+    }
     AddIfKnown(info, "SampleFormat", av_get_sample_fmt_name(static_cast<AVSampleFormat>(parameters.format)));
     std::array<char, 256> layout{};
     if (av_channel_layout_describe(&parameters.ch_layout, layout.data(), layout.size()) > 0 &&
@@ -260,6 +251,17 @@ void ReadFormat(const InfoReader& info, AVCodecParameters& parameters) {
 }
 
 } // namespace
+
+int BitsPerSample(const AVCodecParameters& parameters) {
+    const auto format = static_cast<AVSampleFormat>(parameters.format);
+    for (const int bits : {av_get_bits_per_sample(parameters.codec_id), parameters.bits_per_raw_sample,
+                           parameters.bits_per_coded_sample, 8 * av_get_bytes_per_sample(format)}) {
+        if (bits > 0) {
+            return bits;
+        }
+    }
+    return 16;
+}
 
 unsigned int FormatCode(const AVCodecParameters& parameters) {
     const std::array<const AVCodecTag*, 3> tables{parameters.codec_type == AVMEDIA_TYPE_VIDEO

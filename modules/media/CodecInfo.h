@@ -37,6 +37,9 @@ std::map<std::string, std::string> InfoFromCodec(const AVCodecParameters& parame
 ///         makes no sense.
 CodecInfo CodecFromInfo(const std::map<std::string, std::string>& info);
 
+/// Of one sample of one channel; of a codec that has no fixed number what it is decoded to.
+int BitsPerSample(const AVCodecParameters& parameters);
+
 /// The code of a buffer format: the FourCC that the codec has in ISO media, else its tag, else 0.
 unsigned int FormatCode(const AVCodecParameters& parameters);
 

@@ -1,19 +1,19 @@
-# Installs the build for the other scripts, and its components by themselves: each file belongs to one of the two, and
+# Installs the build for the other scripts, and its components by themselves: each file belongs to one of them, and
 # what is needed to run needs nothing of the other.
 include(${CMAKE_CURRENT_LIST_DIR}/Package.cmake)
 
 file(REMOVE_RECURSE ${PREFIX})
 run(${CMAKE_COMMAND} --install ${BUILD_DIR} --prefix ${PREFIX})
-foreach(component runtime dev)
+foreach(component runtime dev media)
   run(${CMAKE_COMMAND} --install ${BUILD_DIR} --prefix ${WORK_DIR}/${component} --component ${component})
   file(GLOB_RECURSE ${component} RELATIVE ${WORK_DIR}/${component} ${WORK_DIR}/${component}/*)
 endforeach()
 
 file(GLOB_RECURSE all RELATIVE ${PREFIX} ${PREFIX}/*)
-set(both ${runtime} ${dev})
-list(SORT both)
+set(together ${runtime} ${dev} ${media})
+list(SORT together)
 list(SORT all)
-expect("What the components install" "${both}" "${all}")
+expect("What the components install" "${together}" "${all}")
 
 foreach(path bin/calvane share/man/man1/calvane.1 share/man/man5/calvane.ini.5
         share/bash-completion/completions/calvane share/bash-completion/completions/calvane-store ${LIBDIR}/calvane/plugins)

@@ -1,0 +1,124 @@
+#include "ParameterWatch.h"
+
+extern "C" {
+#include <libavcodec/avcodec.h>
+#include <libavcodec/bsf.h>
+#include <libavutil/mem.h>
+}
+
+#include <algorithm>
+#include <new>
+#include <utility>
+
+#include "Library.h"
+
+namespace calvane_media {
+
+namespace {
+
+struct FreeContext {
+    void operator()(AVCodecContext* context) const { avcodec_free_context(&context); }
+};
+struct CloseParser {
+    void operator()(AVCodecParserContext* parser) const { av_parser_close(parser); }
+};
+
+void SetExtraData(AVCodecParameters& parameters, const std::uint8_t* data, std::size_t size) {
+    auto* const copy = static_cast<std::uint8_t*>(av_mallocz(size + AV_INPUT_BUFFER_PADDING_SIZE));
+    if (copy == nullptr) {
+        throw std::bad_alloc();
+    }
+    std::copy_n(data, size, copy);
+    av_freep(&parameters.extradata);
+    parameters.extradata = copy;
+    parameters.extradata_size = static_cast<int>(size);
+}
+
+} // namespace
+
+void ParameterWatch::FreeFilter::operator()(AVBSFContext* filter) const {
+    av_bsf_free(&filter);
+}
+
+ParameterWatch::ParameterWatch(CodecParametersPtr parameters) : parameters_(std::move(parameters)) {
+    if (IsByteStream()) {
+        MakeExtractor();
+    }
+}
+
+ParameterWatch::~ParameterWatch() = default;
+
+bool ParameterWatch::Examine(const AVPacket& packet) {
+    if (av_packet_get_side_data(&packet, AV_PKT_DATA_NEW_EXTRADATA, nullptr) != nullptr) {
+        return Take(packet, packet);
+    }
+    if (!extractor_ || (packet.flags & AV_PKT_FLAG_KEY) == 0) {
+        return false;
+    }
+    const PacketPtr reference(av_packet_clone(&packet));
+    if (!reference) {
+        throw std::bad_alloc();
+    }
+    if (av_bsf_send_packet(extractor_.get(), reference.get()) < 0 ||
+        av_bsf_receive_packet(extractor_.get(), reference.get()) < 0) {
+        av_bsf_flush(extractor_.get());
+        return false;
+    }
+    return Take(*reference, packet);
+}
+
+bool ParameterWatch::IsByteStream() const {
+    const bool isH26x =
+        parameters_->codec_id == AV_CODEC_ID_H264 || parameters_->codec_id == AV_CODEC_ID_HEVC;
+    return isH26x && (parameters_->extradata_size == 0 || parameters_->extradata[0] == 0);
+}
+
+void ParameterWatch::MakeExtractor() {
+    AVBSFContext* filter = nullptr;
+    const AVBitStreamFilter* const type = av_bsf_get_by_name("extract_extradata");
+    if (type == nullptr || av_bsf_alloc(type, &filter) < 0) {
+        return;
+    }
+    extractor_.reset(filter);
+    if (avcodec_parameters_copy(filter->par_in, parameters_.get()) < 0 || av_bsf_init(filter) < 0) {
+        extractor_.reset();
+    }
+}
+
+bool ParameterWatch::Take(const AVPacket& withExtraData, const AVPacket& packet) {
+    std::size_t size = 0;
+    const std::uint8_t* const data =
+        av_packet_get_side_data(&withExtraData, AV_PKT_DATA_NEW_EXTRADATA, &size);
+    const auto known = static_cast<std::size_t>(parameters_->extradata_size);
+    if (data == nullptr || size == 0 ||
+        (size == known && std::equal(data, data + size, parameters_->extradata))) {
+        return false;
+    }
+    SetExtraData(*parameters_, data, size);
+    TakePicture(packet);
+    return true;
+}
+
+/// Size, profile and the like may have changed as well; the codec's parser finds them.
+void ParameterWatch::TakePicture(const AVPacket& packet) {
+    const std::unique_ptr<AVCodecContext, FreeContext> context(avcodec_alloc_context3(nullptr));
+    const std::unique_ptr<AVCodecParserContext, CloseParser> parser(av_parser_init(parameters_->codec_id));
+    if (!context || !parser || avcodec_parameters_to_context(context.get(), parameters_.get()) < 0) {
+        return;
+    }
+    parser->flags |= PARSER_FLAG_COMPLETE_FRAMES;
+    std::uint8_t* data = nullptr;
+    int size = 0;
+    av_parser_parse2(parser.get(), context.get(), &data, &size, packet.data, packet.size, AV_NOPTS_VALUE,
+                     AV_NOPTS_VALUE, -1);
+    if (parser->width > 0 && parser->height > 0) {
+        parameters_->width = parser->width;
+        parameters_->height = parser->height;
+    }
+    if (context->profile >= 0) {
+        parameters_->profile = context->profile;
+        parameters_->level = context->level;
+    }
+}
+
+} // namespace calvane_media
