@@ -19,6 +19,8 @@ using boost::posix_time::ptime;
 namespace {
 
 const std::string kInfoPrefix = "info.";
+const std::string kInfo = "info";
+const std::string kCompositionOffset = "CompositionOffsetUs";
 
 } // namespace
 
@@ -85,7 +87,7 @@ void RecordingSink::OnBuffer(const Sink*, Buffer* buffer) {
 void RecordingSink::Record(const Buffer& buffer) {
     RecordingTrack& track = RecordingManager::instance()->getTrack(track_);
     const ptime time = TimeOf(buffer);
-    UpdateInfo(track, buffer.GetFormat());
+    UpdateInfo(track, buffer);
     const BufferMetadata& metadata = buffer.GetMetadata();
     unsigned int flags = 0;
     if (metadata.GetInt("KeyFrame") != 0) {
@@ -94,7 +96,8 @@ void RecordingSink::Record(const Buffer& buffer) {
     if (metadata.Contains("FirstAfterGap")) {
         flags |= RecordHeader::kDiscontinuity;
     }
-    if (!track.writeRecord(time, flags, buffer.GetData(), buffer.GetLength())) {
+    if (!track.writeRecord(time, flags, buffer.GetData(), buffer.GetLength(),
+                           metadata.GetInt(kCompositionOffset))) {
         TakeLoss("the clock is not set: its time lies before 2014, or before the newest record");
         return;
     }
@@ -105,11 +108,20 @@ void RecordingSink::Record(const Buffer& buffer) {
     gaps_.Arrived(track, time);
 }
 
-void RecordingSink::UpdateInfo(RecordingTrack& track, const BufferFormat& format) {
-    if (format_ && *format_ == format) {
+void RecordingSink::UpdateInfo(RecordingTrack& track, const Buffer& buffer) {
+    const BufferFormat& format = buffer.GetFormat();
+    const std::string& text = buffer.GetMetadata().GetString(kInfo);
+    const bool isNew = !text.empty() && text != infoText_;
+    if (format_ && *format_ == format && !isNew) {
         return;
     }
+    if (isNew) {
+        bufferInfo_.clear();
+        RecordingManager::deserializeTrackInfo(text, bufferInfo_);
+        infoText_ = text;
+    }
     auto info = givenInfo_;
+    info.insert(bufferInfo_.begin(), bufferInfo_.end());
     info.merge(MakeTrackInfo(track_, format));
     track.setInfo(info);
     format_ = format;

@@ -19,9 +19,11 @@ namespace recording {
 /// Records every buffer on a track of the device's recording (docs/reference/record-format.md).
 ///
 /// A record's time is the buffer's timestamp, in UTC; the clock's if the buffer has none. The track's info holds what
-/// the buffers' format says (see MakeTrackInfo) and the info settings. A buffer with the metadata "KeyFrame" other
-/// than 0 is marked as one to start with, one with "FirstAfterGap" as one that data is missing in front of. Data
-/// counts as absent when no buffer came for much longer than usual, and for "gap.timeout.ms" at least.
+/// the buffers' format says (see MakeTrackInfo), before that what their metadata "info" says, an info map as text, and
+/// before that the info settings. A buffer with the metadata "KeyFrame" other than 0 is marked as one to start with, one
+/// with "FirstAfterGap" as one that data is missing in front of, and "CompositionOffsetUs" becomes the record's
+/// composition offset, in microseconds. Data counts as absent when no buffer came for much longer than usual, and for
+/// "gap.timeout.ms" at least.
 ///
 /// The pipeline goes on when a buffer cannot be recorded, because there is no card, say, or the clock is not set:
 /// it is dropped, and the first of a row is logged.
@@ -43,7 +45,7 @@ private:
     std::optional<UsualInterval> ReadInterval(const quarn::calvane::IPluginConfiguration& config) const;
     void ReadInfo(const quarn::calvane::IPluginConfiguration& config);
     void Record(const quarn::calvane::Buffer& buffer);
-    void UpdateInfo(quarn::calvane::RecordingTrack& track, const quarn::calvane::BufferFormat& format);
+    void UpdateInfo(quarn::calvane::RecordingTrack& track, const quarn::calvane::Buffer& buffer);
     boost::posix_time::ptime TimeOf(const quarn::calvane::Buffer& buffer) const;
     void TakeLoss(const std::string& reason);
 
@@ -51,6 +53,8 @@ private:
     const quarn::calvane::track_type track_;
     std::map<std::string, std::string> givenInfo_;
     std::optional<quarn::calvane::BufferFormat> format_; // Which the track's info was made from.
+    std::string infoText_;                               // The same.
+    std::map<std::string, std::string> bufferInfo_;      // From it.
     unsigned long long lost_ = 0;                        // In this row.
     GapWatch gaps_;
 };

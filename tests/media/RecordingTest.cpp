@@ -1,0 +1,104 @@
+#include <algorithm>
+#include <cstdlib>
+#include <cstring>
+#include <filesystem>
+
+#include "MediaFixture.h"
+#include "calvane/recording/RecordHeader.h"
+#include "calvane/testing/PluginHarness.h"
+#include "drenn/multi_track_recorder/BlobRecord.h"
+#include "drenn/multi_track_recorder/Track.h"
+#include "media/MediaSource.h"
+#include "support/PrivateBus.h"
+
+using namespace quarn::calvane;
+using namespace quarn::calvane::testkit;
+using calvane_media::MediaSource;
+using testing::IsSupersetOf;
+
+namespace {
+
+using Info = std::map<std::string, std::string>;
+
+/// The recorder on a card of the test's own.
+class RecordingTest : public MediaTest {
+protected:
+    RecordingTest() {
+        setenv("DRENN_SETTINGS", folder.Path("settings.db").c_str(), 1);
+        setenv("DRENN_DEVICE_INFORMATION",
+               folder.Write("device.ini", "[device]\nmodel.name = M\nserial.number = 1\n").c_str(), 1);
+        std::filesystem::create_directory(folder.Path("card"));
+        RecordingManager::setRecordingRootPath(folder.Path("card"));
+        RecordingManager::init();
+    }
+    ~RecordingTest() override { RecordingManager::deinit(); }
+
+    /// Records a whole file on both tracks.
+    static void Record(const std::string& file, const Settings& videoSettings = {}) {
+        const std::string module = CALVANE_LIB_DIR "/calvane/plugins/recording.so";
+        Settings settings = videoSettings;
+        settings["track"] = "video";
+        PluginHarness video(module, "RecordingSink", settings);
+        PluginHarness audio(module, "RecordingSink", {{"track", "audio"}});
+        PluginHarness source(Construct<MediaSource>,
+                             {{"url", file}, {"realtime", "0"}, {"start", "2026-11-21T13:00:00Z"}});
+        source.GetPlugin().ConnectToSink("video", video.GetPlugin().GetSink());
+        source.GetPlugin().ConnectToSink("audio", audio.GetPlugin().GetSink());
+        source.GenerateAll();
+    }
+    static drenn::multi_track_recorder::Track& TrackOf(track_type type) {
+        return *RecordingManager::instance()->getTrack(type).getTrack();
+    }
+    static std::vector<Packet> ReadBack(track_type type) {
+        std::vector<Packet> packets;
+        std::int64_t first = 0;
+        for (unsigned int i = 0; i != TrackOf(type).size(); ++i) {
+            drenn::multi_track_recorder::BlobRecord record;
+            TrackOf(type).seekg(i);
+            TrackOf(type) >> record;
+            const auto& blobs = record.blobs();
+            RecordHeader header;
+            std::memcpy(&header, blobs.at(0).data(), std::min(sizeof header, blobs.at(0).size()));
+            first = packets.empty() ? header.ticks : first;
+            packets.push_back({header.ticks - first, header.compositionOffset(),
+                               (header.flags & RecordHeader::kKeyFrame) != 0,
+                               Md5({reinterpret_cast<const char*>(blobs.at(1).data()), blobs.at(1).size()})});
+        }
+        return packets;
+    }
+    static Info InfoAt(track_type type, unsigned int index) {
+        std::string text;
+        TrackOf(type).seekg(index);
+        TrackOf(type).getInfo(text);
+        Info info;
+        RecordingManager::deserializeTrackInfo(text, info);
+        return info;
+    }
+
+    const PrivateBus bus;
+};
+
+} // namespace
+
+TEST_F(RecordingTest, HoldsThePacketsOfTheInputAsTheyWere) {
+    const std::string file = MakeFile("b.mp4", "-c:v libx264 -bf 2 -g 30 -c:a aac");
+    Record(file, {{"info.Bitrate", "7"}});
+    EXPECT_EQ(ReadBack(VIDEO_TRACK), Probe(file, "v"));
+    EXPECT_EQ(ReadBack(AUDIO_TRACK), Probe(file, "a"));
+    // What is set goes before what the input says, and that before the format of the buffers.
+    const Info info = InfoAt(VIDEO_TRACK, 89);
+    EXPECT_THAT(info, IsSupersetOf(Info{{"Codec", "h264"}, {"Bitrate", "7"}, {"Width", "192"}}));
+    EXPECT_EQ(info, InfoAt(VIDEO_TRACK, 0));
+    EXPECT_EQ(info.count("ExtraData"), 1U);
+    EXPECT_THAT(InfoAt(AUDIO_TRACK, 0), IsSupersetOf(Info{{"Codec", "aac"}, {"SampleFreq", "48000"}}));
+}
+
+TEST_F(RecordingTest, HoldsNewParametersFromTheirKeyFrameOn) {
+    const std::string codecs = "-c:v libx264 -g 30 -an";
+    MakeFile("a.ts", codecs, 1);
+    MakeFile("b.ts", codecs, 1, "320x180");
+    Record(folder.Write("both.ts", folder.Read("a.ts") + folder.Read("b.ts")));
+    EXPECT_EQ(InfoAt(VIDEO_TRACK, 29)["Width"], "192");
+    EXPECT_EQ(InfoAt(VIDEO_TRACK, 30)["Width"], "320");
+    EXPECT_NE(InfoAt(VIDEO_TRACK, 30)["ExtraData"], InfoAt(VIDEO_TRACK, 0)["ExtraData"]);
+}
