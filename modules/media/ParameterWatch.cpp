@@ -10,15 +10,13 @@ extern "C" {
 #include <new>
 #include <utility>
 
+#include "Codec.h"
 #include "Library.h"
 
 namespace calvane_media {
 
 namespace {
 
-struct FreeContext {
-    void operator()(AVCodecContext* context) const { avcodec_free_context(&context); }
-};
 struct CloseParser {
     void operator()(AVCodecParserContext* parser) const { av_parser_close(parser); }
 };
@@ -101,9 +99,9 @@ bool ParameterWatch::Take(const AVPacket& withExtraData, const AVPacket& packet)
 
 /// Size, profile and the like may have changed as well; the codec's parser finds them.
 void ParameterWatch::TakePicture(const AVPacket& packet) {
-    const std::unique_ptr<AVCodecContext, FreeContext> context(avcodec_alloc_context3(nullptr));
+    const CodecContextPtr context = MakeContext(nullptr);
     const std::unique_ptr<AVCodecParserContext, CloseParser> parser(av_parser_init(parameters_->codec_id));
-    if (!context || !parser || avcodec_parameters_to_context(context.get(), parameters_.get()) < 0) {
+    if (!parser || avcodec_parameters_to_context(context.get(), parameters_.get()) < 0) {
         return;
     }
     parser->flags |= PARSER_FLAG_COMPLETE_FRAMES;
