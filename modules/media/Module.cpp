@@ -19,7 +19,7 @@ summary = the file, address (rtsp://, http://, ...) or device to read
 summary = name of the input format; needed for devices: v4l2, alsa, lavfi
 
 [setting options]
-summary = options of the library for the input, such as "framerate=25, video_size=1280x720"
+summary = options of the library for the input, such as framerate=25, video_size=1280x720
 
 [setting realtime]
 kind = flag
