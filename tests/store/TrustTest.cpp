@@ -313,3 +313,22 @@ TEST(Trust, TheLockIsOfTheFoldersAndLongPathsWork) {
     test.options.database = "/" + std::string(5000, 'x');
     EXPECT_THAT(ThrownText<std::runtime_error>([&] { test.Open(); }), HasSubstr("File name too long"));
 }
+
+TEST(Trust, WhatIsOpenedToBeReadIsNotChanged) {
+    const DiskImage left = OpenImage(); // By a crash: there is something to recover.
+    SimFileSystem disk(left);
+    StoreOptions options = Workload::SmallStore();
+    options.readOnly = true;
+    {
+        Store store(disk, options);
+        EXPECT_EQ(store.GetState(), StoreState::ReadOnly);
+        EXPECT_EQ(Readable(store), kRecords);
+        EXPECT_THAT(ThrownText<std::runtime_error>([&] { AppendText(*OnlyTrack(store), "x"); }),
+                    HasSubstr("it was opened to be read"));
+        EXPECT_THROW(Store(disk, Workload::SmallStore()), std::runtime_error); // It is in use.
+        store.Keep();
+    }
+    EXPECT_TRUE(disk.GetImage() == left);
+    const Store changed(disk, Workload::SmallStore());
+    EXPECT_FALSE(disk.GetImage() == left);
+}

@@ -20,6 +20,16 @@ boost::shared_ptr<MultiTrackRecorder> MultiTrackRecorder::create(const std::stri
     return boost::make_shared<MultiTrackRecorder>(std::make_unique<Store>(PosixFileSystem(), options));
 }
 
+boost::shared_ptr<MultiTrackRecorder> MultiTrackRecorder::openToRead(const std::string& storage,
+                                                                     const std::string& database) {
+    StoreOptions options;
+    options.storage = storage;
+    options.database = database;
+    options.readOnly = true;
+    options.background = false;
+    return boost::make_shared<MultiTrackRecorder>(std::make_unique<Store>(PosixFileSystem(), options));
+}
+
 std::list<boost::weak_ptr<Recording>> MultiTrackRecorder::getRecordings() const {
     return store_->GetRecordings();
 }

@@ -44,6 +44,11 @@ public:
     static boost::shared_ptr<MultiTrackRecorder> create(const std::string& storage,
                                                         const std::string& database, unsigned int maxPercent);
 
+    /// Opens a store that is there to read it: nothing on the device changes, and what a crash left is recovered in memory
+    /// only. Other processes are kept out meanwhile. Its state is ReadOnly, for good.
+    static boost::shared_ptr<MultiTrackRecorder> openToRead(const std::string& storage,
+                                                            const std::string& database);
+
     explicit MultiTrackRecorder(std::unique_ptr<Store> store); // For create.
     ~MultiTrackRecorder();
     MultiTrackRecorder(const MultiTrackRecorder&) = delete;

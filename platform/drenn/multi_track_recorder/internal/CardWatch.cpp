@@ -82,7 +82,8 @@ void CardWatch::FindCard() {
         TakeOver(opened);
         context_.logger.Information("The card of %s is back", context_.options.storage.c_str());
         findError_.clear();
-        context_.SetState(opened.readOnly.empty() ? StoreState::Good : StoreState::ReadOnly);
+        context_.SetState(opened.readOnly.empty() && !context_.options.readOnly ? StoreState::Good
+                                                                                : StoreState::ReadOnly);
     } catch (const std::exception& error) {
         LetGo();                          // So that it can be unmounted and looked after.
         if (error.what() != findError_) { // Once for each reason; it is tried again all the time.

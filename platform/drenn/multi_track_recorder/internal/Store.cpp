@@ -13,7 +13,9 @@ constexpr std::uint32_t kKeepMs = 500;
 } // namespace
 
 Store::Store(IFileSystem& files, const StoreOptions& options)
-    : files_(files), options_(options), opener_(files, {options.storage, options.database}) {
+    : files_(files),
+      options_(options),
+      opener_(files, {options.storage, options.database}, options.readOnly) {
     if (options.maxPercent < 1 || options.maxPercent > 100) {
         throw std::runtime_error("The store at " + options.storage + " cannot be kept below " +
                                  std::to_string(options.maxPercent) + " percent; 1 to 100 are possible");
@@ -36,7 +38,9 @@ Store::Store(IFileSystem& files, const StoreOptions& options)
         wake_.notify_all();
     };
     card_->TakeOver(opened);
-    if (opened.readOnly.empty()) {
+    if (options_.readOnly) {
+        context_->SetState(StoreState::ReadOnly);
+    } else if (opened.readOnly.empty()) {
         ring_->Tidy();
     } else {
         context_->BecomeReadOnly(opened.readOnly);

@@ -56,7 +56,8 @@ void StoreContext::Transact(const std::function<void(Catalogue::Transaction&)>& 
 void StoreContext::RequireGood() const {
     RequireCard();
     if (state_ == StoreState::ReadOnly) {
-        throw std::runtime_error("The store at " + options.storage + " is read-only: its device failed");
+        throw std::runtime_error("The store at " + options.storage + " is read-only: " +
+                                 (options.readOnly ? "it was opened to be read" : "its device failed"));
     }
 }
 

@@ -14,7 +14,8 @@ struct StoreOptions {
     std::uint32_t segmentBytes = 16U * 1024 * 1024;
     std::uint32_t commitMs = 200; ///< Between two writes of what was appended.
     std::uint32_t syncMs = 800;   ///< Between two syncs.
-    bool background = true;       ///< Without it no thread is started; Commit, Sync and Keep do their work.
+    bool readOnly = false;  ///< Nothing on the device is changed, not even to recover what a crash left.
+    bool background = true; ///< Without it no thread is started; Commit, Sync and Keep do their work.
 };
 
 } // namespace drenn::multi_track_recorder

@@ -5,10 +5,17 @@
 
 namespace drenn::multi_track_recorder {
 
-StoreOpener::StoreOpener(IFileSystem& files, const StoreFolders& folders)
-    : files_(files), folders_(folders), vfs_(files), readingVfs_(files, SqliteVfs::Access::ReadOnly) {}
+StoreOpener::StoreOpener(IFileSystem& files, const StoreFolders& folders, bool readOnly)
+    : files_(files),
+      folders_(folders),
+      readOnly_(readOnly),
+      vfs_(files),
+      readingVfs_(files, SqliteVfs::Access::ReadOnly) {}
 
 OpenedStore StoreOpener::Open() {
+    if (readOnly_) {
+        return OpenStoreToRead(files_, folders_, readingVfs_.Name());
+    }
     bool lacksRoom = false;
     try {
         try {
