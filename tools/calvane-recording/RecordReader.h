@@ -1,6 +1,9 @@
 #pragma once
 
+#include <chrono>
 #include <cstdint>
+#include <functional>
+#include <stdexcept>
 #include <vector>
 
 #include "TimeText.h"
@@ -17,26 +20,44 @@ struct Frame {
     Time time = 0;
     std::int64_t compositionOffset =
         0; ///< Of a record: from its time, the decode time, to when it is to be shown, in us.
+    std::uint32_t length = 0;  ///< Of the payload.
     std::vector<char> payload; ///< With kInfo: the info text of the records from here on.
+};
+
+/// How many records could not be read, from the payload of a frame kEnd.
+std::uint64_t UnreadableOf(const unsigned char* payload, std::size_t length);
+
+/// Thrown when the user has had enough.
+class Interrupted : public std::runtime_error {
+public:
+    Interrupted() : std::runtime_error("Interrupted") {}
 };
 
 /// Reads frames from a descriptor, which it closes.
 ///
-/// Errors: std::runtime_error when the stream ends within a frame or without its last one, or is not one.
+/// Errors: std::runtime_error when the stream ends within a frame or without its last one, is not one, or nothing comes
+///         for a minute; Interrupted.
 class RecordReader {
 public:
-    explicit RecordReader(int descriptor) : descriptor_(descriptor) {}
+    /// `isInterrupted` is asked several times a second as long as nothing comes.
+    explicit RecordReader(int descriptor, std::function<bool()> isInterrupted = nullptr);
     ~RecordReader();
     RecordReader(const RecordReader&) = delete;
     RecordReader& operator=(const RecordReader&) = delete;
 
     /// The last frame is kEnd or kFailed.
     Frame Read();
+    /// The same in two steps: a frame without its payload, and then the payload into `length` bytes.
+    Frame ReadHead();
+    void ReadPayload(void* bytes, std::size_t length) { ReadFully(bytes, length); }
 
 private:
     void ReadFully(void* bytes, std::size_t size) const;
 
+    void Wait(std::chrono::steady_clock::time_point since) const;
+
     const int descriptor_;
+    const std::function<bool()> isInterrupted_;
 };
 
 } // namespace calvane_recording

@@ -14,12 +14,6 @@
 
 namespace calvane_recording {
 
-struct Span {
-    Time first = 0;
-    Time last = 0;
-    bool IsEmpty() const { return first == 0 && last == 0; }
-};
-
 struct State {
     bool recording = false;
     bool video = false;

@@ -10,6 +10,13 @@ using Time = std::int64_t;
 
 constexpr Time kSecond = 1'000'000;
 
+/// From a time to a time, both included.
+struct Span {
+    Time first = 0;
+    Time last = 0;
+    bool IsEmpty() const { return first == 0 && last == 0; } ///< As the services say that there is nothing.
+};
+
 /// What a time without an offset is in, and what times are printed in.
 enum class Zone {
     Utc,

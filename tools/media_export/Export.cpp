@@ -1,0 +1,252 @@
+#include "media_export/Export.h"
+
+#include <algorithm>
+#include <list>
+#include <stdexcept>
+#include <string>
+
+#include "media_export/TrackCursor.h"
+
+namespace calvane_export {
+namespace {
+
+using calvane_recording::NameOf;
+using calvane_recording::Zone;
+
+std::string AtText(Time time) {
+    return TimeText(time, Zone::Utc);
+}
+
+/// Whether it is UTF-8 (RFC 3629) without control characters but tabs and line ends.
+bool IsText(const Record& record) {
+    const unsigned char* at = record.bytes.data();
+    const unsigned char* const end = at + record.size;
+    while (at != end) {
+        const unsigned char lead = *at++;
+        if (lead < 0x80) {
+            if (lead < 0x20 && lead != '\t' && lead != '\n' && lead != '\r') {
+                return false;
+            }
+            continue;
+        }
+        const int more = lead >= 0xF0 ? 3 : lead >= 0xE0 ? 2 : 1;
+        if (lead < 0xC2 || lead > 0xF4 || end - at < more) {
+            return false;
+        }
+        for (int i = 0; i != more; ++i) {
+            if ((*at++ & 0xC0) != 0x80) {
+                return false;
+            }
+        }
+    }
+    return true;
+}
+
+/// Writes one file.
+class PartExporter {
+public:
+    PartExporter(IRecordSource& source, IOutput& output, const ExportOptions& options)
+        : source_(source), output_(output), options_(options) {}
+
+    Part Run(const std::optional<Change>& from);
+
+private:
+    void Open(const std::optional<Change>& from);
+    void AddCursor(TrackKind track, const Span& span);
+    Time FindBegin(const std::optional<Change>& from) const;
+    void AddStreams();
+    void AddStream(TrackCursor& cursor);
+    void AddMetadata(TrackCursor& cursor);
+    /// The one whose record comes first; null when all are at their end.
+    TrackCursor* Earliest();
+    void WriteRecord(TrackCursor& cursor);
+    void JoinGap(const TrackCursor& cursor);
+    bool IsInSkippedGap(Time time) const;
+    Time LongestPause() const;
+
+    IRecordSource& source_;
+    IOutput& output_;
+    const ExportOptions& options_;
+    std::list<TrackCursor> cursors_;
+    std::optional<MovieWriter> writer_;
+    std::optional<Time> mediaEnd_; ///< Of video and audio that was written.
+    Part part_;
+};
+
+/// Where to begin so that the picture at the wanted time can be decoded.
+Time PartExporter::FindBegin(const std::optional<Change>& from) const {
+    const Time wanted = from ? from->time : options_.span.first;
+    if (options_.tracks.count(TrackKind::Video) == 0 || (from && from->track == TrackKind::Video)) {
+        return wanted;
+    }
+    const auto found = from ? source_.FindKeyFrame(TrackKind::Video, wanted)
+                            : FindKeyFrameShownAt(source_, TrackKind::Video, wanted);
+    return found ? found->time : wanted;
+}
+
+void PartExporter::AddCursor(TrackKind track, const Span& span) {
+    if (options_.tracks.count(track) == 0) {
+        return;
+    }
+    cursors_.emplace_back(track, source_.Open(track, span)); // Also without a record, for what was lost.
+    if (track == TrackKind::Video) {
+        part_.beforeKeyFrame = cursors_.back().SkipToKeyFrame();
+    }
+}
+
+void PartExporter::Open(const std::optional<Change>& from) {
+    const Time begin = FindBegin(from);
+    AddCursor(TrackKind::Video, {begin, options_.span.last});
+    for (const TrackKind track : {TrackKind::Audio, TrackKind::Metadata}) {
+        AddCursor(track, {from ? from->time : begin, options_.span.last});
+    }
+    const auto hasRecord = [](const TrackCursor& each) { return each.HasRecord(); };
+    if (std::none_of(cursors_.begin(), cursors_.end(), hasRecord)) {
+        throw std::runtime_error("There is nothing to export from " + AtText(options_.span.first) + " to " +
+                                 AtText(options_.span.last));
+    }
+}
+
+void PartExporter::AddStreams() {
+    part_.begin = INT64_MAX;
+    for (const TrackCursor& cursor : cursors_) {
+        if (cursor.HasRecord()) {
+            part_.begin = std::min(part_.begin, cursor.Current().PresentationTime());
+        }
+    }
+    writer_.emplace(output_, MovieOptions{options_.container, options_.fragmented, part_.begin});
+    for (TrackCursor& cursor : cursors_) {
+        if (!cursor.HasRecord()) {
+            continue;
+        }
+        try {
+            cursor.IsMetadata() ? AddMetadata(cursor) : AddStream(cursor);
+        } catch (const std::runtime_error& problem) {
+            throw std::runtime_error(std::string("The ") + NameOf(cursor.Track()) + " of " +
+                                     AtText(cursor.Current().time) +
+                                     " cannot be exported: " + problem.what());
+        }
+    }
+    writer_->Begin();
+}
+
+void PartExporter::AddStream(TrackCursor& cursor) {
+    cursor.TakeCodec();
+    cursor.stream = writer_->AddStream(*cursor.Codec());
+}
+
+/// With a codec as that; without one as text, if it is some.
+void PartExporter::AddMetadata(TrackCursor& cursor) {
+    if (cursor.Current().info->count("Codec") != 0) {
+        cursor.TakeCodec();
+        if (writer_->Supports(cursor.Codec()->parameters->codec_id)) {
+            cursor.stream = writer_->AddStream(*cursor.Codec());
+        }
+    } else if (CanHoldText(options_.container) && IsText(cursor.Current())) {
+        cursor.isText = true;
+        cursor.stream = writer_->AddTextStream();
+    }
+}
+
+TrackCursor* PartExporter::Earliest() {
+    TrackCursor* earliest = nullptr;
+    for (TrackCursor& cursor : cursors_) {
+        if (cursor.HasRecord() && (earliest == nullptr || cursor.Current().time < earliest->Current().time)) {
+            earliest = &cursor;
+        }
+    }
+    return earliest;
+}
+
+Time PartExporter::LongestPause() const {
+    Time longest = kShortestGap;
+    for (const TrackCursor& cursor : cursors_) {
+        if (!cursor.IsMetadata()) {
+            longest = std::max(longest, 5 * cursor.NominalDuration());
+        }
+    }
+    return longest;
+}
+
+/// Before a record of video or audio is written.
+void PartExporter::JoinGap(const TrackCursor& cursor) {
+    const Time time = cursor.Current().time;
+    if (options_.skipGaps && mediaEnd_ && time - *mediaEnd_ > LongestPause()) {
+        writer_->Join(time - *mediaEnd_);
+        part_.joined += time - *mediaEnd_;
+    }
+    mediaEnd_ = std::max(mediaEnd_.value_or(time), time + cursor.Duration());
+}
+
+/// Whether metadata of that time goes with no video and no audio, and these are not to have a gap.
+bool PartExporter::IsInSkippedGap(Time time) const {
+    if (!options_.skipGaps || !mediaEnd_ || time <= *mediaEnd_) {
+        return false;
+    }
+    Time next = INT64_MAX;
+    for (const TrackCursor& cursor : cursors_) {
+        if (!cursor.IsMetadata() && cursor.HasRecord()) {
+            next = std::min(next, cursor.Current().time);
+        }
+    }
+    return next - *mediaEnd_ > LongestPause();
+}
+
+void PartExporter::WriteRecord(TrackCursor& cursor) {
+    const Record& record = cursor.Current();
+    const auto track = static_cast<std::size_t>(cursor.Track());
+    const bool isUnfit = cursor.isText && (!IsText(record) || record.size > MovieWriter::kLongestText);
+    if (!cursor.stream || record.size == 0 || isUnfit ||
+        (cursor.IsMetadata() && IsInSkippedGap(record.time))) {
+        ++part_.leftOut.at(track);
+        return;
+    }
+    if (!cursor.IsMetadata()) {
+        JoinGap(cursor);
+    }
+    Packet packet;
+    packet.stream = *cursor.stream;
+    packet.decodeTime = record.time - part_.begin;
+    packet.compositionOffset = record.compositionOffset;
+    packet.duration = cursor.Duration();
+    packet.isKeyFrame = record.isKeyFrame;
+    packet.data = record.bytes.data();
+    packet.size = record.size;
+    cursor.isText ? writer_->WriteText(packet) : writer_->Write(packet);
+    ++part_.records.at(track);
+    part_.bytes += record.size;
+    part_.end = std::max(part_.end, record.time);
+}
+
+Part PartExporter::Run(const std::optional<Change>& from) {
+    Open(from);
+    AddStreams();
+    while (TrackCursor* const cursor = Earliest()) {
+        const Time time = cursor->Current().time;
+        options_.onRecord(time);
+        if (!cursor->IsMetadata() && cursor->HasChanged()) {
+            part_.change = Change{cursor->Track(), time};
+            break;
+        }
+        WriteRecord(*cursor);
+        cursor->Advance();
+    }
+    writer_->End();
+    for (const TrackCursor& cursor : cursors_) {
+        part_.losses += cursor.GetLosses();
+    }
+    if (from && part_.change && part_.change->time <= from->time) {
+        throw std::runtime_error(std::string("The ") + NameOf(part_.change->track) +
+                                 " changes too often at " + AtText(part_.change->time) + " to be exported");
+    }
+    return part_;
+}
+
+} // namespace
+
+Part ExportPart(IRecordSource& source, IOutput& output, const ExportOptions& options,
+                const std::optional<Change>& from) {
+    return PartExporter(source, output, options).Run(from);
+}
+
+} // namespace calvane_export

@@ -1,0 +1,39 @@
+#include "record_source/RecordSource.h"
+
+#include <algorithm>
+
+namespace calvane_recording {
+
+const char* NameOf(TrackKind track) {
+    switch (track) {
+        case TrackKind::Video:
+            return "video";
+        case TrackKind::Audio:
+            return "audio";
+        default:
+            return "metadata";
+    }
+}
+
+unsigned char* Record::SetSize(std::size_t length) {
+    size = length;
+    bytes.resize(length + kPadding);
+    std::fill_n(bytes.begin() + static_cast<std::ptrdiff_t>(length), kPadding, static_cast<unsigned char>(0));
+    return bytes.data();
+}
+
+Losses& Losses::operator+=(const Losses& other) {
+    unreadable += other.unreadable;
+    erased += other.erased;
+    return *this;
+}
+
+std::optional<IRecordSource::KeyFrame> FindKeyFrameShownAt(IRecordSource& source, TrackKind track, Time at) {
+    auto found = source.FindKeyFrame(track, at);
+    while (found && found->presentationTime > at) {
+        found = source.FindKeyFrame(track, found->time - 1);
+    }
+    return found;
+}
+
+} // namespace calvane_recording
