@@ -16,24 +16,20 @@
 #include "RecordReader.h"
 #include "RecordingClient.h"
 #include "Timeline.h"
+#include "record_source/ServiceSource.h"
 
 namespace calvane_recording {
 namespace {
 
-constexpr std::array<const char*, 3> kTracks{"video", "audio", "metadata"};
 constexpr auto kFollowPeriod = std::chrono::milliseconds(500);
 
 unsigned int TrackOf(const std::string& name) {
-    for (unsigned int track = 0; track != kTracks.size(); ++track) {
-        if (name == kTracks[track]) {
-            return track;
-        }
-    }
-    throw std::invalid_argument("Not a track: \"" + name + "\" (video, audio or metadata)");
+    return static_cast<unsigned int>(ParseTrack(name));
 }
 
 std::string NameOf(unsigned int track) {
-    return track < kTracks.size() ? kTracks[track] : "track " + std::to_string(track);
+    return track <= static_cast<unsigned int>(TrackKind::Metadata) ? NameOf(static_cast<TrackKind>(track))
+                                                                   : "track " + std::to_string(track);
 }
 
 /// The tracks that are asked for.
@@ -46,13 +42,7 @@ std::vector<unsigned int> TracksOf(const Options& options) {
 
 /// From begin to now, unless the options say otherwise.
 Span SpanOf(const Options& options) {
-    const Time now = Now();
-    const Span span{ParseTime(options.from, now, options.zone), ParseTime(options.to, now, options.zone)};
-    if (span.last < span.first) {
-        throw std::invalid_argument("The span ends (" + TimeText(span.last, options.zone) +
-                                    ") before it begins (" + TimeText(span.first, options.zone) + ")");
-    }
-    return span;
+    return ParseSpan(options.from, options.to, options.zone);
 }
 
 json ToJson(Time time) {
@@ -175,6 +165,17 @@ void ListFrame(const Frame& frame, const Options& options) {
                                                : "")
                   << "\n";
     }
+}
+
+Span SpanToRead(RecordingClient& client, const Options& options) {
+    Span span = SpanOf(options);
+    if (options.fromKey) {
+        ServiceSource source(client, nullptr);
+        const auto key =
+            FindKeyFrameShownAt(source, static_cast<TrackKind>(TrackOf(options.track)), span.first);
+        span.first = key ? key->time : span.first;
+    }
+    return span;
 }
 
 } // namespace
@@ -348,8 +349,9 @@ void ReadRecords(RecordingClient& client, const Options& options) {
     if (!options.list && isatty(STDOUT_FILENO) == 1) {
         throw std::invalid_argument("Standard output is a terminal: redirect it to a file, or use --list");
     }
-    RecordReader reader(client.OpenRecords(TrackOf(options.track), SpanOf(options)));
+    RecordReader reader(client.OpenRecords(TrackOf(options.track), SpanToRead(client, options)));
     unsigned int gaps = 0;
+    bool isAhead = options.fromKey; // Of the first key frame; others may have its time.
     Frame frame = reader.Read();
     for (; frame.kind != Frame::kEnd; frame = reader.Read()) {
         switch (frame.kind) {
@@ -364,6 +366,10 @@ void ReadRecords(RecordingClient& client, const Options& options) {
             case Frame::kInfo:
                 break;
             default:
+                isAhead = isAhead && (frame.kind != Frame::kRecord || (frame.flags & 1) == 0);
+                if (isAhead) {
+                    break;
+                }
                 if (options.list) {
                     ListFrame(frame, options);
                 } else {

@@ -20,6 +20,7 @@ struct Options {
     std::string track; ///< Empty for all of them.
     bool follow = false;
     bool list = false;
+    bool fromKey = false;
     // Limits to be set; empty ones stay as they are. Of space in bytes, 0 for none.
     std::string limit;
     std::optional<std::uint64_t> dataSpace;

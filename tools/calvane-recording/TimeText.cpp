@@ -248,6 +248,16 @@ Time ParseDuration(const std::string& text) {
     return sum;
 }
 
+Span ParseSpan(const std::string& from, const std::string& to, Zone zone) {
+    const Time now = Now();
+    const Span span{ParseTime(from, now, zone), ParseTime(to, now, zone)};
+    if (span.last < span.first) {
+        throw std::invalid_argument("The span ends (" + TimeText(span.last, zone) + ") before it begins (" +
+                                    TimeText(span.first, zone) + ")");
+    }
+    return span;
+}
+
 Time Now() {
     return std::chrono::duration_cast<std::chrono::microseconds>(
                std::chrono::system_clock::now().time_since_epoch())

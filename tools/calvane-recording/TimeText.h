@@ -36,6 +36,9 @@ Time ParseTime(const std::string& text, Time now, Zone zone);
 /// those of systemd.time(7) from us to weeks. Throws std::invalid_argument that names the text.
 Time ParseDuration(const std::string& text);
 
+/// Throws also when it ends before it begins.
+Span ParseSpan(const std::string& from, const std::string& to, Zone zone);
+
 Time Now();
 /// "2026-11-21T13:00:00.250000Z" or "2026-11-21T14:00:00.250000+01:00"
 std::string TimeText(Time time, Zone zone);

@@ -4,18 +4,14 @@
 #include <iostream>
 
 #include "Commands.h"
+#include "MediaCommandLine.h"
+#include "MediaProgram.h"
 #include "RecordingClient.h"
 #include "calvane/runtime/CalvaneEnv.h"
-#include "command_line/Complaint.h"
 
 namespace {
 
 using namespace calvane_recording;
-
-// What the program tells its caller.
-constexpr int kDone = 0;
-constexpr int kFailed = 1;
-constexpr int kBadCommandLine = 2;
 
 using ClientCommand = void (*)(RecordingClient&, const Options&);
 
@@ -32,21 +28,17 @@ private:
     void AddRetention();
 
     CLI::App app_{"Tells what the device has recorded.", "calvane-recording"};
+    CommonOptions common_;
     Options options_;
-    std::string bus_;
+    MediaOptions media_; // Checked here, and used by the program for media.
+    char** argv_ = nullptr;
     std::string settings_;
     std::function<void()> chosen_;
 };
 
 Program::Program() {
     app_.set_version_flag("--version", std::string("calvane-recording ") + quarn::calvane::kVersion);
-    app_.add_option("--bus", bus_, "session, system or an address of D-Bus; as DRENN_BUS says without it")
-        ->type_name("BUS");
-    app_.require_subcommand(1);
-    app_.add_flag_callback(
-        "--local", [this] { options_.zone = Zone::Local; },
-        "Print times in local time, and read those without an offset as such");
-    app_.fallthrough();
+    AddCommonOptions(app_, common_);
     app_.footer(
         "Times are ISO 8601 (2026-11-21T13:00:00Z, with +02:00 for Z, a date or 13:00 alone), in UTC when "
         "they\n"
@@ -58,7 +50,8 @@ Program::Program() {
         "Examples:\n"
         "  calvane-recording summary\n"
         "  calvane-recording coverage --from -1h\n"
-        "  calvane-recording read --track video --from -10s --to now > clip.bin");
+        "  calvane-recording export --from -1min clip.mp4\n"
+        "  calvane-recording play --from 13:00 --player ffplay");
 
     AddCommand("summary", "Print from when to when there are recordings", &PrintSummary);
     AddCommand("status", "Print how the recorder and its card are, and until when there is room",
@@ -82,6 +75,9 @@ Program::Program() {
     AddSpan(read);
     AddTrack(read, true);
     read->add_flag("--list", options_.list, "Print a line for each record instead");
+    read->add_flag("--from-key", options_.fromKey,
+                   "Begin with the key frame that is shown at the begin or before it");
+    AddMediaCommands(app_, media_, [this](MediaCommand) { chosen_ = [this] { BecomeMediaProgram(argv_); }; });
     AddCommand("watch", "Print events as they come", &Watch);
     AddRetention();
 }
@@ -140,31 +136,15 @@ void Program::AddRetention() {
 }
 
 int Program::Run(int argc, char** argv) {
-    try {
-        app_.parse(argc, argv);
-    } catch (const CLI::Success& answer) { // --help and --version
-        return app_.exit(answer);
-    } catch (const CLI::ParseError& error) {
-        std::cerr << calvane_program::Complaint(app_, error) << "\n";
-        return kBadCommandLine;
-    }
-    if (!bus_.empty()) {
-        setenv("DRENN_BUS", bus_.c_str(), 1);
-    }
-    options_.file = !settings_.empty();
-    if (options_.file) {
-        setenv("DRENN_SETTINGS", settings_.c_str(), 1);
-    }
-    try {
+    argv_ = argv;
+    return RunProgram(app_, common_, argc, argv, [this] {
+        options_.zone = common_.zone;
+        options_.file = !settings_.empty();
+        if (options_.file) {
+            setenv("DRENN_SETTINGS", settings_.c_str(), 1);
+        }
         chosen_();
-    } catch (const std::invalid_argument& problem) {
-        std::cerr << "calvane-recording: " << problem.what() << "\n";
-        return kBadCommandLine;
-    } catch (const std::exception& problem) {
-        std::cerr << "calvane-recording: " << problem.what() << "\n";
-        return kFailed;
-    }
-    return kDone;
+    });
 }
 
 } // namespace
@@ -174,6 +154,6 @@ int main(int argc, char** argv) {
         return Program().Run(argc, argv);
     } catch (const std::exception& error) {
         std::cerr << "calvane-recording: " << error.what() << "\n";
-        return kFailed;
+        return 1;
     }
 }

@@ -1,6 +1,7 @@
 #include "record_source/RecordSource.h"
 
 #include <algorithm>
+#include <stdexcept>
 
 namespace calvane_recording {
 
@@ -13,6 +14,15 @@ const char* NameOf(TrackKind track) {
         default:
             return "metadata";
     }
+}
+
+TrackKind ParseTrack(const std::string& name) {
+    for (const TrackKind track : {TrackKind::Video, TrackKind::Audio, TrackKind::Metadata}) {
+        if (name == NameOf(track)) {
+            return track;
+        }
+    }
+    throw std::invalid_argument("Not a track: \"" + name + "\" (video, audio or metadata)");
 }
 
 unsigned char* Record::SetSize(std::size_t length) {

@@ -16,6 +16,8 @@ namespace calvane_recording {
 enum class TrackKind : unsigned int { Video = 0, Audio = 1, Metadata = 2 };
 
 const char* NameOf(TrackKind track);
+/// Throws std::invalid_argument that names the text.
+TrackKind ParseTrack(const std::string& name);
 
 using InfoMap = std::map<std::string, std::string>;
 
