@@ -82,7 +82,7 @@ void Thumbnails::WriteAll(const Span& span) {
     for (Time at = span.first; at <= span.last && !run_.isInterrupted; at += every_) {
         progress.Show(at);
         auto key = FindKeyFrameShownAt(records_, TrackKind::Video, at);
-        const bool isNew = key && (!last || key->time > *last) && (!last || key->time > at - every_);
+        const bool isNew = key && (!last || key->time > *last);
         if (isNew ? !ReadKeyFrame(key->time, key->time, record)
                   : !ReadKeyFrame(std::max(at, last.value_or(at) + 1), span.last, record)) {
             return;

@@ -10,6 +10,7 @@
 namespace calvane_export {
 namespace {
 
+using calvane_recording::kShortestGap;
 using calvane_recording::NameOf;
 using calvane_recording::Zone;
 
@@ -54,6 +55,7 @@ private:
     void Open(const std::optional<Change>& from);
     void AddCursor(TrackKind track, const Span& span);
     Time FindBegin(const std::optional<Change>& from) const;
+    Time FirstPresentation() const;
     void AddStreams();
     void AddStream(TrackCursor& cursor);
     void AddMetadata(TrackCursor& cursor);
@@ -107,13 +109,22 @@ void PartExporter::Open(const std::optional<Change>& from) {
     }
 }
 
-void PartExporter::AddStreams() {
-    part_.begin = INT64_MAX;
-    for (const TrackCursor& cursor : cursors_) {
+/// Of video if there is some: what else goes with its first pictures may begin a little earlier, and the files can tell.
+Time PartExporter::FirstPresentation() const {
+    Time first = INT64_MAX;
+    for (const TrackCursor& cursor : cursors_) { // Video comes first.
         if (cursor.HasRecord()) {
-            part_.begin = std::min(part_.begin, cursor.Current().PresentationTime());
+            first = std::min(first, cursor.Current().PresentationTime());
+            if (cursor.Track() == TrackKind::Video) {
+                break;
+            }
         }
     }
+    return first;
+}
+
+void PartExporter::AddStreams() {
+    part_.begin = FirstPresentation();
     writer_.emplace(output_, MovieOptions{options_.container, options_.fragmented, part_.begin});
     for (TrackCursor& cursor : cursors_) {
         if (!cursor.HasRecord()) {

@@ -160,7 +160,11 @@ bool MovieWriter::Supports(AVCodecID codec) const {
         return std::find(kOfTransportStreams.begin(), kOfTransportStreams.end(), codec) !=
                kOfTransportStreams.end();
     }
-    return avformat_query_codec(context_->oformat, codec, FF_COMPLIANCE_NORMAL) == 1;
+    // Matroska also takes what has a tag in its table of those of AVI and WAV.
+    unsigned int tag = 0;
+    const AVCodecTag* const* const tags = context_->oformat->codec_tag;
+    return avformat_query_codec(context_->oformat, codec, FF_COMPLIANCE_NORMAL) == 1 ||
+           (tags != nullptr && av_codec_get_tag2(tags, codec, &tag) != 0);
 }
 
 MovieWriter::Stream& MovieWriter::AddAny(AVCodecID codec) {

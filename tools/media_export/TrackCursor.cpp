@@ -13,6 +13,8 @@ extern "C" {
 namespace calvane_export {
 namespace {
 
+using calvane_recording::kShortestGap;
+
 static_assert(Record::kPadding >= AV_INPUT_BUFFER_PADDING_SIZE, "records are handed to parsers");
 
 bool IsSame(const AVCodecParameters& one, const AVCodecParameters& other) {

@@ -53,7 +53,4 @@ private:
     std::shared_ptr<const calvane_recording::InfoMap> known_; ///< It has the same codec.
 };
 
-/// Time without a record that is longer than this, or than five frames of video, is a gap.
-constexpr Time kShortestGap = 2 * calvane_recording::kSecond;
-
 } // namespace calvane_export

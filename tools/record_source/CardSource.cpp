@@ -212,13 +212,24 @@ std::unique_ptr<IRecords> CardSource::Open(TrackKind kind, const Span& span) {
 
 std::optional<IRecordSource::KeyFrame> CardSource::FindKeyFrame(TrackKind kind, Time at) {
     Track* const track = Find(kind);
+    std::optional<Time> last;
+    std::optional<Time> goesOnUntil;
     for (unsigned int index = track != nullptr ? FirstNotBefore(*track, at + 1) : 0; index-- != 0;) {
         const auto header = ReadHeader(*track, index);
-        if (header && TimeOf(*header) < at - kFarthestKeyFrame) {
+        if (!header) {
+            continue;
+        }
+        const Time time = TimeOf(*header);
+        if (time < at - kFarthestKeyFrame) {
             break;
         }
-        if (header && (header->flags & RecordHeader::kKeyFrame) != 0) {
-            return KeyFrame{TimeOf(*header), TimeOf(*header) + header->compositionOffset()};
+        if (last && !goesOnUntil) {
+            goesOnUntil = GapAfter(*last, *last - time);
+        }
+        last = last.value_or(time);
+        if ((header->flags & RecordHeader::kKeyFrame) != 0) {
+            return KeyFrame{time, time + header->compositionOffset(),
+                            goesOnUntil.value_or(GapAfter(*last, 0))};
         }
     }
     return std::nullopt;

@@ -1,6 +1,5 @@
 #include "record_source/RecordSource.h"
 
-#include <algorithm>
 #include <stdexcept>
 
 namespace calvane_recording {
@@ -40,6 +39,9 @@ Losses& Losses::operator+=(const Losses& other) {
 
 std::optional<IRecordSource::KeyFrame> FindKeyFrameShownAt(IRecordSource& source, TrackKind track, Time at) {
     auto found = source.FindKeyFrame(track, at);
+    if (found && found->goesOnUntil < at) {
+        return std::nullopt;
+    }
     while (found && found->presentationTime > at) {
         found = source.FindKeyFrame(track, found->time - 1);
     }

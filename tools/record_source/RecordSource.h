@@ -1,5 +1,6 @@
 #pragma once
 
+#include <algorithm>
 #include <cstddef>
 #include <cstdint>
 #include <map>
@@ -69,6 +70,7 @@ public:
     struct KeyFrame {
         Time time = 0;
         Time presentationTime = 0;
+        Time goesOnUntil = 0; ///< There is no gap between it and the wanted time if this is not earlier.
     };
 
     /// The times of the first and the last record.
@@ -81,8 +83,15 @@ public:
 };
 
 constexpr Time kFarthestKeyFrame = 3600 * kSecond;
+/// Time without a record that is longer, and longer than five usual intervals, is a gap.
+constexpr Time kShortestGap = 2 * kSecond;
 
-/// The last key frame that is shown at `at` or before it, where there is one.
+/// When a gap would begin behind a record, by its distance from the one before it.
+inline Time GapAfter(Time time, Time interval) {
+    return time + std::max(kShortestGap, 5 * interval);
+}
+
+/// The last key frame that is shown at `at` or before it; nothing if there is none, or a gap at `at`.
 std::optional<IRecordSource::KeyFrame> FindKeyFrameShownAt(IRecordSource& source, TrackKind track, Time at);
 
 } // namespace calvane_recording

@@ -91,16 +91,27 @@ std::optional<IRecordSource::KeyFrame> ServiceSource::FindKeyFrame(TrackKind tra
     Time end = std::min(at, all.last);
     const Time earliest = std::max(all.first, end - kFarthestKeyFrame);
     std::optional<KeyFrame> found;
+    std::optional<Time> goesOnUntil; // From the last record on.
     Record record;
     for (Time look = kFirstLook; !found && !all.IsEmpty() && end >= earliest; look *= 4) {
         const Time begin = std::max(earliest, end - look);
         const auto records = Open(track, {begin, end});
+        Time last = 0;
+        Time interval = 0;
         while (records->Read(record)) {
             if (record.isKeyFrame) {
-                found = {record.time, record.PresentationTime()};
+                found = {record.time, record.PresentationTime(), 0};
             }
+            interval = last != 0 ? record.time - last : 0;
+            last = record.time;
+        }
+        if (last != 0 && !goesOnUntil) {
+            goesOnUntil = GapAfter(last, interval);
         }
         end = begin - 1;
+    }
+    if (found) {
+        found->goesOnUntil = *goesOnUntil;
     }
     return found;
 }
