@@ -1,5 +1,6 @@
 # What `cmake --install` puts where. Component runtime: libraries, programs with their manual and completion, and the
-# folder for modules of plugins. Component dev: headers, and the package files for find_package(calvane) and pkg-config.
+# folder for modules of plugins. Component media: what needs FFmpeg. Component dev: headers, and the package files for
+# find_package(calvane) and pkg-config.
 
 include(CMakePackageConfigHelpers)
 
@@ -32,6 +33,14 @@ function(calvane_collect_programs variable folder)
 endfunction()
 
 calvane_collect_programs(programs ${PROJECT_SOURCE_DIR}/tools)
+# Programs that others run, of a component of their own.
+if(TARGET calvane-recording-media)
+  list(REMOVE_ITEM programs calvane-recording-media)
+  set(calvane_libexec_dir ${CMAKE_INSTALL_LIBEXECDIR}/calvane)
+  file(RELATIVE_PATH lib_from_libexec ${CMAKE_INSTALL_FULL_LIBEXECDIR}/calvane ${CMAKE_INSTALL_FULL_LIBDIR})
+  set_target_properties(calvane-recording-media PROPERTIES INSTALL_RPATH "$ORIGIN/${lib_from_libexec}")
+  install(TARGETS calvane-recording-media RUNTIME DESTINATION ${calvane_libexec_dir} COMPONENT media)
+endif()
 if(programs)
   file(RELATIVE_PATH lib_from_bin ${CMAKE_INSTALL_FULL_BINDIR} ${CMAKE_INSTALL_FULL_LIBDIR})
   set_target_properties(${programs} PROPERTIES INSTALL_RPATH "$ORIGIN/${lib_from_bin}")

@@ -24,3 +24,11 @@ endforeach()
 list(FILTER runtime INCLUDE REGEX "\\.(h|cmake|pc)$|/lib[a-z]+\\.so$")
 expect("What the component runtime has for building" "${runtime}" "")
 run(${EMULATOR} ${WORK_DIR}/runtime/bin/calvane plugins)
+# The programs for media are found from those of the component runtime.
+if(media AND NOT EMULATOR)
+  execute_process(COMMAND ${PREFIX}/bin/calvane-recording export --card ${WORK_DIR} out.mkv
+    ERROR_VARIABLE answer RESULT_VARIABLE status)
+  if(NOT status EQUAL 1 OR answer MATCHES "component")
+    message(FATAL_ERROR "calvane-recording export ends with ${status}: ${answer}")
+  endif()
+endif()
