@@ -53,7 +53,8 @@ void AddCommonOptions(CLI::App& program, CommonOptions& options) {
     program.fallthrough();
 }
 
-void AddMediaCommands(CLI::App& program, MediaOptions& options, std::function<void(MediaCommand)> onChosen) {
+void AddMediaCommands(CLI::App& program, MediaOptions& options,
+                      const std::function<void(MediaCommand)>& onChosen) {
     CLI::App* const movie = program.add_subcommand("export", "Write video, audio and metadata into a file");
     AddSource(*movie, options);
     AddTracks(*movie, options);

@@ -38,7 +38,8 @@ enum class MediaCommand { Export, Thumbnails, Play };
 /// The command line is read twice: by calvane-recording, which has the help, and by the program that does it, which is
 /// there where FFmpeg is.
 void AddCommonOptions(CLI::App& program, CommonOptions& options);
-void AddMediaCommands(CLI::App& program, MediaOptions& options, std::function<void(MediaCommand)> onChosen);
+void AddMediaCommands(CLI::App& program, MediaOptions& options,
+                      const std::function<void(MediaCommand)>& onChosen);
 
 /// What both have in common once their options are declared: parses, selects the bus, runs `run`. Returns the exit
 /// status: 0 done, 1 failed, 2 bad command line.

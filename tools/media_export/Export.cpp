@@ -109,13 +109,14 @@ void PartExporter::Open(const std::optional<Change>& from) {
     }
 }
 
-/// Of video if there is some: what else goes with its first pictures may begin a little earlier, and the files can tell.
+/// Sound that begins a little before the first picture has times below 0 in mp4, which has edit lists for that; elsewhere the
+/// begin is the earliest of all.
 Time PartExporter::FirstPresentation() const {
     Time first = INT64_MAX;
     for (const TrackCursor& cursor : cursors_) { // Video comes first.
         if (cursor.HasRecord()) {
             first = std::min(first, cursor.Current().PresentationTime());
-            if (cursor.Track() == TrackKind::Video) {
+            if (cursor.Track() == TrackKind::Video && options_.container == Container::Mp4) {
                 break;
             }
         }
