@@ -145,4 +145,15 @@ TEST_F(OutputTest, WithoutItsProgramTheOtherCommandsWorkAndItsOwnSayWhatIsMissin
                 HasSubstr("The video of 2026-01-01T11:00:00.000000Z cannot be exported: Codec is missing"));
 }
 
+TEST_F(OutputTest, TheDemonstrationEndsWell) {
+    SKIP_WHEN_EMULATED("the demonstration starts the programs itself");
+    Recorder::deinit(); // It has a recorder and a bus of its own.
+    const std::string out =
+        Shell("PATH=" CALVANE_BIN_DIR ":$PATH exec " CALVANE_SOURCE_DIR "/examples/camera-demo.sh 7 demo");
+    EXPECT_THAT(out, HasSubstr("codec_name=h264|width=1280|height=720"));
+    EXPECT_THAT(out, HasSubstr("Try next:"));
+    EXPECT_GT(PacketsOf("demo/clip.mp4", "v").size(), 140U);
+    EXPECT_GT(PacketsOf("demo/clip.mp4", "a").size(), 220U);
+}
+
 } // namespace
