@@ -111,6 +111,17 @@ TEST_F(SpanTest, AGapTakesItsTimeOrIsLeftOut) {
     EXPECT_FALSE(folder.Has("none.mp4"));
 }
 
+TEST_F(SpanTest, SoundLongBeforeThePictureIsNotCutOff) {
+    Make("tone.mp4", "-f lavfi -i sine=sample_rate=48000:duration=5 -c:a aac");
+    Make("picture.mp4", "-f lavfi -i testsrc=size=320x240:rate=25:duration=3 -c:v libx264 -preset ultrafast");
+    RecordMedia(*Recorder::instance(), folder.Path("tone.mp4"), {kStart});
+    RecordMedia(*Recorder::instance(), folder.Path("picture.mp4"), {kStart + 4'000'000});
+    ExpectRuns({"export", "out.mp4"});
+    EXPECT_EQ(PacketsOf("out.mp4", "a"), PacketsOf("tone.mp4", "a"));
+    EXPECT_NEAR(DurationOf("out.mp4"), 7, 0.1);
+    EXPECT_NEAR(std::stod(Probe("out.mp4", "-select_streams v -show_entries stream=start_time")), 4, 0.03);
+}
+
 TEST_F(SpanTest, AnotherSizeOfPictureBeginsAnotherFile) {
     Make("small.mp4", Inputs("320x240", 3));
     Make("large.mp4", Inputs("640x480", 3));

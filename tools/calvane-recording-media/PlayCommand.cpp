@@ -54,6 +54,7 @@ Player::Player(const std::string& program) {
     }
     words.emplace_back("-");
     std::vector<char*> arguments;
+    arguments.reserve(words.size() + 1);
     for (std::string& word : words) {
         arguments.push_back(word.data());
     }

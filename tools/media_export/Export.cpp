@@ -109,19 +109,19 @@ void PartExporter::Open(const std::optional<Change>& from) {
     }
 }
 
-/// Sound that begins a little before the first picture has times below 0 in mp4, which has edit lists for that; elsewhere the
-/// begin is the earliest of all.
+/// The begin of all tracks. In mp4 that of video where sound begins a little earlier, together with its decoding: there edit
+/// lists make that part of the sound silent, which elsewhere would move the pictures.
 Time PartExporter::FirstPresentation() const {
     Time first = INT64_MAX;
-    for (const TrackCursor& cursor : cursors_) { // Video comes first.
+    const Record* video = nullptr;
+    for (const TrackCursor& cursor : cursors_) {
         if (cursor.HasRecord()) {
             first = std::min(first, cursor.Current().PresentationTime());
-            if (cursor.Track() == TrackKind::Video && options_.container == Container::Mp4) {
-                break;
-            }
+            video = cursor.Track() == TrackKind::Video ? &cursor.Current() : video;
         }
     }
-    return first;
+    const bool isTogether = video != nullptr && first >= video->time;
+    return isTogether && options_.container == Container::Mp4 ? video->PresentationTime() : first;
 }
 
 void PartExporter::AddStreams() {
