@@ -193,7 +193,7 @@ void ReadExtraData(const InfoReader& info, AVCodecParameters& parameters) {
     if (text == nullptr) {
         return;
     }
-    std::vector<std::uint8_t> bytes(AV_BASE64_DECODE_SIZE(text->size()) + 3);
+    std::vector<std::uint8_t> bytes(static_cast<std::size_t>(AV_BASE64_DECODE_SIZE(text->size())) + 3);
     const int size = bytes.size() <= kMaxExtraDataBytes
                          ? av_base64_decode(bytes.data(), text->c_str(), static_cast<int>(bytes.size()))
                          : -1;
