@@ -3,6 +3,7 @@
 # Usage: run.sh [--quick] [--rounds N]          the framework
 #        run.sh store [--quick] [--rounds N]    the recording store; as root, since it makes a loop device
 #        run.sh recorder [--quick] [--rounds N] the recorder's library and service; as root, to empty the page cache
+#        run.sh media [--quick] [--rounds N]    recording and exporting media; as root, to empty the page cache
 #        run.sh middleware [ARGS]               services, settings, logging; ARGS go to Google Benchmark
 #        run.sh smoke                           each of them once, as little as possible: whether they still run; as root
 # CALVANE_BENCH_BUILD: the folder of the build, build/bench when not set
@@ -20,6 +21,7 @@ if [[ ${1-} == smoke ]]; then
     "$0" --smoke
     "$0" store --smoke
     "$0" recorder --smoke
+    "$0" media --smoke
     exec "$0" middleware --benchmark_repetitions=1 --benchmark_report_aggregates_only=false --benchmark_min_time=0.001
 fi
 if [[ ${1-} == middleware ]]; then
@@ -29,9 +31,10 @@ if [[ ${1-} == middleware ]]; then
         --benchmark_enable_random_interleaving=true --benchmark_min_time=0.2 \
         --benchmark_report_aggregates_only=true "$@"
 fi
-if [[ ${1-} == recorder ]]; then
+if [[ ${1-} == recorder || ${1-} == media ]]; then
+    script=$1
     shift
-    exec dbus-run-session -- python3 -B bench/recorder.py --build "$build" "$@"
+    exec dbus-run-session -- python3 -B "bench/$script.py" --build "$build" "$@"
 fi
 script=side_by_side
 if [[ ${1-} == store ]]; then

@@ -1,0 +1,199 @@
+#!/usr/bin/env python3
+"""Sets recording and exporting of media beside what ffmpeg does with the same packets.
+
+To be run on a bus of its own (run.sh media). A figure is the median of its rounds, in which ours and theirs take turns."""
+import argparse
+import contextlib
+import json
+import os
+import platform
+import shutil
+import signal
+import subprocess
+import sys
+import tempfile
+import time
+
+from measure import Failure, OthersWatch, Samples, add_extent
+from table import print_table
+
+KIB = 1024
+FFMPEG = ["ffmpeg", "-nostdin", "-v", "error", "-y"]
+PICTURE = "testsrc2=size=1920x1080:rate=30"
+DESCRIPTION = """[calvane]
+t.pipelines = input
+
+[input]
+t.pipeline.head = source
+
+[source]
+t.plugin.type = MediaSource
+t.plugin.module = media.so
+t.pipeline.next.video = video
+t.pipeline.next.audio = audio
+url = {url}
+realtime = 0
+
+[video]
+t.plugin.type = RecordingSink
+t.plugin.module = recording.so
+track = video
+
+[audio]
+t.plugin.type = RecordingSink
+t.plugin.module = recording.so
+track = audio
+"""
+
+
+def run(command):
+    """Seconds on the wall clock, of processor time, and KiB of memory at the most."""
+    begin = time.perf_counter()
+    with subprocess.Popen(command, stdin=subprocess.DEVNULL, stdout=subprocess.DEVNULL) as process:
+        return ended(process, begin)
+
+
+def ended(process, begin):
+    _pid, status, usage = os.wait4(process.pid, 0)
+    process.returncode = os.waitstatus_to_exitcode(status)
+    if process.returncode != 0:
+        raise Failure(f"{' '.join(process.args)[:100]} ended with status {process.returncode}")
+    return time.perf_counter() - begin, usage.ru_utime + usage.ru_stime, usage.ru_maxrss
+
+
+def bytes_below(folder):
+    return sum(os.path.getsize(os.path.join(here, name)) for here, _folders, names in os.walk(folder) for name in names)
+
+
+def forget_cache():
+    os.sync()
+    with open("/proc/sys/vm/drop_caches", "w", encoding="ascii") as caches:
+        caches.write("3\n")
+
+
+class Input:
+    """1080p30 at 8 Mbit/s and AAC: so many seconds are encoded, and repeated."""
+
+    def __init__(self, folder, seconds, encoded):
+        self.path, self.seconds, self.recorded = os.path.join(folder, "input.mkv"), seconds, 0
+        piece = os.path.join(folder, "piece.mkv")
+        run([*FFMPEG, "-f", "lavfi", "-i", PICTURE, "-f", "lavfi", "-i", "sine=frequency=440:sample_rate=48000",
+             "-t", str(encoded), "-c:v", "libx264", "-preset", "ultrafast", "-g", "30", "-b:v", "8M", "-minrate", "8M",
+             "-maxrate", "8M", "-bufsize", "8M", "-x264-params", "nal-hrd=cbr", "-c:a", "aac", "-b:a", "128k", piece])
+        run([*FFMPEG, "-stream_loop", str(seconds // encoded - 1), "-i", piece, "-c", "copy", self.path])
+        os.remove(piece)
+        sizes = subprocess.run(["ffprobe", "-v", "error", "-show_entries", "packet=size", "-of", "csv=p=0", self.path],
+                               check=True, stdout=subprocess.PIPE, encoding="ascii").stdout.split()
+        self.packets, self.bytes = len(sizes), sum(int(size.strip(",")) for size in sizes)
+
+
+class Recorder:
+    def __init__(self, binaries, folder):
+        self._binaries, self._folder = binaries, folder
+        os.environ.update(DRENN_SETTINGS=os.path.join(folder, "settings.db"))
+        os.environ.pop("DRENN_BUS", None)
+
+    def program(self, name, *words):
+        return [os.path.join(self._binaries, name), *words]
+
+    def record(self, media, card):
+        """Records all packets on a card that is made; as run."""
+        os.mkdir(card)
+        description = os.path.join(self._folder, "media.ini")
+        with open(description, "w", encoding="ascii") as file:
+            file.write(DESCRIPTION.format(url=media.path))
+        begin, media.recorded = time.perf_counter(), time.time()
+        with subprocess.Popen(self.program("calvane-recorder", "--root", card, "--log", "*=warning", description),
+                              stdin=subprocess.DEVNULL) as process:
+            while self._written() < media.packets:
+                if process.poll() is not None or time.perf_counter() - begin > 120:
+                    process.kill()
+                    raise Failure("the recorder has not recorded all packets")
+                time.sleep(0.2)
+            process.send_signal(signal.SIGTERM)
+            return ended(process, begin)
+
+    def _written(self):
+        status = subprocess.run(self.program("calvane-recording", "status", "--json"), check=False,
+                                stdout=subprocess.PIPE, stderr=subprocess.DEVNULL)
+        with contextlib.suppress(ValueError, KeyError):
+            return sum(track["records"] for track in json.loads(status.stdout)["tracks"].values())
+        return 0
+
+
+def recording_rows(recorder, media, folder, rounds):
+    """Leaves the last card."""
+    card, segments = os.path.join(folder, "card"), os.path.join(folder, "segments")
+
+    def segment(name, extension):
+        shutil.rmtree(segments, ignore_errors=True)
+        os.mkdir(segments)
+        return run([*FFMPEG, "-i", media.path, "-map", "0", "-c", "copy", "-f", "segment", "-segment_time", "60",
+                    "-segment_format", name, os.path.join(segments, "%04d." + extension)])
+
+    samples = Samples()
+    for _ in range(rounds):
+        shutil.rmtree(card, ignore_errors=True)
+        theirs = segment("matroska", "mkv")
+        ours = recorder.record(media, card)
+        samples.add("cpu", lambda pair=(ours[1], theirs[1]): pair)
+        samples.add("memory", lambda pair=(ours[2] / KIB, theirs[2] / KIB): pair)
+    segment("mp4", "mp4")
+    sizes = bytes_below(os.path.join(card, "data")) / media.bytes, bytes_below(segments) / media.bytes
+    samples.add("bytes", lambda: sizes)
+    return [("recording, processor time; ffmpeg -c copy into segmented Matroska", *samples.medians("cpu"), "s", 1.0),
+            ("recording, memory; the same", *samples.medians("memory"), "MiB", 1.0),
+            ("bytes on the card for one of packets; segmented MP4", *samples.medians("bytes"), "", 1.0)]
+
+
+def export_rows(recorder, media, folder, rounds):
+    card, target = os.path.join(folder, "card"), os.path.join(folder, "out.mp4")
+
+    def export(*words):
+        return recorder.program("calvane-recording", "export", "--card", card, *words)
+
+    def cold(command):
+        forget_cache()
+        return run(command)[0] * 1e3
+
+    samples = Samples()
+    middle = media.seconds // 2
+    for _ in range(rounds):
+        samples.add("export", lambda: (run(export("--force", target))[0],
+                                       run([*FFMPEG, "-i", media.path, "-map", "0", "-c", "copy", target])[0]))
+        ago = time.time() - media.recorded + middle  # The recording ends when it was begun: see "realtime".
+        samples.add("seek", lambda ago=ago: (
+            cold(export("--track", "video", "--from", f"{ago:.0f}s ago", "--to", f"{ago - 1:.0f}s ago", "-")),
+            cold([*FFMPEG, "-ss", str(middle), "-i", media.path, "-map", "0:v", "-t", "1", "-c", "copy", "-f", "matroska",
+                  "-"])))
+    return [("export of all; ffmpeg -c copy from one file", *samples.medians("export"), "s", 1.1),
+            ("a second of video from the middle, cold; ffmpeg -ss in one file", *samples.medians("seek"), "ms", 0.5)]
+
+
+def main():
+    parser = argparse.ArgumentParser(description=__doc__.splitlines()[0])
+    parser.add_argument("--build", default="build/bench", help="folder of the build")
+    add_extent(parser, "a minute of media instead of ten")
+    parser.add_argument("--rounds", type=int, help="how often to measure (5; quick: 3)")
+    options = parser.parse_args()
+    if shutil.which("ffmpeg") is None:
+        raise Failure("ffmpeg is not installed (./dev setup)")
+    rounds = options.rounds or {"full": 5, "quick": 3, "smoke": 1}[options.extent]
+    seconds, encoded = {"full": (600, 60), "quick": (60, 20), "smoke": (4, 2)}[options.extent]
+    with tempfile.TemporaryDirectory(prefix="calvane-bench-", dir=os.environ.get("TMPDIR", "/var/tmp")) as folder:
+        recorder = Recorder(os.path.abspath(os.path.join(options.build, "bin")), folder)
+        media = Input(folder, seconds, encoded)
+        with OthersWatch() as others:
+            rows = recording_rows(recorder, media, folder, rounds)
+            rows += export_rows(recorder, media, folder, rounds)
+    print(f"{platform.system()} {platform.release()} {platform.machine()}, {os.cpu_count()} processors, {seconds} s of media, "
+          f"medians of {rounds} rounds; other programs used {others.share:.0%} of the machine meanwhile")
+    print_table(rows)
+    return 1 if any(isinstance(ours, Failure) for _what, ours, *_rest in rows) else 0
+
+
+if __name__ == "__main__":
+    try:
+        sys.exit(main())
+    except Failure as failure:
+        sys.exit(f"bench: {failure}")
