@@ -7,9 +7,10 @@ readonly PACKAGES=libc6-dev,libstdc++-12-dev,libspdlog-dev,libcli11-dev,nlohmann
 libboost-dev,libsqlite3-dev,libxxhash-dev,libsdbus-c++-dev,libsystemd-dev,libelf-dev,\
 libavcodec-dev,libavdevice-dev,libavformat-dev,libavutil-dev,libswscale-dev
 folder=$1
-stamp=$folder/packages
+stamp=$folder/made-by
+this=$(cksum <"${BASH_SOURCE[0]}")
 
-if [[ -f $stamp && $(<"$stamp") == "$PACKAGES" ]]; then
+if [[ -f $stamp && $(<"$stamp") == "$this" ]]; then
     exit 0
 fi
 # Only this one: with all of apt's own set-up its indexes may be out of step with each other.
@@ -22,4 +23,8 @@ echo "Making the armhf sysroot in $folder"
 rm -rf "$folder"
 mkdir -p "$folder"
 mmdebstrap --quiet --variant=extract --architectures=armhf --include="$PACKAGES" bookworm "$folder" "$mirror"
-echo "$PACKAGES" > "$stamp"
+# What installing would have done; libavdevice needs them at last.
+for library in blas lapack; do
+    ln -s "$library/lib$library.so.3" "$folder/usr/lib/arm-linux-gnueabihf/"
+done
+echo "$this" > "$stamp"
