@@ -140,8 +140,9 @@ TEST_F(SpanTest, AnotherSizeOfPictureBeginsAnotherFile) {
     EXPECT_EQ(PacketsOf("out.mp4", "a").size() + PacketsOf("out-2.mp4", "a").size(),
               PacketsOf("small.mp4", "a").size() + PacketsOf("large.mp4", "a").size());
     // Where there is one output only, it ends there and says so.
-    Program pipe("/bin/sh",
-                 {"-c", "'" CALVANE_BIN_DIR "/calvane-recording-media' export --format mp4 - > pipe.mp4"},
+    Program pipe("/usr/bin/sh",
+                 {"-c", CALVANE_EMULATOR " '" CALVANE_BIN_DIR
+                                         "/calvane-recording-media' export --format mp4 - > pipe.mp4"},
                  folder.Path());
     EXPECT_EQ(pipe.Wait(), 1);
     EXPECT_THAT(pipe.Err(), HasSubstr("the video changes at 2026-01-01T10:00:03.1"));
