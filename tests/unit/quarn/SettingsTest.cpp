@@ -1,6 +1,7 @@
 #include <gmock/gmock.h>
 #include <sqlite3.h>
 #include <sys/mman.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -12,6 +13,7 @@
 #include <functional>
 #include <memory>
 #include <numeric>
+#include <thread>
 #include <vector>
 
 #include "quarn/core/LogCapture.h"
@@ -134,6 +136,25 @@ TEST_F(SettingsTest, ADamagedFileIsSetAsideAndOneThatIsGoneIsNoticed) {
               std::string::npos);
 }
 
+TEST_F(SettingsTest, AFolderThatComesWhileItIsMadeIsAsGood) {
+    std::atomic<bool> isDone = false;
+    std::thread other([&] {
+        while (!isDone) {
+            mkdir(folder.Path("sub").c_str(), 0755);
+            rmdir(folder.Path("sub").c_str());
+        }
+    });
+    for (int time = 0; time < 300; ++time) {
+        // The folder may go again before the file is there.
+        ThrownText([&] { QuarnSettingsClient(folder.Path("sub/./settings.db").c_str()).Get("a"); });
+        std::filesystem::remove_all(folder.Path("sub"));
+    }
+    isDone = true;
+    other.join();
+    QuarnSettingsClient(folder.Path("sub/./settings.db").c_str()).Set("a", 1);
+    EXPECT_EQ(QuarnSettingsClient(path.c_str()).GetInt("a"), 1);
+}
+
 TEST_F(SettingsTest, SettingsThatAreSetTogetherAreReadTogether) {
     QuarnSettingsClient settings(path.c_str());
     Writer writer([&] {
@@ -144,8 +165,10 @@ TEST_F(SettingsTest, SettingsThatAreSetTogetherAreReadTogether) {
         }
     });
     writer.Go();
+    const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(60);
     std::optional<Setting> last;
     do {
+        ASSERT_LT(std::chrono::steady_clock::now(), end) << "the writer has gone";
         const auto both = settings.Get(std::vector<std::string>{"sec", "usec"});
         ASSERT_EQ(both[0], both[1]);
         last = both[0];

@@ -79,7 +79,12 @@ void MakeFolder(const std::string& path) {
     const auto folder = std::filesystem::path(path).parent_path();
     std::error_code error;
     if (!folder.empty() && !std::filesystem::exists(folder, error)) {
-        std::filesystem::create_directories(folder, error);
+        // Without dots: where another process makes the folder meanwhile, libstdc++ takes the front of an empty stack for
+        // a path that ends in one.
+        const auto canonical = std::filesystem::weakly_canonical(folder, error);
+        if (!error) {
+            std::filesystem::create_directories(canonical, error);
+        }
         if (error) {
             throw osa::Exception("Cannot make the folder of the settings database " + path + ": " +
                                  error.message());
