@@ -222,10 +222,13 @@ TEST_F(DataAccess, AReaderThatSleepsHoldsUpNobodyAndIsToldWhatWasErased) {
     constexpr std::size_t kLarge = 100000; // The socket holds some of them.
     constexpr int kLast = 200;
     WriteNumbers(1, 50, kLarge);
+    RecordReader fifty = Open(0, kLast);
+    ASSERT_EQ(fifty.Read().kind, Frame::kRecord);
+    WriteNumbers(51, kLast, kLarge);
+    EXPECT_EQ(ReadAll(fifty), "2..50 end") << "what was written since it was opened";
     RecordReader all = Open(0, kLast);
     RecordReader span = Open(40, 60);
     ASSERT_EQ(all.Read().kind, Frame::kRecord);
-    WriteNumbers(51, kLast, kLarge);
     const auto track = TrackOf(VIDEO_TRACK).getTrack();
     track->eraseRange(99, 149);         // 100 to 149: ahead of the one, behind the end of the other.
     track->eraseRange(0, 1);            // What both have passed.

@@ -48,13 +48,16 @@ RecordStream::Event::~Event() {
 RecordStream::RecordStream(RecordingTrack& track, const Ptime& from, const Ptime& to, int socket)
     : _track(track),
       _store(track.getTrack()),
-      _to(to),
       _socket(socket),
       _lastTime(from),
       _thread("RecordStream", this, kStackBytes, 0) {
     try {
         {
             const TrackLock lock(*_store);
+            Ptime oldest;
+            Ptime newest(boost::posix_time::neg_infin);
+            track.getRecordingTimePeriod(oldest, newest);
+            _to = std::min(to, newest);
             _next = track.getFirstIndexNotBefore(from);
             _connection = _store->connectToEraseRangeSignal(
                 [this](unsigned int first, unsigned int last) { onEraseRange(first, last); });

@@ -22,7 +22,8 @@ class Track;
 namespace quarn::calvane {
 
 /// Sends the records of a track between two times into a socket, each as a frame; docs/reference/bus-interfaces.md
-/// describes them. It waits as long as nobody reads, with one record in memory and no lock held. A record that cannot be
+/// describes them. What is newer than the newest record at its beginning is left out: a stream that follows a fast
+/// producer would not end. It waits as long as nobody reads, with one record in memory and no lock held. A record that cannot be
 /// read is passed over, which the next frame and the last one tell.
 ///
 /// Threads:  one of its own reads and writes. Erasing moves its place on the thread that erases, which holds the
@@ -78,7 +79,7 @@ private:
 
     RecordingTrack& _track;
     const boost::shared_ptr<drenn::multi_track_recorder::Track> _store;
-    const Ptime _to;
+    Ptime _to; // Set before the thread runs.
     const int _socket;
     const Event _stop;
     std::atomic<bool> _ended{false};
