@@ -79,6 +79,65 @@ TEST(Trust, ADamagedSegmentIsKeptThoughAllThatCanBeReadOfItIsErased) {
     EXPECT_EQ(OpenedTwice(other), 0U);
 }
 
+TEST(Trust, WhatBelongsToAnotherStoreIsNotMixedIn) {
+    const quarn::core::LogCapture log(quarn::core::LogLevel::Off);
+    const DiskImage other = OpenImage();
+    DiskImage mixed = OpenImage();
+    const std::string next = "/card/data/00000002-00000002.seg";
+    mixed.names[next] = 1000;
+    mixed.files[1000] = other.files.at(other.names.at(kSegment));
+    {
+        SimFileSystem disk(mixed);
+        const Store store(disk, Workload::SmallStore());
+        EXPECT_EQ(Readable(store), kRecords);
+        EXPECT_THAT(store.GetDamage(), Contains(HasSubstr(next + " belongs to another store")));
+        EXPECT_TRUE(disk.Exists(next));
+    }
+    Change(mixed, "/card/data/store") = *other.files.at(other.names.at("/card/data/store"));
+    SimFileSystem disk(mixed);
+    EXPECT_THAT(ThrownText<std::runtime_error>([&] { Store(disk, Workload::SmallStore()); }),
+                HasSubstr("belong to different stores"));
+    EXPECT_TRUE(disk.Exists(kSegment));
+}
+
+// Nothing of it was synced, but whoever opens the store sees it.
+TEST(Trust, WhatAKilledProcessLeftIsDurableWhenItWasOpened) {
+    const quarn::core::LogCapture log(quarn::core::LogLevel::Off);
+    SimFileSystem killed;
+    Store left(killed, Workload::SmallStore());
+    AppendText(*left.NewRecording()->newTrack(), NumberText(0));
+    left.Commit();
+    SimFileSystem disk(killed.GetImage(), killed.GetTrace());
+    Store store(disk, Workload::SmallStore());
+    EXPECT_EQ(Readable(store), 1U);
+    SimFileSystem cut(PowerCuts(disk.GetTrace()).Durable());
+    EXPECT_EQ(Readable(Store(cut, Workload::SmallStore())), 1U);
+}
+
+TEST(Trust, WhatWasErasedStaysSoThoughTheLogOfTheCatalogueIsDamaged) {
+    const quarn::core::LogCapture log(quarn::core::LogLevel::Off);
+    const std::string wal = "/card/database/catalogue-wal";
+    SimFileSystem disk(OpenImage());
+    DiskImage bad;
+    {
+        Store store(disk, Workload::SmallStore());
+        const auto track = OnlyTrack(store);
+        track->setInfo(std::string("info 100"));
+        AppendText(*track, NumberText(kRecords));
+        store.Sync();
+        const std::size_t size = disk.Open(wal, OpenMode::Read)->Size();
+        track->eraseRange(10, 20);
+        store.Sync();
+        bad = disk.GetImage();
+        ASSERT_GT(Change(bad, wal).size(), size);
+        Change(bad, wal)[size + 100] ^= 1; // SQLite ends there.
+    }
+    SimFileSystem damaged(bad);
+    const Store store(damaged, Workload::SmallStore());
+    EXPECT_EQ(Readable(store), kRecords + 1 - 10);
+    EXPECT_EQ(TextAt(*OnlyTrack(store), 10), NumberText(20));
+}
+
 TEST(Trust, ASectorThatCannotBeReadCostsWhatIsInIt) {
     const quarn::core::LogCapture log(quarn::core::LogLevel::Off);
     SimFileSystem disk(OpenImage());
