@@ -173,6 +173,7 @@ void Store::PrepareRoom() {
         return;
     }
     const std::lock_guard<std::mutex> lock(keeperMutex_);
+    context_->RequireGood(); // The keeper may have found another card while this waited.
     ring_->MakeRoom();
 }
 
