@@ -1,4 +1,5 @@
 #include "RecordingSink.h"
+#include "RecordingSource.h"
 #include "calvane/config/ModuleDefinition.h"
 
 CALVANE_DEFINE_MODULE();
@@ -39,4 +40,28 @@ summary = take the time of all records from the clock instead of from the buffer
 
 [setting info.*]
 summary = a value for the track's info, before what the format of the buffers says
+)");
+
+CALVANE_EXPORT_PLUGIN(recording::, RecordingSource);
+CALVANE_DECLARE_PLUGIN(RecordingSource, R"(
+[plugin]
+summary = Plays a stretch of the device's recording
+outputs = video, audio, metadata
+generates = yes
+
+[setting from]
+summary = time of the first record, such as 2026-11-21T13:00:00Z or "10min ago"; that of the oldest, unless given
+
+[setting to]
+summary = time of the last record; that of the newest at the start, unless given
+
+[setting realtime]
+kind = flag
+default = 1
+summary = as the time of the records passes; 0: as fast as possible
+
+[setting skip.gaps]
+kind = flag
+default = 0
+summary = do not wait where nothing is recorded for more than a second
 )");

@@ -17,5 +17,8 @@ namespace recording {
 /// A property that a format does not have is left out.
 std::map<std::string, std::string> MakeTrackInfo(quarn::calvane::track_type track,
                                                  const quarn::calvane::BufferFormat& format);
+/// The other way round. What is no number is left out.
+quarn::calvane::BufferFormat FormatFromTrackInfo(quarn::calvane::track_type track,
+                                                 const std::map<std::string, std::string>& info);
 
 } // namespace recording

@@ -10,6 +10,7 @@
 #include "drenn/multi_track_recorder/Track.h"
 #include "media/MediaSource.h"
 #include "support/PrivateBus.h"
+#include "support/ThrownText.h"
 
 using namespace quarn::calvane;
 using namespace quarn::calvane::testkit;
@@ -101,4 +102,39 @@ TEST_F(RecordingTest, HoldsNewParametersFromTheirKeyFrameOn) {
     EXPECT_EQ(InfoAt(VIDEO_TRACK, 29)["Width"], "192");
     EXPECT_EQ(InfoAt(VIDEO_TRACK, 30)["Width"], "320");
     EXPECT_NE(InfoAt(VIDEO_TRACK, 30)["ExtraData"], InfoAt(VIDEO_TRACK, 0)["ExtraData"]);
+}
+
+TEST_F(RecordingTest, GivesItsPacketsBackAsTheyWereRecorded) {
+    const std::string module = CALVANE_LIB_DIR "/calvane/plugins/recording.so";
+    MakeFile("a.ts", "-c:v libx264 -bf 2 -g 30 -c:a aac", 1);
+    MakeFile("b.ts", "-c:v libx264 -bf 2 -g 30 -c:a aac", 1, "320x180");
+    Record(folder.Write("both.ts", folder.Read("a.ts") + folder.Read("b.ts")));
+    PluginHarness source(module, "RecordingSource", {{"realtime", "0"}});
+    CollectingSink& video = source.ConnectOutput("video");
+    CollectingSink& audio = source.ConnectOutput("audio");
+    source.GenerateAll();
+    const std::vector<ReceivedBuffer> pictures = video.GetBuffers();
+    EXPECT_EQ(PacketsOf(pictures), ReadBack(VIDEO_TRACK));
+    EXPECT_EQ(PacketsOf(audio.GetBuffers()), ReadBack(AUDIO_TRACK));
+    for (unsigned int i = 0; i != pictures.size(); ++i) {
+        EXPECT_EQ(pictures[i].format.GetInt("width"), i < 30 ? 192 : 320);
+        EXPECT_TRUE(!pictures[i].metadata.Contains("info") || InfoOf(pictures[i]) == InfoAt(VIDEO_TRACK, i))
+            << i;
+    }
+    EXPECT_EQ(pictures[30].metadata.GetInt("FirstAfterGap"), 1);
+    EXPECT_TRUE(pictures[0].metadata.Contains("info") && pictures[30].metadata.Contains("info"));
+    EXPECT_THAT(ThrownText([&] {
+                    PluginHarness(module, "RecordingSource", {{"from", "noon"}});
+                }),
+                testing::HasSubstr("from: "));
+    // Half a second of it in half a second, without the gap in front of it.
+    const std::int64_t begin = TimeOf(pictures[35]);
+    const auto clock = std::chrono::steady_clock::now();
+    PluginHarness paced(module, "RecordingSource",
+                        {{"from", "@" + std::to_string(static_cast<double>(begin) / 1e6)}});
+    CollectingSink& later = paced.ConnectOutput("video");
+    while (later.GetBuffers().size() < 15) {
+        ASSERT_TRUE(paced.Generate());
+    }
+    EXPECT_GE(std::chrono::steady_clock::now() - clock, std::chrono::milliseconds(400));
 }

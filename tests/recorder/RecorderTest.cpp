@@ -159,3 +159,45 @@ TEST_F(RecorderTest, TheDemonstrationEndsWell) {
 }
 
 } // namespace
+
+TEST_F(RecorderTest, WhatIsRecordedPlaysIntoAPipeline) {
+    const auto play = [&](const std::string& settings) {
+        return std::make_unique<Program>(
+            "calvane",
+            std::vector<std::string>{
+                "run", folder.Write("play.ini",
+                                    "[calvane]\nt.pipelines = p\n[p]\nt.pipeline.head = s\n[s]\n"
+                                    "t.plugin.type = RecordingSource\nt.plugin.module = recording.so\n"
+                                    "t.pipeline.next.video = v\nt.pipeline.next.audio = a\n" +
+                                        settings +
+                                        "[v]\nt.plugin.type = FileSink\nfilename = video.bin\n"
+                                        "[a]\nt.plugin.type = FileSink\nfilename = audio.bin\n")},
+            folder.Path());
+    };
+    const auto missing = play("");
+    EXPECT_EQ(missing->Wait(), 1);
+    EXPECT_THAT(missing->Err(), HasSubstr("does not run"));
+
+    StartAndWait(kDescription);
+    ASSERT_TRUE(WaitUntil([&] { return CountRecords("audio") > 100; }));
+    const json span = AskJson({"tracks"})["video"];
+    const std::string from = span["first"];
+    const std::string to = span["last"];
+    const auto whole = play("realtime = 0\nfrom = " + from + "\nto = " + to + "\n");
+    EXPECT_EQ(whole->Wait(), 0) << whole->Err();
+    for (const std::string track : {"video", "audio"}) {
+        const Answer read = Ask({"read", "--track", track, "--from", from, "--to", to});
+        EXPECT_TRUE(folder.Read(track + ".bin") == read.out && read.out.size() > 10000) << track;
+    }
+    // Its own time has it wait; a recorder that does not answer any more does not keep it from ending.
+    const auto slow = play("");
+    ASSERT_TRUE(WaitUntil([&] {
+        return std::filesystem::exists(folder.Path("video.bin")) && folder.Read("video.bin").size() > 5000;
+    }));
+    recorder->Signal(SIGSTOP);
+    slow->Signal(SIGTERM);
+    EXPECT_EQ(slow->Wait(), 0) << slow->Err();
+    recorder->Signal(SIGCONT);
+    EXPECT_LT(folder.Read("video.bin").size(), Ask({"read", "--track", "video"}).out.size());
+    EXPECT_EQ(Stop(), 0);
+}
