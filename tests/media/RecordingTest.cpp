@@ -1,7 +1,10 @@
+#include <unistd.h>
+
 #include <algorithm>
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
+#include <fstream>
 
 #include "MediaFixture.h"
 #include "calvane/recording/RecordHeader.h"
@@ -9,6 +12,7 @@
 #include "drenn/multi_track_recorder/BlobRecord.h"
 #include "drenn/multi_track_recorder/Track.h"
 #include "media/MediaSource.h"
+#include "support/Effort.h"
 #include "support/PrivateBus.h"
 #include "support/ThrownText.h"
 
@@ -35,17 +39,18 @@ protected:
     ~RecordingTest() override { RecordingManager::deinit(); }
 
     /// Records a whole file on both tracks.
-    static void Record(const std::string& file, const Settings& videoSettings = {}) {
+    static void Record(const std::string& file, const Settings& videoSettings = {},
+                       const std::string& start = "2026-11-21T13:00:00Z") {
         const std::string module = CALVANE_LIB_DIR "/calvane/plugins/recording.so";
         Settings settings = videoSettings;
         settings["track"] = "video";
         PluginHarness video(module, "RecordingSink", settings);
         PluginHarness audio(module, "RecordingSink", {{"track", "audio"}});
-        PluginHarness source(Construct<MediaSource>,
-                             {{"url", file}, {"realtime", "0"}, {"start", "2026-11-21T13:00:00Z"}});
+        PluginHarness source(Construct<MediaSource>, {{"url", file}, {"realtime", "0"}, {"start", start}});
         source.GetPlugin().ConnectToSink("video", video.GetPlugin().GetSink());
         source.GetPlugin().ConnectToSink("audio", audio.GetPlugin().GetSink());
-        source.GenerateAll();
+        while (source.Generate()) {
+        }
     }
     static drenn::multi_track_recorder::Track& TrackOf(track_type type) {
         return *RecordingManager::instance()->getTrack(type).getTrack();
@@ -137,4 +142,44 @@ TEST_F(RecordingTest, GivesItsPacketsBackAsTheyWereRecorded) {
         ASSERT_TRUE(paced.Generate());
     }
     EXPECT_GE(std::chrono::steady_clock::now() - clock, std::chrono::milliseconds(400));
+}
+
+TEST_F(RecordingTest, KeepsTheTimesOfAnHourAndTakesNoMoreMemoryForIt) {
+    MakeFile("ten.mp4", "-c:v libx264 -preset ultrafast -bf 2 -g 30 -c:a aac", 10);
+    const std::size_t times = Effort(360);
+    const auto repeat = [&](std::size_t count, const std::string& file) {
+        Run("ffmpeg", "-v error -stream_loop " + std::to_string(count - 1) + " -i ten.mp4 -c copy " + file);
+        return folder.Path(file);
+    };
+    const auto resident = [] {
+        std::ifstream statistics("/proc/self/statm");
+        std::size_t size = 0;
+        std::size_t pages = 0;
+        statistics >> size >> pages;
+        return pages * static_cast<std::size_t>(sysconf(_SC_PAGESIZE));
+    };
+    Record(repeat(1 + times / 3, "before.mp4"), {}, "2026-11-20T13:00:00Z"); // What is made once.
+    for (const track_type type : {VIDEO_TRACK, AUDIO_TRACK}) {
+        TrackOf(type).eraseRange(0, TrackOf(type).size());
+    }
+    const std::size_t before = resident();
+    const std::string file = repeat(times, "hour.mp4");
+    Record(file);
+#if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__) // Which keep what was freed.
+    EXPECT_LT(resident(), before + (std::size_t{48} << 20U));       // The packets alone are 75 MiB.
+#else
+    EXPECT_NE(before, 0U);
+#endif
+    EXPECT_TRUE(ReadBack(VIDEO_TRACK) == Probe(file, "v"));
+    EXPECT_TRUE(ReadBack(AUDIO_TRACK) == Probe(file, "a"));
+    EXPECT_EQ(TrackOf(VIDEO_TRACK).size(), 300 * times);
+    const auto begin = [&](const std::string& kind) {
+        return std::stod(Run("ffprobe",
+                             "-v error -read_intervals %+#1 -show_entries packet=dts_time -of csv=p=0 "
+                             "-select_streams " +
+                                 kind + " " + file));
+    };
+    const auto offset = RecordingManager::instance()->getTrack(AUDIO_TRACK).getTimestampAtIndex(0) -
+                        RecordingManager::instance()->getTrack(VIDEO_TRACK).getTimestampAtIndex(0);
+    EXPECT_NEAR(static_cast<double>(offset.total_microseconds()) / 1e6, begin("a") - begin("v"), 0.001);
 }
