@@ -3,6 +3,7 @@
 #include <fstream>
 #include <sstream>
 #include <stdexcept>
+#include <tuple>
 
 #include "drenn/multi_track_recorder/internal/PendingBlock.h"
 #include "drenn/multi_track_recorder/internal/SegmentReader.h"
@@ -83,6 +84,23 @@ TEST(SegmentFormat, RefusesWhatCannotBe) {
     Bytes bad;
     Encode(header, kSalt, bad);
     EXPECT_FALSE(DecodeBlockHeader(bad.data(), bad.size(), 4096, kSalt));
+    header.indexBytes = 0;
+    header.firstSerial = kMostSerial + 1;
+    Bytes far;
+    Encode(header, kSalt, far);
+    EXPECT_FALSE(DecodeBlockHeader(far.data(), far.size(), 4096, kSalt));
+    for (const auto& [first, end, isPossible] : {std::tuple{3U, 4U, true}, {3U, 3U, false}}) {
+        header.firstSerial = first;
+        Bytes body;
+        ByteWriter(body).U64(end);
+        EXPECT_EQ(DecodeErased(header, body).has_value(), isPossible);
+        LaneState state;
+        state.tracks.resize(1);
+        state.tracks[0].erased = {{first, end}};
+        EXPECT_EQ(DecodeLaneState(EncodeBody(state)).has_value(), isPossible);
+        state.tracks[0].nextSerial = kMostSerial + 1;
+        EXPECT_FALSE(DecodeLaneState(EncodeBody(state)));
+    }
     RecordEntry entry{};
     entry.payloadBytes = kLargestPayload + 1;
     Bytes entryBytes;

@@ -138,6 +138,25 @@ TEST(Trust, WhatWasErasedStaysSoThoughTheLogOfTheCatalogueIsDamaged) {
     EXPECT_EQ(TextAt(*OnlyTrack(store), 10), NumberText(20));
 }
 
+TEST(Trust, RecordsThatAreLostAtTheEndDoNotGiveTheirPlaceToNewOnes) {
+    const quarn::core::LogCapture log(quarn::core::LogLevel::Off);
+    DiskImage bad = OpenImage();
+    std::vector<unsigned char>& segment = Change(bad, kSegment);
+    *std::find(segment.rbegin(), segment.rend(), '.') = '!'; // In the payload of the last record.
+    SimFileSystem disk(bad);
+    {
+        Store store(disk, Workload::SmallStore());
+        const auto track = OnlyTrack(store);
+        track->setInfo(std::string("info 100"));
+        AppendText(*track, NumberText(kRecords));
+        store.Sync();
+    }
+    EXPECT_THAT(VerifyStore(disk, kStorage, kDatabase), IsEmpty());
+    disk.Remove("/card/database/catalogue");
+    RebuildStore(disk, kStorage, kDatabase);
+    EXPECT_EQ(OpenedTwice(disk.GetImage()), kRecords);
+}
+
 TEST(Trust, ASectorThatCannotBeReadCostsWhatIsInIt) {
     const quarn::core::LogCapture log(quarn::core::LogLevel::Off);
     SimFileSystem disk(OpenImage());

@@ -1,6 +1,8 @@
 #define XXH_INLINE_ALL
 #include <xxhash.h>
 
+#include <algorithm>
+
 #include "drenn/multi_track_recorder/internal/format/SegmentFormat.h"
 
 namespace drenn::multi_track_recorder {
@@ -22,6 +24,13 @@ void Seal(Bytes& out, std::size_t start, std::uint64_t seed) {
 /// Whether the last 8 of `length` bytes are the checksum of those before.
 bool IsSealed(const unsigned char* bytes, std::size_t length, std::uint64_t seed) {
     return ByteReader(bytes + length - 8, 8).U64() == ChecksumOf(bytes, length - 8, seed);
+}
+
+bool IsPossible(const TrackState& track) {
+    return track.firstSerial <= kMostSerial && track.nextSerial <= kMostSerial &&
+           track.infoFrom <= kMostSerial &&
+           std::all_of(track.erased.begin(), track.erased.end(),
+                       [](const SerialRange& range) { return range.IsPossible(); });
 }
 
 } // namespace
@@ -126,10 +135,15 @@ std::optional<BlockHeader> DecodeBlockHeader(const unsigned char* bytes, std::si
                           ? header.count > 0 && std::uint64_t{header.count} * kEntryBytes == header.indexBytes
                           : header.count == 0 && header.payloadBytes == 0;
     if (reader.U64() != salt || header.offset != offset || kind < 1 || kind > 4 || !fits ||
-        header.indexBytes > kLargestIndex) {
+        header.indexBytes > kLargestIndex || header.firstSerial > kMostSerial - header.count) {
         return std::nullopt;
     }
     return header;
+}
+
+std::optional<SerialRange> DecodeErased(const BlockHeader& header, const Bytes& body) {
+    const SerialRange range{header.firstSerial, ByteReader(body.data(), body.size()).U64()};
+    return range.IsPossible() ? std::optional(range) : std::nullopt;
 }
 
 void Encode(const RecordEntry& entry, std::uint64_t salt, std::uint64_t serial, Bytes& out) {
@@ -216,6 +230,9 @@ std::optional<LaneState> DecodeLaneState(const Bytes& body) {
         for (std::uint32_t k = 0; k < ranges && reader.Good(); ++k) {
             const std::uint64_t first = reader.U64();
             track.erased.push_back({first, reader.U64()});
+        }
+        if (!IsPossible(track)) {
+            return std::nullopt;
         }
         state.tracks.push_back(std::move(track));
     }

@@ -20,6 +20,8 @@ constexpr std::uint32_t kInlineBytes = 16;
 /// that were read never size an allocation beyond this.
 constexpr std::uint32_t kLargestIndex = 32U << 20U;
 constexpr std::uint32_t kLargestPayload = (64U << 20U) + 4 * 65536;
+/// No track has so many records. What says that it has is damaged, so serials that were read never overflow.
+constexpr std::uint64_t kMostSerial = 1ULL << 48U;
 /// From this serial on TrackState::infoFrom says that its text stands elsewhere; see EncodeBody.
 constexpr std::uint64_t kTextElsewhere = 1ULL << 63U;
 
@@ -42,6 +44,12 @@ std::optional<SegmentHeader> DecodeSegmentHeader(const unsigned char* bytes, std
 /// The version of a segment that a later program wrote: what comes before the lane, and the checksum, keep their
 /// places in all versions. Nothing for others.
 std::optional<std::uint32_t> LaterVersionOf(const unsigned char* bytes, std::size_t length);
+
+struct SerialRange {
+    std::uint64_t first;
+    std::uint64_t end; ///< Not included.
+    bool IsPossible() const { return first < end && end <= kMostSerial; }
+};
 
 enum class BlockKind : std::uint32_t {
     Records = 1,
@@ -75,6 +83,9 @@ std::uint64_t SaltOfBlock(const unsigned char* bytes);
 std::optional<BlockHeader> DecodeBlockHeader(const unsigned char* bytes, std::size_t length,
                                              std::uint32_t offset, std::uint64_t salt);
 
+/// What a block of the kind Erased marks; nothing unless it is possible.
+std::optional<SerialRange> DecodeErased(const BlockHeader& header, const Bytes& body);
+
 /// What the index of a block says of a record.
 struct RecordEntry {
     std::array<unsigned char, kInlineBytes> firstBytes{}; ///< Of the first blob; the rest is 0.
@@ -92,11 +103,6 @@ std::uint64_t PayloadSeed(std::uint32_t track, std::uint64_t serial);
 
 /// Tells an info text that holds from a serial on; never 0.
 std::uint32_t InfoTag(std::uint64_t from, const std::string& text);
-
-struct SerialRange {
-    std::uint64_t first;
-    std::uint64_t end; ///< Not included.
-};
 
 /// A track in a State block.
 struct TrackState {

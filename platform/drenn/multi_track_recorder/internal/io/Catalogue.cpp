@@ -26,7 +26,6 @@ constexpr char kDamageTable[] =
     " kind INTEGER NOT NULL, PRIMARY KEY(lane, sequence, first)) WITHOUT ROWID;";
 
 // Far above what a store can reach in the life of a card; sums of a few of them do not overflow.
-constexpr std::uint64_t kMostSerial = 1ULL << 48U;
 
 constexpr char kTables[] =
     "CREATE TABLE store(id BLOB NOT NULL, version INTEGER NOT NULL);"
@@ -48,10 +47,6 @@ std::uint32_t Small(const Statement& row, int column) {
     return static_cast<std::uint32_t>(row.Number(column));
 }
 
-bool IsRange(const SerialRange& range) {
-    return range.first < range.end && range.end <= kMostSerial;
-}
-
 /// What no store can have, whatever happened to it: numbers like these would overflow, or loop for ever. Nothing if
 /// all is possible.
 const char* Absurdity(const CatalogueContent& content) {
@@ -61,13 +56,14 @@ const char* Absurdity(const CatalogueContent& content) {
         }
     }
     for (const ErasedRow& row : content.erased) {
-        if (!IsRange(row.range)) {
+        if (!row.range.IsPossible()) {
             return "an erased range that is none";
         }
     }
     std::map<std::uint32_t, std::uint64_t> ends;
     for (const ExtentRow& row : content.extents) {
-        if (row.count > kMostSerial || !IsRange({row.firstSerial, row.firstSerial + row.count})) {
+        if (row.count > kMostSerial ||
+            !SerialRange{row.firstSerial, row.firstSerial + row.count}.IsPossible()) {
             return "an extent whose serials are out of range";
         }
         std::uint64_t& end = ends[row.track]; // The survivors of a track are made in this order.

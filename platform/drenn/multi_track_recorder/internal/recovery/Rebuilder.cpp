@@ -87,10 +87,10 @@ void Rebuilder::TakeControl(Lane& lane, const ScannedBlock& block) {
     } else if (header.kind == BlockKind::Info) {
         infos_[header.track][header.firstSerial] = std::string(block.body.begin(), block.body.end());
     } else if (header.kind == BlockKind::Erased) {
-        const std::uint64_t end = ByteReader(block.body.data(), block.body.size()).U64();
+        const auto erased = DecodeErased(header, block.body);
         const auto track = lane.tracks.find(header.track);
-        if (track != lane.tracks.end() && header.firstSerial < end) {
-            track->second.erased.Add({header.firstSerial, end});
+        if (track != lane.tracks.end() && erased) {
+            track->second.erased.Add(*erased);
         }
     } else if (auto state = DecodeLaneState(block.body)) {
         TakeState(lane, std::move(*state));

@@ -189,9 +189,8 @@ void Recovery::TakeControl(const ScannedBlock& block, Found& found) {
     if (header.kind == BlockKind::Info) {
         TakeInfo(header.track, header.firstSerial, std::string(block.body.begin(), block.body.end()), found);
     } else if (header.kind == BlockKind::Erased) {
-        const std::uint64_t end = ByteReader(block.body.data(), block.body.size()).U64();
-        if (header.firstSerial < end) {
-            found.erased.push_back({header.track, {header.firstSerial, end}});
+        if (const auto erased = DecodeErased(header, block.body)) {
+            found.erased.push_back({header.track, *erased});
         }
     } else if (const auto state = DecodeLaneState(block.body)) {
         TakeState(*state, found);

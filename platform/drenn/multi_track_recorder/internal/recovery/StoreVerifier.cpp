@@ -263,8 +263,11 @@ private:
     void TakeControl(SegmentKey key, const ScannedBlock& block, const std::string& where) {
         const std::uint32_t track = block.header.track;
         if (block.header.kind == BlockKind::Erased) {
-            marked_[track].Add(
-                {block.header.firstSerial, ByteReader(block.body.data(), block.body.size()).U64()});
+            if (const auto erased = DecodeErased(block.header, block.body)) {
+                marked_[track].Add(*erased);
+            } else {
+                Wrong(3, where + "the erased range is none");
+            }
         } else if (block.header.kind == BlockKind::Info) {
             infos_[{track, block.header.firstSerial}] = {std::string(block.body.begin(), block.body.end()),
                                                          segments_.count(key) != 0, !damage_[key].empty()};
