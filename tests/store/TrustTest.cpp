@@ -157,6 +157,17 @@ TEST(Trust, RecordsThatAreLostAtTheEndDoNotGiveTheirPlaceToNewOnes) {
     EXPECT_EQ(OpenedTwice(disk.GetImage()), kRecords);
 }
 
+TEST(Trust, ZerosThatAPowerCutLeavesAreNoDamage) {
+    const quarn::core::LogCapture log(quarn::core::LogLevel::Off);
+    DiskImage cut = OpenImage();
+    Change(cut, kSegment).resize(Change(cut, kSegment).size() + 9000);
+    cut.names["/card/data/00000002-00000002.seg"] = 1000;
+    cut.files[1000] = std::make_shared<DiskImage::Bytes>(9000);
+    std::vector<std::string> damage;
+    EXPECT_EQ(OpenedTwice(cut, &damage), kRecords);
+    EXPECT_THAT(damage, IsEmpty());
+}
+
 TEST(Trust, ASectorThatCannotBeReadCostsWhatIsInIt) {
     const quarn::core::LogCapture log(quarn::core::LogLevel::Off);
     SimFileSystem disk(OpenImage());
