@@ -32,6 +32,26 @@ void SetExtraData(AVCodecParameters& parameters, const std::uint8_t* data, std::
     parameters.extradata_size = static_cast<int>(size);
 }
 
+struct PictureSize {
+    int width = 0;
+    int height = 0;
+};
+
+/// Of a JPEG picture: what its frame header says (ITU-T T.81, B.2.2). 0 where there is none.
+PictureSize JpegSize(const std::uint8_t* data, std::size_t size) {
+    std::size_t at = 2; // Behind SOI.
+    while (at + 9 <= size && data[at] == 0xFF) {
+        const std::uint8_t marker = data[at + 1];
+        const std::size_t length = std::size_t{data[at + 2]} << 8U | data[at + 3];
+        const bool isFrame = marker >= 0xC0 && marker <= 0xC3;
+        if (isFrame) {
+            return {data[at + 7] << 8 | data[at + 8], data[at + 5] << 8 | data[at + 6]};
+        }
+        at += marker == 0xFF ? 1 : 2 + length;
+    }
+    return {};
+}
+
 } // namespace
 
 void ParameterWatch::FreeFilter::operator()(AVBSFContext* filter) const {
@@ -49,6 +69,9 @@ ParameterWatch::~ParameterWatch() = default;
 bool ParameterWatch::Examine(const AVPacket& packet) {
     if (av_packet_get_side_data(&packet, AV_PKT_DATA_NEW_EXTRADATA, nullptr) != nullptr) {
         return Take(packet, packet);
+    }
+    if (parameters_->codec_id == AV_CODEC_ID_MJPEG) {
+        return TakeJpeg(packet);
     }
     if (!extractor_ || (packet.flags & AV_PKT_FLAG_KEY) == 0) {
         return false;
@@ -94,6 +117,17 @@ bool ParameterWatch::Take(const AVPacket& withExtraData, const AVPacket& packet)
     }
     SetExtraData(*parameters_, data, size);
     TakePicture(packet);
+    return true;
+}
+
+bool ParameterWatch::TakeJpeg(const AVPacket& packet) {
+    const PictureSize size = JpegSize(packet.data, static_cast<std::size_t>(packet.size));
+    if (size.width == 0 || size.height == 0 ||
+        (size.width == parameters_->width && size.height == parameters_->height)) {
+        return false;
+    }
+    parameters_->width = size.width;
+    parameters_->height = size.height;
     return true;
 }
 

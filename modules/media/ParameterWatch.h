@@ -11,7 +11,7 @@ struct AVPacket;
 namespace calvane_media {
 
 /// Notices when the packets of a stream bring new codec parameters: as side data from the container, or, in H.264 and
-/// H.265 with start codes, as parameter sets in front of key frames.
+/// H.265 with start codes, as parameter sets in front of key frames, or as the size of a JPEG picture.
 ///
 /// Threads: one.
 class ParameterWatch {
@@ -34,6 +34,7 @@ private:
     bool IsByteStream() const;
     void MakeExtractor();
     bool Take(const AVPacket& withExtraData, const AVPacket& packet);
+    bool TakeJpeg(const AVPacket& packet);
     void TakePicture(const AVPacket& packet);
 
     CodecParametersPtr parameters_;

@@ -106,6 +106,14 @@ TEST_F(MediaSourceTest, NoticesThatTheParametersChange) {
     EXPECT_EQ(formats.back().GetInt("height"), 180);
     EXPECT_EQ(InfoOf(video[30])["Width"], "320");
     EXPECT_NE(InfoOf(video[30])["ExtraData"], InfoOf(video[0])["ExtraData"]);
+
+    MakeFile("a.mjpeg", "-c:v mjpeg -an", 1);
+    MakeFile("b.mjpeg", "-c:v mjpeg -an", 1, "320x180");
+    ReadAll(folder.Write("both.mjpeg", folder.Read("a.mjpeg") + folder.Read("b.mjpeg")));
+    ASSERT_EQ(video.size(), 60U);
+    EXPECT_EQ(InfoOf(video[29])["Width"], "192");
+    EXPECT_EQ(video[30].format.GetInt("width"), 320);
+    EXPECT_EQ(InfoOf(video[30])["Height"], "180");
 }
 
 TEST_F(MediaSourceTest, GoesOnWhereItEndedWhenItReadsAFileAgain) {
