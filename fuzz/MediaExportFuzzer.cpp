@@ -104,8 +104,8 @@ public:
             record.time = time;
             record.isKeyFrame = (flags & 1U) != 0;
             record.isAfterGap = (flags & 2U) != 0;
-            record.compositionOffset = static_cast<std::int16_t>(bytes.U16()) * std::int64_t{1}
-                                       << (flags >> 4U);
+            record.compositionOffset =
+                static_cast<std::int16_t>(bytes.U16()) * (std::int64_t{1} << (flags >> 4U));
             if ((flags & 4U) != 0 || infos.empty()) {
                 infos.push_back(std::make_shared<const InfoMap>(TakeInfo(bytes)));
             }
