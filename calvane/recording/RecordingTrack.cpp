@@ -109,8 +109,11 @@ void RecordingTrack::awaitWriter() const {
 
 void RecordingTrack::setLatestToNewestRecord() {
     const TrackLock lock(*_track);
-    const std::optional<unsigned int> newest = findLastReadableIndex(_track->size());
-    setLatestTimestamp(newest ? getTimestampAtIndex(*newest) : ptime());
+    const unsigned int size = _track->size();
+    const std::optional<unsigned int> newest = findLastReadableIndex(size);
+    if (newest || size == 0) { // Where no record can be read the card may be just going.
+        setLatestTimestamp(newest ? getTimestampAtIndex(*newest) : ptime());
+    }
 }
 
 bool RecordingTrack::ensureIncreasingTimestamps(const ptime& t) {

@@ -111,6 +111,7 @@ public:
     /// Of the newest record that was written or found; not-a-date-time if there is none.
     Ptime getLatestTimestamp() const;
     /// What was written last may be gone, or what was erased last may be back: records may have been lost with the card.
+    /// Changes nothing where there are records and none can be read.
     void setLatestToNewestRecord();
     /// Returns when its writer and whoever reads it are not stuck.
     void awaitWriter() const;

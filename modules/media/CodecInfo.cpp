@@ -187,6 +187,41 @@ private:
     const Info& info_;
 };
 
+/// Whether the arrays of an HEVCDecoderConfigurationRecord (ISO/IEC 14496-15) end within it. The library's filter believes
+/// what they say of their size, and asks for memory until there is none.
+bool IsWholeHevcRecord(const std::uint8_t* at, std::size_t size) {
+    constexpr std::size_t kHeader = 22;
+    const std::uint8_t* const end = at + size;
+    const auto take = [&](int bytes) {
+        unsigned int value = 0;
+        for (; bytes != 0 && at != end; --bytes) {
+            value = value << 8U | *at++;
+        }
+        return bytes == 0 ? std::optional(value) : std::nullopt;
+    };
+    at += std::min(size, kHeader);
+    auto arrays = take(1);
+    for (; arrays && *arrays != 0; --*arrays) {
+        const bool hasType = take(1).has_value();
+        auto units = take(2);
+        for (; hasType && units && *units != 0; --*units) {
+            const auto length = take(2);
+            if (!length || static_cast<std::size_t>(end - at) < *length) {
+                return false;
+            }
+            at += *length;
+        }
+        if (!units) {
+            return false;
+        }
+    }
+    return arrays.has_value();
+}
+
+bool HasStartCode(const std::vector<std::uint8_t>& bytes) {
+    return bytes[0] == 0 && bytes[1] == 0 && bytes[2] <= 1;
+}
+
 void ReadExtraData(const InfoReader& info, AVCodecParameters& parameters) {
     static constexpr char kKey[] = "ExtraData";
     const std::string* const text = info.Find(kKey);
@@ -202,6 +237,10 @@ void ReadExtraData(const InfoReader& info, AVCodecParameters& parameters) {
         InfoReader::Refuse(kKey, "base64 of at most 1 MiB", *text);
     }
     const auto length = static_cast<std::size_t>(size);
+    if (parameters.codec_id == AV_CODEC_ID_HEVC && length > 0 && !HasStartCode(bytes) &&
+        !IsWholeHevcRecord(bytes.data(), length)) {
+        InfoReader::Refuse(kKey, "a whole HEVC configuration record", *text);
+    }
     parameters.extradata = static_cast<std::uint8_t*>(av_mallocz(length + AV_INPUT_BUFFER_PADDING_SIZE));
     if (parameters.extradata == nullptr) {
         throw std::bad_alloc();

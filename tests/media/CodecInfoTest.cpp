@@ -124,6 +124,14 @@ TEST(CodecInfo, RefusesWhatMakesNoSense) {
                     HasSubstr("TimeBase is not a fraction"))
             << fraction;
     }
+    // A picture parameter set of two bytes, and what says that there is more than there is.
+    const std::string record = "\1" + std::string(21, '\0') + std::string("\1\x22\0\1\0\2ab", 8);
+    for (std::size_t size = 1; size <= record.size(); ++size) {
+        const Info info = InfoFromCodec(*Make(AV_CODEC_ID_HEVC, record.substr(0, size)), {1, 25});
+        EXPECT_EQ(ThrownText<std::runtime_error>([&] { CodecFromInfo(info); }) == "nothing was thrown",
+                  size == record.size())
+            << size;
+    }
     Info large = sound;
     large["ExtraData"] = std::string(3 << 20, 'A');
     EXPECT_THAT(ThrownText<std::runtime_error>([&] { CodecFromInfo(large); }), HasSubstr("at most 1 MiB"));

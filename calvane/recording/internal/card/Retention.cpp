@@ -69,7 +69,9 @@ void Retention::eraseFrom(const ptime& t) {
         ptime first;
         ptime last;
         if (track->getRecordingTimePeriod(first, last)) {
-            const unsigned int index = t < first ? 0 : track->getTrackIndexForcedIntoBounds(t);
+            // What cannot be read in front of the first may be earlier: it may only be the card that is just going.
+            const unsigned int index =
+                t < first ? track->getFirstReadableIndex(0) : track->getTrackIndexForcedIntoBounds(t);
             track->getTrack()->eraseRange(index, track->getTrack()->size());
         }
     }

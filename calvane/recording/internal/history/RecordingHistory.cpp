@@ -223,9 +223,12 @@ void RecordingHistory::noteCardLost() {
 }
 
 void RecordingHistory::repairAfterCard() {
-    // What was erased last may be back, and later than what is to be written now.
+    // What was erased last may be back, and later than what is to be written now. A track without records may be one whose
+    // card is just coming once more; to take it for newer than it is does no harm.
     for (const auto& [type, track] : _card.dataTracks()) {
-        track->setLatestToNewestRecord();
+        if (track->getTrack()->size() != 0) {
+            track->setLatestToNewestRecord();
+        }
     }
     const std::lock_guard<std::mutex> lock(_mutex);
     if (_cardLostAt.is_special()) {
