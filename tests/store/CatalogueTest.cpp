@@ -79,6 +79,41 @@ TEST(Trust, NoFlippedBitOfTheCatalogueRemovesASegmentOrChangesARecord) {
     EXPECT_GT(refused, bits / 397 / 4);
 }
 
+TEST(Trust, ACatalogueThatWasMadeToDoHarmDoesNone) {
+    const quarn::core::LogCapture log(quarn::core::LogLevel::Off);
+    const std::string path = std::string(kDatabase) + "/catalogue";
+    const auto refusal = [&](SimFileSystem& disk) {
+        return ThrownText<std::runtime_error>([&] { Store(disk, Workload::SmallStore()); });
+    };
+    SimFileSystem overlap(ClosedImage());
+    Execute(overlap, "INSERT INTO extents VALUES(1, 2, 1, 50, 10)");
+    EXPECT_THAT(refusal(overlap), HasSubstr("extents of a track that overlap"));
+
+    // Each of its pages is whole, but not where it lies.
+    const DiskImage good = ClosedImage();
+    const std::size_t pages = good.files.at(good.names.at(path))->size() / 4096;
+    ASSERT_GT(pages, 6U);
+    for (std::size_t page = 1; page + 1 < pages; ++page) {
+        DiskImage swapped = good;
+        std::vector<unsigned char>& bytes = Change(swapped, path);
+        const auto at = [&](std::size_t number) {
+            return bytes.begin() + static_cast<std::ptrdiff_t>(4096 * number);
+        };
+        std::swap_ranges(at(page), at(page + 1), at(page + 1));
+        SimFileSystem disk(swapped);
+        EXPECT_THAT(refusal(disk), HasSubstr("malformed")) << page;
+    }
+
+    DiskImage unchecked = good;
+    Change(unchecked, path)[20] = 0; // As if its pages had no room for checksums.
+    SimFileSystem bare(unchecked);
+    EXPECT_THAT(refusal(bare), HasSubstr("malformed"));
+
+    SimFileSystem disk(OpenImage());
+    Execute(disk, "CREATE TRIGGER harm AFTER INSERT ON extents BEGIN DELETE FROM extents; END");
+    EXPECT_EQ(OpenedTwice(disk.GetImage()), kRecords);
+}
+
 // A catalogue as earlier versions made it: no room for checksums in its pages, and no table of damage.
 TEST(Trust, AnEarlierCatalogueOpensAndGetsChecksums) {
     const quarn::core::LogCapture log(quarn::core::LogLevel::Off);
