@@ -12,6 +12,7 @@
 #include <thread>
 #include <vector>
 
+#include "Answers.h"
 #include "Json.h"
 #include "RecordReader.h"
 #include "RecordingClient.h"
@@ -27,11 +28,6 @@ unsigned int TrackOf(const std::string& name) {
     return static_cast<unsigned int>(ParseTrack(name));
 }
 
-std::string NameOf(unsigned int track) {
-    return track <= static_cast<unsigned int>(TrackKind::Metadata) ? NameOf(static_cast<TrackKind>(track))
-                                                                   : "track " + std::to_string(track);
-}
-
 /// The tracks that are asked for.
 std::vector<unsigned int> TracksOf(const Options& options) {
     if (options.track.empty()) {
@@ -45,14 +41,6 @@ Span SpanOf(const Options& options) {
     return ParseSpan(options.from, options.to, options.zone);
 }
 
-json ToJson(Time time) {
-    return TimeText(time, Zone::Utc);
-}
-
-json ToJson(const Span& span) {
-    return {{"first", ToJson(span.first)}, {"last", ToJson(span.last)}};
-}
-
 std::string ToText(const Span& span, const Options& options) {
     return TimeText(span.first, options.zone) + " to " + TimeText(span.last, options.zone) + " (" +
            DurationText(span.last - span.first) + ")";
@@ -63,38 +51,11 @@ void PrintLine(const json& facts) {
     std::cout << facts.dump() << std::endl;
 }
 
-json ToJson(const Event& event) {
-    json facts{{"time", ToJson(event.time)},
-               {"event", event.isOfTrack ? "data" : "recording"},
-               {"present", event.present}};
-    if (event.isOfTrack) {
-        facts["track"] = NameOf(event.track);
-    }
-    return facts;
-}
-
 std::string ToText(const Event& event, const Options& options) {
     const std::string what = event.isOfTrack ? NameOf(event.track) + " data " : "recording ";
     const char* const change =
         event.isOfTrack ? (event.present ? "present" : "absent") : (event.present ? "started" : "stopped");
     return TimeText(event.time, options.zone) + "  " + what + change;
-}
-
-/// The attributes at a time, or null when there are none.
-json AttributesOf(RecordingClient& client, unsigned int track, Time at) {
-    if (track == 0) {
-        const VideoAttributes video = client.GetVideoAttributes(at);
-        return {{"encoding", video.encoding}, {"width", video.width},         {"height", video.height},
-                {"bitrate", video.bitrate},   {"frameRate", video.frameRate}, {"range", ToJson(video.range)}};
-    }
-    if (track == 1) {
-        const AudioAttributes audio = client.GetAudioAttributes(at);
-        return {{"bitsPerSample", audio.bitsPerSample},
-                {"channels", audio.channels},
-                {"samplingFrequency", audio.samplingFrequency},
-                {"range", ToJson(audio.range)}};
-    }
-    return nullptr;
 }
 
 std::string AttributesText(const json& attributes) {
@@ -183,7 +144,7 @@ Span SpanToRead(RecordingClient& client, const Options& options) {
 void PrintSummary(RecordingClient& client, const Options& options) {
     const Span span = client.GetSummary();
     if (options.json) {
-        Print(span.IsEmpty() ? json(nullptr) : ToJson(span));
+        Print(SummaryAnswer(span));
     } else {
         std::cout << (span.IsEmpty() ? "Nothing is recorded" : "Recorded from " + ToText(span, options))
                   << "\n";
@@ -191,48 +152,29 @@ void PrintSummary(RecordingClient& client, const Options& options) {
 }
 
 void PrintTracks(RecordingClient& client, const Options& options) {
-    json all = json::object();
-    for (const unsigned int track : TracksOf(options)) {
-        const Span span = client.GetTrackSummary(track);
-        json facts = nullptr;
-        if (!span.IsEmpty()) {
-            facts = ToJson(span);
-            facts["duration"] = SecondsOf(span.last - span.first);
-            try {
-                facts["attributes"] = AttributesOf(client, track, span.last);
-            } catch (const std::exception&) {
-                facts["attributes"] = nullptr; // The producer told none.
-            }
-        }
-        if (options.json) {
-            all[NameOf(track)] = facts;
-            continue;
-        }
+    const std::vector<unsigned int> tracks = TracksOf(options);
+    const json all = TracksAnswer(client, tracks);
+    if (options.json) {
+        Print(all);
+        return;
+    }
+    for (const unsigned int track : tracks) {
+        const json& facts = all[NameOf(track)];
         std::string text = "nothing is recorded";
-        if (!span.IsEmpty()) {
-            text = ToText(span, options) +
+        if (!facts.is_null()) {
+            text = ToText(SpanFrom(facts), options) +
                    (facts["attributes"].is_null() ? "" : "  " + AttributesText(facts["attributes"]));
         }
         std::printf("%-9s %s\n", NameOf(track).c_str(), text.c_str());
     }
     std::fflush(stdout);
-    if (options.json) {
-        Print(all);
-    }
 }
 
 void PrintHistory(RecordingClient& client, const Options& options) {
     const Span span = SpanOf(options);
     const History history = client.GetHistory(span);
     if (options.json && !options.follow) {
-        json facts{{"state", json::array()}, {"events", json::array()}};
-        for (const Event& event : history.state) {
-            facts["state"].push_back(ToJson(event));
-        }
-        for (const Event& event : history.events) {
-            facts["events"].push_back(ToJson(event));
-        }
-        Print(facts);
+        Print({{"state", ToJson(history.state)}, {"events", ToJson(history.events)}});
         return;
     }
     for (const Event& event : history.state) {
@@ -264,11 +206,7 @@ void PrintState(RecordingClient& client, const Options& options) {
     const Time at = ParseTime(options.at, Now(), options.zone);
     const State state = client.GetState(at);
     if (options.json) {
-        Print({{"at", ToJson(at)},
-               {"recording", state.recording},
-               {"video", state.video},
-               {"audio", state.audio},
-               {"metadata", state.metadata}});
+        Print(StateAnswer(at, state));
         return;
     }
     const auto word = [](bool there) { return there ? "yes" : "no"; };
@@ -309,36 +247,19 @@ void PrintCoverage(RecordingClient& client, const Options& options) {
 }
 
 void PrintAttributes(RecordingClient& client, const Options& options) {
-    json all = json::object();
-    std::string problems;
-    for (const unsigned int track : {0U, 1U}) {
-        if (!options.track.empty() && track != TrackOf(options.track)) {
-            continue;
-        }
-        try {
-            // The last record is as much of now as there is.
-            const Time at = options.at == "now" ? client.GetTrackSummary(track).last
-                                                : ParseTime(options.at, Now(), options.zone);
-            all[NameOf(track)] = AttributesOf(client, track, at);
-        } catch (const std::invalid_argument&) {
-            throw;
-        } catch (const std::exception& problem) {
-            problems += (problems.empty() ? "" : "; ") + std::string(problem.what());
-        }
-    }
-    if (all.empty()) {
-        throw std::runtime_error(problems.empty() ? "Only video and audio have attributes" : problems);
-    }
+    // The last record is as much of now as there is.
+    const std::optional<Time> at =
+        options.at == "now" ? std::nullopt : std::optional(ParseTime(options.at, Now(), options.zone));
+    const json all = AttributesAnswer(client, TracksOf(options), at);
     if (options.json) {
         Print(all);
         return;
     }
     for (const auto& [track, attributes] : all.items()) {
-        const auto time = [&, range = attributes["range"]](const char* end) {
-            return TimeText(ParseTime(range[end], 0, Zone::Utc), options.zone);
-        };
-        std::cout << track << ": " << AttributesText(attributes) << "\n  from " << time("first") << " to "
-                  << time("last") << "\n";
+        const Span range = SpanFrom(attributes["range"]);
+        std::cout << track << ": " << AttributesText(attributes) << "\n  from "
+                  << TimeText(range.first, options.zone) << " to " << TimeText(range.last, options.zone)
+                  << "\n";
     }
 }
 
@@ -429,34 +350,12 @@ std::string SpaceText(std::uint64_t used, std::uint64_t limit) {
     return BytesText(used) + (limit == 0 ? "" : " (at most " + BytesText(limit) + ")");
 }
 
-json ToJson(std::uint64_t used, std::uint64_t limit) {
-    return {{"bytes", used}, {"limit", limit == 0 ? json(nullptr) : json(limit)}};
-}
-
 } // namespace
 
 void PrintStatus(RecordingClient& client, const Options& options) {
     const Status status = client.GetStatus();
     if (options.json) {
-        json facts{{"state", status.state},
-                   {"problem", status.problem},
-                   {"retention", SecondsOf(status.limit)},
-                   {"space",
-                    {{"data", ToJson(status.usedSpace.data, status.maxSpace.data)},
-                     {"history", ToJson(status.usedSpace.history, status.maxSpace.history)}}},
-                   {"card", {{"bytes", status.cardBytes}, {"usableBytes", status.usableBytes}}},
-                   {"bytesPerHour", status.bytesPerHour},
-                   {"fullAt", status.fullAt == 0 ? json(nullptr) : ToJson(status.fullAt)},
-                   {"erasesFirst", status.erasesFirst}};
-        for (const Status::Track& track : status.tracks) {
-            json& of = facts["tracks"][NameOf(track.number)];
-            of = {{"present", track.present},           {"records", track.records}, {"bytes", track.bytes},
-                  {"bytesPerHour", track.bytesPerHour}, {"refused", track.refused}, {"span", nullptr}};
-            if (!track.span.IsEmpty()) {
-                of["span"] = ToJson(track.span);
-            }
-        }
-        Print(facts);
+        Print(StatusAnswer(status));
         return;
     }
     std::cout << "State      " << status.state << (status.problem.empty() ? "" : ": " + status.problem)

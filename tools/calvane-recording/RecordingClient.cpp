@@ -3,6 +3,8 @@
 #include <poll.h>
 
 #include <algorithm>
+#include <array>
+#include <optional>
 #include <stdexcept>
 #include <utility>
 
@@ -13,6 +15,9 @@ namespace calvane_recording {
 namespace {
 
 using U = std::uint32_t;
+
+constexpr U kPage = 1000; ///< The most that the services give at once.
+constexpr int kTickMilliseconds = 100;
 
 U SecondsOf(Time time) {
     return static_cast<U>(time < 0 ? 0 : std::min(time / kSecond, Time{0xFFFFFFFF}));
@@ -39,6 +44,16 @@ std::string Explain(const sdbus::Error& problem) {
     return problem.getMessage();
 }
 
+/// Whether an error stands for there being no answer. Those of the C library have its names.
+bool IsLost(const std::string& name) {
+    constexpr std::array<const char*, 5> kNames{
+        "org.freedesktop.DBus.Error.AccessDenied", "org.freedesktop.DBus.Error.Disconnected",
+        "org.freedesktop.DBus.Error.NoReply", "org.freedesktop.DBus.Error.Timeout",
+        "org.freedesktop.DBus.Error.TimedOut"};
+    return std::find(kNames.begin(), kNames.end(), name) != kNames.end() ||
+           name.rfind("System.Error.", 0) == 0;
+}
+
 /// Makes a call and words its failure for people.
 template <typename Call>
 auto Ask(const Call& call) -> decltype(call()) {
@@ -52,13 +67,20 @@ auto Ask(const Call& call) -> decltype(call()) {
                 "The recorder does not run on this bus: start calvane-recorder, or choose the bus with "
                 "--bus");
         }
+        if (IsLost(name)) {
+            throw RecordingClient::NoAnswer(Explain(problem));
+        }
         throw std::runtime_error(Explain(problem));
     }
 }
 
-std::unique_ptr<sdbus::IConnection> OpenBus() {
+std::unique_ptr<sdbus::IConnection> OpenBus(std::chrono::milliseconds timeout) {
     try {
-        return quarn::msgbus::BusLink::OpenBus();
+        auto connection = quarn::msgbus::BusLink::OpenBus();
+        if (timeout.count() != 0) {
+            connection->setMethodCallTimeout(timeout);
+        }
+        return connection;
     } catch (const std::exception& problem) {
         throw RecordingClient::NotRunning(problem.what());
     }
@@ -117,8 +139,8 @@ public:
     virtual ~Control() { unregisterProxy(); }
 };
 
-RecordingClient::RecordingClient()
-    : connection_(OpenBus()),
+RecordingClient::RecordingClient(std::chrono::milliseconds timeout)
+    : connection_(OpenBus(timeout)),
       information_(std::make_unique<Information>(*connection_)),
       dataAccess_(std::make_unique<DataAccess>(*connection_)),
       control_(std::make_unique<Control>(*connection_)) {}
@@ -158,44 +180,68 @@ VideoAttributes RecordingClient::GetVideoAttributes(Time at) {
 
 std::vector<Interval> RecordingClient::GetCoverage(unsigned int track, const Span& span) {
     std::vector<Interval> intervals;
+    ForEachInterval(track, span, [&intervals](const Interval& interval) {
+        intervals.push_back(interval);
+        return true;
+    });
+    return intervals;
+}
+
+void RecordingClient::ForEachInterval(unsigned int track, const Span& span,
+                                      const std::function<bool(const Interval&)>& onInterval) {
+    std::optional<Interval> last; // It may go on with the next page.
     U sec = SecondsOf(span.first);
     U usec = MicrosecondsOf(span.first);
     for (bool more = true; more;) {
         const auto [page, nextSec, nextUsec, goesOn] = Ask([&] {
             return dataAccess_->findCoverage(track, sec, usec, SecondsOf(span.last),
-                                             MicrosecondsOf(span.last), 1000);
+                                             MicrosecondsOf(span.last), kPage);
         });
         for (const auto& interval : page) {
             const Span stretch{FromParts(std::get<0>(interval), std::get<1>(interval)),
                                FromParts(std::get<2>(interval), std::get<3>(interval))};
             const unsigned int reason = std::get<4>(interval);
-            if (!intervals.empty() && intervals.back().reason == reason) { // Across two pages.
-                intervals.back().span.last = stretch.last;
-            } else {
-                intervals.push_back({stretch, reason});
+            if (last && last->reason == reason) {
+                last->span.last = stretch.last;
+                continue;
             }
+            if (last && !onInterval(*last)) {
+                return;
+            }
+            last = Interval{stretch, reason};
         }
         sec = nextSec;
         usec = nextUsec;
         more = goesOn != 0;
     }
-    return intervals;
+    if (last) {
+        onInterval(*last);
+    }
 }
 
 History RecordingClient::GetHistory(const Span& span) {
-    History history;
-    sdbus::Struct<U, U, U> cursor(SecondsOf(span.first), MicrosecondsOf(span.first), 0U);
-    for (bool more = true; more;) {
-        auto [state, events, next, goesOn] = Ask([&] {
-            return dataAccess_->findHistory(SecondsOf(span.first), MicrosecondsOf(span.first),
-                                            SecondsOf(span.last), MicrosecondsOf(span.last), 0, 1000, cursor);
-        });
-        AddEvents(state, history.state);
-        AddEvents(events, history.events);
-        cursor = next;
-        more = goesOn != 0;
+    HistoryPage page = GetHistoryPage(span, {span.first, 0}, kPage);
+    History history = std::move(page.history);
+    while (page.more) {
+        page = GetHistoryPage(span, page.next, kPage);
+        history.events.insert(history.events.end(), page.history.events.begin(), page.history.events.end());
     }
     return history;
+}
+
+HistoryPage RecordingClient::GetHistoryPage(const Span& span, const HistoryCursor& from,
+                                            std::uint32_t limit) {
+    const sdbus::Struct<U, U, U> cursor(SecondsOf(from.time), MicrosecondsOf(from.time), from.skip);
+    const auto [state, events, next, goesOn] = Ask([&] {
+        return dataAccess_->findHistory(SecondsOf(span.first), MicrosecondsOf(span.first),
+                                        SecondsOf(span.last), MicrosecondsOf(span.last), 0, limit, cursor);
+    });
+    HistoryPage page;
+    AddEvents(state, page.history.state);
+    AddEvents(events, page.history.events);
+    page.next = {FromParts(std::get<0>(next), std::get<1>(next)), std::get<2>(next)};
+    page.more = goesOn != 0;
+    return page;
 }
 
 Status RecordingClient::GetStatus() {
@@ -252,16 +298,18 @@ int RecordingClient::OpenRecords(unsigned int track, const Span& span) {
     return records.release();
 }
 
-void RecordingClient::Watch(OnPresent onPresent, OnDeleted onDeleted) {
+void RecordingClient::Watch(OnPresent onPresent, OnDeleted onDeleted, const std::function<bool()>& onTick) {
     information_->onPresent = std::move(onPresent);
     information_->onDeleted = std::move(onDeleted);
     Ask([&] {
         // Not sdbus's own loop, whose end by an error could not be told from others.
-        for (;;) {
+        while (!onTick || onTick()) {
             if (!connection_->processPendingRequest()) {
                 const auto data = connection_->getEventLoopPollData();
                 pollfd wait{data.fd, data.events, 0};
-                poll(&wait, 1, data.getPollTimeout());
+                const int timeout = data.getPollTimeout();
+                const bool isLong = timeout < 0 || timeout > kTickMilliseconds;
+                poll(&wait, 1, onTick && isLong ? kTickMilliseconds : timeout);
             }
         }
     });

@@ -2,6 +2,7 @@
 
 #include <sdbus-c++/sdbus-c++.h>
 
+#include <chrono>
 #include <functional>
 #include <memory>
 #include <stdexcept>
@@ -49,6 +50,18 @@ struct History {
     std::vector<Event> events;
 };
 
+/// Where to go on in a history: at the events of this time, behind so many of them.
+struct HistoryCursor {
+    Time time = 0;
+    std::uint32_t skip = 0;
+};
+
+struct HistoryPage {
+    History history; ///< The state only with the first page.
+    HistoryCursor next;
+    bool more = false;
+};
+
 struct Interval {
     Span span;
     unsigned int reason = 0; ///< 0: there is data.
@@ -89,7 +102,7 @@ struct Status {
 ///
 /// Threads: one.
 /// Errors:  std::runtime_error that says what to do, for a bus that is not there, a recorder that does not run, a
-///          denied access, and what a service answers; NotRunning of these for the recorder.
+///          denied access, and what a service answers; NotRunning and NoAnswer tell the cases without an answer apart.
 class RecordingClient {
 public:
     /// There is no bus, or no recorder on it.
@@ -97,7 +110,13 @@ public:
         using std::runtime_error::runtime_error;
     };
 
-    RecordingClient();
+    /// The bus was lost, denies access, or the recorder took too long: another client may have more luck.
+    class NoAnswer : public std::runtime_error {
+        using std::runtime_error::runtime_error;
+    };
+
+    /// `timeout` is that of each call; 0: as the bus library has it, 25 s.
+    explicit RecordingClient(std::chrono::milliseconds timeout = {});
     ~RecordingClient();
 
     Span GetSummary();
@@ -106,8 +125,13 @@ public:
     AudioAttributes GetAudioAttributes(Time at);
     VideoAttributes GetVideoAttributes(Time at);
     std::vector<Interval> GetCoverage(unsigned int track, const Span& span);
+    /// Calls back for one stretch after another, as they come page by page, until it returns false.
+    void ForEachInterval(unsigned int track, const Span& span,
+                         const std::function<bool(const Interval&)>& onInterval);
     /// All pages, the oldest event first.
     History GetHistory(const Span& span);
+    /// At most `limit` events, and no more than 1000. The first page begins at {span.first, 0}.
+    HistoryPage GetHistoryPage(const Span& span, const HistoryCursor& from, std::uint32_t limit);
     Status GetStatus();
     Time GetMaximumRetention();
     void SetMaximumRetention(Time limit);
@@ -118,8 +142,9 @@ public:
 
     using OnPresent = std::function<void(unsigned int track, bool present)>;
     using OnDeleted = std::function<void(unsigned int track, const Span& span)>;
-    /// Calls back for every event, until the bus is lost, which is thrown.
-    void Watch(OnPresent onPresent, OnDeleted onDeleted);
+    /// Calls back for every event, until the bus is lost, which is thrown. `onTick` is called every 100 ms or so, and may
+    /// ask this client; it ends the watch by returning false.
+    void Watch(OnPresent onPresent, OnDeleted onDeleted, const std::function<bool()>& onTick = nullptr);
 
 private:
     class Information;

@@ -40,10 +40,6 @@ char MarkOf(const std::vector<Interval>& intervals, const Span& cell) {
 
 } // namespace
 
-std::string ReasonText(unsigned int reason) {
-    return kReasons.at(IndexOf(reason)).text;
-}
-
 std::string Timeline(const std::vector<Interval>& intervals, const Span& span) {
     const Time length = std::max<Time>(span.last - span.first, kWidth);
     std::string line;

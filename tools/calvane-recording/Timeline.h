@@ -7,9 +7,6 @@
 
 namespace calvane_recording {
 
-/// Why there is no data, in words, by the number that the services give.
-std::string ReasonText(unsigned int reason);
-
 /// A line of 60 characters for a span of time: # where there is data all the while, + where for a part of it, and
 /// otherwise by the reason that takes longest: . stopped, c no card, e erased, d dropped, t clock, ? unknown,
 /// i interrupted, s space limit, f card full.
