@@ -1,0 +1,93 @@
+#include "api/Site.h"
+
+#include <algorithm>
+#include <utility>
+
+#include "api/Replies.h"
+#include "http/HttpEngine.h"
+
+namespace calvane_web {
+namespace {
+
+using calvane_recording::RecordingClient;
+
+constexpr auto kContentPolicy =
+    "default-src 'none'; script-src 'self'; style-src 'self'; img-src 'self' blob: data:; "
+    "media-src 'self' blob:; connect-src 'self'; form-action 'none'; frame-ancestors 'none'; base-uri 'none'";
+
+constexpr int kRetrySeconds = 2;
+
+Reply MethodReply(const std::string& allowed) {
+    Reply reply = ErrorReply(405, "This path takes only " + allowed);
+    reply.headers.emplace("Allow", allowed);
+    return reply;
+}
+
+} // namespace
+
+Site::Site(const Options& options, const PageFiles& page) : options_(options), page_(page) {}
+
+void Site::Add(const std::string& path, Answer answer) {
+    answers_[path] = std::move(answer);
+}
+
+void Site::AddPost(const std::string& path, Answer answer) {
+    posts_[path] = std::move(answer);
+}
+
+bool Site::IsOfThisHost(const Request& request) const {
+    return options_.hosts.empty() || std::find(options_.hosts.begin(), options_.hosts.end(),
+                                               request.Header("host")) != options_.hosts.end();
+}
+
+Reply Site::Handle(const Request& request) const {
+    Reply reply;
+    try {
+        reply = IsOfThisHost(request)
+                    ? Find(request)
+                    : ErrorReply(421, "This server is not the host that the request names; use its address");
+    } catch (const std::invalid_argument& problem) {
+        reply = ErrorReply(400, problem.what());
+    } catch (const Busy& problem) {
+        reply = LaterReply(503, problem.what(), kRetrySeconds);
+    } catch (const RecordingClient::NotRunning& problem) {
+        reply = LaterReply(503, problem.what(), kRetrySeconds);
+    } catch (const RecordingClient::NoAnswer& problem) {
+        reply = LaterReply(503, problem.what(), kRetrySeconds);
+    } catch (const std::runtime_error& problem) { // What the recorder says: there is nothing of the kind.
+        reply = ErrorReply(404, problem.what());
+    }
+    reply.headers.emplace("Content-Security-Policy", kContentPolicy);
+    reply.headers.emplace("X-Content-Type-Options", "nosniff");
+    reply.headers.emplace("Referrer-Policy", "no-referrer");
+    reply.headers.emplace("Cross-Origin-Resource-Policy", "same-origin");
+    return reply;
+}
+
+Reply Site::Find(const Request& request) const {
+    const bool isRead = request.method == "GET" || request.method == "HEAD";
+    if (const auto post = posts_.find(request.path); post != posts_.end()) {
+        if (request.method != "POST") {
+            return MethodReply("POST");
+        }
+        if (request.Header("content-type").rfind("application/json", 0) != 0) {
+            return ErrorReply(415, "This path takes only application/json");
+        }
+        Query query(request.query);
+        return post->second(request, query);
+    }
+    const auto answer = answers_.find(request.path);
+    if (answer == answers_.end() && !page_.Has(request.path)) {
+        return ErrorReply(404, "There is nothing at " + ForLog(request.path));
+    }
+    if (!isRead) {
+        return MethodReply("GET, HEAD");
+    }
+    if (answer == answers_.end()) {
+        return page_.Find(request);
+    }
+    Query query(request.query);
+    return answer->second(request, query);
+}
+
+} // namespace calvane_web
