@@ -9,6 +9,7 @@
 
 #include "api/ClientPool.h"
 #include "api/Facts.h"
+#include "api/Media.h"
 #include "api/PageFiles.h"
 #include "api/Site.h"
 #include "http/HttpServer.h"
@@ -34,6 +35,15 @@ void AddFacts(Site& site, ClientPool& clients) {
     add("/healthz", &AnswerHealth);
 }
 
+void AddMedia(Site& site, Media& media) {
+    const auto add = [&](const char* path, Reply (Media::*answer)(Query&)) {
+        site.Add(path, [&media, answer](const Request&, Query& query) { return (media.*answer)(query); });
+    };
+    add("/api/media", &Media::AnswerMedia);
+    add("/api/export", &Media::AnswerExport);
+    add("/api/thumbnail", &Media::AnswerThumbnail);
+}
+
 } // namespace
 
 int RunWebServer(const WebOptions& options) {
@@ -47,9 +57,14 @@ int RunWebServer(const WebOptions& options) {
     ClientPool clients(kMostQuestions);
     Site site({{local.Text(), "localhost:" + std::to_string(local.port)}}, page);
     AddFacts(site, clients);
+    Media media;
+    AddMedia(site, media);
     HttpEngine engine([&site](const Request& request) { return site.Handle(request); }, {});
     HttpServer server(listener, nullptr, engine, {});
-    signals.Watch([&server] { server.Stop(); });
+    signals.Watch([&] {
+        media.Stop();
+        server.Stop();
+    });
     std::cout << "Open http://" << local.Text() << "/ in a browser" << std::endl;
     sd_notify(0, "READY=1");
     server.Run();

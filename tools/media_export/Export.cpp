@@ -43,19 +43,27 @@ bool IsText(const Record& record) {
     return true;
 }
 
-/// Writes one file.
-class PartExporter {
-public:
-    PartExporter(IRecordSource& source, IOutput& output, const ExportOptions& options)
-        : source_(source), output_(output), options_(options) {}
+} // namespace
 
-    Part Run(const std::optional<Change>& from);
+class PartExport::Impl {
+public:
+    Impl(IRecordSource& source, IOutput& output, const ExportOptions& options,
+         const std::optional<Change>& from)
+        : source_(source), output_(output), options_(options), from_(from) {
+        Open();
+        AddStreams();
+    }
+
+    Time Begin() const { return part_.begin; }
+    std::vector<const calvane_media::CodecInfo*> Codecs() const;
+    Part Finish();
 
 private:
-    void Open(const std::optional<Change>& from);
+    void Open();
     void AddCursor(TrackKind track, const Span& span);
-    Time FindBegin(const std::optional<Change>& from) const;
+    Time FindBegin() const;
     Time FirstPresentation() const;
+    void LeaveOutLateTracks();
     void AddStreams();
     void AddStream(TrackCursor& cursor);
     void AddMetadata(TrackCursor& cursor);
@@ -64,29 +72,33 @@ private:
     void WriteRecord(TrackCursor& cursor);
     void JoinGap(const TrackCursor& cursor);
     bool IsInSkippedGap(Time time) const;
+    bool IsBehindGap(Time time) const;
     Time LongestPause() const;
 
     IRecordSource& source_;
     IOutput& output_;
-    const ExportOptions& options_;
+    const ExportOptions options_;
+    const std::optional<Change> from_;
     std::list<TrackCursor> cursors_;
     std::optional<MovieWriter> writer_;
     std::optional<Time> mediaEnd_; ///< Of video and audio that was written.
+    std::array<Time, 3> ends_{};   ///< The same of each track; 0: nothing yet.
+    Time end_ = INT64_MAX;         ///< Where a track begins that is not in the file.
     Part part_;
 };
 
 /// Where to begin so that the picture at the wanted time can be decoded.
-Time PartExporter::FindBegin(const std::optional<Change>& from) const {
-    const Time wanted = from ? from->time : options_.span.first;
-    if (options_.tracks.count(TrackKind::Video) == 0 || (from && from->track == TrackKind::Video)) {
+Time PartExport::Impl::FindBegin() const {
+    const Time wanted = from_ ? from_->time : options_.span.first;
+    if (options_.tracks.count(TrackKind::Video) == 0 || (from_ && from_->track == TrackKind::Video)) {
         return wanted;
     }
-    const auto found = from ? source_.FindKeyFrame(TrackKind::Video, wanted)
-                            : FindKeyFrameShownAt(source_, TrackKind::Video, wanted);
+    const auto found = from_ ? source_.FindKeyFrame(TrackKind::Video, wanted)
+                             : FindKeyFrameShownAt(source_, TrackKind::Video, wanted);
     return found ? found->time : wanted;
 }
 
-void PartExporter::AddCursor(TrackKind track, const Span& span) {
+void PartExport::Impl::AddCursor(TrackKind track, const Span& span) {
     if (options_.tracks.count(track) == 0) {
         return;
     }
@@ -96,22 +108,39 @@ void PartExporter::AddCursor(TrackKind track, const Span& span) {
     }
 }
 
-void PartExporter::Open(const std::optional<Change>& from) {
-    const Time begin = FindBegin(from);
+void PartExport::Impl::Open() {
+    const Time begin = FindBegin();
     AddCursor(TrackKind::Video, {begin, options_.span.last});
     for (const TrackKind track : {TrackKind::Audio, TrackKind::Metadata}) {
-        AddCursor(track, {from ? from->time : begin, options_.span.last});
+        const Time first = options_.longestGap != 0 ? options_.span.first : begin;
+        AddCursor(track, {from_ ? from_->time : first, options_.span.last});
+    }
+    if (options_.longestGap != 0) {
+        LeaveOutLateTracks();
     }
     const auto hasRecord = [](const TrackCursor& each) { return each.HasRecord(); };
     if (std::none_of(cursors_.begin(), cursors_.end(), hasRecord)) {
-        throw std::runtime_error("There is nothing to export from " + AtText(options_.span.first) + " to " +
-                                 AtText(options_.span.last));
+        throw NothingThere("There is nothing to export from " + AtText(options_.span.first) + " to " +
+                           AtText(options_.span.last));
     }
+}
+
+/// Those of video and audio that are missing at the begin, and all when there is nothing.
+void PartExport::Impl::LeaveOutLateTracks() {
+    const Time latest = options_.span.first + options_.longestGap;
+    cursors_.remove_if([this, latest](const TrackCursor& each) {
+        const bool isLate =
+            !each.IsMetadata() && each.HasRecord() && each.Current().PresentationTime() > latest;
+        if (isLate) {
+            end_ = std::min(end_, each.Current().time);
+        }
+        return isLate;
+    });
 }
 
 /// The begin of all tracks. In mp4 that of video where sound begins a little earlier, together with its decoding: there edit
 /// lists make that part of the sound silent, which elsewhere would move the pictures.
-Time PartExporter::FirstPresentation() const {
+Time PartExport::Impl::FirstPresentation() const {
     Time first = INT64_MAX;
     const Record* video = nullptr;
     for (const TrackCursor& cursor : cursors_) {
@@ -124,9 +153,10 @@ Time PartExporter::FirstPresentation() const {
     return isTogether && options_.container == Container::Mp4 ? video->PresentationTime() : first;
 }
 
-void PartExporter::AddStreams() {
+void PartExport::Impl::AddStreams() {
     part_.begin = FirstPresentation();
-    writer_.emplace(output_, MovieOptions{options_.container, options_.fragmented, part_.begin});
+    writer_.emplace(
+        output_, MovieOptions{options_.container, options_.fragmented, part_.begin, options_.fragmentTime});
     for (TrackCursor& cursor : cursors_) {
         if (!cursor.HasRecord()) {
             continue;
@@ -142,13 +172,13 @@ void PartExporter::AddStreams() {
     writer_->Begin();
 }
 
-void PartExporter::AddStream(TrackCursor& cursor) {
+void PartExport::Impl::AddStream(TrackCursor& cursor) {
     cursor.TakeCodec();
     cursor.stream = writer_->AddStream(*cursor.Codec());
 }
 
 /// With a codec as that; without one as text, if it is some.
-void PartExporter::AddMetadata(TrackCursor& cursor) {
+void PartExport::Impl::AddMetadata(TrackCursor& cursor) {
     if (cursor.Current().info->count("Codec") != 0) {
         cursor.TakeCodec();
         if (writer_->Supports(cursor.Codec()->parameters->codec_id)) {
@@ -160,7 +190,7 @@ void PartExporter::AddMetadata(TrackCursor& cursor) {
     }
 }
 
-TrackCursor* PartExporter::Earliest() {
+TrackCursor* PartExport::Impl::Earliest() {
     TrackCursor* earliest = nullptr;
     for (TrackCursor& cursor : cursors_) {
         if (cursor.HasRecord() && (earliest == nullptr || cursor.Current().time < earliest->Current().time)) {
@@ -170,8 +200,8 @@ TrackCursor* PartExporter::Earliest() {
     return earliest;
 }
 
-Time PartExporter::LongestPause() const {
-    Time longest = kShortestGap;
+Time PartExport::Impl::LongestPause() const {
+    Time longest = options_.longestGap != 0 ? options_.longestGap : kShortestGap;
     for (const TrackCursor& cursor : cursors_) {
         if (!cursor.IsMetadata()) {
             longest = std::max(longest, 5 * cursor.NominalDuration());
@@ -181,17 +211,25 @@ Time PartExporter::LongestPause() const {
 }
 
 /// Before a record of video or audio is written.
-void PartExporter::JoinGap(const TrackCursor& cursor) {
+void PartExport::Impl::JoinGap(const TrackCursor& cursor) {
     const Time time = cursor.Current().time;
     if (options_.skipGaps && mediaEnd_ && time - *mediaEnd_ > LongestPause()) {
         writer_->Join(time - *mediaEnd_);
         part_.joined += time - *mediaEnd_;
     }
     mediaEnd_ = std::max(mediaEnd_.value_or(time), time + cursor.Duration());
+    ends_.at(static_cast<std::size_t>(cursor.Track())) = time + cursor.Duration();
+}
+
+/// Whether a track of the file is missing at that time for longer than it may be.
+bool PartExport::Impl::IsBehindGap(Time time) const {
+    return options_.longestGap != 0 && std::any_of(ends_.begin(), ends_.end(), [&](Time end) {
+               return end != 0 && time - end > LongestPause();
+           });
 }
 
 /// Whether metadata of that time goes with no video and no audio, and these are not to have a gap.
-bool PartExporter::IsInSkippedGap(Time time) const {
+bool PartExport::Impl::IsInSkippedGap(Time time) const {
     if (!options_.skipGaps || !mediaEnd_ || time <= *mediaEnd_) {
         return false;
     }
@@ -204,7 +242,7 @@ bool PartExporter::IsInSkippedGap(Time time) const {
     return next - *mediaEnd_ > LongestPause();
 }
 
-void PartExporter::WriteRecord(TrackCursor& cursor) {
+void PartExport::Impl::WriteRecord(TrackCursor& cursor) {
     const Record& record = cursor.Current();
     const auto track = static_cast<std::size_t>(cursor.Track());
     const bool isUnfit = cursor.isText && (!IsText(record) || record.size > MovieWriter::kLongestText);
@@ -230,12 +268,13 @@ void PartExporter::WriteRecord(TrackCursor& cursor) {
     part_.end = std::max(part_.end, record.time);
 }
 
-Part PartExporter::Run(const std::optional<Change>& from) {
-    Open(from);
-    AddStreams();
+Part PartExport::Impl::Finish() {
     while (TrackCursor* const cursor = Earliest()) {
         const Time time = cursor->Current().time;
         options_.onRecord(time);
+        if (!cursor->IsMetadata() && (time >= end_ || IsBehindGap(time))) {
+            break;
+        }
         if (!cursor->IsMetadata() && cursor->HasChanged()) {
             part_.change = Change{cursor->Track(), time};
             break;
@@ -247,18 +286,44 @@ Part PartExporter::Run(const std::optional<Change>& from) {
     for (const TrackCursor& cursor : cursors_) {
         part_.losses += cursor.GetLosses();
     }
-    if (from && part_.change && part_.change->time <= from->time) {
+    if (from_ && part_.change && part_.change->time <= from_->time) {
         throw std::runtime_error(std::string("The ") + NameOf(part_.change->track) +
                                  " changes too often at " + AtText(part_.change->time) + " to be exported");
     }
     return part_;
 }
 
-} // namespace
+std::vector<const calvane_media::CodecInfo*> PartExport::Impl::Codecs() const {
+    std::vector<const calvane_media::CodecInfo*> codecs;
+    for (const TrackCursor& cursor : cursors_) {
+        if (cursor.stream && !cursor.IsMetadata()) {
+            codecs.push_back(cursor.Codec());
+        }
+    }
+    return codecs;
+}
+
+PartExport::PartExport(IRecordSource& source, IOutput& output, const ExportOptions& options,
+                       const std::optional<Change>& from)
+    : impl_(std::make_unique<Impl>(source, output, options, from)) {}
+
+PartExport::~PartExport() = default;
+
+Time PartExport::Begin() const {
+    return impl_->Begin();
+}
+
+std::vector<const calvane_media::CodecInfo*> PartExport::Codecs() const {
+    return impl_->Codecs();
+}
+
+Part PartExport::Finish() {
+    return impl_->Finish();
+}
 
 Part ExportPart(IRecordSource& source, IOutput& output, const ExportOptions& options,
                 const std::optional<Change>& from) {
-    return PartExporter(source, output, options).Run(from);
+    return PartExport(source, output, options, from).Finish();
 }
 
 } // namespace calvane_export

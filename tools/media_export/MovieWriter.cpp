@@ -218,8 +218,9 @@ void MovieWriter::Begin() {
         const bool hasVideo = std::any_of(streams_.begin(), streams_.end(), [](const Stream& each) {
             return each.stream->codecpar->codec_type == AVMEDIA_TYPE_VIDEO;
         });
-        if (!hasVideo) {
-            av_dict_set_int(&options, "frag_duration", kFragmentTime, 0);
+        if (options_.fragmentTime != 0 || !hasVideo) {
+            av_dict_set_int(&options, "frag_duration",
+                            options_.fragmentTime != 0 ? options_.fragmentTime : kFragmentTime, 0);
         }
     }
     const int result = avformat_write_header(context_.get(), &options);

@@ -31,6 +31,8 @@ struct MovieOptions {
     /// An mp4 file in fragments, which can be played while it is written. Always so where the output cannot seek.
     bool fragmented = false;
     Time start = 0; ///< When it was 0 in the file; in its metadata.
+    /// A fragment is not longer, in microseconds; 0: one for each key frame.
+    Time fragmentTime = 0;
 };
 
 /// A packet as it was recorded. Times are in microseconds from the begin of the file.

@@ -16,51 +16,53 @@ constexpr auto kSoon = std::chrono::seconds(1);
 
 } // namespace
 
-/// A client of the pool for one question.
-class ClientPool::Lease {
-public:
-    explicit Lease(ClientPool& pool) : pool_(pool) {
-        std::unique_lock<std::mutex> lock(pool_.mutex_);
-        if (!pool_.returned_.wait_for(lock, kLongestWait, [this] { return pool_.used_ < pool_.most_; })) {
-            throw Busy("The recorder is busy with other questions");
-        }
-        ++pool_.used_;
-        if (!pool_.spare_.empty()) {
-            client_ = std::move(pool_.spare_.back());
-            pool_.spare_.pop_back();
-        }
+ClientPool::Lease::Lease(ClientPool& pool) : pool_(&pool) {
+    std::unique_lock<std::mutex> lock(pool.mutex_);
+    if (!pool.returned_.wait_for(lock, kLongestWait, [&pool] { return pool.used_ < pool.most_; })) {
+        throw Busy("The recorder is busy with other questions");
     }
-    ~Lease() {
-        const std::lock_guard<std::mutex> lock(pool_.mutex_);
-        --pool_.used_;
-        if (client_) {
-            pool_.spare_.push_back(std::move(client_));
-        }
-        pool_.returned_.notify_one();
+    ++pool.used_;
+    if (!pool.spare_.empty()) {
+        client_ = std::move(pool.spare_.back());
+        pool.spare_.pop_back();
     }
-    Lease(const Lease&) = delete;
-    Lease& operator=(const Lease&) = delete;
+}
 
-    bool IsUsed() const { return client_ != nullptr; }
-    Client& Get() {
-        if (!client_) {
-            client_ = std::make_unique<Client>(kCallTime);
-        }
-        return *client_;
+ClientPool::Lease::~Lease() {
+    if (pool_ == nullptr) {
+        return;
     }
-    void GiveUp() { client_.reset(); }
+    const std::lock_guard<std::mutex> lock(pool_->mutex_);
+    --pool_->used_;
+    if (client_) {
+        pool_->spare_.push_back(std::move(client_));
+    }
+    pool_->returned_.notify_one();
+}
 
-private:
-    ClientPool& pool_;
-    std::unique_ptr<Client> client_;
-};
+ClientPool::Client& ClientPool::Lease::operator*() {
+    if (!client_) {
+        client_ = std::make_unique<Client>(kCallTime);
+    }
+    return *client_;
+}
 
 void ClientPool::Ask(const std::function<void(Client&)>& question) {
     Lease lease(*this);
+    Ask(lease, question);
+}
+
+ClientPool::Lease ClientPool::Borrow() {
+    Lease lease(*this);
+    Ask(lease, [](Client& client) { client.GetSummary(); });
+    return lease;
+}
+
+void ClientPool::Ask(Lease& lease, const std::function<void(Client&)>& question) {
     for (bool mayRetry = lease.IsUsed();; mayRetry = false) {
         const auto begin = Clock::now();
         try {
-            return question(lease.Get());
+            return question(*lease);
         } catch (const RecordingClient::NotRunning&) {
             ++failures_;
             lease.GiveUp();

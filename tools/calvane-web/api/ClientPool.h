@@ -7,6 +7,7 @@
 #include <memory>
 #include <mutex>
 #include <stdexcept>
+#include <utility>
 #include <vector>
 
 #include "RecordingClient.h"
@@ -41,10 +42,14 @@ public:
         return answer;
     }
 
+    class Lease;
+    /// A client for several questions. It was there a moment ago.
+    Lease Borrow();
+
     std::uint64_t Failures() const { return failures_; }
 
 private:
-    class Lease;
+    void Ask(Lease& lease, const std::function<void(Client&)>& question);
 
     const std::size_t most_;
     std::atomic<std::uint64_t> failures_{0};
@@ -53,6 +58,27 @@ private:
     std::condition_variable returned_;
     std::vector<std::unique_ptr<Client>> spare_;
     std::size_t used_ = 0;
+};
+
+/// A client of the pool, until it is destroyed.
+class ClientPool::Lease {
+public:
+    explicit Lease(ClientPool& pool);
+    ~Lease();
+    Lease(Lease&& other) noexcept : pool_(other.pool_), client_(std::move(other.client_)) {
+        other.pool_ = nullptr;
+    }
+    Lease& operator=(Lease&&) = delete;
+
+    Client& operator*();
+    Client* operator->() { return &**this; }
+    bool IsUsed() const { return client_ != nullptr; }
+    /// The pool does not get it back.
+    void GiveUp() { client_.reset(); }
+
+private:
+    ClientPool* pool_;
+    std::unique_ptr<Client> client_;
 };
 
 } // namespace calvane_web

@@ -20,6 +20,7 @@ public:
     /// control characters, is given twice, has no value, and for more than 16 parameters.
     explicit Query(std::string_view text);
 
+    bool Has(const std::string& name) const { return values_.count(name) != 0; }
     std::optional<std::string> Take(const std::string& name);
     std::string TakeOr(const std::string& name, const std::string& otherwise);
     /// As the command line takes times; in UTC where they say nothing else.

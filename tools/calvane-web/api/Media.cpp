@@ -1,0 +1,238 @@
+#include "api/Media.h"
+
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <optional>
+#include <vector>
+
+#include "Answers.h"
+#include "RecordReader.h"
+#include "api/CodecText.h"
+#include "api/Replies.h"
+#include "media_export/Export.h"
+#include "media_export/JpegMaker.h"
+#include "record_source/ServiceSource.h"
+
+namespace calvane_web {
+namespace {
+
+using namespace calvane_recording;
+using calvane_export::Container;
+using calvane_export::ExportOptions;
+
+/// Each reads three tracks at most, of the 16 that the recorder gives out: one is left for others.
+constexpr std::size_t kMostJobs = 5;
+constexpr Time kDefaultLength = 30 * kSecond;
+constexpr Time kLongestGap = kSecond;
+constexpr Time kFragmentTime = kSecond / 2;
+constexpr Time kOldestPicture = 60 * kSecond;
+/// What a file has before the answer begins.
+constexpr std::size_t kMostAhead = 1024 * 1024;
+
+/// A file of the answer: until that has begun, its bytes wait.
+class AnswerOutput : public calvane_export::IOutput {
+public:
+    void Write(const std::uint8_t* bytes, std::size_t length) override {
+        if (sink_ != nullptr) {
+            sink_->Write(bytes, length);
+            return;
+        }
+        if (ahead_.size() + length > kMostAhead) {
+            throw std::runtime_error("The head of the file is too long");
+        }
+        ahead_.insert(ahead_.end(), bytes, bytes + length);
+    }
+    void BeginWith(IBodySink& sink) {
+        sink_ = &sink;
+        sink.Write(ahead_.data(), ahead_.size());
+        ahead_ = {};
+    }
+
+private:
+    std::vector<std::uint8_t> ahead_;
+    IBodySink* sink_ = nullptr;
+};
+
+std::set<TrackKind> TakeTracks(Query& query) {
+    std::set<TrackKind> tracks;
+    const std::string names = query.TakeOr("tracks", "video,audio") + ",";
+    for (std::size_t begin = 0; begin != names.size();) {
+        const std::size_t end = names.find(',', begin);
+        tracks.insert(ParseTrack(names.substr(begin, end - begin)));
+        begin = end + 1;
+    }
+    return tracks;
+}
+
+/// When there is data next, behind `from`.
+std::optional<Time> FindNext(ClientPool::Client& client, Time from) {
+    std::optional<Time> next;
+    for (const TrackKind track : {TrackKind::Video, TrackKind::Audio}) {
+        client.ForEachInterval(
+            static_cast<unsigned int>(track), {from, Now()}, [&](const Interval& interval) {
+                const bool isNext = interval.reason == 0 && interval.span.first > from;
+                next = isNext ? std::min(next.value_or(INT64_MAX), interval.span.first) : next;
+                return !isNext;
+            });
+    }
+    return next;
+}
+
+/// "camera_20261121T130000Z.mp4", by the name of this machine.
+std::string FileName(Time time, Container container) {
+    std::array<char, 64> host{};
+    gethostname(host.data(), host.size() - 1);
+    std::string name = host.data();
+    name.erase(std::remove_if(name.begin(), name.end(),
+                              [](char each) {
+                                  return std::isalnum(static_cast<unsigned char>(each)) == 0 && each != '-';
+                              }),
+               name.end());
+    std::string moment = TimeText(time, Zone::Utc).substr(0, 19) + "Z";
+    for (const char mark : {'-', ':'}) {
+        moment.erase(std::remove(moment.begin(), moment.end(), mark), moment.end());
+    }
+    return name + "_" + moment + "." + NameOf(container);
+}
+
+std::string ToText(const Time time) {
+    return TimeText(time, Zone::Utc);
+}
+
+} // namespace
+
+/// An answer that is being written, with what it reads from.
+class Media::Job {
+public:
+    explicit Job(Media& media)
+        : client_(media.clients_.Borrow()), source_(*client_, [&media] { return media.isStopped_.load(); }) {}
+
+    void Begin(const ExportOptions& options) { file_.emplace(source_, output_, options); }
+    const calvane_export::PartExport& File() const { return *file_; }
+    ClientPool::Client& Client() { return *client_; }
+    ServiceSource& Source() { return source_; }
+
+    /// A file for a player may lack what cannot be read; it goes on behind it.
+    void WriteTo(IBodySink& sink, bool mustBeWhole) {
+        output_.BeginWith(sink);
+        const calvane_export::Part part = file_->Finish();
+        if (!mustBeWhole) {
+            return;
+        }
+        if (part.losses.unreadable != 0 || part.losses.erased != 0) {
+            throw std::runtime_error("Some of the data is damaged, or was erased before it could be read");
+        }
+        if (part.change) {
+            throw std::runtime_error(std::string("The ") + NameOf(part.change->track) + " changes at " +
+                                     ToText(part.change->time) + ", which needs another file");
+        }
+    }
+
+private:
+    ClientPool::Lease client_;
+    ServiceSource source_;
+    AnswerOutput output_;
+    std::optional<calvane_export::PartExport> file_;
+};
+
+Media::Media() : clients_(kMostJobs) {}
+
+Reply Media::NothingReply(const std::string& reason, Time from) {
+    const auto next = clients_.Get([from](ClientPool::Client& client) { return FindNext(client, from); });
+    return JsonReply({{"error", reason}, {"next", next ? ToJson(*next) : nlohmann::json(nullptr)}}, 404);
+}
+
+Reply Media::AnswerMedia(Query& query) {
+    const Time now = Now();
+    ExportOptions options;
+    options.span.first = query.TakeTime("from", "now", now);
+    options.span.last = query.Has("to") ? query.TakeTime("to", "", now) : options.span.first + kDefaultLength;
+    options.tracks = TakeTracks(query);
+    query.RequireAllTaken();
+    if (options.span.last < options.span.first) {
+        throw std::invalid_argument("to: it is before from");
+    }
+    options.fragmented = true;
+    options.longestGap = kLongestGap;
+    options.fragmentTime = kFragmentTime;
+    auto job = std::make_shared<Job>(*this);
+    try {
+        job->Begin(options);
+    } catch (const calvane_export::NothingThere& problem) {
+        job.reset();
+        return NothingReply(problem.what(), options.span.first);
+    }
+    Reply reply;
+    reply.type = "video/mp4";
+    reply.headers = {{"Cache-Control", "no-store"}, {"X-Calvane-Begin", ToText(job->File().Begin())}};
+    const std::string mime = MimeText(job->File().Codecs());
+    if (!mime.empty()) {
+        reply.headers.emplace("X-Calvane-Mime", mime);
+    }
+    reply.write = [job](IBodySink& sink) { job->WriteTo(sink, false); };
+    return reply;
+}
+
+Reply Media::AnswerExport(Query& query) {
+    const Time now = Now();
+    ExportOptions options;
+    options.span.first = query.TakeTime("from", "", now);
+    options.span.last = query.TakeTime("to", "now", now);
+    options.container = calvane_export::ParseContainer(query.TakeOr("container", "mp4"));
+    const std::string gaps = query.TakeOr("gaps", "keep");
+    query.RequireAllTaken();
+    if (gaps != "keep" && gaps != "skip") {
+        throw std::invalid_argument("gaps: neither keep nor skip: \"" + gaps + "\"");
+    }
+    if (options.span.last < options.span.first) {
+        throw std::invalid_argument("to: it is before from");
+    }
+    options.skipGaps = gaps == "skip";
+    auto job = std::make_shared<Job>(*this);
+    try {
+        job->Begin(options);
+    } catch (const calvane_export::NothingThere& problem) {
+        job.reset();
+        return NothingReply(problem.what(), options.span.first);
+    }
+    Reply reply;
+    reply.type = options.container == Container::Mp4        ? "video/mp4"
+                 : options.container == Container::Matroska ? "video/x-matroska"
+                                                            : "video/mp2t";
+    reply.headers = {{"Cache-Control", "no-store"},
+                     {"Content-Disposition",
+                      "attachment; filename=\"" + FileName(job->File().Begin(), options.container) + "\""}};
+    reply.write = [job](IBodySink& sink) { job->WriteTo(sink, true); };
+    return reply;
+}
+
+Reply Media::AnswerThumbnail(Query& query) {
+    const Time at = query.TakeTime("at", "now", Now());
+    const auto width = static_cast<int>(query.TakeNumber("width", 16, 1920, 160));
+    query.RequireAllTaken();
+    Job job(*this);
+    ServiceSource& source = job.Source();
+    auto key = source.FindKeyFrame(TrackKind::Video, at);
+    while (key && key->presentationTime > at) {
+        key = source.FindKeyFrame(TrackKind::Video, key->time - 1);
+    }
+    Record record;
+    if (!key || at - key->presentationTime > kOldestPicture ||
+        !source.Open(TrackKind::Video, {key->time, key->time})->Read(record)) {
+        return ErrorReply(404, "There is no video at " + ToText(at) + ", nor in the minute before");
+    }
+    // What is recorded later may have a nearer picture.
+    const bool isFinal = at <= source.GetSpan(TrackKind::Video).last;
+    const std::lock_guard<std::mutex> lock(decoding_);
+    const auto jpeg = calvane_export::MakeJpeg(record, width);
+    Reply reply;
+    reply.type = "image/jpeg";
+    reply.body.assign(jpeg.begin(), jpeg.end());
+    reply.headers = {{"Cache-Control", isFinal ? "private, max-age=86400, immutable" : "no-store"},
+                     {"X-Calvane-Time", ToText(key->presentationTime)}};
+    return reply;
+}
+
+} // namespace calvane_web

@@ -1,0 +1,45 @@
+#pragma once
+
+#include <atomic>
+#include <mutex>
+
+#include "api/ClientPool.h"
+#include "api/Query.h"
+#include "http/Exchange.h"
+
+namespace calvane_web {
+
+/// The answers that carry recorded media; docs/reference/web-api.md describes them.
+///
+/// Each reads from the recorder while it is written, at the speed of its reader, so that it holds a few pieces at most. The
+/// recorder has so many streams at once, so that only some are under way at the same time; others wait, and are Busy at last.
+///
+/// Threads:  any.
+/// Errors:   std::invalid_argument for a bad query, which names the parameter; those of ClientPool. Once an answer has begun
+///           it is cut off.
+/// Lifetime: outlives the answers.
+class Media {
+public:
+    Media();
+
+    /// For a player: fragmented MP4 from a key frame on, without a gap.
+    Reply AnswerMedia(Query& query);
+    /// A file to keep, with all tracks.
+    Reply AnswerExport(Query& query);
+    /// A key frame as JPEG.
+    Reply AnswerThumbnail(Query& query);
+    /// Ends the answers under way.
+    void Stop() { isStopped_ = true; }
+
+    std::uint64_t Failures() const { return clients_.Failures(); }
+
+private:
+    class Job;
+    Reply NothingReply(const std::string& reason, calvane_recording::Time from);
+
+    ClientPool clients_;
+    std::atomic<bool> isStopped_{false};
+    std::mutex decoding_; ///< One picture at a time: each takes some megabytes.
+};
+
+} // namespace calvane_web
