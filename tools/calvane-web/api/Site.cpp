@@ -16,6 +16,7 @@ constexpr auto kContentPolicy =
     "media-src 'self' blob:; connect-src 'self'; form-action 'none'; frame-ancestors 'none'; base-uri 'none'";
 
 constexpr int kRetrySeconds = 2;
+constexpr auto kOpenAnswer = "/healthz"; ///< For those who watch over the device.
 
 Reply MethodReply(const std::string& allowed) {
     Reply reply = ErrorReply(405, "This path takes only " + allowed);
@@ -70,9 +71,6 @@ Reply Site::Find(const Request& request) const {
         if (request.method != "POST") {
             return MethodReply("POST");
         }
-        if (request.Header("content-type").rfind("application/json", 0) != 0) {
-            return ErrorReply(415, "This path takes only application/json");
-        }
         Query query(request.query);
         return post->second(request, query);
     }
@@ -85,6 +83,9 @@ Reply Site::Find(const Request& request) const {
     }
     if (answer == answers_.end()) {
         return page_.Find(request);
+    }
+    if (options_.isAllowed && request.path != kOpenAnswer && !options_.isAllowed(request)) {
+        return ErrorReply(401, "Log in first");
     }
     Query query(request.query);
     return answer->second(request, query);

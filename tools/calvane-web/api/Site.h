@@ -16,13 +16,15 @@ namespace calvane_web {
 /// for all of them.
 ///
 /// Threads: Handle from any, once all is added.
-/// Errors:  become answers: 400 for a bad query, 404, 405, 503 when the recorder does not answer.
+/// Errors:  become answers: 400 for a bad query, 401, 404, 405, 503 when the recorder does not answer.
 class Site {
 public:
     struct Options {
         /// What a request's Host may be, "127.0.0.1:8080" and others; empty: anything. A page of another site that has its own
         /// name lead here could read the answers otherwise.
         std::vector<std::string> hosts;
+        /// Whether a client has logged in; without it everybody may ask. The page itself and /healthz are open.
+        std::function<bool(const Request&)> isAllowed;
     };
     using Answer = std::function<Reply(const Request&, Query&)>;
 
