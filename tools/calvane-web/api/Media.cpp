@@ -69,13 +69,16 @@ std::set<TrackKind> TakeTracks(Query& query) {
 /// When there is data next, behind `from`.
 std::optional<Time> FindNext(ClientPool::Client& client, Time from) {
     std::optional<Time> next;
+    const Time now = Now();
+    if (from >= now) {
+        return next;
+    }
     for (const TrackKind track : {TrackKind::Video, TrackKind::Audio}) {
-        client.ForEachInterval(
-            static_cast<unsigned int>(track), {from, Now()}, [&](const Interval& interval) {
-                const bool isNext = interval.reason == 0 && interval.span.first > from;
-                next = isNext ? std::min(next.value_or(INT64_MAX), interval.span.first) : next;
-                return !isNext;
-            });
+        client.ForEachInterval(static_cast<unsigned int>(track), {from, now}, [&](const Interval& interval) {
+            const bool isNext = interval.reason == 0 && interval.span.first > from;
+            next = isNext ? std::min(next.value_or(INT64_MAX), interval.span.first) : next;
+            return !isNext;
+        });
     }
     return next;
 }

@@ -52,36 +52,32 @@ Connection::~Connection() {
     close(descriptor_);
 }
 
-void Connection::Wait(int result, short events, Clock::time_point deadline) const {
+short Connection::Blocker(long result, short events) const {
     if (tls_) {
-        const int error = SSL_get_error(tls_.get(), result);
+        const int error = SSL_get_error(tls_.get(), static_cast<int>(result));
         ERR_clear_error();
         if (error != SSL_ERROR_WANT_READ && error != SSL_ERROR_WANT_WRITE) {
             throw Disconnected("The client ended TLS");
         }
-        events = error == SSL_ERROR_WANT_READ ? POLLIN : POLLOUT;
-    } else if (errno != EAGAIN && errno != EINTR) {
+        return error == SSL_ERROR_WANT_READ ? POLLIN : POLLOUT;
+    }
+    if (result == 0) {
+        throw Disconnected("The client closed the connection");
+    }
+    if (errno != EAGAIN && errno != EINTR) {
         throw Disconnected(std::strerror(errno));
     }
-    const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - Clock::now()).count();
-    pollfd wait{descriptor_, events, 0};
-    if (left <= 0 || poll(&wait, 1, static_cast<int>(std::min<long long>(left, INT_MAX))) == 0) {
-        throw Disconnected("The client is too slow");
-    }
+    return events;
 }
 
-std::size_t Connection::Read(char* bytes, std::size_t length, Clock::time_point deadline) {
-    for (;;) {
-        const ssize_t count =
-            tls_ ? SSL_read(tls_.get(), bytes, ClampLength(length)) : recv(descriptor_, bytes, length, 0);
-        const bool isEnd =
-            tls_ ? count <= 0 && SSL_get_error(tls_.get(), static_cast<int>(count)) == SSL_ERROR_ZERO_RETURN
-                 : count == 0;
-        if (count > 0 || isEnd) {
-            return isEnd ? 0 : static_cast<std::size_t>(count);
-        }
-        Wait(static_cast<int>(count), POLLIN, deadline);
+std::size_t Connection::Receive(char* bytes, std::size_t length) {
+    const ssize_t count =
+        tls_ ? SSL_read(tls_.get(), bytes, ClampLength(length)) : recv(descriptor_, bytes, length, 0);
+    if (count <= 0) {
+        Blocker(count, POLLIN); // A handshake writes little enough to be taken at once.
+        return 0;
     }
+    return static_cast<std::size_t>(count);
 }
 
 void Connection::Write(const char* bytes, std::size_t length, Clock::time_point deadline) {
@@ -91,14 +87,15 @@ void Connection::Write(const char* bytes, std::size_t length, Clock::time_point 
         if (count > 0) {
             bytes += count;
             length -= static_cast<std::size_t>(count);
-        } else {
-            Wait(static_cast<int>(count), POLLOUT, deadline);
+            continue;
+        }
+        pollfd wait{descriptor_, Blocker(count, POLLOUT), 0};
+        const auto left =
+            std::chrono::duration_cast<std::chrono::milliseconds>(deadline - Clock::now()).count();
+        if (left <= 0 || poll(&wait, 1, static_cast<int>(std::min<long long>(left, INT_MAX))) == 0) {
+            throw Disconnected("The client reads too slowly");
         }
     }
-}
-
-bool Connection::HasPending() const {
-    return tls_ && SSL_pending(tls_.get()) > 0;
 }
 
 bool Connection::IsOpen() const {

@@ -28,11 +28,9 @@ public:
     Connection(const Connection&) = delete;
     Connection& operator=(const Connection&) = delete;
 
-    /// At least one byte, or 0 when the client has closed its side.
-    std::size_t Read(char* bytes, std::size_t length, Clock::time_point deadline);
+    /// What has come, without waiting; 0 for nothing yet. Throws also when the client has closed its side.
+    std::size_t Receive(char* bytes, std::size_t length);
     void Write(const char* bytes, std::size_t length, Clock::time_point deadline);
-    /// Whether something can be read that the socket does not show.
-    bool HasPending() const;
     /// Whether the client has not closed its side and there was no error.
     bool IsOpen() const;
     /// Says farewell, and takes what the client still sends for a moment, since otherwise it may lose the answer.
@@ -45,8 +43,8 @@ public:
     const std::string& Peer() const { return peer_; }
 
 private:
-    /// Until the socket can do what `result`, an error of the last operation, waited for.
-    void Wait(int result, short events, Clock::time_point deadline) const;
+    /// What the socket must be able to do before the last operation, which gave `result`, can go on.
+    short Blocker(long result, short events) const;
 
     const int descriptor_;
     const TlsContext::Session tls_;

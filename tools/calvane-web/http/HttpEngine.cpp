@@ -3,10 +3,9 @@
 #include <httplib.h>
 
 #include <algorithm>
-#include <array>
 #include <cstring>
 #include <nlohmann/json.hpp>
-#include <optional>
+#include <stdexcept>
 #include <utility>
 
 #include "http/RequestHead.h"
@@ -17,11 +16,8 @@ namespace {
 
 using quarn::core::Logger;
 
-/// From the first byte of a request to its last one.
-constexpr auto kRequestTime = std::chrono::seconds(10);
 /// For a piece of an answer, which is a few hundred kilobytes at most.
 constexpr auto kWriteTime = std::chrono::seconds(30);
-constexpr std::size_t kLongestBody = 4096;
 constexpr time_t kKeepAliveSeconds = 60;
 constexpr std::size_t kKeepAliveRequests = 10000;
 
@@ -30,18 +26,14 @@ Logger& Log() {
     return *logger;
 }
 
-/// What the library reads a request from and writes the answer to: a head that was read and checked ahead, and then the
-/// connection.
+/// What the library reads a request from, which has come already, and writes the answer to.
 class RequestStream : public httplib::Stream {
 public:
-    explicit RequestStream(Connection& connection) : connection_(connection) {}
+    /// Removes the request that `received` begins with. Throws std::invalid_argument for a bad one.
+    RequestStream(Connection& connection, std::string& received);
 
-    /// Reads the head of the next request. Returns false when there is none, with the status to answer in `problem` if there
-    /// is to be one.
-    bool ReadHead(int& problem, std::string& reason);
-    /// Bytes that came behind the request: another one.
-    bool HasMore() const { return !rest_.empty() || connection_.HasPending(); }
-    bool HasBody() const { return hasBody_; }
+    /// Whether all of the request has been read.
+    bool IsRead() const { return position_ == request_.size(); }
 
     bool is_readable() const override { return true; }
     bool is_writable() const override { return connection_.IsOpen(); }
@@ -59,62 +51,27 @@ public:
 
 private:
     Connection& connection_;
-    std::string head_;
-    std::size_t headRead_ = 0;
-    std::string rest_;
-    bool hasBody_ = false;
-    Connection::Clock::time_point deadline_;
+    std::string request_;
+    std::size_t position_ = 0;
 };
 
-bool RequestStream::ReadHead(int& problem, std::string& reason) {
-    deadline_ = Connection::Clock::now() + kRequestTime;
-    std::array<char, 4096> bytes{};
-    std::optional<std::size_t> end;
-    while (!(end = FindHeadEnd(rest_))) {
-        if (rest_.size() > kLongestHead) {
-            problem = 431;
-            reason = "The head of the request is longer than " + std::to_string(kLongestHead) + " bytes";
-            return false;
-        }
-        const std::size_t count = connection_.Read(bytes.data(), bytes.size(), deadline_);
-        if (count == 0) {
-            return false;
-        }
-        rest_.append(bytes.data(), count);
+RequestStream::RequestStream(Connection& connection, std::string& received) : connection_(connection) {
+    const auto end = FindHeadEnd(received);
+    if (!end || *end > kLongestHead) {
+        throw std::length_error("The head of the request is longer than " + std::to_string(kLongestHead) +
+                                " bytes");
     }
-    try {
-        head_ = FilterHead(std::string_view(rest_).substr(0, *end));
-    } catch (const std::invalid_argument& error) {
-        problem = 400;
-        reason = error.what();
-        return false;
-    }
-    headRead_ = 0;
-    rest_.erase(0, *end);
-    hasBody_ = calvane_web::HasBody(head_);
-    return true;
+    request_ = FilterHead(std::string_view(received).substr(0, *end));
+    const std::size_t length = std::min(BodyLength(request_), received.size() - *end);
+    request_.append(received, *end, length);
+    received.erase(0, *end + length);
 }
 
 ssize_t RequestStream::read(char* bytes, std::size_t size) {
-    std::string& from = headRead_ < head_.size() ? head_ : rest_;
-    std::size_t& begin = headRead_;
-    if (&from == &head_) {
-        const std::size_t count = std::min(size, head_.size() - begin);
-        std::memcpy(bytes, &head_[begin], count);
-        begin += count;
-        return static_cast<ssize_t>(count);
-    }
-    if (!rest_.empty()) {
-        const std::size_t count = std::min(size, rest_.size());
-        std::memcpy(bytes, rest_.data(), count);
-        rest_.erase(0, count);
-        return static_cast<ssize_t>(count);
-    }
-    try {
-        return static_cast<ssize_t>(connection_.Read(bytes, size, deadline_));
-    } catch (const Disconnected&) {
-        return -1;
-    }
+    const std::size_t count = std::min(size, request_.size() - position_);
+    std::memcpy(bytes, request_.data() + position_, count);
+    position_ += count;
+    return static_cast<ssize_t>(count);
 }
 
 ssize_t RequestStream::write(const char* bytes, std::size_t size) {
@@ -142,6 +99,20 @@ private:
 
 std::string ErrorBody(const std::string& reason) {
     return nlohmann::json{{"error", reason}}.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace);
+}
+
+/// Answers what the library does not get to see.
+void Refuse(Connection& connection, int status, const std::string& reason) {
+    const std::string body = ErrorBody(reason);
+    const std::string answer =
+        "HTTP/1.1 " + std::to_string(status) +
+        " Refused\r\nContent-Type: application/json\r\nConnection: close\r\nContent-Length: " +
+        std::to_string(body.size()) + "\r\n\r\n" + body;
+    try {
+        connection.Write(answer.data(), answer.size(), Connection::Clock::now() + kWriteTime);
+    } catch (const Disconnected&) {
+        // It is closed in any case.
+    }
 }
 
 Request ToRequest(const httplib::Request& from) {
@@ -267,33 +238,22 @@ HttpEngine::HttpEngine(Handler handler, const std::vector<std::string>& postPath
 
 HttpEngine::~HttpEngine() = default;
 
-bool HttpEngine::Serve(Connection& connection) {
+bool HttpEngine::Serve(Connection& connection, std::string& received) {
     try {
-        RequestStream stream(connection);
-        do {
-            int problem = 0;
-            std::string reason;
-            if (!stream.ReadHead(problem, reason)) {
-                if (problem != 0) {
-                    const std::string body = ErrorBody(reason);
-                    const std::string answer =
-                        "HTTP/1.1 " + std::to_string(problem) +
-                        " Refused\r\nContent-Type: application/json\r\n" +
-                        "Connection: close\r\nContent-Length: " + std::to_string(body.size()) + "\r\n\r\n" +
-                        body;
-                    stream.write(answer.data(), answer.size());
-                }
+        while (IsWhole(received)) {
+            RequestStream stream(connection, received);
+            // What is left of a body that was not taken is the client's mistake.
+            if (!server_->Process(stream) || !stream.IsRead()) {
                 return false;
             }
-            // What is left of a body that was not taken would be read as a request.
-            if (!server_->Process(stream) || stream.HasBody()) {
-                return false;
-            }
-        } while (stream.HasMore());
+        }
         return true;
-    } catch (const Disconnected&) {
-        return false;
+    } catch (const std::length_error& problem) {
+        Refuse(connection, 431, problem.what());
+    } catch (const std::invalid_argument& problem) {
+        Refuse(connection, 400, problem.what());
     }
+    return false;
 }
 
 std::string ForLog(const std::string& fromOutside) {

@@ -9,7 +9,7 @@
 
 namespace calvane_web {
 
-/// Reads requests from a connection, and writes what a handler replies.
+/// Handles requests that have come on a connection, and writes what a handler replies.
 ///
 /// Threads: Serve from any, of one connection at a time.
 /// Errors:  what the handler throws is logged and answered with 500.
@@ -19,8 +19,9 @@ public:
     HttpEngine(Handler handler, const std::vector<std::string>& postPaths);
     ~HttpEngine();
 
-    /// Handles one request, and those that were sent with it. Returns whether the connection can be used further.
-    bool Serve(Connection& connection);
+    /// Handles the whole requests (IsWhole) that `received` begins with, and removes them. Returns whether the connection can
+    /// be used further.
+    bool Serve(Connection& connection, std::string& received);
 
 private:
     class Server;

@@ -5,10 +5,11 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
-#include <algorithm>
+#include <array>
 #include <cerrno>
 #include <stdexcept>
 
+#include "http/RequestHead.h"
 #include "quarn/core/Logger.h"
 #include "quarn/osa/Runnable.h"
 #include "quarn/osa/Thread.h"
@@ -17,7 +18,9 @@ namespace calvane_web {
 namespace {
 
 constexpr auto kIdleTime = std::chrono::seconds(60);
-constexpr int kWatchMilliseconds = 5000;
+/// From the first byte of a request to its last one.
+constexpr auto kRequestTime = std::chrono::seconds(10);
+constexpr int kWatchMilliseconds = 1000;
 /// Decoders of media keep tables on it.
 constexpr unsigned int kStackBytes = 1024 * 1024;
 
@@ -130,8 +133,8 @@ void HttpServer::Watch() {
         for (auto each = idle_.begin(); look != looks.end(); ++look) {
             const auto next = std::next(each);
             if (look->revents != 0) {
-                Dispatch(each);
-            } else if (now - each->idleSince > kIdleTime) {
+                Receive(each);
+            } else if (now > each->deadline) {
                 Drop(idle_, each);
             }
             each = next;
@@ -139,6 +142,25 @@ void HttpServer::Watch() {
     }
     if (looks[0].revents != 0) {
         Accept();
+    }
+}
+
+/// Takes what has come on a connection that waits. With the lock.
+void HttpServer::Receive(Connections::iterator connection) {
+    try {
+        std::array<char, 4096> bytes{};
+        const bool isNew = connection->received.empty();
+        while (const std::size_t count = connection->connection.Receive(bytes.data(), bytes.size())) {
+            connection->received.append(bytes.data(), count);
+            if (IsWhole(connection->received)) {
+                return Dispatch(connection);
+            }
+        }
+        if (isNew && !connection->received.empty()) {
+            connection->deadline = Connection::Clock::now() + kRequestTime;
+        }
+    } catch (const Disconnected&) {
+        Drop(idle_, connection);
     }
 }
 
@@ -166,6 +188,7 @@ void HttpServer::Accept() {
         const Connection& connection = one.front().connection;
         if (Admit(connection)) {
             ++perClient_[connection.Peer()];
+            one.front().deadline = Connection::Clock::now() + kRequestTime;
             idle_.splice(idle_.end(), one);
         } else {
             ++counts_.refused;
@@ -210,15 +233,19 @@ void HttpServer::Work() {
         const auto connection = queued_.begin();
         served_.splice(served_.end(), queued_, connection);
         lock.unlock();
-        const bool stays = engine_.Serve(connection->connection);
+        const bool stays = engine_.Serve(connection->connection, connection->received);
         if (!stays) {
             connection->connection.Close();
         }
         lock.lock();
         if (stays) {
-            connection->idleSince = Connection::Clock::now();
+            connection->deadline = Connection::Clock::now() + kIdleTime;
             idle_.splice(idle_.end(), served_, connection);
             Wake();
+            // TLS may have decoded more than the last request, which poll does not show.
+            if (tls_ != nullptr || !connection->received.empty()) {
+                Receive(connection);
+            }
         } else {
             Drop(served_, connection);
         }

@@ -18,8 +18,9 @@ namespace calvane_web {
 
 /// Takes connections and serves them with a bounded number of threads.
 ///
-/// A connection that waits for a request takes no thread; one thread watches over all of these. Connections beyond the
-/// limits are answered with 503 and closed. Half a request holds a thread for ten seconds at most.
+/// A connection takes no thread until a whole request has come: one thread receives for all of these, and closes those that
+/// have sent half of one for ten seconds, or nothing for a minute. Connections beyond the limits are answered with 503 and
+/// closed. Requests beyond the number of threads wait.
 ///
 /// Threads:  Run from one; Stop from any.
 /// Lifetime: Run returns after Stop, when every request has ended; those under way are cut off.
@@ -55,13 +56,15 @@ private:
     struct Held {
         Held(int descriptor, const TlsContext* tls) : connection(descriptor, tls) {}
         Connection connection;
-        Connection::Clock::time_point idleSince = Connection::Clock::now();
+        std::string received;
+        Connection::Clock::time_point deadline; ///< For a whole request.
     };
     using Connections = std::list<Held>;
 
     void Accept();
     bool Admit(const Connection& connection) const;
     void Watch();
+    void Receive(Connections::iterator connection);
     void Dispatch(Connections::iterator connection);
     void Drop(Connections& from, Connections::iterator connection);
     void Work();

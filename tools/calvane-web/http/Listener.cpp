@@ -48,6 +48,9 @@ Address Address::Parse(const std::string& text) {
         throw std::invalid_argument("Not an address and port: \"" + text +
                                     "\" (such as 127.0.0.1:8080 or [::1]:8080)");
     }
+    if (host == "localhost") {
+        host = "127.0.0.1";
+    }
     Address address{isBracketed ? host.substr(1, host.size() - 2) : std::move(host),
                     static_cast<std::uint16_t>(port)};
     Resolve(address);

@@ -10,7 +10,8 @@ struct Address {
     std::string host;
     std::uint16_t port = 0;
 
-    /// Throws std::invalid_argument that names the text. Host names are none: they may mean other addresses tomorrow.
+    /// Throws std::invalid_argument that names the text. Of host names only localhost is
+    /// one: others may mean another address tomorrow.
     static Address Parse(const std::string& text);
     bool IsLoopback() const;
     /// As a browser wants it: "127.0.0.1:8080", "[::1]:8080"

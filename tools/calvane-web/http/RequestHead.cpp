@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <array>
 #include <cctype>
+#include <charconv>
 #include <set>
 #include <stdexcept>
 
@@ -69,15 +70,39 @@ std::string FilterHead(std::string_view head) {
         }
         filtered.append(name).append(": ").append(Trimmed(line.substr(colon + 1))).append("\r\n");
     }
-    if (seen.count("content-length") != 0 && seen.count("transfer-encoding") != 0) {
-        throw std::invalid_argument("The request has both Content-Length and Transfer-Encoding");
+    if (seen.count("transfer-encoding") != 0) {
+        throw std::invalid_argument("The request does not tell the length of its body in Content-Length");
     }
     return filtered + "\r\n";
 }
 
-bool HasBody(std::string_view head) {
-    return head.find("\r\ncontent-length:") != std::string_view::npos ||
-           head.find("\r\ntransfer-encoding:") != std::string_view::npos;
+std::size_t BodyLength(std::string_view head) {
+    constexpr std::string_view kName = "\r\ncontent-length: ";
+    const std::size_t name = head.find(kName);
+    if (name == std::string_view::npos) {
+        return 0;
+    }
+    const std::string_view text =
+        head.substr(name + kName.size(), head.find("\r\n", name + 2) - name - kName.size());
+    std::size_t length = 0;
+    const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), length);
+    if (error != std::errc() || end != text.data() + text.size()) {
+        throw std::invalid_argument("The request has a Content-Length that is no number");
+    }
+    return length;
+}
+
+bool IsWhole(std::string_view received) {
+    const auto end = FindHeadEnd(received);
+    if (!end) {
+        return received.size() > kLongestHead;
+    }
+    try {
+        const std::size_t length = BodyLength(FilterHead(received.substr(0, *end)));
+        return length > kLongestBody || received.size() - *end >= length;
+    } catch (const std::invalid_argument&) {
+        return true; // It is refused.
+    }
 }
 
 } // namespace calvane_web
