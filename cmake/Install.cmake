@@ -1,5 +1,5 @@
 # What `cmake --install` puts where. Component runtime: libraries, programs with their manual and completion, and the
-# folder for modules of plugins. Component media: what needs FFmpeg. Component dev: headers, and the package files for
+# folder for modules of plugins. Component media: what needs FFmpeg. Component web: the page and its server. Component dev: headers, and the package files for
 # find_package(calvane) and pkg-config.
 
 include(CMakePackageConfigHelpers)
@@ -41,6 +41,13 @@ if(TARGET calvane-recording-media)
   set_target_properties(calvane-recording-media PROPERTIES INSTALL_RPATH "$ORIGIN/${lib_from_libexec}")
   install(TARGETS calvane-recording-media RUNTIME DESTINATION ${calvane_libexec_dir} COMPONENT media)
 endif()
+file(GLOB manual_pages CONFIGURE_DEPENDS ${PROJECT_SOURCE_DIR}/packaging/man/*.1)
+set(completions ${CMAKE_INSTALL_DATADIR}/bash-completion/completions)
+list(REMOVE_ITEM manual_pages ${PROJECT_SOURCE_DIR}/packaging/man/calvane-web.1)
+if(TARGET calvane-web)
+  list(REMOVE_ITEM programs calvane-web)
+  include(${PROJECT_SOURCE_DIR}/cmake/InstallWeb.cmake)
+endif()
 if(programs)
   file(RELATIVE_PATH lib_from_bin ${CMAKE_INSTALL_FULL_BINDIR} ${CMAKE_INSTALL_FULL_LIBDIR})
   set_target_properties(${programs} PROPERTIES INSTALL_RPATH "$ORIGIN/${lib_from_bin}")
@@ -53,12 +60,10 @@ set(CMAKE_INSTALL_DEFAULT_DIRECTORY_PERMISSIONS
 
 # Where modules are looked for; empty until somebody installs one.
 install(DIRECTORY DESTINATION ${CALVANE_PLUGINS_DIR} COMPONENT runtime)
-file(GLOB manual_pages CONFIGURE_DEPENDS ${PROJECT_SOURCE_DIR}/packaging/man/*.1)
 install(FILES ${manual_pages}
   DESTINATION ${CMAKE_INSTALL_MANDIR}/man1 COMPONENT runtime)
 install(FILES ${PROJECT_SOURCE_DIR}/packaging/man/calvane.ini.5
   DESTINATION ${CMAKE_INSTALL_MANDIR}/man5 COMPONENT runtime)
-set(completions ${CMAKE_INSTALL_DATADIR}/bash-completion/completions)
 install(FILES ${PROJECT_SOURCE_DIR}/packaging/completions/calvane DESTINATION ${completions} COMPONENT runtime)
 foreach(program calvane-recording calvane-recorder calvane-store) # Bash looks for a file of the program's name.
   install(FILES ${PROJECT_SOURCE_DIR}/packaging/completions/calvane-recording
