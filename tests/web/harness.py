@@ -10,9 +10,9 @@ import time
 import unittest
 from urllib.parse import urlencode, urlsplit
 
-BINARIES = os.environ["CALVANE_BIN_DIR"]
-SLOWNESS = int(os.environ.get("CALVANE_TEST_SLOWNESS", "1"))
 SOURCE = os.path.dirname(os.path.dirname(os.path.dirname(os.path.abspath(__file__))))
+BINARIES = os.environ.get("CALVANE_BIN_DIR", os.path.join(SOURCE, "build", "release", "bin"))
+SLOWNESS = int(os.environ.get("CALVANE_TEST_SLOWNESS", "1"))
 PAGE = os.path.join(SOURCE, "tools", "calvane-web", "page")
 
 CAMERA = """[calvane]

@@ -8,7 +8,7 @@ import threading
 import time
 import unittest
 
-from harness import BINARIES, SLOWNESS, WebTest
+from harness import BINARIES, PAGE, SLOWNESS, Server, WebTest
 
 JSON = {"Content-Type": "application/json"}
 
@@ -170,6 +170,17 @@ class SafetyTest(WebTest):
         connection.close()
         for each in silent:
             each.close()
+
+    def test_a_socket_of_systemd_takes_the_place_of_the_address(self):
+        with socket.create_server(("127.0.0.1", 0)) as listening:
+            number = listening.fileno()
+            process = subprocess.Popen(
+                ["sh", "-c", f'LISTEN_PID=$$ LISTEN_FDS=1 exec "$@" 3<&{number}', "sh", os.path.join(BINARIES, "calvane-web"),
+                 "--page", PAGE], env=self.device.environment, pass_fds=[number], stdout=subprocess.PIPE)
+            server = Server(process)
+            self.assertEqual(server.host, "127.0.0.1:%d" % listening.getsockname()[1])
+            self.assertEqual(server.get("/healthz").status, 200)
+            self.assertIsNone(server.stop())
 
     def test_others_than_this_machine_take_more_than_an_address(self):
         def refused(*words):

@@ -98,8 +98,12 @@ std::string Query::TakeOr(const std::string& name, const std::string& otherwise)
 
 calvane_recording::Time Query::TakeTime(const std::string& name, const std::string& otherwise,
                                         calvane_recording::Time now) {
+    const std::string text = TakeOr(name, otherwise);
+    if (text.empty()) {
+        throw std::invalid_argument("The parameter \"" + name + "\" is missing");
+    }
     try {
-        return calvane_recording::ParseTime(TakeOr(name, otherwise), now, calvane_recording::Zone::Utc);
+        return calvane_recording::ParseTime(text, now, calvane_recording::Zone::Utc);
     } catch (const std::invalid_argument& problem) {
         throw std::invalid_argument(name + ": " + problem.what());
     }

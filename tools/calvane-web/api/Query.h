@@ -23,7 +23,7 @@ public:
     bool Has(const std::string& name) const { return values_.count(name) != 0; }
     std::optional<std::string> Take(const std::string& name);
     std::string TakeOr(const std::string& name, const std::string& otherwise);
-    /// As the command line takes times; in UTC where they say nothing else.
+    /// As the command line takes times; in UTC where they say nothing else. With an empty `otherwise` it must be given.
     calvane_recording::Time TakeTime(const std::string& name, const std::string& otherwise,
                                      calvane_recording::Time now);
     std::int64_t TakeNumber(const std::string& name, std::int64_t least, std::int64_t most,
