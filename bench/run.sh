@@ -4,6 +4,7 @@
 #        run.sh store [--quick] [--rounds N]    the recording store; as root, since it makes a loop device
 #        run.sh recorder [--quick] [--rounds N] the recorder's library and service; as root, to empty the page cache
 #        run.sh media [--quick] [--rounds N]    recording and exporting media; as root, to empty the page cache
+#        run.sh web [--quick]                   the page's server
 #        run.sh middleware [ARGS]               services, settings, logging; ARGS go to Google Benchmark
 #        run.sh smoke                           each of them once, as little as possible: whether they still run; as root
 # CALVANE_BENCH_BUILD: the folder of the build, build/bench when not set
@@ -22,6 +23,7 @@ if [[ ${1-} == smoke ]]; then
     "$0" store --smoke
     "$0" recorder --smoke
     "$0" media --smoke
+    "$0" web --smoke
     exec "$0" middleware --benchmark_repetitions=1 --benchmark_report_aggregates_only=false --benchmark_min_time=0.001
 fi
 if [[ ${1-} == middleware ]]; then
@@ -31,7 +33,11 @@ if [[ ${1-} == middleware ]]; then
         --benchmark_enable_random_interleaving=true --benchmark_min_time=0.2 \
         --benchmark_report_aggregates_only=true "$@"
 fi
-if [[ ${1-} == recorder || ${1-} == media ]]; then
+if [[ ${1-} == web && ! -x $build/bin/calvane-web ]]; then
+    echo "bench: there is no $build/bin/calvane-web: configuring says what is missing" >&2
+    exit 2
+fi
+if [[ ${1-} == recorder || ${1-} == media || ${1-} == web ]]; then
     script=$1
     shift
     exec dbus-run-session -- python3 -B "bench/$script.py" --build "$build" "$@"
