@@ -9,7 +9,6 @@ namespace {
 using namespace calvane_web;
 using calvane_recording::Interval;
 using calvane_recording::kSecond;
-using calvane_recording::Span;
 using calvane_recording::Time;
 using nlohmann::json;
 

@@ -19,7 +19,6 @@ using namespace calvane_web;
 using testing::EndsWith;
 using testing::HasSubstr;
 using testing::Not;
-using testing::StartsWith;
 
 /// What the engine answers to these bytes.
 std::string Exchange(const Handler& handler, std::string received, bool* stays = nullptr) {

@@ -29,7 +29,7 @@ TEST(QueryTest, RefusesWhatIsNotPlainText) {
           "a=%ed%a0%80", "a=%f4%90%80%80", "a=%f0%9f%98", "a=%c3", "a", "a=", "=a", "a=1&a=1"}) {
         EXPECT_THROW(Query{bad}, std::invalid_argument) << bad;
     }
-    Query("a=%f0%9f%98%80&b=%ed%9f%bf&c=%f4%8f%bf%bf"); // The last ones that are.
+    EXPECT_NO_THROW(Query{"a=%f0%9f%98%80&b=%ed%9f%bf&c=%f4%8f%bf%bf"}); // The last ones that are.
     std::string many;
     for (int i = 0; i != 17; ++i) {
         many += "p" + std::to_string(i) + "=1&";

@@ -58,7 +58,7 @@ Events::Events() : thread_("events", this, 0, 0) {
 }
 
 Events::~Events() {
-    Stop();
+    Events::Stop();
     thread_.Join();
 }
 

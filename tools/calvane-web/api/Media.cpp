@@ -29,7 +29,7 @@ constexpr Time kLongestGap = kSecond;
 constexpr Time kFragmentTime = kSecond / 2;
 constexpr Time kOldestPicture = 60 * kSecond;
 /// What a file has before the answer begins.
-constexpr std::size_t kMostAhead = 1024 * 1024;
+constexpr std::size_t kMostAhead = std::size_t{1024} * 1024;
 
 /// A file of the answer: until that has begun, its bytes wait.
 class AnswerOutput : public calvane_export::IOutput {

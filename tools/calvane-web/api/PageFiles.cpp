@@ -15,7 +15,7 @@ namespace {
 
 namespace fs = std::filesystem;
 
-constexpr std::size_t kLargestPage = 1024 * 1024;
+constexpr std::size_t kLargestPage = std::size_t{1024} * 1024;
 
 const std::map<std::string, std::string>& Types() {
     static const std::map<std::string, std::string> types{{".html", "text/html; charset=utf-8"},

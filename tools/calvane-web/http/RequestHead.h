@@ -8,7 +8,7 @@
 namespace calvane_web {
 
 /// The longest head of a request, which has the request line and the headers.
-constexpr std::size_t kLongestHead = 16 * 1024;
+constexpr std::size_t kLongestHead = std::size_t{16} * 1024;
 
 /// The longest body that is taken.
 constexpr std::size_t kLongestBody = 4096;
