@@ -46,6 +46,14 @@ TEST(CoverageSummaryTest, MergesOnlyWhatIsTooShortToBeSeen) {
     EXPECT_DOUBLE_EQ(spans[3]["share"], 0.125);
 }
 
+TEST(CoverageSummaryTest, WhatIsMergedIsNoLongerThanItMustBe) {
+    std::vector<Interval> flicker; // 1 s each
+    for (Time at = 0; at != 100; ++at) {
+        flicker.push_back(Stretch(at, at + 1, at % 2 == 0 ? 0 : 4));
+    }
+    EXPECT_EQ(Summarise(flicker, 100 * kSecond, 10)["spans"].size(), 10U);
+}
+
 TEST(CoverageSummaryTest, IsExactWithoutShortStretches) {
     const json answer = Summarise({Stretch(-50, 50, 0), Stretch(50, 100, 1)}, 100 * kSecond, 10);
     EXPECT_FALSE(answer["isSummary"]);
