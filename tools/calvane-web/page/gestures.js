@@ -1,0 +1,109 @@
+// Mouse, pen, fingers and wheel on the timeline.
+import { moved, pinched, zoomed } from "./scale.js";
+
+const CLICK = 5; // Pixels that a click may move.
+
+/**
+ * Tells `target` what is done to the canvas: view(view), seek(x), hover(x, y) or hover() when the pointer leaves,
+ * select(x0, x1), selected(). `target.currentView()` gives the view, `target.isSelecting()` whether a drag selects.
+ */
+export class Gestures {
+  #canvas;
+  #target;
+  #pointers = new Map(); // Of id: its place.
+  #drag = null;
+
+  constructor(canvas, target) {
+    this.#canvas = canvas;
+    this.#target = target;
+    canvas.addEventListener("wheel", (event) => this.#onWheel(event), { passive: false });
+    canvas.addEventListener("pointerdown", (event) => this.#onDown(event));
+    canvas.addEventListener("pointermove", (event) => this.#onMove(event));
+    canvas.addEventListener("pointerup", (event) => this.#onUp(event));
+    canvas.addEventListener("pointercancel", (event) => this.#onUp(event, true));
+    canvas.addEventListener("pointerleave", () => this.#target.hover());
+  }
+
+  get isDragging() {
+    return this.#drag !== null;
+  }
+
+  #place(event) {
+    const box = this.#canvas.getBoundingClientRect();
+    return { x: event.clientX - box.left, y: event.clientY - box.top };
+  }
+
+  #onWheel(event) {
+    event.preventDefault();
+    const view = this.#target.currentView();
+    const unit = event.deltaMode === WheelEvent.DOM_DELTA_LINE ? 30 : 1;
+    const sideways = event.shiftKey && !event.deltaX ? event.deltaY : event.deltaX;
+    if (Math.abs(sideways) > Math.abs(event.deltaY) || (event.shiftKey && sideways)) {
+      this.#target.view(moved(view, ((view.to - view.from) * sideways * unit) / this.#canvas.clientWidth));
+      return;
+    }
+    const speed = event.ctrlKey ? 0.01 : 0.0025; // A pinch on a touch pad comes as ctrl and small steps.
+    this.#target.view(zoomed(view, Math.exp(event.deltaY * unit * speed), this.#place(event).x / this.#canvas.clientWidth));
+  }
+
+  #onDown(event) {
+    if (event.button !== 0) {
+      return;
+    }
+    this.#canvas.setPointerCapture(event.pointerId);
+    const place = this.#place(event);
+    this.#pointers.set(event.pointerId, place);
+    const view = this.#target.currentView();
+    if (this.#pointers.size === 2) {
+      const width = this.#canvas.clientWidth;
+      const times = [...this.#pointers.values()].map(({ x }) => view.from + ((view.to - view.from) * x) / width);
+      this.#drag = { kind: "pinch", times };
+    } else {
+      this.#drag = { kind: "click", from: place, view, selects: event.shiftKey || this.#target.isSelecting() };
+    }
+  }
+
+  #onMove(event) {
+    const place = this.#place(event);
+    if (this.#pointers.has(event.pointerId)) {
+      this.#pointers.set(event.pointerId, place);
+    }
+    if (!this.#drag) {
+      this.#target.hover(place.x, place.y);
+      return;
+    }
+    if (this.#drag.kind === "pinch") {
+      this.#pinch();
+      return;
+    }
+    const { from, view, selects } = this.#drag;
+    if (this.#drag.kind === "click" && Math.hypot(place.x - from.x, place.y - from.y) > CLICK) {
+      this.#drag.kind = selects ? "select" : "move";
+      this.#target.hover();
+    }
+    if (this.#drag.kind === "move") {
+      this.#target.view(moved(view, ((view.to - view.from) * (from.x - place.x)) / this.#canvas.clientWidth));
+    } else if (this.#drag.kind === "select") {
+      this.#target.select(from.x, place.x);
+    }
+  }
+
+  #pinch() {
+    const shares = [...this.#pointers.values()].map(({ x }) => x / this.#canvas.clientWidth);
+    const view = shares.length === 2 && pinched(this.#drag.times, shares);
+    if (view) {
+      this.#target.view(view);
+    }
+  }
+
+  #onUp(event, isCancelled = false) {
+    this.#pointers.delete(event.pointerId);
+    const drag = this.#drag;
+    this.#drag = null;
+    if (drag?.kind === "select") {
+      this.#target.selected();
+    } else if (drag?.kind === "click" && !isCancelled) {
+      this.#target.seek(drag.from.x);
+    }
+  }
+}

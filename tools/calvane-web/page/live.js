@@ -1,0 +1,66 @@
+// What the device tells of itself while the page is open.
+import { parseTime } from "./time.js";
+
+const RETRY = 2000;
+
+/**
+ * Dispatches
+ * - "recorded" {video: time, ...}: the newest times, at most once a second;
+ * - "erased" {before: time}; "status" (the status as the server gives it);
+ * - "link" {state, text}: "up", "gone" (the server answers, the recorder does not), "down" (no answer at all).
+ *   After "up" that follows another state, anything may have changed.
+ */
+export class Live extends EventTarget {
+  state = "";
+  #source = null;
+  #newest = 0;
+  #newestSeen = 0;
+
+  start() {
+    const source = new EventSource("/api/events");
+    this.#source = source;
+    source.onopen = () => this.#setState("up");
+    source.onerror = () => {
+      this.#setState("down");
+      source.close();
+      setTimeout(() => this.start(), RETRY);
+    };
+    const on = (name, handle) => source.addEventListener(name, (event) => handle(JSON.parse(event.data || "{}")));
+    on("recorded", (data) => this.#onRecorded(data));
+    on("erased", (data) => this.#emit("erased", { before: parseTime(data.before) }));
+    on("status", (data) => this.#emit("status", data));
+    on("gone", () => this.#setState("gone"));
+    on("back", () => this.#setState("up"));
+  }
+
+  /** The device's time, as far as it is known here: what it recorded last goes on with the clock. */
+  now() {
+    const elapsed = performance.now() - this.#newestSeen;
+    return this.#newest && elapsed < 10_000 ? this.#newest + elapsed : Math.max(Date.now(), this.#newest);
+  }
+
+  /** The newest time that is recorded; 0 if none was told. */
+  get newest() {
+    return this.#newest;
+  }
+
+  #onRecorded(data) {
+    const times = Object.fromEntries(Object.entries(data).map(([track, text]) => [track, parseTime(text)])
+      .filter(([, time]) => time > 0));
+    this.#newest = Math.max(0, ...Object.values(times));
+    this.#newestSeen = performance.now();
+    this.#emit("recorded", times);
+  }
+
+  #setState(state) {
+    if (state !== this.state) {
+      const before = this.state;
+      this.state = state;
+      this.#emit("link", { state, before });
+    }
+  }
+
+  #emit(name, detail) {
+    this.dispatchEvent(new CustomEvent(name, { detail }));
+  }
+}

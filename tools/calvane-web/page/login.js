@@ -1,0 +1,34 @@
+// Asks for the password when the server wants one.
+import { logIn } from "./api.js";
+import { byId } from "./dom.js";
+
+/** Resolves when the server has taken the password. */
+export function askPassword() {
+  const dialog = byId("login-dialog");
+  const form = byId("login-form");
+  const problem = byId("login-problem");
+  return new Promise((resolve) => {
+    const onCancel = (event) => event.preventDefault(); // There is nothing to see without.
+    const onSubmit = async (event) => {
+      event.preventDefault();
+      problem.textContent = "";
+      try {
+        await logIn(byId("password").value);
+      } catch (error) {
+        problem.textContent = `${error.message}.`;
+        byId("password").select();
+        return;
+      }
+      form.removeEventListener("submit", onSubmit);
+      dialog.removeEventListener("cancel", onCancel);
+      byId("password").value = "";
+      byId("logout").hidden = false;
+      dialog.close();
+      resolve();
+    };
+    form.addEventListener("submit", onSubmit);
+    dialog.addEventListener("cancel", onCancel);
+    dialog.showModal();
+    byId("password").focus();
+  });
+}

@@ -1,0 +1,134 @@
+// One MediaSource of a video element: pieces of media at their place in time.
+
+const BEFORE = 6 * 3600_000; // How far one can go back before another MediaSource is needed.
+const SPAN = 48 * 3600_000;
+const KEEP_BEHIND = 30; // Seconds.
+
+const Source = window.ManagedMediaSource ?? window.MediaSource;
+
+export function canPlay(mime) {
+  return Boolean(mime && Source?.isTypeSupported(mime));
+}
+
+function eventOf(target, name) {
+  return new Promise((resolve) => target.addEventListener(name, resolve, { once: true }));
+}
+
+/** Media time 0 of the element is `origin`; what is appended lies at the time it was recorded. */
+export class MediaBuffer {
+  #video;
+  #source = null;
+  #buffer = null;
+  #address = "";
+  mime = "";
+  origin = NaN;
+
+  constructor(video) {
+    this.#video = video;
+  }
+
+  /** Whether media of this kind that begins at a time can go on in it. */
+  fits(mime, begin) {
+    return this.#buffer !== null && this.#source.readyState === "open" && mime === this.mime &&
+      begin > this.origin && begin < this.origin + SPAN;
+  }
+
+  /** Begins anew; what the element shows goes. */
+  async open(mime, begin) {
+    this.close();
+    const source = new Source();
+    this.#source = source;
+    this.mime = mime;
+    this.origin = begin - BEFORE;
+    this.#address = URL.createObjectURL(source);
+    this.#video.disableRemotePlayback = true;
+    const opened = eventOf(source, "sourceopen");
+    this.#video.src = this.#address;
+    await opened;
+    this.#buffer = source.addSourceBuffer(mime);
+    source.duration = Infinity;
+  }
+
+  close() {
+    if (this.#source) {
+      URL.revokeObjectURL(this.#address);
+      this.#video.removeAttribute("src");
+      this.#video.load();
+    }
+    this.#source = this.#buffer = null;
+    this.mime = "";
+    this.origin = NaN;
+  }
+
+  timeOf(mediaTime) {
+    return this.origin + mediaTime * 1000;
+  }
+
+  mediaTimeOf(time) {
+    return (time - this.origin) / 1000;
+  }
+
+  /** What can be played, as {from, to} in time. */
+  get ranges() {
+    const { buffered } = this.#video;
+    return this.#buffer === null ? [] : Array.from({ length: buffered.length }, (_, i) => ({
+      from: this.timeOf(buffered.start(i)), to: this.timeOf(buffered.end(i)),
+    }));
+  }
+
+  /** What holds a time, or begins within `slack` milliseconds after it. */
+  rangeAt(time, slack = 0) {
+    return this.ranges.find(({ from, to }) => time >= from - slack && time < to);
+  }
+
+  /** The next piece is a file of its own that begins at a time; one that was cut off is forgotten. */
+  async begin(time) {
+    await this.#idle();
+    this.#buffer.abort();
+    this.#buffer.timestampOffset = this.mediaTimeOf(time);
+  }
+
+  async append(bytes) {
+    await this.#idle();
+    try {
+      this.#buffer.appendBuffer(bytes);
+    } catch (error) {
+      if (error.name !== "QuotaExceededError") {
+        throw error;
+      }
+      await this.#makeRoom();
+      this.#buffer.appendBuffer(bytes);
+    }
+    await this.#idle();
+  }
+
+  /** Forgets what was played a while ago. */
+  async tidy() {
+    await this.#idle();
+    const end = this.#video.currentTime - KEEP_BEHIND;
+    if (this.#video.buffered.length && this.#video.buffered.start(0) < end - KEEP_BEHIND) {
+      this.#buffer.remove(0, end);
+      await this.#idle();
+    }
+  }
+
+  async #makeRoom() {
+    const now = this.#video.currentTime;
+    for (const [from, to] of [[0, now - 2], [now + 60, Infinity]]) {
+      if (to > from) {
+        this.#buffer.remove(from, to);
+        await this.#idle();
+      }
+    }
+  }
+
+  async #idle() {
+    const buffer = this.#buffer;
+    if (buffer?.updating) {
+      await eventOf(buffer, "updateend");
+    }
+    if (!this.#buffer || this.#buffer !== buffer) {
+      throw new DOMException("Closed", "AbortError");
+    }
+  }
+}

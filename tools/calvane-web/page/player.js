@@ -1,0 +1,348 @@
+// Plays what is recorded from any time on, across gaps, up to what is being recorded.
+import { getMedia } from "./api.js";
+import { MediaBuffer, canPlay } from "./media-buffer.js";
+import { SECOND, parseTime } from "./time.js";
+
+const PIECE = 30 * SECOND; // What is asked for at once.
+const AHEAD = 20 * SECOND; // What is loaded before it is needed, at normal speed.
+const LIVE_DELAY = 2 * SECOND; // Behind the newest record, so that playing goes on smoothly.
+const GAP = 1.2 * SECOND; // The server ends a piece at a gap that is longer than 1 s.
+const TICK = 100;
+
+const pause = (duration) => new Promise((resolve) => setTimeout(resolve, duration));
+
+/**
+ * Dispatches
+ * - "time": the position has changed; "state": playing, paused, live or waiting has changed;
+ * - "skipped" {from, to}: playback went on behind a gap;
+ * - "problem" {kind, text, next}: "nothing" (nothing is recorded there; `next` is the time of the next data or NaN),
+ *   "codec" (the browser cannot play it), "error" (anything else); "fine" when there is none any more.
+ */
+export class Player extends EventTarget {
+  #video;
+  #media;
+  #newest; // Gives the newest recorded time.
+  #generation = 0;
+  #abort = new AbortController();
+  #position = NaN;
+  #target = NaN; // Where to go as soon as something is loaded.
+  #next = null; // A piece of another kind that follows when this one is played: {from}.
+  #wantsPlay = false;
+  #hasProblem = false;
+  isLive = false;
+  isWaiting = false;
+
+  constructor(video, newest) {
+    super();
+    this.#video = video;
+    this.#media = new MediaBuffer(video);
+    this.#newest = newest;
+    video.addEventListener("play", () => this.#emit("state"));
+    video.addEventListener("pause", () => this.#emit("state"));
+    video.addEventListener("error", () => this.#onError());
+    setInterval(() => this.#tick(), TICK);
+  }
+
+  get position() {
+    return this.#position;
+  }
+
+  get isPlaying() {
+    return this.#wantsPlay;
+  }
+
+  get rate() {
+    return this.#video.playbackRate;
+  }
+
+  set rate(rate) {
+    this.#video.playbackRate = this.#video.defaultPlaybackRate = rate;
+    if (rate > 1) {
+      this.#setLive(false);
+    }
+    this.#emit("state");
+  }
+
+  /** Goes to a time. What is played or not stays so. */
+  seek(time) {
+    this.#setLive(false);
+    this.#goTo(time);
+  }
+
+  seekLive() {
+    this.#goTo(this.#newest() - LIVE_DELAY);
+    this.rate = 1;
+    this.#setLive(true);
+  }
+
+  play() {
+    this.#wantsPlay = true;
+    this.#start();
+    this.#emit("state");
+  }
+
+  pause() {
+    this.#wantsPlay = false;
+    this.#setLive(false);
+    this.#video.pause();
+    this.#emit("state");
+  }
+
+  /** Whatever was loaded may be wrong, for example after the recorder was away. */
+  reload() {
+    if (Number.isFinite(this.#position) && (this.#hasProblem || !this.#media.rangeAt(this.#position, 500))) {
+      this.#goTo(this.#position);
+    }
+  }
+
+  #start() {
+    this.#video.play().catch((error) => {
+      if (error.name === "NotAllowedError" && !this.#video.muted) {
+        this.#video.muted = true; // Browsers play sound only after a click or a key.
+        this.#start();
+      }
+    });
+  }
+
+  #goTo(time) {
+    this.#position = time;
+    this.#next = null;
+    this.#clearProblem();
+    const range = this.#media.rangeAt(time);
+    if (range) {
+      this.#target = NaN;
+      this.#video.currentTime = this.#media.mediaTimeOf(time);
+      this.#load(range.to);
+    } else {
+      this.#target = time;
+      this.#load(time);
+    }
+    this.#emit("time");
+  }
+
+  /** Loads pieces one after another until there is another wish. */
+  async #load(from) {
+    const generation = ++this.#generation;
+    this.#abort.abort();
+    this.#abort = new AbortController();
+    const isCurrent = () => generation === this.#generation;
+    try {
+      while (isCurrent()) {
+        from = await this.#loadPiece(from, isCurrent);
+      }
+    } catch (error) {
+      if (isCurrent() && error.name !== "AbortError") {
+        this.#complain(error.kind ?? "error", error.message);
+        if (error.status === 0 || error.status === 503 || error.status === 429) {
+          await pause(2 * SECOND); // reload() is called earlier when the device is back.
+          if (isCurrent()) {
+            this.#load(from);
+          }
+        }
+      }
+    }
+  }
+
+  /** Loads one piece and returns where the next one begins. */
+  async #loadPiece(from, isCurrent) {
+    await this.#waitUntilNeeded(from, isCurrent);
+    const { signal } = this.#abort;
+    let piece;
+    try {
+      piece = await getMedia(from, from + PIECE, { signal });
+    } catch (error) {
+      if (error.status !== 404) {
+        throw error;
+      }
+      return this.#onNothing(from, parseTime(error.body.next), isCurrent);
+    }
+    if (!canPlay(piece.mime)) {
+      piece.body.cancel();
+      const text = piece.mime ? `This browser cannot play ${piece.mime}` : "This browser cannot play how the camera encoded this";
+      throw Object.assign(new Error(text), { kind: "codec" });
+    }
+    if (!await this.#prepare(piece, from, isCurrent)) {
+      return from;
+    }
+    this.#clearProblem();
+    await this.#append(piece, isCurrent);
+    return this.#afterPiece(from, piece.begin);
+  }
+
+  /** Makes the buffer ready for a piece; false when it has to wait until what is loaded is played. */
+  async #prepare(piece, from, isCurrent) {
+    const isSeek = Number.isFinite(this.#target);
+    if (this.#media.fits(piece.mime, piece.begin)) {
+      await this.#media.begin(piece.begin);
+      return true;
+    }
+    if (!isSeek && this.#media.rangeAt(this.#position, 200)) {
+      piece.body.cancel();
+      this.#next = { from };
+      while (isCurrent() && this.#next) {
+        await pause(TICK);
+      }
+      return false;
+    }
+    this.#target = isSeek ? this.#target : Math.max(from, piece.begin);
+    await this.#media.open(piece.mime, piece.begin);
+    this.#video.playbackRate = this.#video.defaultPlaybackRate;
+    await this.#media.begin(piece.begin);
+    return true;
+  }
+
+  async #append(piece, isCurrent) {
+    const reader = piece.body.getReader();
+    for (;;) {
+      const { done, value } = await reader.read();
+      if (done || !isCurrent()) {
+        return;
+      }
+      await this.#media.append(value);
+      this.#reachTarget(piece.begin);
+    }
+  }
+
+  /** Shows what was asked for as soon as it is there. */
+  #reachTarget(begin) {
+    if (!Number.isFinite(this.#target)) {
+      return;
+    }
+    const time = Math.max(this.#target, begin);
+    const range = this.#media.rangeAt(time, 300);
+    if (range) {
+      this.#target = NaN;
+      this.#video.currentTime = this.#media.mediaTimeOf(Math.max(time, range.from)) + 1e-4;
+      if (this.#wantsPlay) {
+        this.#start();
+      }
+    }
+  }
+
+  async #afterPiece(from, begin) {
+    await this.#media.tidy();
+    const end = Math.max(from, this.#media.rangeAt(Math.max(from, begin), GAP)?.to ?? begin);
+    if (Number.isFinite(this.#target)) { // The piece ended before what was asked for.
+      const target = this.#target;
+      return Math.max(target, end) === end ? end + GAP : this.#onNothing(target, NaN, () => true);
+    }
+    if (end >= from + PIECE - SECOND) {
+      return end;
+    }
+    if (end < this.#newest() - 3 * SECOND) {
+      return end + GAP; // A gap, or the camera was set differently.
+    }
+    const generation = this.#generation;
+    while (this.#newest() < end + SECOND && generation === this.#generation) {
+      await pause(TICK);
+    }
+    return end;
+  }
+
+  async #onNothing(from, next, isCurrent) {
+    const isSeek = Number.isFinite(this.#target);
+    if (Number.isFinite(next) && next > from) {
+      if (isSeek && !this.#wantsPlay) {
+        this.#complain("nothing", "", next);
+        await new Promise(() => {}); // Until there is another wish.
+      }
+      if (isSeek) {
+        this.#emit("skipped", { from: this.#target, to: next });
+        this.#target = next;
+      }
+      return next;
+    }
+    if (isSeek) {
+      this.#complain("nothing", "", NaN);
+    }
+    const newest = this.#newest();
+    while (isCurrent() && this.#newest() <= Math.max(newest, from)) {
+      await pause(5 * TICK);
+    }
+    return Math.max(from, newest);
+  }
+
+  async #waitUntilNeeded(from, isCurrent) {
+    while (isCurrent() && !Number.isFinite(this.#target) &&
+           from > this.#position + AHEAD * Math.max(1, this.rate / 2)) {
+      const hasRange = this.#media.ranges.some((range) => range.from > this.#position && range.from < from);
+      if (!hasRange && !this.#media.rangeAt(this.#position + 1)) {
+        return; // There is nothing until then.
+      }
+      await pause(TICK);
+    }
+  }
+
+  #tick() {
+    const video = this.#video;
+    if (!Number.isFinite(this.#target) && Number.isFinite(this.#media.origin) && video.readyState > 0) {
+      const position = this.#media.timeOf(video.currentTime);
+      if (Math.abs(position - this.#position) > 0.5) {
+        this.#position = position;
+        this.#emit("time");
+      }
+      this.#passGap();
+    }
+    const isWaiting = Number.isFinite(this.#target) || (this.#wantsPlay && video.readyState < 3);
+    if (isWaiting !== this.isWaiting) {
+      this.isWaiting = isWaiting;
+      this.#emit("state");
+    }
+    if (this.isLive && this.#newest() - this.#position > 10 * SECOND && !Number.isFinite(this.#target)) {
+      this.#goTo(this.#newest() - LIVE_DELAY);
+    }
+  }
+
+  /** At the end of what is loaded, goes to what was loaded behind the gap, or begins with another kind of media. */
+  #passGap() {
+    const at = this.#position;
+    const here = this.#media.rangeAt(at);
+    if (here && here.to - at > 150) {
+      return;
+    }
+    if (this.#next) {
+      this.#position = this.#next.from;
+      this.#target = this.#next.from;
+      this.#next = null;
+      return;
+    }
+    const behind = this.#media.ranges.find(({ from }) => from > at + 1);
+    if (behind && this.#wantsPlay) {
+      this.#video.currentTime = this.#media.mediaTimeOf(behind.from) + 1e-3;
+      this.#emit("skipped", { from: here?.to ?? at, to: behind.from });
+    }
+  }
+
+  #onError() {
+    const { error } = this.#video;
+    if (error && Number.isFinite(this.#media.origin)) {
+      const at = this.#position;
+      this.#media.close();
+      ++this.#generation;
+      this.#complain("error", `The browser could not decode this: ${error.message || "no reason given"}`, at + 2 * SECOND);
+    }
+  }
+
+  #complain(kind, text, next = NaN) {
+    this.#hasProblem = true;
+    this.#emit("problem", { kind, text, next });
+  }
+
+  #clearProblem() {
+    if (this.#hasProblem) {
+      this.#hasProblem = false;
+      this.#emit("fine");
+    }
+  }
+
+  #setLive(isLive) {
+    if (this.isLive !== isLive) {
+      this.isLive = isLive;
+      this.#emit("state");
+    }
+  }
+
+  #emit(name, detail) {
+    this.dispatchEvent(new CustomEvent(name, { detail }));
+  }
+}
