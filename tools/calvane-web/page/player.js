@@ -161,6 +161,13 @@ export class Player extends EventTarget {
       const text = piece.mime ? `This browser cannot play ${piece.mime}` : "This browser cannot play how the camera encoded this";
       throw Object.assign(new Error(text), { kind: "codec" });
     }
+    if (Number.isFinite(this.#target) && piece.begin - this.#target > GAP) {
+      if (!this.#wantsPlay) {
+        piece.body.cancel();
+        return this.#onNothing(from, piece.begin, isCurrent);
+      }
+      this.#emit("skipped", { from: this.#target, to: piece.begin });
+    }
     if (!await this.#prepare(piece, from, isCurrent)) {
       return from;
     }
