@@ -203,7 +203,7 @@ class PageTest(WebTest):
 
     def test_works_by_keyboard_alone_and_names_its_controls(self):
         self.open_at(self.gap[0] - 3)
-        for _ in range(40):
+        for _ in range(60):
             self.keys(Keys.TAB)
             if self.browser.switch_to.active_element.get_attribute("id") == "timeline":
                 break
@@ -293,7 +293,7 @@ class TroubleTest(PageTest):
         self.browser.execute_cdp_cmd("Page.addScriptToEvaluateOnNewDocument",
                                      {"source": "MediaSource.isTypeSupported = () => false"})
         self.open()
-        self.wait(lambda: "cannot play video/mp4" in self.text("message"), "words about the codec")
+        self.wait(lambda: "cannot play H.264 video with AAC sound" in self.text("message"), "words about the codec")
         self.wait(lambda: self.find("still").is_displayed(), "a still picture")
         self.shoot("codec")
         self.find("message-export").click()

@@ -214,7 +214,12 @@ void MovieWriter::Begin() {
     AVDictionary* options = nullptr;
     if (options_.container == Container::Mp4 && (options_.fragmented || !output_.CanSeek())) {
         // The index of the whole is written behind the first fragment, since only then the times are known.
-        av_dict_set(&options, "movflags", "frag_keyframe+delay_moov+default_base_moof", 0);
+        // What feeds a browser's decoder disregards edit lists: a track that begins later has to say so in its fragments.
+        const bool isFed = options_.fragmentTime != 0;
+        av_dict_set(&options, "movflags",
+                    isFed ? "frag_keyframe+delay_moov+default_base_moof+frag_discont"
+                          : "frag_keyframe+delay_moov+default_base_moof",
+                    0);
         const bool hasVideo = std::any_of(streams_.begin(), streams_.end(), [](const Stream& each) {
             return each.stream->codecpar->codec_type == AVMEDIA_TYPE_VIDEO;
         });

@@ -10,6 +10,15 @@ export function canPlay(mime) {
   return Boolean(mime && Source?.isTypeSupported(mime));
 }
 
+const CODECS = [[/avc[13]/, "H.264 video"], [/h[ev][cv]1/, "H.265 video"], [/av01/, "AV1 video"], [/vp0?[89]/, "VP8 or VP9 video"],
+  [/mp4v/, "MPEG-4 or Motion JPEG video"], [/mp4a/, "AAC sound"], [/opus/i, "Opus sound"]];
+
+/** What a browser is told of a file's codecs, in words. */
+export function codecsText(mime) {
+  const names = CODECS.filter(([pattern]) => pattern.test(mime ?? "")).map(([, name]) => name);
+  return names.length ? names.join(" with ") : "the way in which the camera encodes";
+}
+
 function eventOf(target, name) {
   return new Promise((resolve) => target.addEventListener(name, resolve, { once: true }));
 }

@@ -1,12 +1,13 @@
 // Plays what is recorded from any time on, across gaps, up to what is being recorded.
-import { getMedia } from "./api.js";
-import { MediaBuffer, canPlay } from "./media-buffer.js";
+import { getJson, getMedia } from "./api.js";
+import { MediaBuffer, canPlay, codecsText } from "./media-buffer.js";
 import { SECOND, parseTime } from "./time.js";
 
 const PIECE = 30 * SECOND; // What is asked for at once.
 const AHEAD = 20 * SECOND; // What is loaded before it is needed, at normal speed.
 const LIVE_DELAY = 2 * SECOND; // Behind the newest record, so that playing goes on smoothly.
 const GAP = 1.2 * SECOND; // The server ends a piece at a gap that is longer than 1 s.
+const MOMENT = 200; // Longer than a frame.
 const TICK = 100;
 
 const pause = (duration) => new Promise((resolve) => setTimeout(resolve, duration));
@@ -22,6 +23,7 @@ export class Player extends EventTarget {
   #video;
   #media;
   #newest; // Gives the newest recorded time.
+  #isAbsent; // Whether it is known that there is no video at a time.
   #generation = 0;
   #abort = new AbortController();
   #position = NaN;
@@ -32,11 +34,12 @@ export class Player extends EventTarget {
   isLive = false;
   isWaiting = false;
 
-  constructor(video, newest) {
+  constructor(video, newest, isAbsent) {
     super();
     this.#video = video;
     this.#media = new MediaBuffer(video);
     this.#newest = newest;
+    this.#isAbsent = isAbsent;
     video.addEventListener("play", () => this.#emit("state"));
     video.addEventListener("pause", () => this.#emit("state"));
     video.addEventListener("error", () => this.#onError());
@@ -147,6 +150,9 @@ export class Player extends EventTarget {
   async #loadPiece(from, isCurrent) {
     await this.#waitUntilNeeded(from, isCurrent);
     const { signal } = this.#abort;
+    if (Number.isFinite(this.#target) && this.#isAbsent(from)) {
+      return this.#onNothing(from, await this.#findNext(from, signal), isCurrent);
+    }
     let piece;
     try {
       piece = await getMedia(from, from + PIECE, { signal });
@@ -158,7 +164,9 @@ export class Player extends EventTarget {
     }
     if (!canPlay(piece.mime)) {
       piece.body.cancel();
-      const text = piece.mime ? `This browser cannot play ${piece.mime}` : "This browser cannot play how the camera encoded this";
+      this.#wantsPlay = false;
+      this.#setLive(false);
+      const text = `This browser cannot play ${codecsText(piece.mime)}`;
       throw Object.assign(new Error(text), { kind: "codec" });
     }
     if (Number.isFinite(this.#target) && piece.begin - this.#target > GAP) {
@@ -173,7 +181,15 @@ export class Player extends EventTarget {
     }
     this.#clearProblem();
     await this.#append(piece, isCurrent);
-    return this.#afterPiece(from, piece.begin);
+    return isCurrent() ? this.#afterPiece(from, piece.begin, isCurrent) : from;
+  }
+
+  /** When there is video at or after a time; NaN if there is none. */
+  async #findNext(from, signal) {
+    const to = Math.max(this.#newest(), from + 1);
+    const { spans } = await getJson("/api/coverage", { track: "video", from, to, buckets: 2000 }, { signal });
+    const span = spans.find((each) => each.present || each.share > 0);
+    return span ? Math.max(from, parseTime(span.from)) : NaN;
   }
 
   /** Makes the buffer ready for a piece; false when it has to wait until what is loaded is played. */
@@ -216,7 +232,7 @@ export class Player extends EventTarget {
       return;
     }
     const time = Math.max(this.#target, begin);
-    const range = this.#media.rangeAt(time, 300);
+    const range = this.#media.rangeAt(time, GAP);
     if (range) {
       this.#target = NaN;
       this.#video.currentTime = this.#media.mediaTimeOf(Math.max(time, range.from)) + 1e-4;
@@ -226,21 +242,22 @@ export class Player extends EventTarget {
     }
   }
 
-  async #afterPiece(from, begin) {
+  /** Where to go on behind a piece, which ends early at a gap, at a change of the camera or where recording is. */
+  async #afterPiece(from, begin, isCurrent) {
     await this.#media.tidy();
-    const end = Math.max(from, this.#media.rangeAt(Math.max(from, begin), GAP)?.to ?? begin);
-    if (Number.isFinite(this.#target)) { // The piece ended before what was asked for.
-      const target = this.#target;
-      return Math.max(target, end) === end ? end + GAP : this.#onNothing(target, NaN, () => true);
+    const end = this.#media.rangeAt(Math.max(from, begin), GAP)?.to ?? from;
+    const { signal } = this.#abort;
+    if (Number.isFinite(this.#target) || end < from + MOMENT) { // All of it was before what was asked for.
+      return this.#onNothing(from, await this.#findNext(from + MOMENT, signal), isCurrent);
     }
     if (end >= from + PIECE - SECOND) {
       return end;
     }
     if (end < this.#newest() - 3 * SECOND) {
-      return end + GAP; // A gap, or the camera was set differently.
+      const next = await this.#findNext(end + MOMENT, signal);
+      return Number.isFinite(next) ? next : this.#onNothing(end, NaN, isCurrent);
     }
-    const generation = this.#generation;
-    while (this.#newest() < end + SECOND && generation === this.#generation) {
+    while (isCurrent() && this.#newest() < end + SECOND) {
       await pause(TICK);
     }
     return end;

@@ -25,7 +25,7 @@ export class Stage {
     this.#navigator = navigator;
     this.#thumbnails = thumbnails;
     this.#reasonAt = reasonAt;
-    this.#player = new Player(this.#video, () => live.newest || live.now());
+    this.#player = new Player(this.#video, () => live.newest || live.now(), (time) => reasonAt(time) > 0);
     this.#player.addEventListener("time", () => this.#onTime());
     this.#player.addEventListener("state", () => this.#showState());
     this.#player.addEventListener("skipped", ({ detail }) => this.#onSkipped(detail));
