@@ -213,7 +213,8 @@ class PageTest(WebTest):
         self.keys(Keys.ARROW_RIGHT)
         self.wait(lambda: abs(time_of(self.find("clock-time").get_attribute("datetime")) - before - 0.4) < 0.01, "a step")
         self.keys("g")
-        self.wait(lambda: "No video" in self.text("message"), "the gap")
+        self.wait(lambda: "Interrupted" in self.text("toast"), "the gap")
+        self.assertAlmostEqual(time_of(self.find("clock-time").get_attribute("datetime")), self.gap[0], delta=0.1)
         self.wait(lambda: "Video: interrupted" in canvas.get_attribute("aria-valuetext"), "the gap in words")
         self.keys("?")
         self.wait(lambda: "next frame" in self.text("help-dialog"), "the list of keys")
@@ -289,9 +290,9 @@ class TroubleTest(PageTest):
         self.wait(lambda: read_picture(self.browser)[1] > self.gap[1], "playing to go on behind what was erased", 30)
 
     def test_says_that_the_browser_cannot_play_a_codec(self):
-        self.open()
-        self.browser.execute_cdp_cmd("Page.addScriptToEvaluateOnNewDocument",
-                                     {"source": "MediaSource.isTypeSupported = () => false"})
+        script = self.browser.execute_cdp_cmd("Page.addScriptToEvaluateOnNewDocument",
+                                              {"source": "MediaSource.isTypeSupported = () => false"})
+        self.addCleanup(self.browser.execute_cdp_cmd, "Page.removeScriptToEvaluateOnNewDocument", script)
         self.open()
         self.wait(lambda: "cannot play H.264 video with AAC sound" in self.text("message"), "words about the codec")
         self.wait(lambda: self.find("still").is_displayed(), "a still picture")

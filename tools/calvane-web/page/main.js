@@ -10,6 +10,7 @@ import { Live } from "./live.js";
 import { askPassword } from "./login.js";
 import { Navigator } from "./navigator.js";
 import { Events, gapsOf, showErased, showGaps, showRecorder } from "./panels.js";
+import { reasonText } from "./reasons.js";
 import { zoomed } from "./scale.js";
 import { Stage } from "./stage.js";
 import { Thumbnails } from "./thumbnails.js";
@@ -75,10 +76,11 @@ async function goToGap(direction) {
   if (!found && span.to > span.from) {
     const answer = await getJson("/api/coverage", { track: "video", ...span, buckets: 2000 });
     found = nearest(answer.spans.filter((each) => !each.present || each.mixed)
-      .map((each) => ({ from: parseTime(each.from), to: parseTime(each.to) })), at, direction);
+      .map((each) => ({ from: parseTime(each.from), to: parseTime(each.to), reason: each.reason })), at, direction);
   }
   if (found) {
     stage.seek(found.from);
+    stage.toast(`Gap of ${durationText(found.to - found.from)} – ${reasonText(found.reason)}`);
   } else {
     stage.toast(direction > 0 ? "There is no gap of video after this" : "There is no gap of video before this");
   }

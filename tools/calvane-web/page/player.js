@@ -27,6 +27,7 @@ export class Player extends EventTarget {
   #generation = 0;
   #abort = new AbortController();
   #position = NaN;
+  #frameTime = NaN;
   #target = NaN; // Where to go as soon as something is loaded.
   #next = null; // A piece of another kind that follows when this one is played: {from}.
   #wantsPlay = false;
@@ -44,10 +45,16 @@ export class Player extends EventTarget {
     video.addEventListener("pause", () => this.#emit("state"));
     video.addEventListener("error", () => this.#onError());
     setInterval(() => this.#tick(), TICK);
+    this.#watchFrames();
   }
 
   get position() {
     return this.#position;
+  }
+
+  /** When the frame that is shown begins. */
+  get frameTime() {
+    return Math.abs(this.#frameTime - this.#position) < SECOND ? this.#frameTime : this.#position;
   }
 
   get isPlaying() {
@@ -335,6 +342,13 @@ export class Player extends EventTarget {
       this.#video.currentTime = this.#media.mediaTimeOf(behind.from) + 1e-3;
       this.#emit("skipped", { from: here?.to ?? at, to: behind.from });
     }
+  }
+
+  #watchFrames() {
+    this.#video.requestVideoFrameCallback?.((_, { mediaTime }) => {
+      this.#frameTime = this.#media.timeOf(mediaTime);
+      this.#watchFrames();
+    });
   }
 
   #onError() {

@@ -73,7 +73,7 @@ export class Stage {
 
   step(frames) {
     this.#player.pause();
-    this.skip(frames * this.#frame);
+    this.seek(this.#player.frameTime + (frames + 0.5) * this.#frame); // The middle of it, since times are rounded.
   }
 
   toggle() {
