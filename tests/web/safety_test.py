@@ -1,4 +1,5 @@
 """What calvane-web does with clients that mean no good."""
+import gzip
 import http.client
 import os
 import socket
@@ -69,6 +70,9 @@ class SafetyTest(WebTest):
         self.assertIn("default-src 'none'", headers["Content-Security-Policy"])
         self.assertNotIn("Access-Control-Allow-Origin", headers)
         self.assertEqual(self.web.get("/", {"If-None-Match": headers["ETag"]}).status, 304)
+        packed = self.web.get("/", {"Accept-Encoding": "gzip"})
+        self.assertEqual(gzip.decompress(packed.body), self.web.get("/").body)
+        self.assertEqual(packed.headers["Content-Encoding"], "gzip")
 
     def test_half_open_connections_hold_nobody_up_and_are_closed(self):
         host, port = self.web.host.rsplit(":", 1)

@@ -1,7 +1,9 @@
 #include "api/PageFiles.h"
 
 #define XXH_INLINE_ALL // Its code is small, and its library then not needed.
+#define ZLIB_CONST     // Input is not written to.
 #include <xxhash.h>
+#include <zlib.h>
 
 #include <array>
 #include <cstdlib>
@@ -42,6 +44,27 @@ std::string Read(const fs::path& path) {
     return content.str();
 }
 
+std::string Pack(const std::string& content) {
+    constexpr int kGzip = 15 + 16; // The largest window, and the header of gzip.
+    constexpr int kMemory = 8;     // What zlib takes by default.
+    z_stream stream{};
+    if (deflateInit2(&stream, Z_BEST_COMPRESSION, Z_DEFLATED, kGzip, kMemory, Z_DEFAULT_STRATEGY) != Z_OK) {
+        throw std::bad_alloc();
+    }
+    std::string packed(deflateBound(&stream, content.size()), '\0');
+    stream.next_in = reinterpret_cast<const Bytef*>(content.data());
+    stream.avail_in = static_cast<uInt>(content.size());
+    stream.next_out = reinterpret_cast<Bytef*>(packed.data());
+    stream.avail_out = static_cast<uInt>(packed.size());
+    const int result = deflate(&stream, Z_FINISH);
+    packed.resize(stream.total_out);
+    deflateEnd(&stream);
+    if (result != Z_STREAM_END) {
+        throw std::runtime_error("Cannot compress the page");
+    }
+    return packed;
+}
+
 } // namespace
 
 PageFiles::PageFiles(const std::string& folder) {
@@ -59,8 +82,9 @@ PageFiles::PageFiles(const std::string& folder) {
             throw std::runtime_error("The files of the page in " + folder + " are larger than 1 MiB");
         }
         std::string tag = TagOf(content);
-        files_["/" + fs::relative(each->path(), folder).generic_string()] = {std::move(content), type->second,
-                                                                             std::move(tag)};
+        std::string packed = Pack(content);
+        files_["/" + fs::relative(each->path(), folder).generic_string()] = {
+            std::move(content), std::move(packed), type->second, std::move(tag)};
     }
     const auto index = files_.find("/index.html");
     if (index == files_.end()) {
@@ -73,13 +97,17 @@ PageFiles::PageFiles(const std::string& folder) {
 Reply PageFiles::Find(const Request& request) const {
     const File& file = files_.at(request.path);
     Reply reply;
-    reply.headers = {{"ETag", file.tag}, {"Cache-Control", "no-cache"}};
+    reply.headers = {{"ETag", "W/" + file.tag}, {"Cache-Control", "no-cache"}, {"Vary", "Accept-Encoding"}};
     if (request.Header("if-none-match").find(file.tag) != std::string::npos) {
         reply.status = 304;
         return reply;
     }
     reply.type = file.type;
-    reply.body = file.content;
+    const bool isPacked = request.Header("accept-encoding").find("gzip") != std::string::npos;
+    reply.body = isPacked ? file.packed : file.content;
+    if (isPacked) {
+        reply.headers.emplace("Content-Encoding", "gzip");
+    }
     return reply;
 }
 

@@ -22,6 +22,7 @@ public:
 private:
     struct File {
         std::string content;
+        std::string packed; ///< The same by gzip.
         std::string type;
         std::string tag; ///< ETag, of the content.
     };
