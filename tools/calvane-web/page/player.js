@@ -5,7 +5,7 @@ import { SECOND, parseTime } from "./time.js";
 
 const PIECE = 30 * SECOND; // What is asked for at once.
 const AHEAD = 20 * SECOND; // What is loaded before it is needed, at normal speed.
-const LIVE_DELAY = 2 * SECOND; // Behind the newest record, so that playing goes on smoothly.
+const LIVE_DELAY = 2.5 * SECOND; // Behind the newest record, so that playing goes on smoothly.
 const GAP = 1.2 * SECOND; // The server ends a piece at a gap that is longer than 1 s.
 const MOMENT = 200; // Longer than a frame.
 const TICK = 100;
@@ -252,15 +252,16 @@ export class Player extends EventTarget {
   /** Where to go on behind a piece, which ends early at a gap, at a change of the camera or where recording is. */
   async #afterPiece(from, begin, isCurrent) {
     await this.#media.tidy();
-    const end = this.#media.rangeAt(Math.max(from, begin), GAP)?.to ?? from;
+    const end = Math.max(from, this.#media.rangeAt(Math.max(from, begin), GAP)?.to ?? from);
     const { signal } = this.#abort;
-    if (Number.isFinite(this.#target) || end < from + MOMENT) { // All of it was before what was asked for.
+    const isAtEdge = end > this.#newest() - 3 * SECOND;
+    if (Number.isFinite(this.#target) || (end < from + MOMENT && !isAtEdge)) { // All of it was before what was asked for.
       return this.#onNothing(from, await this.#findNext(from + MOMENT, signal), isCurrent);
     }
     if (end >= from + PIECE - SECOND) {
       return end;
     }
-    if (end < this.#newest() - 3 * SECOND) {
+    if (!isAtEdge) {
       const next = await this.#findNext(end + MOMENT, signal);
       return Number.isFinite(next) ? next : this.#onNothing(end, NaN, isCurrent);
     }
