@@ -54,6 +54,9 @@ export class MediaBuffer {
     const opened = eventOf(source, "sourceopen");
     this.#video.src = this.#address;
     await opened;
+    if (this.#source !== source) {
+      throw new DOMException("Opened anew meanwhile", "AbortError");
+    }
     this.#buffer = source.addSourceBuffer(mime);
     source.duration = Infinity;
   }

@@ -9,6 +9,7 @@ const LIVE_DELAY = 2.5 * SECOND; // Behind the newest record, so that playing go
 const GAP = 1.2 * SECOND; // The server ends a piece at a gap that is longer than 1 s.
 const MOMENT = 200; // Longer than a frame.
 const TICK = 100;
+const PATIENCE = 5 * SECOND;
 
 const pause = (duration) => new Promise((resolve) => setTimeout(resolve, duration));
 
@@ -31,6 +32,7 @@ export class Player extends EventTarget {
   #target = NaN; // Where to go as soon as something is loaded.
   #next = null; // A piece of another kind that follows when this one is played: {from}.
   #wantsPlay = false;
+  #stuckSince = null;
   #hasProblem = false;
   isLive = false;
   isWaiting = false;
@@ -158,7 +160,10 @@ export class Player extends EventTarget {
     await this.#waitUntilNeeded(from, isCurrent);
     const { signal } = this.#abort;
     if (Number.isFinite(this.#target) && this.#isAbsent(from)) {
-      return this.#onNothing(from, await this.#findNext(from, signal), isCurrent);
+      const next = await this.#findNext(from, signal);
+      if (!(next <= from)) { // Otherwise there is something by now.
+        return this.#onNothing(from, next, isCurrent);
+      }
     }
     let piece;
     try {
@@ -315,6 +320,7 @@ export class Player extends EventTarget {
       }
       this.#passGap();
     }
+    this.#retryStuck();
     const isWaiting = Number.isFinite(this.#target) || (this.#wantsPlay && video.readyState < 3);
     if (isWaiting !== this.isWaiting) {
       this.isWaiting = isWaiting;
@@ -322,6 +328,17 @@ export class Player extends EventTarget {
     }
     if (this.isLive && this.#newest() - this.#position > 10 * SECOND && !Number.isFinite(this.#target)) {
       this.#goTo(this.#newest() - LIVE_DELAY);
+    }
+  }
+
+  /** What was asked for should be there, or said to be missing, long before. */
+  #retryStuck() {
+    const isStuck = Number.isFinite(this.#target) && !this.#hasProblem;
+    this.#stuckSince = isStuck ? this.#stuckSince ?? performance.now() : null;
+    if (isStuck && performance.now() - this.#stuckSince > PATIENCE) {
+      this.#stuckSince = null;
+      this.#media.close();
+      this.#goTo(this.#target);
     }
   }
 
