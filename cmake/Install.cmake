@@ -1,6 +1,7 @@
 # What `cmake --install` puts where. Component runtime: libraries, programs with their manual and completion, and the
-# folder for modules of plugins. Component media: what needs FFmpeg. Component web: the page and its server. Component dev: headers, and the package files for
-# find_package(calvane) and pkg-config.
+# folder for modules of plugins. Component media: what needs FFmpeg. Component web: the page and its server. Component dev:
+# headers, and the package files for find_package(calvane) and pkg-config. Component testing: the module of test records,
+# which belongs on no device.
 
 include(CMakePackageConfigHelpers)
 
@@ -70,12 +71,26 @@ foreach(program calvane-recording calvane-recorder calvane-store) # Bash looks f
     DESTINATION ${completions} RENAME ${program} COMPONENT runtime)
 endforeach()
 
-# The recorder as a service of the system: who may be it and ask it, its unit, its user.
-configure_file(${PROJECT_SOURCE_DIR}/packaging/systemd/calvane-recorder.service.in
-  ${CMAKE_BINARY_DIR}/calvane-recorder.service @ONLY)
-install(FILES ${CMAKE_BINARY_DIR}/calvane-recorder.service DESTINATION lib/systemd/system COMPONENT runtime)
-install(FILES ${PROJECT_SOURCE_DIR}/packaging/systemd/calvane.sysusers
-  DESTINATION lib/sysusers.d RENAME calvane.conf COMPONENT runtime)
+# calvane_install_unit(<component> <unit>): packaging/systemd/<unit>.in, with the programs' folder in place of @BINDIR@.
+# That is known no earlier than when something is installed: `cmake --install --prefix` may name another one.
+function(calvane_install_unit component unit)
+  install(CODE "
+    set(BINDIR \"${CMAKE_INSTALL_BINDIR}\")
+    cmake_path(ABSOLUTE_PATH BINDIR BASE_DIRECTORY \"\${CMAKE_INSTALL_PREFIX}\" NORMALIZE)
+    configure_file(\"${PROJECT_SOURCE_DIR}/packaging/systemd/${unit}.in\" \"${CMAKE_BINARY_DIR}/units/${unit}\" @ONLY)
+    file(INSTALL \"${CMAKE_BINARY_DIR}/units/${unit}\" DESTINATION \"\${CMAKE_INSTALL_PREFIX}/lib/systemd/system\")"
+    COMPONENT ${component})
+endfunction()
+
+# The recorder as a service of the system: who may be it and ask it, its unit, its user, its folders, its card.
+calvane_install_unit(runtime calvane-recorder.service)
+install(FILES ${PROJECT_SOURCE_DIR}/packaging/systemd/media-sd.mount DESTINATION lib/systemd/system COMPONENT runtime)
+install(FILES ${PROJECT_SOURCE_DIR}/packaging/systemd/calvane-recorder.sysusers
+  DESTINATION lib/sysusers.d RENAME calvane-recorder.conf COMPONENT runtime)
+install(FILES ${PROJECT_SOURCE_DIR}/packaging/systemd/calvane-recorder.tmpfiles
+  DESTINATION lib/tmpfiles.d RENAME calvane-recorder.conf COMPONENT runtime)
+install(FILES ${PROJECT_SOURCE_DIR}/packaging/systemd/60-calvane-card.rules
+  DESTINATION lib/udev/rules.d COMPONENT runtime)
 install(FILES ${PROJECT_SOURCE_DIR}/packaging/dbus/com.drenn.recorder.conf
   DESTINATION ${CMAKE_INSTALL_DATADIR}/dbus-1/system.d COMPONENT runtime)
 
@@ -105,5 +120,7 @@ foreach(kind LIBDIR INCLUDEDIR)
     string(PREPEND CALVANE_PC_${kind} "\${prefix}/")
   endif()
 endforeach()
-configure_file(${PROJECT_SOURCE_DIR}/packaging/calvane.pc.in ${CMAKE_BINARY_DIR}/calvane.pc @ONLY)
-install(FILES ${CMAKE_BINARY_DIR}/calvane.pc DESTINATION ${CALVANE_PKGCONFIG_DIR} COMPONENT dev)
+foreach(package calvane drenn quarn)
+  configure_file(${PROJECT_SOURCE_DIR}/packaging/pkgconfig/${package}.pc.in ${CMAKE_BINARY_DIR}/${package}.pc @ONLY)
+  install(FILES ${CMAKE_BINARY_DIR}/${package}.pc DESTINATION ${CALVANE_PKGCONFIG_DIR} COMPONENT dev)
+endforeach()
