@@ -1,3 +1,5 @@
+#include <regex>
+
 #include "recorder/RecorderFixture.h"
 #include "support/Emulation.h"
 
@@ -36,6 +38,39 @@ TEST_F(RecorderTest, WithoutAUsableCardItAnswersAndSaysWhatToDo) {
     recorder->Signal(SIGHUP);
     EXPECT_TRUE(WaitUntil([&] { return folder.Has("log"); }));
     EXPECT_EQ(Stop(), 0);
+}
+
+TEST_F(RecorderTest, HangUpTakesOverAChangedDescriptionAndNeverEndsRecording) {
+    const std::string path = DescribeVideo("bytes.min = 1000\ntrack = video\n");
+    const std::string first = folder.Read("video.ini");
+    StartAndWait(path);
+    const auto recordsMore = [&](const std::string& track) {
+        const json before = AskJson({"status"})["tracks"][track]["records"];
+        return WaitUntil([&] { return AskJson({"status"})["tracks"][track]["records"] > before; });
+    };
+    const auto hangUp = [&](const std::string& description, const std::string& answer) {
+        folder.Write("video.ini", description);
+        recorder->Signal(SIGHUP);
+        return WaitUntil([&] { return recorder->Err().find(answer) != std::string::npos; });
+    };
+    const auto changed = [&](const std::string& old, const std::string& text) {
+        return std::regex_replace(first, std::regex(old), text);
+    };
+    EXPECT_TRUE(recordsMore("video"));
+    EXPECT_TRUE(hangUp(first + "; the same\n", "video.ini says the same as before"));
+    EXPECT_TRUE(hangUp("[calvane", "video.ini:1: "));
+    EXPECT_TRUE(hangUp(changed("track = video", "track = vidio"), "\"vidio\" is none of"));
+    EXPECT_TRUE(hangUp(changed("bytes.min = 1000", "bytes.min = 1000\nbytes.max = 999"),
+                       "those that ran are started again"));
+    EXPECT_TRUE(recordsMore("video"));
+    EXPECT_EQ(AskJson({"coverage", "--track", "video"})["video"].size(), 3) << "only one change was tried";
+
+    EXPECT_TRUE(hangUp(changed("track = video", "track = audio"), "pipelines replace those that run"));
+    EXPECT_TRUE(recordsMore("audio"));
+    EXPECT_EQ(AskJson({"state"})["video"], false);
+    ExpectRecordsAreRight("audio");
+    EXPECT_EQ(Stop(), 0);
+    ExpectStoreIsGood();
 }
 
 TEST_F(RecorderTest, RefusesWhatIsWrongByName) {

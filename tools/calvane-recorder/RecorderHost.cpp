@@ -4,18 +4,14 @@
 #include <systemd/sd-daemon.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <boost/date_time/posix_time/posix_time.hpp>
 #include <memory>
-#include <optional>
 #include <thread>
 #include <utility>
 
 #include "RecordingControl.h"
 #include "UpkeepThread.h"
 #include "calvane/recording/RecordingManager.h"
-#include "pipelines/CheckedDescription.h"
-#include "pipelines/DescribedPipelines.h"
 #include "pipelines/ExitStatus.h"
 #include "quarn/core/Logger.h"
 
@@ -23,8 +19,6 @@ namespace calvane_recorder {
 
 using namespace calvane_program;
 using namespace std::chrono_literals;
-using quarn::calvane::PipelineState;
-using quarn::calvane::PipelineStatus;
 using quarn::calvane::RecordingManager;
 using quarn::core::Logger;
 
@@ -71,12 +65,6 @@ bool IsNothingMountedAt(const std::string& folder) {
     struct stat above {};
     return stat(folder.c_str(), &here) == 0 && stat((folder + "/..").c_str(), &above) == 0 &&
            here.st_dev == above.st_dev;
-}
-
-bool AnyFailed(const std::vector<PipelineStatus>& pipelines) {
-    return std::any_of(pipelines.begin(), pipelines.end(), [](const PipelineStatus& pipeline) {
-        return pipeline.state == PipelineState::Failed;
-    });
 }
 
 } // namespace
@@ -146,59 +134,64 @@ void Recorder::EndHistory() {
 }
 
 RecorderHost::RecorderHost(HostOptions options)
-    : options_(std::move(options)), watcher_([] {
-          try {
-              Logger::ReopenFile();
-          } catch (const std::exception& problem) {
-              GetLogger()->Error("%s; the log stays in the old file", problem.what());
-          }
-      }) {}
+    : options_(std::move(options)), watcher_([this] { TakeHangUp(); }), pipelines_(options_.file) {}
 
 RecorderHost::~RecorderHost() = default;
 
+/// On the signals' thread. The log first: what the reload says goes to the new file.
+void RecorderHost::TakeHangUp() {
+    try {
+        Logger::ReopenFile();
+    } catch (const std::exception& problem) {
+        GetLogger()->Error("%s; the log stays in the old file", problem.what());
+    }
+    const std::lock_guard<std::mutex> guard(lock_);
+    reload_ = true;
+    asked_.notify_all();
+}
+
 int RecorderHost::Run() {
-    std::optional<CheckedDescription> description;
-    if (!options_.file.empty()) {
-        description.emplace(options_.file);
-        if (!description->Check()) {
-            return kBadInput;
-        }
+    if (!pipelines_.Read()) {
+        return kBadInput;
     }
     watcher_.Watch([this] {
         const std::lock_guard<std::mutex> guard(lock_);
         stop_ = true;
-        stopped_.notify_all();
+        asked_.notify_all();
     });
-    const int status = RunServices(description ? &*description : nullptr);
+    const int status = RunServices();
     watcher_.End();
     return status;
 }
 
-int RecorderHost::RunServices(calvane_program::CheckedDescription* description) {
+int RecorderHost::RunServices() {
     try {
         TakeRecording();
     } catch (const std::exception& problem) {
-        PrintError(std::string("calvane-recorder: ") + problem.what());
+        ReportError(std::string("calvane-recorder: ") + problem.what());
         return kFailedWhileRunning;
     }
-    int status = kDone;
-    if (description != nullptr) {
-        DescribedPipelines pipelines(*description);
-        status = pipelines.Load() ? RunPipelines(pipelines) : kBadInput;
-    } else {
-        try {
-            Serve(nullptr);
-        } catch (const std::exception& problem) { // A card came, and the services could not be started again.
-            PrintError(std::string("calvane-recorder: ") + problem.what());
-            status = kFailedWhileRunning;
-        }
-    }
+    const int status = RunPipelines();
     // The pipelines are gone, and with them the last report of data that ends.
     if (recording_) {
         recorder_->EndHistory();
     }
     recorder_ = nullptr;
     return status;
+}
+
+int RecorderHost::RunPipelines() {
+    if (const int status = pipelines_.Start(); status != kDone) {
+        return status;
+    }
+    try {
+        Serve();
+    } catch (const std::exception& problem) { // A card came, and the services could not be started again.
+        ReportError(std::string("calvane-recorder: ") + problem.what());
+        pipelines_.End();
+        return kFailedWhileRunning;
+    }
+    return pipelines_.End();
 }
 
 /// Starts the services, and recording if there is a card that can be used.
@@ -248,21 +241,9 @@ void RecorderHost::SayWhatToDo() const {
     }
 }
 
-int RecorderHost::RunPipelines(DescribedPipelines& pipelines) {
-    try {
-        pipelines.GetManager().Start();
-        Serve(&pipelines);
-    } catch (const std::exception& problem) {
-        PrintError(std::string("calvane-recorder: ") + problem.what());
-        EndPipelines(pipelines);
-        return kFailedWhileRunning;
-    }
-    return EndPipelines(pipelines);
-}
-
 /// Until a signal, or until a pipeline has failed. When they merely run out of data, what is recorded can still be
 /// asked for.
-void RecorderHost::Serve(DescribedPipelines* pipelines) {
+void RecorderHost::Serve() {
     sd_notify(0, "READY=1");
     SayState();
     while (!WaitForStop(kWatchdogPeriod)) {
@@ -271,9 +252,10 @@ void RecorderHost::Serve(DescribedPipelines* pipelines) {
         } else if (LooksOf(options_.root) != cardLooks_) {
             TakeRecording();
         }
+        ReloadIfAsked();
         SayState();
         sd_notify(0, "WATCHDOG=1");
-        if (pipelines != nullptr && AnyFailed(pipelines->GetManager().GetStatus())) {
+        if (pipelines_.HasFailed()) {
             break;
         }
     }
@@ -291,22 +273,27 @@ void RecorderHost::SayState() {
     }
 }
 
-bool RecorderHost::WaitForStop(std::chrono::milliseconds time) {
-    std::unique_lock<std::mutex> guard(lock_);
-    return stopped_.wait_for(guard, time, [this] { return stop_; });
+/// What has been asked for by SIGHUP. Limits count without it, and all else only from the start on.
+void RecorderHost::ReloadIfAsked() {
+    {
+        const std::lock_guard<std::mutex> guard(lock_);
+        if (!std::exchange(reload_, false)) {
+            return;
+        }
+    }
+    sd_notify(0, "RELOADING=1");
+    pipelines_.Reload();
+    GetLogger()->Information(
+        "Limits of what is kept count as soon as they are set. The command line, the unit and the device's "
+        "identity are only taken over by a restart");
+    sd_notify(0, "READY=1");
 }
 
-int RecorderHost::EndPipelines(DescribedPipelines& pipelines) const {
-    try {
-        pipelines.GetManager().SignalShutdown();
-        pipelines.GetManager().WaitForFinish();
-        pipelines.GetManager().Drain();
-        pipelines.GetManager().WaitForFinish();
-        return kDone;
-    } catch (const std::exception& problem) {
-        PrintError(std::string("calvane-recorder: ") + problem.what());
-        return kFailedWhileRunning;
-    }
+/// Returns early when a reload is asked for.
+bool RecorderHost::WaitForStop(std::chrono::milliseconds time) {
+    std::unique_lock<std::mutex> guard(lock_);
+    asked_.wait_for(guard, time, [this] { return stop_ || reload_; });
+    return stop_;
 }
 
 } // namespace calvane_recorder

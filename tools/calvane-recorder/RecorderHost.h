@@ -6,12 +6,8 @@
 #include <mutex>
 #include <string>
 
+#include "PipelineHost.h"
 #include "pipelines/SignalWatcher.h"
-
-namespace calvane_program {
-class CheckedDescription;
-class DescribedPipelines;
-} // namespace calvane_program
 
 namespace calvane_recorder {
 
@@ -26,7 +22,7 @@ struct HostOptions {
 /// the orderly end.
 ///
 /// Threads:  the main one, which feeds systemd's watchdog as long as the tracks take records; one that writes the history
-///           and erases; one that reads the settings. Stopping comes from the signals' thread.
+///           and erases; one that reads the settings. Stopping and reloading come from the signals' thread.
 /// Lifetime: Run once.
 class RecorderHost {
 public:
@@ -38,25 +34,28 @@ public:
     int Run();
 
 private:
-    int RunServices(calvane_program::CheckedDescription* description);
-    int RunPipelines(calvane_program::DescribedPipelines& pipelines);
+    void TakeHangUp();
+    int RunServices();
+    int RunPipelines();
     void TakeRecording();
     void SayWhatToDo() const;
     void SayState();
     bool WaitForStop(std::chrono::milliseconds time);
-    void Serve(calvane_program::DescribedPipelines* pipelines);
-    int EndPipelines(calvane_program::DescribedPipelines& pipelines) const;
+    void Serve();
+    void ReloadIfAsked();
 
     const HostOptions options_;
     calvane_program::SignalWatcher watcher_;
+    PipelineHost pipelines_;
     std::unique_ptr<Recorder> recorder_;
     std::string saidState_;  // To systemd.
     bool recording_ = false; // Otherwise there are only the services.
     std::string cardLooks_;  // When it was tried last.
 
     std::mutex lock_;
-    std::condition_variable stopped_;
-    bool stop_ = false; // Guarded by lock_.
+    std::condition_variable asked_;
+    bool stop_ = false;   // Guarded by lock_.
+    bool reload_ = false; // Guarded by lock_.
 };
 
 } // namespace calvane_recorder

@@ -45,7 +45,7 @@ void Define(CLI::App& program, Options& options) {
         "recording_information and "
         "recording_data_access. Without a card it only answers.\n"
         "SIGTERM and SIGINT end it in order, which takes about two seconds; a second one ends it at once.\n"
-        "SIGHUP makes it open its log file anew.\n"
+        "SIGHUP makes it open its log file anew and take over a description that has changed.\n"
         "Exit status: 0 done, 1 failed while running, 2 bad description or command line.\n"
         "Examples:\n"
         "  calvane-recorder camera.ini\n"
@@ -84,7 +84,7 @@ int RunProgram(int argc, char** argv) {
         Apply(options);
         return host.Run();
     } catch (const std::exception& error) {
-        PrintError(error.what());
+        calvane_recorder::ReportError(error.what());
         return kBadInput;
     }
 }

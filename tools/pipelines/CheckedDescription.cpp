@@ -10,11 +10,12 @@ void PrintError(const std::string& line) {
     std::cerr << line + "\n" << std::flush;
 }
 
-CheckedDescription::CheckedDescription(const std::string& path)
-    : CheckedDescription(quarn::core::IniFile(path)) {}
+void PrintLine(Severity, const std::string& line) {
+    PrintError(line);
+}
 
-CheckedDescription::CheckedDescription(quarn::core::IniFile ini)
-    : ini_(std::move(ini)), description_(ini_), graph_(description_) {}
+CheckedDescription::CheckedDescription(quarn::core::IniFile ini, Reporter reporter)
+    : reporter_(std::move(reporter)), ini_(std::move(ini)), description_(ini_), graph_(description_) {}
 
 bool CheckedDescription::Check() {
     for (const auto& finding : quarn::calvane::CheckDescription(graph_, types_)) {
@@ -37,21 +38,21 @@ void CheckedDescription::WarnAboutUnused(const std::vector<DescriptionPlace>& se
 
 void CheckedDescription::PrintError(const DescriptionPlace& place, const std::string& text) {
     ++errors_;
-    Print(place, "", text);
+    Report(Severity::Error, place, text);
 }
 
 void CheckedDescription::PrintWarning(const DescriptionPlace& place, const std::string& text) {
     ++warnings_;
-    Print(place, "warning: ", text);
+    Report(Severity::Warning, place, text);
 }
 
-void CheckedDescription::Print(const DescriptionPlace& place, const std::string& mark,
-                               const std::string& text) {
+void CheckedDescription::Report(Severity severity, const DescriptionPlace& place, const std::string& text) {
     places_.emplace(place.group, place.key);
     const unsigned int line = description_.GetLine(place);
-    calvane_program::PrintError(ini_.GetFileName() + ":" + (line != 0 ? std::to_string(line) + ":" : "") +
-                                " " + mark + (place.group.empty() ? "" : "[" + place.group + "] ") +
-                                (place.key.empty() ? "" : place.key + ": ") + text);
+    reporter_(severity, ini_.GetFileName() + ":" + (line != 0 ? std::to_string(line) + ":" : "") + " " +
+                            (severity == Severity::Warning ? "warning: " : "") +
+                            (place.group.empty() ? "" : "[" + place.group + "] ") +
+                            (place.key.empty() ? "" : place.key + ": ") + text);
 }
 
 } // namespace calvane_program

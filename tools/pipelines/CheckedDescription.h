@@ -1,5 +1,6 @@
 #pragma once
 
+#include <functional>
 #include <set>
 #include <string>
 #include <utility>
@@ -14,13 +15,17 @@ namespace calvane_program {
 /// Writes one line to the standard error stream.
 void PrintError(const std::string& line);
 
-/// A description, its graph, and the diagnostics about it. Prints each on the standard error stream, as
+enum class Severity { Warning, Error };
+/// The same, whatever the severity.
+void PrintLine(Severity severity, const std::string& line);
+
+/// A description, its graph, and the diagnostics about it. Prints each, or gives it to a reporter, as
 /// "FILE:LINE: [group] key: text" as far as the place is known.
 class CheckedDescription {
 public:
-    /// Reads the file at `path`; throws what IniFile throws.
-    explicit CheckedDescription(const std::string& path);
-    explicit CheckedDescription(quarn::core::IniFile ini);
+    using Reporter = std::function<void(Severity, const std::string& line)>;
+
+    explicit CheckedDescription(quarn::core::IniFile ini, Reporter reporter = &PrintLine);
     CheckedDescription(const CheckedDescription&) = delete;
     CheckedDescription& operator=(const CheckedDescription&) = delete;
 
@@ -39,9 +44,9 @@ public:
     quarn::calvane::PluginTypes& GetTypes() { return types_; }
 
 private:
-    void Print(const quarn::calvane::DescriptionPlace& place, const std::string& mark,
-               const std::string& text);
+    void Report(Severity severity, const quarn::calvane::DescriptionPlace& place, const std::string& text);
 
+    const Reporter reporter_;
     const quarn::core::IniFile ini_;
     const quarn::calvane::Description description_;
     const quarn::calvane::DescriptionGraph graph_;
