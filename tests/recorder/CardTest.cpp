@@ -39,6 +39,25 @@ std::vector<std::uint64_t> NumbersIn(const std::string& records) {
     return numbers;
 }
 
+// Made by version 1.3.0 from TestRecordSource on all tracks, 20 records of each. A change of the format adds a card of the
+// version before it.
+TEST_F(RecorderCardTest, ACardOfAnEarlierVersionIsReadAndContinued) {
+    Program unpack("/usr/bin/env",
+                   {"tar", "-xzf", CALVANE_SOURCE_DIR "/tests/recorder/data/card-of-1.3.0.tar.gz"},
+                   folder.Path());
+    ASSERT_EQ(unpack.Wait(), 0) << unpack.Err();
+    StartAndWait(DescribeVideo("track = video\ncount = 1\n"));
+    for (const char* const track : {"audio", "metadata"}) {
+        EXPECT_EQ(CountRecords(track), 20U);
+        ExpectRecordsAreRight(track);
+    }
+    EXPECT_TRUE(WaitUntil([&] { return CountRecords("video") == 21; }));
+    const std::vector<std::string> reasons = ReasonsOf("video", "2026-11-22");
+    EXPECT_GE(std::count(reasons.begin(), reasons.end(), "data"), 2);
+    EXPECT_EQ(Stop(), 0);
+    ExpectStoreIsGood();
+}
+
 TEST_F(RecorderCardTest, AFullCardGivesWayWhileItsOldestDataIsRead) {
     SKIP_WHEN_EMULATED("a card takes too long to fill");
     const SmallCard small(std::uint64_t{64} << 20U, 0);
