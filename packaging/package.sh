@@ -1,14 +1,15 @@
 #!/usr/bin/env bash
-# Builds the Debian packages. ./dev package calls it; its usage stands there.
+# Builds the Debian packages: package.sh [--arch A] [--output FOLDER]. ./dev package calls it.
 #
-# The tree that git tracks is copied into build/package/ARCHITECTURE with packaging/debian as its folder debian, and built
-# there by dpkg-buildpackage: for this machine's architecture with what is installed here, for others in a chroot of
-# Debian 12 that has the compiler for them.
+# The tree that git tracks is copied into a folder ARCHITECTURE of build/package or FOLDER, with packaging/debian as its
+# folder debian, and built there by dpkg-buildpackage: for this machine's architecture with what is installed here, for
+# others in a chroot of Debian 12 that has the compiler for them.
 set -euo pipefail
 cd "$(dirname "${BASH_SOURCE[0]}")/.."
 
 here=$(dpkg --print-architecture)
-readonly ROOT=$PWD/build/package here
+readonly here
+ROOT=$PWD/build/package
 
 fail() {
     echo "package: $*" >&2
@@ -70,11 +71,11 @@ main() {
     while [[ $# -gt 0 ]]; do
         case $1 in
             --arch) [[ $# -ge 2 ]] || fail "--arch needs an architecture"; architecture=$2; shift 2 ;;
+            --output) [[ $# -ge 2 ]] || fail "--output needs a folder"; ROOT=$(realpath -m -- "$2"); shift 2 ;;
             *) fail "does not know '$1'" ;;
         esac
     done
     local folder=$ROOT/$architecture
-    [[ -w . || ! -e build ]] || fail "cannot write to $PWD/build"
     # What is packaged has been tested by ./dev test.
     export DEB_BUILD_OPTIONS="nocheck ${DEB_BUILD_OPTIONS-parallel=$(nproc)}"
     umask 022

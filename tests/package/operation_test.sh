@@ -29,7 +29,8 @@ check() {
 is() { [[ $("${@:2}") == "$1" ]]; }
 property() { systemctl show --property "$1" --value "$UNIT"; }
 said() { journalctl --quiet --output cat --unit "$UNIT" "${@:2}" | grep -e "$1"; }
-status_has() { setpriv --reuid=calvane --regid=calvane --init-groups calvane-recording status --json | grep -e "$1"; }
+ask() { setpriv --reuid=calvane --regid=calvane --init-groups calvane-recording "$@"; }
+status_has() { ask status --json | tr -d ' ' | grep -e "$1"; }
 has_other_pid() { local now; now=$(property MainPID); [[ $now != 0 && $now != "$1" ]]; }
 restarts_past() { (($(property NRestarts) >= $1)); }
 unmounts() { umount /media/sd; }
@@ -73,6 +74,17 @@ for signal in KILL TERM HUP ABRT; do
     check "SIG$signal is followed by a start" has_other_pid "$pid"
     check "it records again" status_has '"recording"'
 done
+
+earliest() { ask summary --json | tr -d ' ' | grep -o '"first":"[^"]*"'; }
+ask retention set --data 1GiB >/dev/null
+first=$(earliest)
+pid=$(property MainPID)
+DEBIAN_FRONTEND=noninteractive apt-get --quiet --quiet --yes --no-download install /later/*.deb >/tmp/upgrade 2>&1
+check "an upgrade starts the recorder again" has_other_pid "$pid"
+check "it has another version" is "$(dpkg-query --show --showformat='${source:Upstream-Version}' calvane-recorder)" \
+    bash -c "calvane-recorder --version | cut -d' ' -f2"
+check "it goes on with the same recording" is "$first" earliest
+check "settings survive the upgrade" status_has '"limit":1073741824'
 
 check "a card in use can be pulled" unmounts
 check "its going is noticed" status_has '"problem"'
