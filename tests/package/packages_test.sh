@@ -57,7 +57,7 @@ make_earlier() {
     while IFS= read -r package; do
         rm -rf "$folder"
         dpkg-deb --raw-extract "$package" "$folder"
-        sed -i "s/^Version: .*/Version: $EARLIER/; s/(= $VERSION)/(= $EARLIER)/; s/(>= $VERSION)/(>= $EARLIER)/" \
+        sed -i "s/^Version: .*/Version: $EARLIER/; s/(\\(>*=\\) $VERSION)/(\\1 $EARLIER)/g" \
             "$folder/DEBIAN/control"
         dpkg-deb --build --root-owner-group "$folder" "$1" >/dev/null
     done < <(packages_in "$FIRST")
@@ -72,7 +72,7 @@ step_machine() {
     make_earlier "$WORK/earlier"
     mmdebstrap --quiet --variant=apt --include=systemd,systemd-sysv,udev,dbus \
         --customize-hook="mkdir \"\$1/earlier\" && cp '$WORK'/earlier/*.deb \"\$1/earlier\" && chroot \"\$1\" apt-get update" \
-        --customize-hook="chroot \"\$1\" sh -c 'apt-get --yes --no-install-recommends install /earlier/*.deb'" \
+        --customize-hook="chroot \"\$1\" sh -c 'apt-get --yes --no-install-recommends -o Dpkg::Options::=--force-unsafe-io install /earlier/*.deb'" \
         --customize-hook="rm -r \"\$1/earlier\"" --skip=cleanup/apt bookworm "$MACHINE" "$mirror"
 }
 
