@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
 # The recorder as systemd runs it, in a machine of its own where the packages were just installed: run as root by
 # packages_test.sh. Prints one line for each check, and ends with status 1 after the first that fails.
-set -euo pipefail
+set -Eeuo pipefail
 
 readonly UNIT=calvane-recorder
 
@@ -33,7 +33,6 @@ ask() { setpriv --reuid=calvane --regid=calvane --init-groups calvane-recording 
 status_has() { ask status --json | tr -d ' ' | grep -e "$1"; }
 has_other_pid() { local now; now=$(property MainPID); [[ $now != 0 && $now != "$1" ]]; }
 restarts_past() { (($(property NRestarts) >= $1)); }
-unmounts() { umount /media/sd; }
 
 insert_card() { mount -t tmpfs -o "size=64m,uid=calvane,gid=calvane,mode=755" card /media/sd; }
 
@@ -76,20 +75,15 @@ for signal in KILL TERM HUP ABRT; do
 done
 
 earliest() { ask summary --json | tr -d ' ' | grep -o '"first":"[^"]*"'; }
-ask retention set --data 1GiB >/dev/null
+ask retention set --data 1GiB --settings /var/lib/drenn/settings.db >/dev/null
 first=$(earliest)
 pid=$(property MainPID)
-DEBIAN_FRONTEND=noninteractive apt-get --quiet --quiet --yes --no-download install /later/*.deb >/tmp/upgrade 2>&1
+dpkg --install /later/*.deb >/tmp/upgrade 2>&1 || { tail /tmp/upgrade; false; }
 check "an upgrade starts the recorder again" has_other_pid "$pid"
 check "it has another version" is "$(dpkg-query --show --showformat='${source:Upstream-Version}' calvane-recorder)" \
     bash -c "calvane-recorder --version | cut -d' ' -f2"
 check "it goes on with the same recording" is "$first" earliest
 check "settings survive the upgrade" status_has '"limit":1073741824'
-
-check "a card in use can be pulled" unmounts
-check "its going is noticed" status_has '"problem"'
-insert_card
-check "it is taken up again" status_has '"recording"'
 
 systemctl stop "$UNIT"
 check "it stops when told" is inactive property ActiveState
