@@ -83,7 +83,9 @@ main() {
     if [[ $architecture == "$here" ]]; then
         if command -v ccache >/dev/null; then
             export CMAKE_C_COMPILER_LAUNCHER=ccache CMAKE_CXX_COMPILER_LAUNCHER=ccache
-            export CCACHE_DIR=${CCACHE_DIR-${XDG_CACHE_HOME-$HOME/.cache}/ccache} CCACHE_BASEDIR=$folder CCACHE_NOHASHDIR=1
+            export CCACHE_DIR=${CCACHE_DIR-${XDG_CACHE_HOME-$HOME/.cache}/ccache}
+            # It would write other paths into the debugging data than the compiler does by itself.
+            unset CCACHE_BASEDIR CCACHE_NOHASHDIR
         fi
         build_here "$folder"
     else

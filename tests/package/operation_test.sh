@@ -108,4 +108,5 @@ ln -sf test-picture.ini /etc/calvane/recorder.ini
 check "and recorded as soon as it is there" status_has '"recording"'
 systemctl stop "$UNIT"
 umount /media/sd
+rm /etc/calvane/{recorder,bad,camera}.ini
 echo "all is as it should be"
