@@ -47,7 +47,6 @@ set(completions ${CMAKE_INSTALL_DATADIR}/bash-completion/completions)
 list(REMOVE_ITEM manual_pages ${PROJECT_SOURCE_DIR}/packaging/man/calvane-web.1)
 if(TARGET calvane-web)
   list(REMOVE_ITEM programs calvane-web)
-  include(${PROJECT_SOURCE_DIR}/cmake/InstallWeb.cmake)
 endif()
 if(programs)
   file(RELATIVE_PATH lib_from_bin ${CMAKE_INSTALL_FULL_BINDIR} ${CMAKE_INSTALL_FULL_LIBDIR})
@@ -81,6 +80,10 @@ function(calvane_install_unit component unit)
     file(INSTALL \"${CMAKE_BINARY_DIR}/units/${unit}\" DESTINATION \"\${CMAKE_INSTALL_PREFIX}/lib/systemd/system\")"
     COMPONENT ${component})
 endfunction()
+
+if(TARGET calvane-web)
+  include(${PROJECT_SOURCE_DIR}/cmake/InstallWeb.cmake)
+endif()
 
 # The recorder as a service of the system: who may be it and ask it, its unit, its user, its folders, its card.
 calvane_install_unit(runtime calvane-recorder.service)

@@ -8,9 +8,7 @@ install(DIRECTORY ${PROJECT_SOURCE_DIR}/tools/calvane-web/page/
 install(FILES ${PROJECT_SOURCE_DIR}/packaging/man/calvane-web.1 DESTINATION ${CMAKE_INSTALL_MANDIR}/man1 COMPONENT web)
 install(FILES ${PROJECT_SOURCE_DIR}/packaging/completions/calvane-recording
   DESTINATION ${completions} RENAME calvane-web COMPONENT web)
-configure_file(${PROJECT_SOURCE_DIR}/packaging/systemd/calvane-web.service.in
-  ${CMAKE_BINARY_DIR}/calvane-web.service @ONLY)
-install(FILES ${CMAKE_BINARY_DIR}/calvane-web.service ${PROJECT_SOURCE_DIR}/packaging/systemd/calvane-web.socket
-  DESTINATION lib/systemd/system COMPONENT web)
+calvane_install_unit(web calvane-web.service)
+install(FILES ${PROJECT_SOURCE_DIR}/packaging/systemd/calvane-web.socket DESTINATION lib/systemd/system COMPONENT web)
 install(FILES ${PROJECT_SOURCE_DIR}/packaging/systemd/calvane-web.sysusers
   DESTINATION lib/sysusers.d RENAME calvane-web.conf COMPONENT web)

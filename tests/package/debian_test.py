@@ -29,8 +29,6 @@ def staged(path, libdir):
 def patterns():
     """Of each package what it takes from the installed files."""
     for source in sorted(DEBIAN.glob("*.install")) + [DEBIAN / "not-installed"]:
-        if source.name == "calvane-web.install" and not (ROOT / "tools/calvane-web").exists():
-            continue
         for line in source.read_text().splitlines():
             if line.startswith("usr/"):
                 yield source.name, line.split()[0]
