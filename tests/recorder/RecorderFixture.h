@@ -81,19 +81,20 @@ protected:
         return json::parse(answer.out, nullptr, false);
     }
     /// How long a track is recorded, in records.
-    std::size_t CountRecords(const std::string& track) const {
-        const Answer answer = Ask({"read", "--track", track, "--list"});
+    std::size_t CountRecords(const std::string& track, const std::string& to = "now") const {
+        const Answer answer = Ask({"read", "--track", track, "--list", "--to", to});
         EXPECT_EQ(answer.status, 0) << answer.err;
         return static_cast<std::size_t>(std::count(answer.out.begin(), answer.out.end(), '\n'));
     }
     /// Compares what is read back with what the test source sent; whole, from its first record on.
     void ExpectRecordsAreRight(const std::string& track) const {
-        const Answer answer = Ask({"read", "--track", track});
+        const std::string to = AskJson({"tracks"})[track]["last"]; // It may go on.
+        const Answer answer = Ask({"read", "--track", track, "--to", to});
         EXPECT_EQ(answer.status, 0) << answer.err;
         const std::string file = folder.Write("records.bin", answer.out);
         Program check("/usr/bin/env",
                       {"python3", CALVANE_SOURCE_DIR "/examples/check-test-records.py", track,
-                       std::to_string(CountRecords(track)), file},
+                       std::to_string(CountRecords(track, to)), file},
                       folder.Path());
         EXPECT_EQ(check.Wait(), 0) << check.Err();
     }

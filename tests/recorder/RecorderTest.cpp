@@ -225,6 +225,7 @@ TEST_F(RecorderTest, WhatIsRecordedPlaysIntoAPipeline) {
         EXPECT_TRUE(folder.Read(track + ".bin") == read.out && read.out.size() > 10000) << track;
     }
     // Its own time has it wait; a recorder that does not answer any more does not keep it from ending.
+    std::filesystem::remove(folder.Path("video.bin"));
     const auto slow = play("");
     ASSERT_TRUE(WaitUntil([&] {
         return std::filesystem::exists(folder.Path("video.bin")) && folder.Read("video.bin").size() > 5000;
