@@ -29,6 +29,7 @@ export class MediaBuffer {
   #source = null;
   #buffer = null;
   #address = "";
+  #last = Promise.resolve(); // What is being done to the buffer.
   mime = "";
   origin = NaN;
 
@@ -68,6 +69,7 @@ export class MediaBuffer {
       this.#video.load();
     }
     this.#source = this.#buffer = null;
+    this.#last = Promise.resolve();
     this.mime = "";
     this.origin = NaN;
   }
@@ -94,52 +96,65 @@ export class MediaBuffer {
   }
 
   /** The next piece is a file of its own that begins at a time; one that was cut off is forgotten. */
-  async begin(time) {
-    await this.#idle();
-    this.#buffer.abort();
-    this.#buffer.timestampOffset = this.mediaTimeOf(time);
+  begin(time) {
+    return this.#exclusively((buffer) => {
+      buffer.abort();
+      buffer.timestampOffset = this.mediaTimeOf(time);
+    });
   }
 
-  async append(bytes) {
-    await this.#idle();
-    try {
-      this.#buffer.appendBuffer(bytes);
-    } catch (error) {
-      if (error.name !== "QuotaExceededError") {
-        throw error;
+  append(bytes) {
+    return this.#exclusively(async (buffer) => {
+      try {
+        buffer.appendBuffer(bytes);
+      } catch (error) {
+        if (error.name !== "QuotaExceededError") {
+          throw error;
+        }
+        await this.#makeRoom(buffer);
+        buffer.appendBuffer(bytes);
       }
-      await this.#makeRoom();
-      this.#buffer.appendBuffer(bytes);
-    }
-    await this.#idle();
+    });
   }
 
   /** Forgets what was played a while ago. */
-  async tidy() {
-    await this.#idle();
-    const end = this.#video.currentTime - KEEP_BEHIND;
-    if (this.#video.buffered.length && this.#video.buffered.start(0) < end - KEEP_BEHIND) {
-      this.#buffer.remove(0, end);
-      await this.#idle();
-    }
+  tidy() {
+    return this.#exclusively((buffer) => {
+      const end = this.#video.currentTime - KEEP_BEHIND;
+      if (this.#video.buffered.length && this.#video.buffered.start(0) < end - KEEP_BEHIND) {
+        buffer.remove(0, end);
+      }
+    });
   }
 
-  async #makeRoom() {
+  async #makeRoom(buffer) {
     const now = this.#video.currentTime;
     for (const [from, to] of [[0, now - 2], [now + 60, Infinity]]) {
       if (to > from) {
-        this.#buffer.remove(from, to);
-        await this.#idle();
+        buffer.remove(from, to);
+        await this.#idle(buffer);
       }
     }
   }
 
-  async #idle() {
+  /** One after another, since a buffer that is busy refuses everything else, or breaks off what it does. */
+  #exclusively(action) {
     const buffer = this.#buffer;
-    if (buffer?.updating) {
+    const run = async () => {
+      await this.#idle(buffer);
+      await action(buffer);
+      await this.#idle(buffer);
+    };
+    const result = this.#last.then(run, run);
+    this.#last = result;
+    return result;
+  }
+
+  async #idle(buffer) {
+    if (buffer !== null && this.#buffer === buffer && buffer.updating) {
       await eventOf(buffer, "updateend");
     }
-    if (!this.#buffer || this.#buffer !== buffer) {
+    if (buffer === null || this.#buffer !== buffer) {
       throw new DOMException("Closed", "AbortError");
     }
   }

@@ -6,6 +6,7 @@ import { SECOND, parseTime } from "./time.js";
 const PIECE = 30 * SECOND; // What is asked for at once.
 const AHEAD = 20 * SECOND; // What is loaded before it is needed, at normal speed.
 const LIVE_DELAY = 2.5 * SECOND; // Behind the newest record, so that playing goes on smoothly.
+const LIVE_STEP = 0.4 * SECOND; // What has to be new there before it is asked for; the newest time is told once a second.
 const GAP = 1.2 * SECOND; // The server ends a piece at a gap that is longer than 1 s.
 const MOMENT = 200; // Longer than a frame.
 const TICK = 100;
@@ -25,7 +26,6 @@ export class Player extends EventTarget {
   #media;
   #newest; // Gives the newest recorded time.
   #isAbsent; // Whether it is known that there is no video at a time.
-  #generation = 0;
   #abort = new AbortController();
   #position = NaN;
   #frameTime = NaN;
@@ -134,20 +134,19 @@ export class Player extends EventTarget {
 
   /** Loads pieces one after another until there is another wish. */
   async #load(from) {
-    const generation = ++this.#generation;
     this.#abort.abort();
     this.#abort = new AbortController();
-    const isCurrent = () => generation === this.#generation;
+    const { signal } = this.#abort;
     try {
-      while (isCurrent()) {
-        from = await this.#loadPiece(from, isCurrent);
+      while (!signal.aborted) {
+        from = await this.#loadPiece(from, signal);
       }
     } catch (error) {
-      if (isCurrent() && error.name !== "AbortError") {
+      if (!signal.aborted && error.name !== "AbortError") {
         this.#complain(error.kind ?? "error", error.message);
         if (error.status === 0 || error.status === 503 || error.status === 429) {
           await pause(2 * SECOND); // reload() is called earlier when the device is back.
-          if (isCurrent()) {
+          if (!signal.aborted) {
             this.#load(from);
           }
         }
@@ -155,14 +154,17 @@ export class Player extends EventTarget {
     }
   }
 
-  /** Loads one piece and returns where the next one begins. */
-  async #loadPiece(from, isCurrent) {
-    await this.#waitUntilNeeded(from, isCurrent);
-    const { signal } = this.#abort;
+  /**
+   * Loads one piece and returns where the next one begins. Whenever it has waited, there may be another wish: then it must not
+   * touch what is loaded for that.
+   */
+  async #loadPiece(from, signal) {
+    await this.#waitUntilNeeded(from, signal);
+    signal.throwIfAborted();
     if (Number.isFinite(this.#target) && this.#isAbsent(from)) {
       const next = await this.#findNext(from, signal);
       if (!(next <= from)) { // Otherwise there is something by now.
-        return this.#onNothing(from, next, isCurrent);
+        return this.#onNothing(from, next, signal);
       }
     }
     let piece;
@@ -172,8 +174,10 @@ export class Player extends EventTarget {
       if (error.status !== 404) {
         throw error;
       }
-      return this.#onNothing(from, parseTime(error.body.next), isCurrent);
+      signal.throwIfAborted();
+      return this.#onNothing(from, parseTime(error.body.next), signal);
     }
+    signal.throwIfAborted();
     if (!canPlay(piece.mime)) {
       piece.body.cancel();
       this.#wantsPlay = false;
@@ -184,16 +188,17 @@ export class Player extends EventTarget {
     if (Number.isFinite(this.#target) && piece.begin - this.#target > GAP) {
       if (!this.#wantsPlay) {
         piece.body.cancel();
-        return this.#onNothing(from, piece.begin, isCurrent);
+        return this.#onNothing(from, piece.begin, signal);
       }
       this.#emit("skipped", { from: this.#target, to: piece.begin });
     }
-    if (!await this.#prepare(piece, from, isCurrent)) {
+    if (!await this.#prepare(piece, from, signal)) {
       return from;
     }
+    signal.throwIfAborted();
     this.#clearProblem();
-    await this.#append(piece, isCurrent);
-    return isCurrent() ? this.#afterPiece(from, piece.begin, isCurrent) : from;
+    await this.#append(piece, signal);
+    return this.#afterPiece(from, piece.begin, signal);
   }
 
   /** When there is video at or after a time; NaN if there is none. */
@@ -205,7 +210,7 @@ export class Player extends EventTarget {
   }
 
   /** Makes the buffer ready for a piece; false when it has to wait until what is loaded is played. */
-  async #prepare(piece, from, isCurrent) {
+  async #prepare(piece, from, signal) {
     const isSeek = Number.isFinite(this.#target);
     if (this.#media.fits(piece.mime, piece.begin)) {
       await this.#media.begin(piece.begin);
@@ -214,26 +219,29 @@ export class Player extends EventTarget {
     if (!isSeek && this.#media.rangeAt(this.#position, 200)) {
       piece.body.cancel();
       this.#next = { from };
-      while (isCurrent() && this.#next) {
+      while (!signal.aborted && this.#next) {
         await pause(TICK);
       }
       return false;
     }
     this.#target = isSeek ? this.#target : Math.max(from, piece.begin);
     await this.#media.open(piece.mime, piece.begin);
+    signal.throwIfAborted();
     this.#video.playbackRate = this.#video.defaultPlaybackRate;
     await this.#media.begin(piece.begin);
     return true;
   }
 
-  async #append(piece, isCurrent) {
+  async #append(piece, signal) {
     const reader = piece.body.getReader();
     for (;;) {
       const { done, value } = await reader.read();
-      if (done || !isCurrent()) {
+      signal.throwIfAborted();
+      if (done) {
         return;
       }
       await this.#media.append(value);
+      signal.throwIfAborted();
       this.#reachTarget(piece.begin);
     }
   }
@@ -247,36 +255,43 @@ export class Player extends EventTarget {
     const range = this.#media.rangeAt(time, GAP);
     if (range) {
       this.#target = NaN;
-      this.#video.currentTime = this.#media.mediaTimeOf(Math.max(time, range.from)) + 1e-4;
+      this.#jump(Math.max(time, range.from) + 0.1);
       if (this.#wantsPlay) {
         this.#start();
       }
     }
   }
 
+  /** To a time that is loaded. The clock goes there at once, since the picture may be shown before the next tick. */
+  #jump(time) {
+    this.#video.currentTime = this.#media.mediaTimeOf(time);
+    this.#position = time;
+    this.#emit("time");
+  }
+
   /** Where to go on behind a piece, which ends early at a gap, at a change of the camera or where recording is. */
-  async #afterPiece(from, begin, isCurrent) {
+  async #afterPiece(from, begin, signal) {
     await this.#media.tidy();
+    signal.throwIfAborted();
     const end = Math.max(from, this.#media.rangeAt(Math.max(from, begin), GAP)?.to ?? from);
-    const { signal } = this.#abort;
     const isAtEdge = end > this.#newest() - 3 * SECOND;
     if (Number.isFinite(this.#target) || (end < from + MOMENT && !isAtEdge)) { // All of it was before what was asked for.
-      return this.#onNothing(from, await this.#findNext(from + MOMENT, signal), isCurrent);
+      return this.#onNothing(from, await this.#findNext(from + MOMENT, signal), signal);
     }
     if (end >= from + PIECE - SECOND) {
       return end;
     }
     if (!isAtEdge) {
       const next = await this.#findNext(end + MOMENT, signal);
-      return Number.isFinite(next) ? next : this.#onNothing(end, NaN, isCurrent);
+      return Number.isFinite(next) ? next : this.#onNothing(end, NaN, signal);
     }
-    while (isCurrent() && this.#newest() < end + SECOND) {
+    while (!signal.aborted && this.#newest() < end + LIVE_STEP) {
       await pause(TICK);
     }
     return end;
   }
 
-  async #onNothing(from, next, isCurrent) {
+  async #onNothing(from, next, signal) {
     const isSeek = Number.isFinite(this.#target);
     if (Number.isFinite(next) && next > from) {
       if (isSeek && !this.#wantsPlay) {
@@ -293,14 +308,14 @@ export class Player extends EventTarget {
       this.#complain("nothing", "", NaN);
     }
     const newest = this.#newest();
-    while (isCurrent() && this.#newest() <= Math.max(newest, from)) {
+    while (!signal.aborted && this.#newest() <= Math.max(newest, from)) {
       await pause(5 * TICK);
     }
     return Math.max(from, newest);
   }
 
-  async #waitUntilNeeded(from, isCurrent) {
-    while (isCurrent() && !Number.isFinite(this.#target) &&
+  async #waitUntilNeeded(from, signal) {
+    while (!signal.aborted && !Number.isFinite(this.#target) &&
            from > this.#position + AHEAD * Math.max(1, this.rate / 2)) {
       const hasRange = this.#media.ranges.some((range) => range.from > this.#position && range.from < from);
       if (!hasRange && !this.#media.rangeAt(this.#position + 1)) {
@@ -357,7 +372,7 @@ export class Player extends EventTarget {
     }
     const behind = this.#media.ranges.find(({ from }) => from > at + 1);
     if (behind && this.#wantsPlay) {
-      this.#video.currentTime = this.#media.mediaTimeOf(behind.from) + 1e-3;
+      this.#jump(behind.from + 1);
       this.#emit("skipped", { from: here?.to ?? at, to: behind.from });
     }
   }
@@ -373,8 +388,8 @@ export class Player extends EventTarget {
     const { error } = this.#video;
     if (error && Number.isFinite(this.#media.origin)) {
       const at = this.#position;
+      this.#abort.abort();
       this.#media.close();
-      ++this.#generation;
       this.#complain("error", `The browser could not decode this: ${error.message || "no reason given"}`, at + 2 * SECOND);
     }
   }
