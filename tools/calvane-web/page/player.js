@@ -6,7 +6,7 @@ import { SECOND, parseTime } from "./time.js";
 const PIECE = 30 * SECOND; // What is asked for at once.
 const AHEAD = 20 * SECOND; // What is loaded before it is needed, at normal speed.
 const LIVE_DELAY = 2.5 * SECOND; // Behind the newest record, so that playing goes on smoothly.
-const LIVE_STEP = 0.4 * SECOND; // What has to be new there before it is asked for; the newest time is told once a second.
+const LIVE_STEP = 0.8 * SECOND; // How often what is new there is asked for.
 const GAP = 1.2 * SECOND; // The server ends a piece at a gap that is longer than 1 s.
 const MOMENT = 200; // Longer than a frame.
 const TICK = 100;
@@ -285,7 +285,9 @@ export class Player extends EventTarget {
       const next = await this.#findNext(end + MOMENT, signal);
       return Number.isFinite(next) ? next : this.#onNothing(end, NaN, signal);
     }
-    while (!signal.aborted && this.#newest() < end + LIVE_STEP) {
+    const isGoingOn = end > from + MOMENT; // Then there is more before it is told.
+    const until = performance.now() + LIVE_STEP;
+    while (!signal.aborted && this.#newest() < end + LIVE_STEP && !(isGoingOn && performance.now() > until)) {
       await pause(TICK);
     }
     return end;
