@@ -182,7 +182,8 @@ class MediaTest(WebTest):
         cls.device.start_recorder()
         wait_until(lambda: cls.device.seconds_recorded() >= 14, "the second part")
         stretches = cls.device.ask_json("coverage", "--track", "video", "--from", cls.before["first"])["video"]
-        cls.parts = [each for each in stretches if each["reason"] == "data"]
+        # In front of these there is sometimes one of some frames: the first stop is right behind the begin.
+        cls.parts = [each for each in stretches if each["reason"] == "data"][-2:]
 
     def probe(self, content, *words):
         path = self.device.path("probed")
@@ -213,11 +214,14 @@ class MediaTest(WebTest):
             self.assertLess(abs(end - parse(self.parts[0]["last"])), timedelta(seconds=0.5), stream)
 
     def test_in_a_gap_the_next_data_is_named(self):
-        answer = self.web.get("/api/media", **{"from": text_of(parse(self.parts[0]["last"]) + timedelta(seconds=2.2)),
-                                               "to": text_of(parse(self.parts[0]["last"]) + timedelta(seconds=2.4))})
-        self.assert_error(answer, 404, "nothing")
-        following = answer.json()["next"]
-        self.assertLess(abs(parse(following) - parse(self.parts[1]["first"])), timedelta(seconds=1))
+        for behind in (0.2, 2.2):
+            begin = parse(self.parts[0]["last"]) + timedelta(seconds=behind)
+            answer = self.web.get("/api/media", **{"from": text_of(begin), "to": text_of(begin + timedelta(seconds=0.2))})
+            self.assert_error(answer, 404, "nothing")
+            following = answer.json()["next"]
+            self.assertLess(abs(parse(following) - parse(self.parts[1]["first"])), timedelta(seconds=1))
+            begun = parse(self.media(text_of(begin)).headers["X-Calvane-Begin"])
+            self.assertLess(abs(begun - parse(self.parts[1]["first"])), timedelta(seconds=0.1))
         self.assertGreater(len(self.media(following).body), 1000)
         self.assertIsNone(self.web.get("/api/media", **{"from": "2100-01-01"}).json()["next"])
 

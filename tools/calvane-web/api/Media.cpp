@@ -83,6 +83,43 @@ std::optional<Time> FindNext(ClientPool::Client& client, Time from) {
     return next;
 }
 
+/// When a track goes on, if `at` is in a gap of it that is too long for a file; nothing if there is data, or if none follows.
+std::optional<Time> FindEndOfGap(ClientPool::Client& client, TrackKind track, Time at) {
+    std::optional<Time> next;
+    Time before = INT64_MIN;
+    const Span wanted{at - kLongestGap, std::max(at, Now())};
+    client.ForEachInterval(static_cast<unsigned int>(track), wanted, [&](const Interval& interval) {
+        if (interval.reason != 0) {
+            return true;
+        }
+        if (interval.span.first <= at) {
+            before = interval.span.last;
+            return before < at;
+        }
+        if (before < wanted.first || interval.span.first - before > kLongestGap) {
+            next = interval.span.first;
+        }
+        return false;
+    });
+    return next;
+}
+
+/// The same of all tracks that are played: that of video where sound goes on together with it.
+std::optional<Time> FindEndOfGap(ClientPool::Client& client, const std::set<TrackKind>& tracks, Time at) {
+    std::optional<Time> next;
+    for (const TrackKind track : tracks) { // Video first.
+        if (track == TrackKind::Metadata) {
+            continue;
+        }
+        const auto end = FindEndOfGap(client, track, at);
+        if (!end) {
+            return std::nullopt;
+        }
+        next = !next || *end < *next - kLongestGap ? end : next;
+    }
+    return next;
+}
+
 /// "camera_20261121T130000Z.mp4", by the name of this machine.
 std::string FileName(Time time, Container container) {
     std::array<char, 64> host{};
@@ -142,9 +179,12 @@ private:
 
 Media::Media() : clients_(kMostJobs) {}
 
-Reply Media::NothingReply(const std::string& reason, Time from) {
-    const auto next = clients_.Get([from](ClientPool::Client& client) { return FindNext(client, from); });
+Reply Media::NothingReply(const std::string& reason, const std::optional<Time>& next) {
     return JsonReply({{"error", reason}, {"next", next ? ToJson(*next) : nlohmann::json(nullptr)}}, 404);
+}
+
+std::optional<Time> Media::NextOf(Time from) {
+    return clients_.Get([from](ClientPool::Client& client) { return FindNext(client, from); });
 }
 
 Reply Media::AnswerMedia(Query& query) {
@@ -161,11 +201,17 @@ Reply Media::AnswerMedia(Query& query) {
     options.longestGap = kLongestGap;
     options.fragmentTime = kFragmentTime;
     auto job = std::make_shared<Job>(*this);
+    if (const auto next = FindEndOfGap(job->Client(), options.tracks, options.span.first)) {
+        if (*next > options.span.last) {
+            return NothingReply("There is nothing recorded at " + ToText(options.span.first), *next);
+        }
+        options.span.first = *next; // What was recorded last before the gap is not what was asked for.
+    }
     try {
         job->Begin(options);
     } catch (const calvane_export::NothingThere& problem) {
         job.reset();
-        return NothingReply(problem.what(), options.span.first);
+        return NothingReply(problem.what(), NextOf(options.span.first));
     }
     Reply reply;
     reply.type = "video/mp4";
@@ -198,7 +244,7 @@ Reply Media::AnswerExport(Query& query) {
         job->Begin(options);
     } catch (const calvane_export::NothingThere& problem) {
         job.reset();
-        return NothingReply(problem.what(), options.span.first);
+        return NothingReply(problem.what(), NextOf(options.span.first));
     }
     Reply reply;
     reply.type = options.container == Container::Mp4        ? "video/mp4"

@@ -2,6 +2,7 @@
 
 #include <atomic>
 #include <mutex>
+#include <optional>
 
 #include "api/ClientPool.h"
 #include "api/Query.h"
@@ -35,7 +36,8 @@ public:
 
 private:
     class Job;
-    Reply NothingReply(const std::string& reason, calvane_recording::Time from);
+    static Reply NothingReply(const std::string& reason, const std::optional<calvane_recording::Time>& next);
+    std::optional<calvane_recording::Time> NextOf(calvane_recording::Time from);
 
     ClientPool clients_;
     std::atomic<bool> isStopped_{false};
