@@ -97,7 +97,7 @@ void Events::Send(IBodySink& sink) {
         }
         text.clear();
         for (; next < firstMessage_ + messages_.size(); ++next) {
-            text += messages_[next - firstMessage_];
+            text += messages_[static_cast<std::size_t>(next - firstMessage_)];
         }
         if (text.empty()) {
             text = ": still here\n\n";
