@@ -125,7 +125,7 @@ TEST(Trust, WhatWasErasedStaysSoThoughTheLogOfTheCatalogueIsDamaged) {
         track->setInfo(std::string("info 100"));
         AppendText(*track, NumberText(kRecords));
         store.Sync();
-        const std::size_t size = disk.Open(wal, OpenMode::Read)->Size();
+        const auto size = static_cast<std::size_t>(disk.Open(wal, OpenMode::Read)->Size());
         track->eraseRange(10, 20);
         store.Sync();
         bad = disk.GetImage();
