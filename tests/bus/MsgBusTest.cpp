@@ -129,7 +129,7 @@ TEST(MsgBusTest, AStalledBusCostsLittleAndHoldsNobodyUp) {
     EXPECT_GT(here->GetDropped() - before, 700U);
     // Once the connection's own buffer is full nothing is handed on, however much time there is for it.
     bool isFull = false;
-    for (int round = 0; round < 60 && !isFull; ++round) {
+    for (int round = 0; round < 240 && !isFull; ++round) {
         std::this_thread::sleep_for(std::chrono::milliseconds(50));
         const auto dropped = here->GetDropped();
         for (int i = 0; i < 20; ++i) {
