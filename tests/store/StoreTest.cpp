@@ -128,7 +128,7 @@ TEST(Store, TracksAndRecordingsComeAndGoAndStayThemselves) {
     EXPECT_THAT(test.Verify(), IsEmpty());
 }
 
-TEST(Store, TheOldestSegmentOfAClassCanBeErased) {
+TEST(Store, TheOldestSegmentsOfAClassCanBeErased) {
     TestStore test;
     const auto video = test.NewTrack();
     const auto history = test.NewTrack(TrackClass::Sparse);
@@ -138,7 +138,7 @@ TEST(Store, TheOldestSegmentOfAClassCanBeErased) {
         test.store->Sync();
     }
     EXPECT_EQ(test.store->GetBytes(true), 0U); // It is being written.
-    std::uint64_t bytes = test.store->GetBytes(false);
+    const std::uint64_t bytes = test.store->GetBytes(false);
     EXPECT_GT(bytes, 200000U);
     EXPECT_LE(bytes, 420000U);
     unsigned gone = 0;
@@ -148,14 +148,26 @@ TEST(Store, TheOldestSegmentOfAClassCanBeErased) {
     });
     {
         const std::lock_guard<const Track> lock(*history);
-        EXPECT_THROW(test.store->EraseOldest(false), std::logic_error);
+        EXPECT_THROW(test.store->EraseOldest(false, 0), std::logic_error);
     }
-    EXPECT_FALSE(test.store->EraseOldest(true));
-    while (test.store->EraseOldest(false)) {
-        EXPECT_LT(test.store->GetBytes(false), bytes);
-        bytes = test.store->GetBytes(false);
+    test.store->EraseOldest(true, 0);
+    EXPECT_EQ(history->size(), 1U);
+    test.store->EraseOldest(false, bytes);
+    EXPECT_EQ(test.store->GetBytes(false), bytes);
+    // However many find it too much, one segment goes.
+    std::vector<std::thread> threads(4);
+    for (auto& thread : threads) {
+        thread = std::thread([&] { test.store->EraseOldest(false, bytes - 1); });
     }
-    EXPECT_EQ(bytes, 0U);
+    for (auto& thread : threads) {
+        thread.join();
+    }
+    EXPECT_LT(test.store->GetBytes(false), bytes);
+    EXPECT_GT(test.store->GetBytes(false), bytes - 80000U);
+    EXPECT_GE(gone, 1U);
+    EXPECT_LE(gone, 3U);
+    test.store->EraseOldest(false, 0);
+    EXPECT_EQ(test.store->GetBytes(false), 0U);
     EXPECT_GT(gone, 10U);
     ASSERT_GE(video->size(), 1U); // In the segment that is being written.
     EXPECT_EQ(std::stoul(TextAt(*video, 0)), gone);

@@ -46,8 +46,8 @@ std::uint64_t MultiTrackRecorder::getBytes(TrackClass trackClass) const {
     return store_->GetBytes(trackClass == TrackClass::Sparse);
 }
 
-bool MultiTrackRecorder::eraseOldest(TrackClass trackClass) {
-    return store_->EraseOldest(trackClass == TrackClass::Sparse);
+void MultiTrackRecorder::eraseOldest(TrackClass trackClass, std::uint64_t most) {
+    store_->EraseOldest(trackClass == TrackClass::Sparse, most);
 }
 
 StoreState MultiTrackRecorder::getState() const {

@@ -64,10 +64,11 @@ public:
 
     /// What the segments of a class occupy, without those that are being written.
     std::uint64_t getBytes(TrackClass trackClass) const;
-    /// Erases the oldest segment of a class that is not being written, some 16 MiB, as a card that is full does: raises the
-    /// erase-range signals of the tracks on this thread. Durable when it returns. False when there is none, and while
-    /// nothing can be changed. Not with the lock of a track held: std::logic_error.
-    bool eraseOldest(TrackClass trackClass);
+    /// Erases the oldest segments of a class, some 16 MiB each, until it occupies at most `most` bytes, as a card that is
+    /// full does; those that are being written stay. Raises the erase-range signals of the tracks on this thread. Durable
+    /// when it returns. Does nothing while nothing can be changed. Threads that call at once erase no more than one would.
+    /// Not with the lock of a track held: std::logic_error.
+    void eraseOldest(TrackClass trackClass, std::uint64_t most);
 
     StoreState getState() const;
     /// What was found damaged when the store was opened, and what is known to be damaged since earlier: a line for each

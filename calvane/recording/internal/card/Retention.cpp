@@ -40,8 +40,8 @@ void Retention::enforceTime(const ptime& cutoff) {
 void Retention::enforceSpace() {
     const RecordingSpace limit = _limits.getMaxSpace();
     const auto enforceOn = [this](TrackClass trackClass, std::uint64_t most) {
-        while (most != 0 && _card.store().getBytes(trackClass) > most &&
-               _card.store().eraseOldest(trackClass)) {
+        if (most != 0) {
+            _card.store().eraseOldest(trackClass, most);
         }
     };
     enforceOn(TrackClass::Bulk, limit.data);

@@ -158,12 +158,13 @@ std::uint64_t Store::GetBytes(bool sparse) const {
     return bytes;
 }
 
-bool Store::EraseOldest(bool sparse) {
+void Store::EraseOldest(bool sparse, std::uint64_t most) {
     if (TrackImpl::LocksHeld() > 0) {
         throw std::logic_error("The oldest data cannot be erased with the lock of a track held");
     }
     const std::lock_guard<std::mutex> lock(keeperMutex_);
-    return GetState() == StoreState::Good && ring_->EraseOldest(sparse);
+    while (GetState() == StoreState::Good && GetBytes(sparse) > most && ring_->EraseOldest(sparse)) {
+    }
 }
 
 void Store::PrepareRoom() {

@@ -47,7 +47,7 @@ public:
 
     /// Of sealed segments. MultiTrackRecorder::getBytes.
     std::uint64_t GetBytes(bool sparse) const;
-    bool EraseOldest(bool sparse); ///< MultiTrackRecorder::eraseOldest.
+    void EraseOldest(bool sparse, std::uint64_t most); ///< MultiTrackRecorder::eraseOldest.
 
     StoreState GetState() const { return context_->GetState(); }
     /// What was found damaged when the store was opened, and what is known to be damaged since earlier.
