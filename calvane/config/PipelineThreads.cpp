@@ -1,6 +1,8 @@
 #include "calvane/config/PipelineThreads.h"
 
 #include <algorithm>
+#include <string_view>
+#include <unordered_set>
 
 namespace quarn::calvane {
 
@@ -36,6 +38,9 @@ PipelineThreads::NamesByPlugin PipelineThreads::FindWorkers() const {
 }
 
 std::pair<std::string, PipelineThreads::Names> PipelineThreads::FindConflict() const {
+    if (!HasJoin()) {
+        return {};
+    }
     const NamesByPlugin callers = FindCallers(false);
     std::set<std::string> conflicts;
     for (const auto& [plugin, threads] : callers) {
@@ -100,6 +105,15 @@ void PipelineThreads::Spread(const std::string& thread, const std::string& first
             todo.insert(todo.end(), found->second.begin(), found->second.end());
         }
     }
+}
+
+/// Without one, each plugin has one caller: this is all that most descriptions cost at start-up.
+bool PipelineThreads::HasJoin() const {
+    std::unordered_set<std::string_view> fed;
+    return std::any_of(heads_.begin(), heads_.end(),
+                       [&fed](const auto& each) { return !fed.insert(each.second).second; }) ||
+           std::any_of(connections_.begin(), connections_.end(),
+                       [&fed](const auto& each) { return !fed.insert(each.to).second; });
 }
 
 bool PipelineThreads::HasThreading(const std::string& plugin, PluginThreading threading) const {

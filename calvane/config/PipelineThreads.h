@@ -52,6 +52,7 @@ private:
     NamesByPlugin FindCallers(bool throughUnknown) const;
     void Spread(const std::string& thread, const std::string& first, const Successors& successors,
                 bool throughUnknown, NamesByPlugin& callers) const;
+    bool HasJoin() const; ///< Whether a plugin is fed by more than one connection or pipeline.
     bool HasThreading(const std::string& plugin, PluginThreading threading) const;
 
     std::map<std::string, std::string> heads_; // By pipeline.
