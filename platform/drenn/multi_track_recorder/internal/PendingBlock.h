@@ -29,6 +29,9 @@ public:
     PendingBlock(std::uint32_t track, std::uint64_t firstSerial, std::uint32_t infoTag = 0);
     /// One of the other kinds.
     PendingBlock(BlockKind kind, std::uint32_t track, std::uint64_t firstSerial, Bytes body);
+    ~PendingBlock();
+    PendingBlock(const PendingBlock&) = delete;
+    PendingBlock& operator=(const PendingBlock&) = delete;
 
     /// Copies the blobs: the one copy on the way to the device.
     void Append(const BlobRecord& record);
