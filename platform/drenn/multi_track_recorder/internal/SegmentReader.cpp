@@ -10,6 +10,7 @@ namespace drenn::multi_track_recorder {
 namespace {
 
 constexpr std::size_t kMostOpen = 128;
+constexpr std::size_t kMostKept = 1U << 18U;   // Of one record, by each thread that reads.
 constexpr std::size_t kEntriesTogether = 64;   // 3 KiB; a read of one costs nearly the same.
 constexpr std::size_t kMostParts = 16;         // 48 KiB of each open segment.
 constexpr std::size_t kMostBlocks = 1U << 17U; // 3 MiB of directories.
@@ -72,17 +73,22 @@ void SegmentReader::Read(std::uint32_t track, std::uint64_t serial, BlobRecord& 
         record.add(Blob(Bytes(entry.firstBytes.begin(), entry.firstBytes.begin() + entry.firstBlobBytes)));
         return;
     }
-    Bytes payload(entry.payloadBytes);
+    // Kept for the thread's next record: allocating and clearing it would take as long as reading.
+    static thread_local Bytes kept;
+    Bytes large;
+    Bytes& payload = entry.payloadBytes <= kMostKept ? kept : large;
+    payload.resize(std::max<std::size_t>(payload.size(), entry.payloadBytes));
     const std::uint64_t payloads =
         std::uint64_t{block.offset} + kBlockHeaderBytes + std::uint64_t{block.count} * kEntryBytes;
-    if (file_->Read(payloads + entry.payloadOffset, payload.data(), payload.size()) != payload.size()) {
+    if (file_->Read(payloads + entry.payloadOffset, payload.data(), entry.payloadBytes) !=
+        entry.payloadBytes) {
         Fail(track, serial, "the file is too short");
     }
-    if (ChecksumOf(payload.data(), payload.size(), PayloadSeed(track, serial)) != entry.payloadChecksum) {
+    if (ChecksumOf(payload.data(), entry.payloadBytes, PayloadSeed(track, serial)) != entry.payloadChecksum) {
         Fail(track, serial, "it fails its checksum");
     }
     try {
-        FillRecord(payload.data(), payload.size(), entry.blobs, record);
+        FillRecord(payload.data(), entry.payloadBytes, entry.blobs, record);
     } catch (const std::runtime_error& error) {
         Fail(track, serial, error.what());
     }
