@@ -193,6 +193,36 @@ TEST(Trust, RebuildSavesWhatCanBeReadOrChangesNothing) {
     EXPECT_EQ(OpenedTwice(closed.GetImage()), kRecords);
 }
 
+TEST(Trust, ARebuildThatIsCutShortIsDoneAgain) {
+    const quarn::core::LogCapture log(quarn::core::LogLevel::Off);
+    const std::string catalogue = std::string(kDatabase) + "/catalogue";
+    DiskImage damaged = ClosedImage();
+    Change(damaged, catalogue)[40] ^= 1;
+    DiskImage withLog = OpenImage();
+    Change(withLog, catalogue)[40] ^= 1;
+    Change(withLog, catalogue + "-wal")[40] ^= 1;
+    for (const DiskImage& bad : {damaged, withLog}) {
+        SimFileSystem disk(bad);
+        EXPECT_THROW(Store(disk, Workload::SmallStore()), std::runtime_error);
+        RebuildStore(disk, kStorage, kDatabase);
+        EXPECT_FALSE(disk.Exists(catalogue + "-wal")) << "the new catalogue would take it for its own";
+        unsigned int again = 0;
+        PowerCuts(disk.GetTrace(), bad).ForEach(4, 7, [&](std::size_t moment, const DiskImage& image) {
+            SimFileSystem left(image);
+            try {
+                const Store store(left, Workload::SmallStore());
+                EXPECT_EQ(Readable(store), kRecords) << moment;
+            } catch (const std::runtime_error&) {
+                ++again;
+                RebuildStore(left, kStorage, kDatabase);
+                EXPECT_EQ(OpenedTwice(left.GetImage()), kRecords) << moment;
+            }
+            EXPECT_THAT(VerifyStore(left, kStorage, kDatabase), IsEmpty()) << moment;
+        });
+        EXPECT_GT(again, 10U);
+    }
+}
+
 TEST(Trust, VerifyNoticesEveryFaultThatIsPlanted) {
     const quarn::core::LogCapture log(quarn::core::LogLevel::Off);
     const DiskImage good = SegmentsImage();

@@ -86,10 +86,11 @@ public:
         PowerCuts(trace_, start_, first_).ForEach(kRandomEach, 1, check, begin_);
     }
 
-    /// It ends at some moment.
+    /// It ends at some moment, or when it has closed its store.
     void Die() {
+        const std::size_t closed = first_ + trace_.size();
         const std::size_t end =
-            begin_ + Random(static_cast<unsigned int>(first_ + trace_.size() - begin_ + 1));
+            Random(4) == 0 ? closed : begin_ + Random(static_cast<unsigned int>(closed - begin_ + 1));
         const auto left = trace_.begin() + static_cast<std::ptrdiff_t>(end - first_);
         // What a failed sync was for may be in the page cache and nowhere else: whoever finds it there is deceived.
         const bool mayBeKilled = std::none_of(trace_.begin(), left, [](const DiskOperation& operation) {

@@ -72,6 +72,10 @@ TEST(Trust, ADamagedSegmentIsKeptThoughAllThatCanBeReadOfItIsErased) {
         store.Keep();
         EXPECT_TRUE(disk.Exists(kSegment));
     }
+    disk.Remove("/card/database/catalogue");
+    RebuildStore(disk, kStorage, kDatabase);
+    Store(disk, Workload::SmallStore()).Keep();
+    EXPECT_TRUE(disk.Exists(kSegment));
     // One of another store, however whole, is never read.
     const DiskImage made = ClosedImage();
     DiskImage other = ClosedImage();
@@ -257,10 +261,23 @@ TEST(Trust, AFileWhoseSyncFailedIsNotTrustedBeyondTheLastGoodOne) {
         store.Sync();
         SimFileSystem left(
             PowerCuts(disk.GetTrace()).Durable()); // The device never got what that sync was for.
-        const Store again(left, Workload::SmallStore());
-        const auto found = OnlyTrack(again);
-        ASSERT_EQ(found->size(), 3U) << error;
-        EXPECT_EQ(TextAt(*found, 0) + TextAt(*found, 1) + TextAt(*found, 2), "firstsecondthird");
+        const auto look = [error](SimFileSystem& files) {
+            const Store again(files, Workload::SmallStore());
+            const auto found = OnlyTrack(again);
+            ASSERT_EQ(found->size(), 3U) << error;
+            EXPECT_EQ(TextAt(*found, 0) + TextAt(*found, 1) + TextAt(*found, 2), "firstsecondthird");
+        };
+        look(left);
+        EXPECT_THAT(VerifyStore(left, kStorage, kDatabase), IsEmpty());
+        DiskImage twice =
+            disk.GetImage(); // The device got it all the same, and then again from the next file.
+        for (const char* name : {"/catalogue", "/catalogue-wal"}) {
+            twice.names.erase(kDatabase + std::string(name));
+        }
+        SimFileSystem lost(twice);
+        EXPECT_THAT(RebuildStore(lost, kStorage, kDatabase), IsEmpty());
+        look(lost);
+        EXPECT_THAT(VerifyStore(lost, kStorage, kDatabase), Not(Contains(HasSubstr("Invariant 6"))));
     }
 }
 

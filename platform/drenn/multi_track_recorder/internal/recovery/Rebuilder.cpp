@@ -229,7 +229,6 @@ void Rebuilder::Write(const std::string& path) {
         transaction.Commit();
     }
     Check(path);
-    files_.SyncFolder(folders_.database);
 }
 
 /// That it is what was to be written, before anything is replaced by it.

@@ -22,7 +22,7 @@ class Rebuilder {
 public:
     Rebuilder(IFileSystem& files, const StoreFolders& folders);
 
-    /// Writes it to a database that is not there yet, and reads that back. Durable when it returns.
+    /// Writes it to a database that is not there yet, and reads that back. Durable when it returns, except for the file's name.
     void Write(const std::string& path);
     /// What could not be taken over, each record by its number.
     const std::vector<std::string>& Lost() const { return lost_; }
