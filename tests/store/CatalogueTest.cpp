@@ -251,7 +251,7 @@ TEST(Trust, VerifyNoticesEveryFaultThatIsPlanted) {
         {"UPDATE tracks SET sparse=1 WHERE id=1", "Invariant 9"},
         {"INSERT INTO erased VALUES(2, 50, 52)", "Invariant 10"},
         {"UPDATE tracks SET first_serial=5 WHERE id=1", "Invariant 10"},
-        {"UPDATE infos SET text=x'41' WHERE from_serial=30", "Invariant 11"},
+        {"UPDATE infos SET text=x'41' WHERE from_serial=30", "is another one in the catalogue"},
         {"DELETE FROM infos WHERE from_serial=60", "Invariant 11"},
         {"INSERT INTO infos VALUES(1, 9999, x'')", "Invariant 11"},
         {"INSERT INTO infos VALUES(77, 0, x'')", "Invariant 11"},
