@@ -161,6 +161,41 @@ TEST(Trust, RecordsThatAreLostAtTheEndDoNotGiveTheirPlaceToNewOnes) {
     EXPECT_EQ(OpenedTwice(disk.GetImage()), kRecords);
 }
 
+// The newest segment that is durable has what the next one begins with, however little of it is left.
+TEST(Trust, ASegmentIsKeptUntilTheNextOneIsDurable) {
+    const quarn::core::LogCapture log(quarn::core::LogLevel::Off);
+    StoreOptions options = Workload::SmallStore();
+    options.segmentBytes = 8192;
+    SimFileSystem disk;
+    Store store(disk, options);
+    const auto recording = store.NewRecording();
+    const auto track = recording->newTrack();
+    const auto gone = recording->newTrack();
+    AppendText(*gone, "gone");
+    for (unsigned int i = 0; i != 20; ++i) {
+        AppendText(*track, NumberText(i));
+    }
+    store.Sync();
+    recording->eraseTrack(gone->getId());
+    track->eraseRange(0, 20);
+    AppendText(*track, std::string(6000, ' '));
+    store.Commit(); // To the next segment.
+    ASSERT_TRUE(disk.Exists("/card/data/00000002-00000002.seg"));
+    store.Keep();
+    DiskImage cut = PowerCuts(disk.GetTrace()).Durable();
+    for (const char* name : {"/catalogue", "/catalogue-wal"}) {
+        cut.names.erase(kDatabase + std::string(name));
+    }
+    SimFileSystem left(cut);
+    RebuildStore(left, kStorage, kDatabase);
+    const Store again(left, options);
+    const auto rebuilt = again.GetRecordings().front().lock();
+    ASSERT_EQ(rebuilt->getTracks().size(), 1U);
+    EXPECT_EQ(OnlyTrack(again)->getId(), track->getId());
+    EXPECT_EQ(OnlyTrack(again)->size(), 0U);
+    EXPECT_GT(rebuilt->newTrack()->getId(), gone->getId()); // Its blocks are still there.
+}
+
 TEST(Trust, ZerosThatAPowerCutLeavesAreNoDamage) {
     const quarn::core::LogCapture log(quarn::core::LogLevel::Off);
     DiskImage cut = OpenImage();
