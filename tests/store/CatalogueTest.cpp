@@ -162,10 +162,7 @@ TEST(Trust, OneRowAloneRemovesNoSegment) {
 
 TEST(Trust, RebuildSavesWhatCanBeReadOrChangesNothing) {
     const quarn::core::LogCapture log(quarn::core::LogLevel::Off);
-    DiskImage lost = OpenImage();
-    for (const char* name : {"catalogue", "catalogue-wal"}) {
-        lost.names.erase(std::string(kDatabase) + "/" + name);
-    }
+    DiskImage lost = WithoutCatalogue(OpenImage());
     Change(lost, kSegment)[20000] ^= 1;
     {
         SimFileSystem full(lost);

@@ -73,6 +73,13 @@ inline std::vector<unsigned char>& Change(DiskImage& image, const std::string& p
     return image.Change(image.names.at(path));
 }
 
+inline DiskImage WithoutCatalogue(DiskImage image) {
+    for (const char* name : {"/catalogue", "/catalogue-wal"}) {
+        image.names.erase(kDatabase + std::string(name));
+    }
+    return image;
+}
+
 inline bool operator==(const DiskImage& a, const DiskImage& b) {
     return a.names == b.names && std::all_of(a.names.begin(), a.names.end(), [&](const auto& name) {
                return *a.files.at(name.second) == *b.files.at(name.second);

@@ -305,12 +305,6 @@ private:
         }
         for (const ExtentRow& row : extents_[key]) {
             fromCatalogue[row.track].Append({row.firstSerial, row.firstSerial + row.count});
-            std::uint64_t& end = extentEnds_[row.track];
-            if (row.firstSerial < end) {
-                Wrong(6, PathOf(key) + " and an earlier segment share record " +
-                             std::to_string(row.firstSerial) + " of " + TrackName(row.track));
-            }
-            end = std::max(end, row.firstSerial + row.count);
             const auto track = tracks_.find(row.track);
             if (track != tracks_.end() && track->second->nextSerial < row.firstSerial + row.count) {
                 Wrong(5, TrackName(row.track) + " goes on with " + std::to_string(track->second->nextSerial) +
@@ -472,7 +466,6 @@ private:
     InfoTexts texts_;         ///< Of the catalogue, and of what is not sealed.
     NextSerials nextSerials_; ///< Behind the blocks seen so far.
     NextSerials seenSerials_; ///< Likewise, with what states say.
-    NextSerials extentEnds_;  ///< Behind the extents compared so far.
     std::uint64_t sealed_ = 0;
     std::uint64_t unsealed_ = 0;
     std::uint64_t footers_ = 0;

@@ -1,0 +1,136 @@
+// What is lost with the catalogue or its log, and what a killed process or a power cut leaves of them.
+
+#include <gmock/gmock.h>
+
+#include "drenn/multi_track_recorder/internal/recovery/StoreRebuilding.h"
+#include "drenn/multi_track_recorder/internal/recovery/StoreVerifier.h"
+#include "quarn/core/LogCapture.h"
+#include "support/store/NumberedStore.h"
+
+using namespace drenn::multi_track_recorder;
+using testing::IsEmpty;
+
+// What the next process does on the word of one that was killed must hold when the power takes back what that had written.
+TEST(Trust, AStoreThatWasHalfMadeIsMadeByTheNextProcess) {
+    const quarn::core::LogCapture log(quarn::core::LogLevel::Off);
+    const StoreOptions options = Workload::SmallStore();
+    SimFileSystem disk;
+    { Store(disk, options).NewRecording()->newTrack(); }
+    const std::vector<DiskOperation> trace = disk.GetTrace();
+    DiskImage image;
+    for (std::size_t end = 0; end != trace.size(); ++end) {
+        image.Apply(trace[end]);
+        SimFileSystem next(image, {trace.begin(), trace.begin() + static_cast<std::ptrdiff_t>(end) + 1});
+        const Store opened(next, options);
+        const std::size_t now = next.GetMoment();
+        const auto check = [&](std::size_t, const DiskImage& left) {
+            SimFileSystem files(left);
+            EXPECT_NO_THROW(Store(files, options)) << end;
+            EXPECT_THAT(VerifyStore(files, kStorage, kDatabase), IsEmpty()) << end;
+        };
+        PowerCuts(next.GetTrace()).ForEach(2, 1, check, now, now);
+    }
+}
+
+TEST(Trust, WhatWasErasedStaysSoThoughTheLogOfTheCatalogueIsDamaged) {
+    const quarn::core::LogCapture log(quarn::core::LogLevel::Off);
+    const std::string wal = "/card/database/catalogue-wal";
+    SimFileSystem disk(OpenImage());
+    DiskImage bad;
+    {
+        Store store(disk, Workload::SmallStore());
+        const auto track = OnlyTrack(store);
+        track->setInfo(std::string("info 100"));
+        AppendText(*track, NumberText(kRecords));
+        store.Sync();
+        const auto size = static_cast<std::size_t>(disk.Open(wal, OpenMode::Read)->Size());
+        track->eraseRange(10, 20);
+        store.Sync();
+        bad = disk.GetImage();
+        ASSERT_GT(Change(bad, wal).size(), size);
+        Change(bad, wal)[size + 100] ^= 1; // SQLite ends there.
+    }
+    SimFileSystem damaged(bad);
+    const Store store(damaged, Workload::SmallStore());
+    EXPECT_EQ(Readable(store), kRecords + 1 - 10);
+    EXPECT_EQ(TextAt(*OnlyTrack(store), 10), NumberText(20));
+}
+
+// The newest segment that is durable has what the next one begins with, however little of it is left.
+TEST(Trust, ASegmentIsKeptUntilTheNextOneIsDurable) {
+    const quarn::core::LogCapture log(quarn::core::LogLevel::Off);
+    StoreOptions options = Workload::SmallStore();
+    options.segmentBytes = 8192;
+    SimFileSystem disk;
+    Store store(disk, options);
+    const auto recording = store.NewRecording();
+    const auto track = recording->newTrack();
+    const auto gone = recording->newTrack();
+    AppendText(*gone, "gone");
+    for (unsigned int i = 0; i != 20; ++i) {
+        AppendText(*track, NumberText(i));
+    }
+    store.Sync();
+    recording->eraseTrack(gone->getId());
+    track->eraseRange(0, 20);
+    AppendText(*track, std::string(6000, ' '));
+    store.Commit(); // To the next segment.
+    ASSERT_TRUE(disk.Exists("/card/data/00000002-00000002.seg"));
+    store.Keep();
+    SimFileSystem left(WithoutCatalogue(PowerCuts(disk.GetTrace()).Durable()));
+    RebuildStore(left, kStorage, kDatabase);
+    const Store again(left, options);
+    const auto rebuilt = again.GetRecordings().front().lock();
+    ASSERT_EQ(rebuilt->getTracks().size(), 1U);
+    EXPECT_EQ(OnlyTrack(again)->getId(), track->getId());
+    EXPECT_EQ(OnlyTrack(again)->size(), 0U);
+    EXPECT_GT(rebuilt->newTrack()->getId(), gone->getId()); // Its blocks are still there.
+}
+
+TEST(Trust, WhatWasErasedStaysSoWhereTheNextBlockIsInAnotherSegment) {
+    const quarn::core::LogCapture log(quarn::core::LogLevel::Off);
+    StoreOptions options = Workload::SmallStore();
+    options.segmentBytes = 8192;
+    SimFileSystem disk;
+    Store store(disk, options);
+    const auto recording = store.NewRecording();
+    const auto track = recording->newTrack();
+    const auto other = recording->newTrack();
+    for (unsigned int i = 0; i != 20; ++i) {
+        AppendText(*track, NumberText(i));
+    }
+    store.Sync();
+    AppendText(*other, std::string(6000, ' '));
+    track->eraseRange(5, 10);
+    ASSERT_TRUE(disk.Exists("/card/data/00000002-00000002.seg"));
+    SimFileSystem left(WithoutCatalogue(disk.GetImage()));
+    RebuildStore(left, kStorage, kDatabase);
+    EXPECT_EQ(OnlyTrack(Store(left, options))->size(), track->size());
+}
+
+TEST(Trust, TracksThatTheCatalogueHasLostComeBackWithoutWhatWasErased) {
+    const quarn::core::LogCapture log(quarn::core::LogLevel::Off);
+    const std::string wal = "/card/database/catalogue-wal";
+    SimFileSystem disk;
+    DiskImage bad;
+    {
+        Store store(disk, Workload::SmallStore());
+        const auto known = static_cast<std::size_t>(disk.Open(wal, OpenMode::Read)->Size());
+        const auto recording = store.NewRecording();
+        const auto track = recording->newTrack();
+        for (unsigned int i = 0; i != 30; ++i) {
+            AppendText(*track, NumberText(i));
+        }
+        store.Sync();
+        track->eraseRange(0, 10);
+        recording->newTrack(); // With the next record a state is written, behind those that it calls erased.
+        track->setInfo(std::string("info 30"));
+        AppendText(*track, NumberText(30));
+        store.Sync();
+        bad = disk.GetImage();
+        Change(bad, wal)[known + 100] ^= 1; // SQLite ends there.
+    }
+    SimFileSystem damaged(bad);
+    EXPECT_EQ(Readable(Store(damaged, Workload::SmallStore())), 21U);
+    EXPECT_THAT(VerifyStore(damaged, kStorage, kDatabase), IsEmpty());
+}
