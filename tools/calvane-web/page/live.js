@@ -13,17 +13,41 @@ const RETRY = 2000;
 export class Live extends EventTarget {
   state = "";
   #source = null;
+  #retry = 0;
   #newest = 0;
   #newestSeen = 0;
 
+  /** From now on, while the page is seen: a browser has few connections to a device for all of its pages together. */
   start() {
+    const follow = () => (document.hidden ? this.#rest() : this.#open());
+    document.addEventListener("visibilitychange", follow);
+    window.addEventListener("pageshow", follow);
+    window.addEventListener("pagehide", () => this.#rest());
+    follow();
+  }
+
+  #rest() {
+    this.#close();
+    this.state = "hidden";
+  }
+
+  #close() {
+    clearTimeout(this.#retry);
+    this.#source?.close();
+    this.#source = null;
+  }
+
+  #open() {
+    if (this.#source) {
+      return;
+    }
     const source = new EventSource("/api/events");
     this.#source = source;
     source.onopen = () => this.#setState("up");
     source.onerror = () => {
       this.#setState("down");
-      source.close();
-      setTimeout(() => this.start(), RETRY);
+      this.#close();
+      this.#retry = setTimeout(() => this.#open(), RETRY);
     };
     const on = (name, handle) => source.addEventListener(name, (event) => handle(JSON.parse(event.data || "{}")));
     on("recorded", (data) => this.#onRecorded(data));
