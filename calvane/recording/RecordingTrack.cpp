@@ -128,9 +128,21 @@ bool RecordingTrack::ensureIncreasingTimestamps(const ptime& t) {
         CALVANE_RECORDING_LOG(DRENN_CORE_LOG_NOTICE,
                               "Camera date has gone backwards.  Recorded data may be lost");
         owner().eraseDataFrom(t);
+        requireNothingBehind(t);
     }
     setLatestTimestamp(t);
     return true;
+}
+
+/// What could not be read, since the card is just going, was not erased, and is there again with the card.
+void RecordingTrack::requireNothingBehind(const ptime& t) const {
+    const TrackLock lock(*_track);
+    const unsigned int size = _track->size();
+    const std::optional<unsigned int> newest = findLastReadableIndex(size);
+    if (newest ? t < getTimestampAtIndex(*newest) : size != 0) {
+        throw std::runtime_error("What was recorded from " + textOf(t) +
+                                 " on, before the clock was set back, cannot be erased");
+    }
 }
 
 bool RecordingTrack::writeRecord(const ptime& t, unsigned int flags, const void* data, std::size_t size,

@@ -86,7 +86,8 @@ public:
                         Ptime& rangeEnd);
 
     /// To be called before a record of time `t` is written. False: it must not be, since the clock has not been
-    /// set, or came up behind the newest record and may yet be. When the time went back, what is recorded from `t` on is erased from all tracks.
+    /// set, or came up behind the newest record and may yet be. When the time went back, what is recorded from `t` on
+    /// is erased from all tracks; std::runtime_error where that cannot be done, and the next record tries again.
     bool ensureIncreasingTimestamps(const Ptime& t);
     /// Writes a record: ensureIncreasingTimestamps, header, payload. `flags` are those of RecordHeader,
     /// `compositionOffset` is its setCompositionOffset. False:
@@ -126,6 +127,7 @@ private:
         std::int64_t highTicks;
     };
 
+    void requireNothingBehind(const Ptime& t) const;
     unsigned int interpolateFirstIndexNotBefore(const Ptime& t, unsigned int size) const;
     unsigned int halveFirstIndexNotBefore(const Ptime& t, unsigned int size) const;
     unsigned int firstOfItsTime(unsigned int index) const;

@@ -237,6 +237,8 @@ TEST_F(Lifecycle, AfterTheCardWasAwayTheHistoryTellsSo) {
     std::filesystem::rename(folder.Path("card/data"), folder.Path("away"));
     waitFor("The card is away; nothing is recorded until it is back");
     EXPECT_THROW(TrackOf(VIDEO_TRACK).writeRecord(At(11), 0, "x", 1), std::runtime_error);
+    // A clock that is set back meanwhile erases nothing: what cannot be read now comes back with the card.
+    EXPECT_THROW(TrackOf(VIDEO_TRACK).writeRecord(At(3), 0, "x", 1), std::runtime_error);
     TrackOf(VIDEO_TRACK).setLatestToNewestRecord(); // None can be read.
     EXPECT_EQ(TrackOf(VIDEO_TRACK).getLatestTimestamp(), At(11));
     EXPECT_EQ(ThrownText<std::runtime_error>([] { Recorder().getCoverage(VIDEO_TRACK, At(0), At(1)); }),
