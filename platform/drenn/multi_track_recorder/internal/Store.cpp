@@ -162,8 +162,10 @@ void Store::EraseOldest(bool sparse, std::uint64_t most) {
     if (TrackImpl::LocksHeld() > 0) {
         throw std::logic_error("The oldest data cannot be erased with the lock of a track held");
     }
-    const std::lock_guard<std::mutex> lock(keeperMutex_);
-    while (GetState() == StoreState::Good && GetBytes(sparse) > most && ring_->EraseOldest(sparse)) {
+    for (bool goesOn = true; goesOn;) {
+        // For one segment at a time: who appends may be waiting.
+        const std::lock_guard<std::mutex> lock(keeperMutex_);
+        goesOn = GetState() == StoreState::Good && GetBytes(sparse) > most && ring_->EraseOldest(sparse);
     }
 }
 
