@@ -10,6 +10,22 @@
 using namespace drenn::multi_track_recorder;
 using testing::IsEmpty;
 
+namespace {
+
+StoreOptions SmallSegments() {
+    StoreOptions options = Workload::SmallStore();
+    options.segmentBytes = 8192;
+    return options;
+}
+
+void AppendNumbers(Track& track, unsigned int count) {
+    for (unsigned int i = 0; i != count; ++i) {
+        AppendText(track, NumberText(i));
+    }
+}
+
+} // namespace
+
 // What the next process does on the word of one that was killed must hold when the power takes back what that had written.
 TEST(Trust, AStoreThatWasHalfMadeIsMadeByTheNextProcess) {
     const quarn::core::LogCapture log(quarn::core::LogLevel::Off);
@@ -59,17 +75,14 @@ TEST(Trust, WhatWasErasedStaysSoThoughTheLogOfTheCatalogueIsDamaged) {
 // The newest segment that is durable has what the next one begins with, however little of it is left.
 TEST(Trust, ASegmentIsKeptUntilTheNextOneIsDurable) {
     const quarn::core::LogCapture log(quarn::core::LogLevel::Off);
-    StoreOptions options = Workload::SmallStore();
-    options.segmentBytes = 8192;
+    const StoreOptions options = SmallSegments();
     SimFileSystem disk;
     Store store(disk, options);
     const auto recording = store.NewRecording();
     const auto track = recording->newTrack();
     const auto gone = recording->newTrack();
     AppendText(*gone, "gone");
-    for (unsigned int i = 0; i != 20; ++i) {
-        AppendText(*track, NumberText(i));
-    }
+    AppendNumbers(*track, 20);
     store.Sync();
     recording->eraseTrack(gone->getId());
     track->eraseRange(0, 20);
@@ -89,16 +102,13 @@ TEST(Trust, ASegmentIsKeptUntilTheNextOneIsDurable) {
 
 TEST(Trust, WhatWasErasedStaysSoWhereTheNextBlockIsInAnotherSegment) {
     const quarn::core::LogCapture log(quarn::core::LogLevel::Off);
-    StoreOptions options = Workload::SmallStore();
-    options.segmentBytes = 8192;
+    const StoreOptions options = SmallSegments();
     SimFileSystem disk;
     Store store(disk, options);
     const auto recording = store.NewRecording();
     const auto track = recording->newTrack();
     const auto other = recording->newTrack();
-    for (unsigned int i = 0; i != 20; ++i) {
-        AppendText(*track, NumberText(i));
-    }
+    AppendNumbers(*track, 20);
     store.Sync();
     AppendText(*other, std::string(6000, ' '));
     track->eraseRange(5, 10);
@@ -118,9 +128,7 @@ TEST(Trust, TracksThatTheCatalogueHasLostComeBackWithoutWhatWasErased) {
         const auto known = static_cast<std::size_t>(disk.Open(wal, OpenMode::Read)->Size());
         const auto recording = store.NewRecording();
         const auto track = recording->newTrack();
-        for (unsigned int i = 0; i != 30; ++i) {
-            AppendText(*track, NumberText(i));
-        }
+        AppendNumbers(*track, 30);
         store.Sync();
         track->eraseRange(0, 10);
         recording->newTrack(); // With the next record a state is written, behind those that it calls erased.

@@ -96,6 +96,23 @@ TEST(Store, WhatIsTooLargeIsRefusedAndChangesNothing) {
     EXPECT_THAT(test.Verify(), IsEmpty());
 }
 
+// Its text takes the place of the one before, which the catalogue has already.
+TEST(Store, AnInfoWithoutRecordsIsReplacedThoughWhatFollowsIsErased) {
+    TestStore test;
+    test.NewTrack()->setInfo(std::string("never used"));
+    test.Open();
+    const auto track = test.GetTrack();
+    track->setInfo(std::string("of what is erased"));
+    AppendText(*track, "erased");
+    track->setInfo(std::string("of what is kept"));
+    AppendText(*track, "kept");
+    test.store->Sync();
+    track->eraseRange(0, 1);
+    test.Open();
+    EXPECT_EQ(Info(*test.GetTrack()), "of what is kept");
+    EXPECT_THAT(test.Verify(), IsEmpty());
+}
+
 TEST(Store, TracksAndRecordingsComeAndGoAndStayThemselves) {
     TestStore test;
     const auto foreign = test.store->NewRecording();

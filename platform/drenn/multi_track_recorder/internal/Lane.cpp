@@ -396,8 +396,8 @@ void Lane::SealLocked() {
         }
         for (const auto& [track, info] : infos_) {
             const std::lock_guard<std::mutex> lock(track->mutex);
-            const std::size_t place = track->FindInfo(info.from);
-            if (!track->isErased && place < track->infos.size() && track->infos[place].from == info.from) {
+            if (!track->isErased) {
+                // Also one whose records are erased: an older text may be in its place.
                 transaction.AddInfo({track->id, info.from, *info.text});
             }
         }
