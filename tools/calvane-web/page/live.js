@@ -7,8 +7,8 @@ const RETRY = 2000;
  * Dispatches
  * - "recorded" {video: time, ...}: the newest times, at most once a second;
  * - "erased" {before: time}; "status" (the status as the server gives it);
- * - "link" {state, text}: "up", "gone" (the server answers, the recorder does not), "down" (no answer at all).
- *   After "up" that follows another state, anything may have changed.
+ * - "link" {state, before}: "up", "gone" (the server answers, the recorder does not), "down" (no answer at all).
+ *   `before` may also be "" (just started) or "hidden" (nobody saw the page). With "up" anything may have changed.
  */
 export class Live extends EventTarget {
   state = "";
