@@ -15,6 +15,8 @@ extern "C" {
 #include <stdexcept>
 #include <utility>
 
+#include "HostLookup.h"
+
 namespace calvane_media {
 
 namespace {
@@ -99,6 +101,9 @@ bool MediaInput::IsLocal(const InputSettings& settings) {
 void MediaInput::Open() {
     context_.reset();
     const AVInputFormat* const format = FindFormat();
+    if (!IsDevice(format) && !IsLocal(settings_)) {
+        FindHost();
+    }
     AVFormatContext* context = avformat_alloc_context();
     if (context == nullptr) {
         throw std::bad_alloc();
@@ -132,6 +137,21 @@ void MediaInput::Open() {
         throw std::runtime_error(GetName() + " has no streams of video, audio or data");
     }
     Select({StreamKind::Video, StreamKind::Audio, StreamKind::Data});
+}
+
+void MediaInput::FindHost() {
+    BeginToWait();
+    std::string problem;
+    try {
+        if (!AwaitHost(settings_.url, [this] { return IsInterrupted(this) != 0; })) {
+            problem = Explain(AVERROR_EXIT);
+        }
+    } catch (const std::runtime_error& error) {
+        problem = error.what();
+    }
+    if (!problem.empty()) {
+        throw std::runtime_error("Cannot open " + GetName() + ": " + problem);
+    }
 }
 
 std::vector<InputStream> MediaInput::GetStreams() const {

@@ -68,6 +68,7 @@ private:
 
     static int IsInterrupted(void* input);
     const AVInputFormat* FindFormat() const;
+    void FindHost();
     std::string Address() const;
     void BeginToWait();
     std::string Explain(int code) const;

@@ -66,7 +66,8 @@ TEST_F(MediaExampleTest, RecordsACameraOverRtsp) {
     const auto startCamera = [&](const std::string& port) {
         auto camera = std::make_unique<Program>(
             "/usr/bin/python3",
-            std::vector<std::string>{"-B", CALVANE_SOURCE_DIR "/tests/media/rtsp_camera.py", "clip.mp4", port},
+            std::vector<std::string>{"-B", CALVANE_SOURCE_DIR "/tests/media/rtsp_camera.py", "clip.mp4",
+                                     port},
             folder.Path());
         EXPECT_TRUE(WaitUntil([&] { return !camera->Out().empty(); })) << camera->Err();
         return camera;

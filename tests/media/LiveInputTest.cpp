@@ -1,4 +1,6 @@
 #include <arpa/inet.h>
+#include <sched.h>
+#include <sys/mount.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -114,6 +116,36 @@ TEST_F(LiveInputTest, NeverKeepsAStopWaiting) {
     }
     // Not a measurement: the library would wait for ten minutes.
     EXPECT_LT(std::chrono::steady_clock::now() - begin, std::chrono::seconds(30));
+}
+
+TEST_F(LiveInputTest, StopsWhileNoNameServerAnswers) {
+    const std::string servers = folder.Write("resolv.conf", "nameserver 127.0.0.77\noptions timeout:30\n");
+    const int server = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_port = htons(53);
+    inet_pton(AF_INET, "127.0.0.77", &address.sin_addr);
+    if (bind(server, reinterpret_cast<sockaddr*>(&address), sizeof address) != 0 ||
+        unshare(CLONE_NEWNS) != 0 || mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0 ||
+        mount(servers.c_str(), "/etc/resolv.conf", nullptr, MS_BIND, nullptr) != 0) {
+        GTEST_SKIP() << "there is no name server to be had: " << strerror(errno);
+    }
+    const auto begin = std::chrono::steady_clock::now();
+    {
+        PluginHarness harness(Construct<MediaSource>,
+                              {{"url", "rtsp://camera.test/stream"}, {"timeout.ms", "600000"}});
+        harness.ConnectOutput("video");
+        EXPECT_TRUE(harness.Generate());
+        char question = 0;
+        EXPECT_EQ(recv(server, &question, 1, 0), 1);
+    }
+    EXPECT_LT(std::chrono::steady_clock::now() - begin, std::chrono::seconds(20)); // Of 60 or more.
+    const quarn::core::LogCapture log(quarn::core::LogLevel::Warning);
+    PluginHarness harness(Construct<MediaSource>,
+                          {{"url", "rtsp://camera.test/stream"}, {"timeout.ms", "300"}, {"reconnect", "0"}});
+    EXPECT_THAT(ThrownText([&] { GenerateUntil(harness, [] { return false; }); }),
+                HasSubstr("Cannot open rtsp://camera.test/stream: nothing came for 300 ms"));
+    close(server);
 }
 
 TEST_F(LiveInputTest, FailsIfItIsNotToBeOpenedAgain) {
