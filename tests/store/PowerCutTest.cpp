@@ -64,7 +64,7 @@ public:
         try {
             Workload workload(disk, Workload::SmallStore(), Random(~0U), lives_);
             if (Random(2) == 0) {
-                workload.Interrupt();
+                workload.Interrupt(disk);
             }
             try {
                 for (unsigned int step = 0; step != kSteps; ++step) {

@@ -115,7 +115,16 @@ StoreOptions Workload::SmallStore() {
 
 Workload::Workload(SimFileSystem& disk, const StoreOptions& options, unsigned int seed,
                    std::vector<TrackLife> lives)
-    : disk_(disk), options_(options), random_(seed), lives_(std::move(lives)) {
+    : Workload(
+          disk, [&disk] { return disk.GetMoment(); }, options, seed, std::move(lives)) {}
+
+Workload::Workload(IFileSystem& files, std::function<std::size_t()> getMoment, const StoreOptions& options,
+                   unsigned int seed, std::vector<TrackLife> lives)
+    : files_(files),
+      getMoment_(std::move(getMoment)),
+      options_(options),
+      random_(seed),
+      lives_(std::move(lives)) {
     Open();
     if (store_->GetState() == StoreState::Good) {
         Adopt();
@@ -130,7 +139,7 @@ Workload::~Workload() {
 }
 
 void Workload::Open() {
-    store_ = std::make_unique<Store>(disk_, options_);
+    store_ = std::make_unique<Store>(files_, options_);
     for (const auto& recording : store_->GetRecordings()) {
         for (const auto& track : recording.lock()->getTracks()) {
             Find(recording.lock(), track.lock());
@@ -161,7 +170,7 @@ void Workload::Adopt() {
         const auto found = std::find_if(tracks_.begin(), tracks_.end(),
                                         [&](const auto& each) { return each->track->getId() == life.id; });
         if (found == tracks_.end()) {
-            life.erased = std::min(life.erased, disk_.GetMoment());
+            life.erased = std::min(life.erased, getMoment_());
             life.id = life.made == RecordLife::kNever ? 0 : life.id; // The next one may get its number.
             continue;
         }
@@ -169,7 +178,7 @@ void Workload::Adopt() {
         if (life.made == RecordLife::kNever) { // Its format may be missing.
             open.recording->setInfo(life.recordingInfo);
             open.track->setFormat(FormatOf(open.number));
-            life.made = disk_.GetMoment();
+            life.made = getMoment_();
         }
         life.eraseBegun = RecordLife::kNever; // Whether it was done is known now: it was not.
         AdoptRecords(open, life);
@@ -182,12 +191,12 @@ void Workload::AdoptRecords(OpenTrack& open, TrackLife& life) {
     for (unsigned int number = 0; number != life.records.size(); ++number) {
         RecordLife& record = life.records[number];
         if (index == open.present.end() || *index != number) {
-            record.erased = std::min(record.erased, disk_.GetMoment());
+            record.erased = std::min(record.erased, getMoment_());
             continue;
         }
         if (record.durable == RecordLife::kNever) { // Its text may be lost.
             NumberAt(*open.track, static_cast<unsigned int>(index - open.present.begin()), record.info);
-            record.durable = disk_.GetMoment();
+            record.durable = getMoment_();
         }
         record.eraseBegun = RecordLife::kNever;
         ++index;
@@ -245,7 +254,7 @@ void Workload::Reopen() {
     if (!before.empty()) {
         Fault("tracks are lost");
     }
-    for (const std::string& fault : CheckAt(disk_.GetMoment(), *store_, lives_)) {
+    for (const std::string& fault : CheckAt(getMoment_(), *store_, lives_)) {
         Fault(fault);
     }
 }
@@ -266,17 +275,16 @@ void Workload::NewTrack() {
     }
     open->track = open->recording->newTrack(number % 4 == 1 ? TrackClass::Sparse : TrackClass::Bulk);
     open->track->setFormat(FormatOf(number));
-    lives_.push_back(
-        {open->track->getId(), info, disk_.GetMoment(), RecordLife::kNever, RecordLife::kNever, {}});
+    lives_.push_back({open->track->getId(), info, getMoment_(), RecordLife::kNever, RecordLife::kNever, {}});
     Connect(*open);
     tracks_.push_back(std::move(open));
 }
 
 void Workload::EraseTrack(OpenTrack& open) {
     TrackLife& life = lives_[open.number];
-    life.eraseBegun = disk_.GetMoment();
+    life.eraseBegun = getMoment_();
     Do([&] { open.recording->eraseTrack(life.id); });
-    life.erased = disk_.GetMoment();
+    life.erased = getMoment_();
     FinishErasures();
     tracks_.erase(
         std::find_if(tracks_.begin(), tracks_.end(), [&open](const auto& t) { return t.get() == &open; }));
@@ -326,7 +334,7 @@ void Workload::Erase(OpenTrack& open) {
 
 void Workload::Sync() {
     Do([this] { store_->Sync(); });
-    const std::size_t now = disk_.GetMoment();
+    const std::size_t now = getMoment_();
     for (TrackLife& life : lives_) {
         for (auto record = life.records.rbegin(); record != life.records.rend(); ++record) {
             if (record->durable != RecordLife::kNever) {
@@ -338,7 +346,7 @@ void Workload::Sync() {
 }
 
 void Workload::Do(const std::function<void()>& action) {
-    if (!isInterrupted_) {
+    if (interrupted_ == nullptr) {
         action();
         return;
     }
@@ -346,7 +354,7 @@ void Workload::Do(const std::function<void()>& action) {
     const std::array<std::function<void()>, 3> others{[this] { store_->Commit(); },
                                                       [this] { store_->Sync(); }, [this] { store_->Keep(); }};
     const auto& what = others[Random(3)];
-    disk_.beforeChange = [&, place = Random(12), thread = std::this_thread::get_id()]() mutable {
+    interrupted_->beforeChange = [&, place = Random(12), thread = std::this_thread::get_id()]() mutable {
         if (std::this_thread::get_id() == thread && place-- == 0) {
             other = std::async(std::launch::async, what);
             other.wait_for(std::chrono::milliseconds(2));
@@ -361,7 +369,7 @@ void Workload::Do(const std::function<void()>& action) {
     if (other.valid()) {
         other.wait();
     }
-    disk_.beforeChange = [] {};
+    interrupted_->beforeChange = [] {};
     if (failure != nullptr) {
         std::rethrow_exception(failure);
     }
@@ -382,7 +390,7 @@ void Workload::OnErase(unsigned int number, unsigned int first, unsigned int las
     std::vector<unsigned int>& present = (*open)->present;
     Compare(**open, first);
     Compare(**open, last - 1);
-    const std::size_t now = disk_.GetMoment();
+    const std::size_t now = getMoment_();
     for (unsigned int index = first; index != last; ++index) {
         lives_[number].records[present[index]].eraseBegun = now;
         erasing_.emplace_back(number, present[index]);
@@ -393,7 +401,7 @@ void Workload::OnErase(unsigned int number, unsigned int first, unsigned int las
 }
 
 void Workload::FinishErasures() {
-    const std::size_t now = disk_.GetMoment();
+    const std::size_t now = getMoment_();
     for (const auto& [track, number] : erasing_) {
         lives_[track].records[number].erased = now;
     }

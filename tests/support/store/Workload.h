@@ -50,11 +50,15 @@ public:
     /// is not must never come back.
     Workload(SimFileSystem& disk, const drenn::multi_track_recorder::StoreOptions& options, unsigned int seed,
              std::vector<TrackLife> lives = {});
+    /// On any disk, whose operations `getMoment` counts.
+    Workload(drenn::multi_track_recorder::IFileSystem& files, std::function<std::size_t()> getMoment,
+             const drenn::multi_track_recorder::StoreOptions& options, unsigned int seed,
+             std::vector<TrackLife> lives = {});
     ~Workload();
 
     /// From now on another thread commits, syncs or makes room in the middle of operations: it begins at one of the disk's
     /// changes, which waits until the other is done or waits for a lock.
-    void Interrupt() { isInterrupted_ = true; }
+    void Interrupt(SimFileSystem& disk) { interrupted_ = &disk; }
     /// Does one operation at random; compares what it touches with the model. Throws what the store throws.
     void Step();
     /// Closes and opens the store and compares all of it with the model.
@@ -98,13 +102,14 @@ private:
     void Fault(const std::string& text) { faults_.push_back(text); }
     unsigned int Random(unsigned int below) { return static_cast<unsigned int>(random_() % below); }
 
-    SimFileSystem& disk_;
+    drenn::multi_track_recorder::IFileSystem& files_;
+    const std::function<std::size_t()> getMoment_;
     const drenn::multi_track_recorder::StoreOptions options_;
     std::mt19937 random_;
     std::unique_ptr<drenn::multi_track_recorder::Store> store_;
     std::vector<std::unique_ptr<OpenTrack>> tracks_;
     std::vector<TrackLife> lives_;
-    bool isInterrupted_ = false;
+    SimFileSystem* interrupted_ = nullptr;
     std::mutex erasingMutex_;
     // Tracks and records, until the step ends. Guarded by erasingMutex_.
     std::vector<std::pair<unsigned int, unsigned int>> erasing_;
