@@ -86,6 +86,9 @@ TEST(CodecInfo, FindsParameterSetsInEitherFormAndInPartsOfThem) {
     const Info info = InfoFromCodec(*Make(AV_CODEC_ID_H264, stream), {1, 25});
     EXPECT_EQ(info.at("H264SeqParamSet"), "Z2QAH6w=");
     EXPECT_EQ(info.at("H264PicParamSet"), "aO48");
+    std::string two = kRecord + std::string("\0\4", 2) + kPicture + "\x01";
+    two[two.size() - 12] = 2; // Of the pictures'.
+    EXPECT_EQ(InfoFromCodec(*Make(AV_CODEC_ID_H264, two), {1, 25}).at("H264PicParamSet"), "aO48,aO48AQ==");
     // Each byte that is missing at the end takes the unit that it belonged to with it, and nothing else.
     for (std::size_t size = 1; size != kRecord.size(); ++size) {
         const Info part = InfoFromCodec(*Make(AV_CODEC_ID_H264, kRecord.substr(0, size)), {1, 25});

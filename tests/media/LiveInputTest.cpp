@@ -121,6 +121,18 @@ TEST_F(LiveInputTest, IsOpenedAgainWhenTheCameraIsBack) {
     }));
 }
 
+TEST_F(LiveInputTest, WaitsLongerAfterEachAttemptThatFails) {
+    const quarn::core::LogCapture log(quarn::core::LogLevel::Warning);
+    PluginHarness harness(Construct<MediaSource>, {{"url", "tcp://127.0.0.1:1"}, {"format", "mpegts"}});
+    harness.ConnectOutput("video");
+    EXPECT_TRUE(GenerateUntil(harness, [&] {
+        const auto lines = log.GetLines();
+        return std::any_of(lines.begin(), lines.end(), [](const auto& line) {
+            return line.text.find("refused; next attempt in 1000 ms") != std::string::npos;
+        });
+    }));
+}
+
 TEST_F(LiveInputTest, NeverKeepsAStopWaiting) {
     Camera camera; // Takes connections, and says nothing.
     const auto begin = std::chrono::steady_clock::now();

@@ -71,7 +71,10 @@ TEST_F(MediaSourceTest, GivesThePacketsOfAFileAsTheyAre) {
 }
 
 TEST_F(MediaSourceTest, TellsTheRecorderWhatItNeedsWithEachKeyFrame) {
-    ReadAll(MakeFile("b.mp4", std::string(kWithB) + " -b:v 300k -b:a 64k"));
+    setenv("TZ", "EST5", 1); // Times are in UTC wherever the camera is.
+    tzset();
+    ReadAll(MakeFile("b.mp4", std::string(kWithB) + " -b:v 300k -b:a 64k"),
+            {{"start", "2026-11-21T13:00:00"}});
     EXPECT_EQ(TimeOf(video[0]), kStartMicroseconds);
     const BufferFormat& format = video[0].format;
     EXPECT_EQ(format.GetFormat(), MKTAG('a', 'v', 'c', '1'));
@@ -210,6 +213,17 @@ TEST_F(MediaSourceTest, RefusesWhatItCannotRead) {
     for (const char* start : {"13:00:00", "2026-11-21", "2026-11-21T25:00:00Z", "1969-12-31T23:59:59Z"}) {
         EXPECT_THAT(ErrorOf({{"url", file}, {"start", start}}), HasSubstr("start must be a time")) << start;
     }
+}
+
+TEST_F(MediaSourceTest, DoesNotRepeatWhatHasNoPackets) {
+    const std::string format("\x10\0\0\0\1\0\1\0\x40\x1f\0\0\x80\x3e\0\0\2\0\x10\0",
+                             20); // 16 bits of one channel.
+    const std::string file = folder.Write(
+        "none.wav", std::string("RIFF\x24\0\0\0WAVEfmt ", 16) + format + std::string("data\0\0\0\0", 8));
+    PluginHarness harness(Construct<MediaSource>, {{"url", file}, {"realtime", "0"}, {"loop", "1"}});
+    harness.ConnectOutput("audio");
+    EXPECT_THAT(ThrownText([&] { harness.GenerateAll(kMany); }),
+                HasSubstr("none.wav has no packets to repeat"));
 }
 
 TEST_F(MediaSourceTest, NeedsNoMoreMemoryForALongFile) {

@@ -143,6 +143,19 @@ TEST_F(TestPictureTest, KeepsTakingSnapshotsAfterABadKeyFrame) {
               1); // The first of a row.
 }
 
+TEST_F(TestPictureTest, TakesSnapshotsThoughTheClockIsSetBack) {
+    Generate();
+    PluginHarness harness(Construct<JpegSnapshot>, {{"interval.sec", "3600"}});
+    CollectingSink& output = harness.ConnectOutput();
+    for (const int seconds : {0, 1, -3000, -2999}) {
+        Buffer* const picture = MakeBufferOf(video[0], video[0].bytes);
+        const auto moved = static_cast<unsigned int>(static_cast<int>(video[0].timestamp.seconds) + seconds);
+        picture->SetTimestamp({moved, 0});
+        harness.Push(picture);
+    }
+    EXPECT_EQ(output.GetBuffers().size(), 2U); // The first, and that after the jump.
+}
+
 TEST_F(TestPictureTest, RefusesWhatItCannotMake) {
     const auto errorOf = [](const Settings& settings) {
         return ThrownText([&] { PluginHarness(Construct<TestPicture>, settings); });
