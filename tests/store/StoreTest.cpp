@@ -1,11 +1,16 @@
 #include <gmock/gmock.h>
 
+#include <sys/syscall.h>
+#include <unistd.h>
+
 #include <atomic>
+#include <fstream>
 #include <thread>
 
 #include "drenn/multi_track_recorder/internal/io/FileError.h"
 #include "support/TestStore.h"
 #include "support/ThrownText.h"
+#include "support/WaitUntil.h"
 
 using namespace drenn::multi_track_recorder;
 using testing::ElementsAre;
@@ -192,6 +197,31 @@ TEST(Store, TheOldestSegmentsOfAClassCanBeErased) {
     EXPECT_EQ(std::stoul(TextAt(*test.GetTrack(0), 0)), gone);
     EXPECT_EQ(TextAt(*test.GetTrack(1), 0), "0");
     EXPECT_THAT(test.Verify(), IsEmpty());
+}
+
+TEST(Store, WhoGivesATrackBackLetsThroughWhoWaits) {
+    TestStore test;
+    const auto track = test.NewTrack();
+    std::atomic<pid_t> waiting{0};
+    track->lock();
+    track->lock(); // Given back as often as it is taken.
+    track->unlock();
+    std::thread writer([&] {
+        waiting = static_cast<pid_t>(syscall(SYS_gettid));
+        AppendText(*track, "1");
+    });
+    const auto isAsleep = [&] {
+        std::string text;
+        std::getline(std::ifstream("/proc/self/task/" + std::to_string(waiting) + "/stat"), text);
+        return waiting != 0 && text.find(") S ") != std::string::npos;
+    };
+    EXPECT_TRUE(WaitUntil(isAsleep));
+    EXPECT_EQ(track->size(), 0U);
+    track->unlock();
+    track->lock();
+    EXPECT_EQ(track->size(), 1U);
+    track->unlock();
+    writer.join();
 }
 
 TEST(Store, ManyReadWhileOneAppends) {

@@ -19,8 +19,9 @@ class TrackImpl;
 /// there, and when records are erased, those behind them close up.
 ///
 /// Threads: any. Every operation holds the track's lock, which is re-entrant: a caller that needs several
-///          operations to see the same records, or its own read position, holds it around them. Reads wait
-///          neither for other tracks nor for the device's syncs.
+///          operations to see the same records, or its own read position, holds it around them; who gives it back
+///          lets through who waits, even if it takes it again at once. Reads wait neither for other tracks nor for the
+///          device's syncs.
 /// Errors:  std::out_of_range for an index at or past the end. std::runtime_error, which names the file and
 ///          the reason, for bytes that cannot be read or that fail their checksum, for a record or a text
 ///          that is too large, and for every change while the store is read-only or its card is away.

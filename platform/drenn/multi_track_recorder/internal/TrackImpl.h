@@ -7,6 +7,7 @@
 #include <utility>
 
 #include "drenn/multi_track_recorder/Track.h"
+#include "drenn/multi_track_recorder/internal/FairMutex.h"
 #include "drenn/multi_track_recorder/internal/Lane.h"
 #include "drenn/multi_track_recorder/internal/StoreContext.h"
 #include "drenn/multi_track_recorder/internal/TrackContent.h"
@@ -75,7 +76,7 @@ private:
     Track::EraseRangeSignal eraseRangeSignal_;
     std::string detached_; ///< Why, if so.
 
-    mutable std::recursive_mutex mutex_;
+    mutable FairMutex mutex_;
     // Guarded by mutex_.
     std::uint32_t position_ = 0;
     // The text that was asked for last of those that only the catalogue has.
