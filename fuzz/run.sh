@@ -29,6 +29,10 @@ mkdir -p "$findings" "$grown"
 
 options=(-max_total_time="$seconds" -timeout=10 -max_len=8192 -print_final_stats=1 -artifact_prefix="$findings/")
 [[ -f fuzz/$target.dict ]] && options+=(-dict="fuzz/$target.dict")
+if [[ -f fuzz/$target.supp ]]; then # It names functions of libraries, which the fast way of unwinding does not find.
+    export LSAN_OPTIONS=suppressions=$PWD/fuzz/$target.supp:print_suppressions=0
+    export ASAN_OPTIONS=fast_unwind_on_malloc=0${ASAN_OPTIONS:+:$ASAN_OPTIONS}
+fi
 status=0
 "$program" "${options[@]}" "$grown" "fuzz/corpus/$target" || status=$?
 
