@@ -62,6 +62,10 @@ class Programs:
         """So many millions of records in the audio track."""
         return self.fill(f"large{millions}", int(millions * 1_000_000) // 50, 16 << 20, 10, 20)
 
+    def fill_spans(self, cycles):
+        """Data for a second, then none for 100, so often."""
+        return self.fill("spans", cycles, 16 << 20, 10, 20, 1, 100)
+
     def fill_segments(self, segments):
         """The records that so many segments have, without most of their payload."""
         return self.fill(f"segments{segments}", segments * SECONDS_OF_SEGMENT, 64 << 10, 1, SECONDS_OF_SEGMENT)
@@ -108,6 +112,11 @@ def measure_recording(programs, samples, rounds, seconds):
     for _ in range(rounds):
         samples.add("recording", programs.measure("record", card, seconds))
         samples.add("raw", programs.measure("raw", programs.path("raw"), seconds))
+
+
+def measure_coverage(programs, samples, card, seconds):
+    for what, asked in (("without", 0), ("with", 1)):
+        samples.add(("coverage", what), programs.measure("coverage", card, seconds, asked))
 
 
 def measure_start(programs, samples, name, card, rounds, seconds):
@@ -174,6 +183,16 @@ def print_table(samples, cards, starts):
         samples(("retention", "with"), "longest"), commit)
     row("the same, worst of all rounds; one commit", samples.worst(("retention", "with"), "longest"), commit)
     row("erasing them", samples(("retention", "with"), "erasing"))
+    print_coverage(samples)
+
+
+def print_coverage(samples):
+    spans = samples(("coverage", "with"), "spans")
+    longest = [samples.worst(("coverage", what), "longest") for what in ("with", "without")]
+    row(f"worst delay of a producer while the coverage of {spans:,.0f} spans is asked for; while it is not", *longest)
+    running = [samples.worst(("coverage", what), "running") for what in ("with", "without")]
+    row("the same without what the producer waited for a processor", *running)
+    row("one answer of that", samples(("coverage", "with"), "asking"))
 
 
 class Extent(NamedTuple):
@@ -182,13 +201,15 @@ class Extent(NamedTuple):
     segments: int
     millions: tuple
     calls: int
+    cycles: int
     recordings: int
     seconds: int
     retention_seconds: int
 
 
-EXTENTS = {"full": Extent(5, 4000, (1, 10), 2000, 3, 20, 6), "quick": Extent(3, 4000, (1, 10), 500, 1, 10, 6),
-           "smoke": Extent(1, 100, (0.02,), 20, 1, 1, 1)}
+EXTENTS = {"full": Extent(5, 4000, (1, 10), 2000, 100_000, 3, 20, 6),
+           "quick": Extent(3, 4000, (1, 10), 500, 100_000, 1, 10, 6),
+           "smoke": Extent(1, 100, (0.02,), 20, 200, 1, 1, 1)}
 
 
 def measure_all(programs, samples, extent, rounds):
@@ -200,6 +221,9 @@ def measure_all(programs, samples, extent, rounds):
     cards = {f"{millions} million": programs.fill_large(millions) for millions in extent.millions}
     cards["full card"] = full
     measure_look_ups(programs, samples, cards, rounds, extent.calls)
+    spans = programs.fill_spans(extent.cycles)
+    for _ in range(rounds):
+        measure_coverage(programs, samples, spans, extent.seconds)
     measure_recording(programs, samples, extent.recordings, extent.seconds)
     for name, card in names.items():
         measure_start(programs, samples, name, card, rounds, min(5, extent.seconds))

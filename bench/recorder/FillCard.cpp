@@ -23,9 +23,11 @@ using drenn::multi_track_recorder::Track;
 using drenn::multi_track_recorder::TrackClass;
 using quarn::calvane::RecordHeader;
 
-// Of each 12,600 seconds the last hour has no data.
-constexpr std::uint32_t kOn = 9000;
-constexpr std::uint32_t kOff = 3600;
+/// Data begins and ends in turns.
+struct Turns {
+    std::uint32_t on = 9000; ///< Seconds with data; then, without.
+    std::uint32_t off = 3600;
+};
 constexpr std::int64_t kJitter = 3000; ///< Microseconds.
 // See calvane/recording/RecordHeader.h.
 constexpr std::int64_t kTicksOf2020 = 212444640000000000;
@@ -90,18 +92,20 @@ void AppendSecond(Card& card, std::int64_t begin, std::mt19937& random) {
 }
 
 /// `seconds` with data, up to this minute; a commit for each `together` of them.
-void Fill(Card& card, std::uint32_t seconds, std::uint32_t together, std::uint32_t commitsOfSync) {
+void Fill(Card& card, std::uint32_t seconds, std::uint32_t together, std::uint32_t commitsOfSync,
+          const Turns& turns) {
     const auto now = std::chrono::duration_cast<std::chrono::microseconds>(
         std::chrono::system_clock::now().time_since_epoch());
-    std::int64_t time = now.count() - std::int64_t{seconds + seconds / kOn * kOff + 600} * 1000000;
+    std::int64_t time =
+        now.count() - (std::int64_t{seconds} + std::int64_t{seconds / turns.on} * turns.off + 600) * 1000000;
     std::mt19937 random(5);
     card.Tell(time, true);
     for (std::uint32_t second = 1; second <= seconds; ++second) {
         AppendSecond(card, time, random);
         time += 1000000;
-        if (second % kOn == 0) {
+        if (second % turns.on == 0) {
             card.Tell(time, false);
-            time += std::int64_t{kOff} * 1000000;
+            time += std::int64_t{turns.off} * 1000000;
             card.Tell(time, true);
         }
         if (second % (together * commitsOfSync) == 0) {
@@ -117,10 +121,10 @@ void Fill(Card& card, std::uint32_t seconds, std::uint32_t together, std::uint32
 } // namespace
 
 int main(int argc, char** argv) {
-    if (argc != 7) {
+    if (argc != 7 && argc != 9) {
         std::fprintf(stderr,
                      "usage: calvane_recorder_fill CARD DEVICE SECONDS SEGMENT_BYTES SECONDS_OF_COMMIT "
-                     "COMMITS_OF_SYNC\n");
+                     "COMMITS_OF_SYNC [SECONDS_ON SECONDS_OFF]\n");
         return 2;
     }
     const auto number = [&](int place) {
@@ -133,7 +137,7 @@ int main(int argc, char** argv) {
         options.background = false;
         options.segmentBytes = number(4);
         Card card(options, argv[2]);
-        Fill(card, number(3), number(5), number(6));
+        Fill(card, number(3), number(5), number(6), argc == 9 ? Turns{number(7), number(8)} : Turns{});
     } catch (const std::exception& error) {
         std::fprintf(stderr, "calvane_recorder_fill: %s\n", error.what());
         return 1;

@@ -54,5 +54,7 @@ void MeasureRecording(const std::string& card, std::uint32_t seconds);
 void MeasureRawFile(const std::string& file, std::uint32_t seconds);
 /// Delays of a writer in real time; halfway through, data older than `limit` seconds is erased unless it is 0.
 void MeasureRetention(const std::string& card, std::uint32_t seconds, std::uint32_t limit);
+/// Delays of a producer in real time, of records and of events, while the audio's coverage is asked for without a pause.
+void MeasureCoverage(const std::string& card, std::uint32_t seconds, bool isAsked);
 /// What it takes to make a second's records durable.
 void MeasureCommits(const std::string& folder, std::uint32_t count);

@@ -67,15 +67,15 @@ void Run(const std::vector<std::string>& words) {
         MeasureStart(words[1]);
     } else if (is("retention", 4)) {
         MeasureRetention(words[1], number(2), number(3));
+    } else if (is("coverage", 4)) {
+        MeasureCoverage(words[1], number(2), number(3) != 0);
     } else if (is("commits", 3)) {
         MeasureCommits(words[1], number(2));
     } else {
         throw std::runtime_error(
             "usage: calvane_recorder_bench lookup CARD COUNT | fill-table CARD FILE | table FILE COUNT | "
-            "calls CARD "
-            "COUNT | record CARD SECONDS | raw FILE SECONDS | start CARD | retention CARD SECONDS LIMIT | "
-            "commits "
-            "FOLDER COUNT");
+            "calls CARD COUNT | record CARD SECONDS | raw FILE SECONDS | start CARD | "
+            "retention CARD SECONDS LIMIT | coverage CARD SECONDS ASKED | commits FOLDER COUNT");
     }
 }
 

@@ -5,9 +5,12 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <atomic>
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
+#include <fstream>
+#include <functional>
 #include <stdexcept>
 #include <thread>
 
@@ -33,6 +36,15 @@ double ProcessorTime() {
         return static_cast<double>(time.tv_sec) + static_cast<double>(time.tv_usec) / 1e6;
     };
     return seconds(usage.ru_utime) + seconds(usage.ru_stime);
+}
+
+/// That this thread could have run in and waited for a processor.
+double TimeWithoutProcessor() {
+    std::ifstream statistics("/proc/thread-self/schedstat");
+    std::uint64_t ran = 0;
+    std::uint64_t waited = 0;
+    statistics >> ran >> waited;
+    return static_cast<double>(waited) / 1e9;
 }
 
 track_type TypeOf(const InputRecord& record) {
@@ -149,6 +161,60 @@ void MeasureRetention(const std::string& card, std::uint32_t seconds, std::uint3
     std::sort(delays.begin(), delays.end());
     std::printf("{\"longest\": %f, \"median\": %f, \"erasing\": %f, \"before\": %u, \"after\": %u}\n",
                 delays.back(), delays[delays.size() / 2], erasing, before, after);
+}
+
+void MeasureCoverage(const std::string& card, std::uint32_t seconds, bool isAsked) {
+    const Recorder recorder(card);
+    RecordingManager& manager = Recorder::Manager();
+    Ptime first;
+    Ptime last;
+    Recorder::Audio().getRecordingTimePeriod(first, last);
+    std::atomic<bool> isOver{false};
+    std::size_t spans = 0;
+    std::vector<double> asked;
+    const auto untilOver = [&](const std::function<void()>& work) {
+        return std::thread([&isOver, work] {
+            while (!isOver) {
+                work();
+            }
+        });
+    };
+    std::thread host = untilOver([&] {
+        manager.processHistorySaveQueue();
+        std::this_thread::sleep_for(std::chrono::milliseconds(100));
+    });
+    std::thread client = untilOver([&] {
+        if (!isAsked) {
+            std::this_thread::sleep_for(std::chrono::milliseconds(1));
+            return;
+        }
+        const auto begin = Clock::now();
+        spans = manager.getCoverage(quarn::calvane::AUDIO_TRACK, first, last).size();
+        asked.push_back(SecondsSince(begin));
+    });
+    const Input input;
+    std::vector<double> delays;
+    std::vector<double> running; // The same without the time that the thread could run and did not.
+    bool isPresent = false;
+    Replay(input, seconds, [&](const InputRecord& record) {
+        const double kept = TimeWithoutProcessor();
+        const auto begin = Clock::now();
+        if (record.track == Input::kHistory) { // Once a second: the data begins or ends.
+            isPresent = !isPresent;
+            Recorder::Audio().notifyRecordingDataPresentChange(RecordingClock::now(), isPresent);
+        } else {
+            WriteToTrack(record);
+        }
+        delays.push_back(SecondsSince(begin));
+        running.push_back(delays.back() - (TimeWithoutProcessor() - kept));
+    });
+    isOver = true;
+    host.join();
+    client.join();
+    std::sort(delays.begin(), delays.end());
+    std::printf("{\"longest\": %f, \"running\": %f, \"median\": %.9f, \"spans\": %zu, \"asking\": %f}\n",
+                delays.back(), *std::max_element(running.begin(), running.end()), delays[delays.size() / 2],
+                spans, asked.empty() ? 0 : MedianOf(asked));
 }
 
 void MeasureCommits(const std::string& folder, std::uint32_t count) {
