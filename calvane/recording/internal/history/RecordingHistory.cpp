@@ -67,18 +67,36 @@ void RecordingHistory::queueLocked(const ptime& t, track_type type, bool present
 }
 
 void RecordingHistory::writeQueue() {
-    const std::lock_guard<std::mutex> lock(_mutex);
-    if (_card.isAway() && _cardLostAt.is_special()) {
-        return; // The store is about to say so, and what is queued can be written when the card is back.
-    }
+    const std::lock_guard<std::mutex> writing(_writeMutex);
     const ptime now = RecordingClock::now();
-    redateFutureEvents(now);
-    const ptime cutoff = now - kHoldTime;
-    while (!_queue.empty() && _queue.begin()->first <= cutoff) {
-        const auto entry = _queue.begin();
-        writeQueued(entry->second);
-        _queue.erase(entry);
+    {
+        const std::lock_guard<std::mutex> lock(_mutex);
+        if (_card.isAway() && _cardLostAt.is_special()) {
+            return; // The store is about to say so, and what is queued can be written when the card is back.
+        }
+        redateFutureEvents(now);
     }
+    while (writeOldestQueued(now - kHoldTime)) {
+    }
+}
+
+/// False when none is that old. It stays in the queue while it is being written: until it is in the track, others are to
+/// find it here. With _writeMutex held.
+bool RecordingHistory::writeOldestQueued(const ptime& cutoff) {
+    Queue::iterator entry;
+    HistoryEvent event;
+    {
+        const std::lock_guard<std::mutex> lock(_mutex);
+        entry = _queue.begin();
+        if (entry == _queue.end() || cutoff < entry->first) {
+            return false;
+        }
+        event = entry->second;
+    }
+    writeQueued(event);
+    const std::lock_guard<std::mutex> lock(_mutex);
+    _queue.erase(entry);
+    return true;
 }
 
 /// Otherwise they would wait until the clock is there again.
@@ -145,6 +163,7 @@ void RecordingHistory::closeAfterRestart() {
         return; // A fresh card.
     }
     const std::set<track_type> interrupted = tracksLeftOpen(); // The others had stopped before.
+    const std::lock_guard<std::mutex> writing(_writeMutex);
     const std::lock_guard<std::mutex> lock(_mutex);
     _tracksWithData = static_cast<std::int32_t>(_card.dataTracks().size());
     for (const auto& [type, end] : ends) {
@@ -205,6 +224,7 @@ bool RecordingHistory::wasClosedCleanly() const {
 }
 
 void RecordingHistory::noteCardLost() {
+    const std::lock_guard<std::mutex> writing(_writeMutex);
     const std::lock_guard<std::mutex> lock(_mutex);
     if (!_cardLostAt.is_special()) {
         return;
@@ -230,18 +250,19 @@ void RecordingHistory::repairAfterCard() {
             track->setLatestToNewestRecord();
         }
     }
-    const std::lock_guard<std::mutex> lock(_mutex);
+    const std::lock_guard<std::mutex> writing(_writeMutex);
     if (_cardLostAt.is_special()) {
         return;
     }
     const ptime now = RecordingClock::now();
-    const std::map<track_type, ptime> begun = beginsOfPresent(now);
     std::int32_t tracksWithData = 0;
     for (const auto& [type, track] : _card.dataTracks()) {
         const auto last = HistoryReader(_card.history()).findLast(now, type);
         tracksWithData += last && last->present ? 1 : 0;
     }
     // From here on nothing fails.
+    const std::lock_guard<std::mutex> lock(_mutex);
+    const std::map<track_type, ptime> begun = beginsOfPresent(now);
     _tracksWithData = tracksWithData;
     _queue = std::move(_queueAtLoss);
     _queueAtLoss.clear();
@@ -254,7 +275,7 @@ void RecordingHistory::repairAfterCard() {
     _cardLostAt = ptime();
 }
 
-/// Of the tracks whose data comes: since when it does, as far as that is known. Within the lock.
+/// Of the tracks whose data comes: since when it does, as far as that is known. With _mutex held.
 std::map<track_type, ptime> RecordingHistory::beginsOfPresent(const ptime& now) const {
     std::map<track_type, ptime> begun;
     for (const track_type type : _present) {

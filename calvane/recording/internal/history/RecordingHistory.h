@@ -16,7 +16,8 @@ namespace quarn::calvane {
 /// Writes the history: holds events until they can be put in order, dates them so that its times never fall, and closes
 /// what was open when the card or the power went.
 ///
-/// Threads: any, without locks of tracks held: its own lock is taken before them.
+/// Threads: any, without locks of tracks held: its own locks are taken before them. Who reports or asks does not wait for
+///          the history's track; only what writes to it does.
 /// Errors:  what goes wrong when a record is written is logged, and the record is lost.
 class RecordingHistory {
 public:
@@ -58,17 +59,20 @@ private:
     std::set<track_type> tracksLeftOpen() const;
     void queueLocked(const Ptime& t, track_type type, bool present, CoverageReason reason);
     void redateFutureEvents(const Ptime& now);
+    bool writeOldestQueued(const Ptime& cutoff);
     void writeQueued(const HistoryEvent& event);
     Ptime dateFor(const Ptime& t) const;
     std::map<track_type, Ptime> beginsOfPresent(const Ptime& now) const;
 
     const RecordingCard& _card;
 
-    mutable std::mutex _mutex; // Guards what follows.
+    std::mutex _writeMutex; // Held by who writes what was queued, or takes it away; taken before _mutex.
+    std::int32_t _tracksWithData = 0; // Guarded by _writeMutex.
+
+    mutable std::mutex _mutex; // Guards what follows. Held for work in memory only.
     Queue _queue;
-    std::int32_t _tracksWithData = 0;
     std::set<track_type> _present; // As last reported.
-    Ptime _cardLostAt;             // Not-a-date-time while it is there.
+    Ptime _cardLostAt;             // Not-a-date-time while it is there. Changed with _writeMutex held, too.
     Queue _queueAtLoss;
     std::set<track_type> _presentAtLoss;
 };
