@@ -107,6 +107,9 @@ public:
     /// `last` are gone.
     void onEraseRangeSignal(unsigned int first, unsigned int last);
 
+    /// How often records were erased: while it stays the same, so do indexes. Within the track's lock.
+    std::uint64_t countErasings() const { return _erasings; }
+
     /// The header of a record. It passes over nothing.
     RecordHeader readHeader(unsigned int index) const;
     /// Of the newest record that was written or found; not-a-date-time if there is none.
@@ -153,6 +156,7 @@ private:
     mutable std::map<std::int64_t, unsigned int> _seen;
     mutable std::set<std::string> _passedOver; // What the log has been told. Guarded by the track's lock.
     unsigned int _hidden = 0;                  // So many of the oldest records. Guarded by the track's lock.
+    std::uint64_t _erasings = 0;               // Likewise.
     std::atomic<std::uint64_t> _writtenRecords{0};
     std::atomic<std::uint64_t> _writtenBytes{0};
     std::atomic<std::uint64_t> _refusedRecords{0};

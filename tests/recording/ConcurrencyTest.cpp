@@ -120,6 +120,33 @@ TEST_F(Concurrency, WritersReadersRetentionErasingAndClockJumpsDoNotDisturbEachO
     }
 }
 
+TEST_F(Concurrency, CoverageHasEachRecordThatIsNotErasedMeanwhile) {
+    constexpr int kSpans = 300;
+    for (int i = 0; i < kSpans; ++i) {
+        Write(VIDEO_TRACK, {1000.0 + 20 * i, 1001.0 + 20 * i}); // Too far apart to belong together.
+    }
+    const auto asked = [] {
+        const auto spans = Recorder().getCoverage(VIDEO_TRACK, At(0), At(1001 + 20 * kSpans));
+        return std::count_if(spans.begin(), spans.end(),
+                             [](const auto& span) { return span.reason == CoverageReason::Data; });
+    };
+    ASSERT_EQ(asked(), kSpans);
+    std::atomic<unsigned> answers{0};
+    threads_.emplace_back([&] {
+        while (!end_) {
+            const auto before = static_cast<long>(SizeOf(VIDEO_TRACK) / 2);
+            const auto spans = static_cast<long>(asked());
+            EXPECT_LE(spans, before);
+            EXPECT_GE(spans, static_cast<long>(SizeOf(VIDEO_TRACK) / 2));
+            ++answers;
+        }
+    });
+    while (SizeOf(VIDEO_TRACK) > 0 && (answers < 20 || SizeOf(VIDEO_TRACK) > kSpans)) {
+        TrackOf(VIDEO_TRACK).getTrack()->eraseRange(0, 2);
+    }
+    EXPECT_TRUE(WaitUntil([&] { return answers > 0; }));
+}
+
 TEST_F(Concurrency, ErasingWhileTheRecorderEndsDoesNotCrash) {
     for (int round = 0; round < 10; ++round) {
         Recorder().clearAll();

@@ -174,16 +174,17 @@ void CoverageQuery::addRuns(const std::vector<CoverageSpan>& runs, const ptime& 
 }
 
 /// What is usually between two records near an index range: the median of some. Within the track's lock.
-boost::posix_time::time_duration CoverageQuery::usualInterval(unsigned int first, unsigned int last) const {
+boost::posix_time::time_duration CoverageQuery::usualInterval(unsigned int first, unsigned int last) {
     constexpr unsigned int kSamples = 15;
     std::vector<boost::posix_time::time_duration> intervals;
-    for (unsigned int sample = 0; sample < std::min(kSamples, last - first); ++sample) {
+    for (unsigned int sample = 0; sample < std::min(kSamples, last - first) && !_isStale; ++sample) {
         const auto place = static_cast<unsigned int>(first + std::uint64_t{last - first} * sample / kSamples);
         const auto one = _track.findTimestamp(place);
         const auto next = _track.findTimestamp(place + 1);
         if (one && next) {
             intervals.push_back(*next - *one);
         }
+        giveWay();
     }
     if (intervals.empty()) {
         return boost::posix_time::time_duration();
@@ -198,11 +199,28 @@ boost::posix_time::time_duration CoverageQuery::usualInterval(unsigned int first
 /// gap is what is much longer than usual.
 std::vector<CoverageSpan> CoverageQuery::findRuns(const Stretch& stretch, const ptime& start,
                                                   const ptime& end) {
+    constexpr int kMostTries = 5;
+    std::vector<CoverageSpan> runs;
+    _lock = std::unique_lock<const drenn::multi_track_recorder::Track>(*_track.getTrack());
+    const unsigned int reads = _reads;
+    for (int tries = 1; tries == 1 || _isStale; ++tries) {
+        _isStale = false;
+        _reads = reads;
+        _givesWay = tries < kMostTries; // Who erases all the time does not keep it from ending.
+        _erasings = _track.countErasings();
+        runs = findRunsAtOnce(stretch, start, end);
+    }
+    _lock.unlock();
+    return runs;
+}
+
+/// Within the track's lock, which it lets others have meanwhile. Worthless if records were erased then, see _isStale.
+std::vector<CoverageSpan> CoverageQuery::findRunsAtOnce(const Stretch& stretch, const ptime& start,
+                                                        const ptime& end) {
     constexpr int kMuchLonger = 20;
     const boost::posix_time::time_duration tick = boost::posix_time::microseconds(1);
     const bool isPresent = stretch.said == Said::Present;
     std::vector<CoverageSpan> runs;
-    const TrackLock lock(*_track.getTrack());
     _usual = boost::posix_time::time_duration();
     _longestGap = kLargestRecordGap;
     if (isPresent) {
@@ -221,6 +239,15 @@ std::vector<CoverageSpan> CoverageQuery::findRuns(const Stretch& stretch, const 
         joinRuns(first, last, firstTime, _track.getTimestampAtIndex(last), runs);
     }
     return runs;
+}
+
+/// A producer does not wait for more than the few records that are read at once.
+void CoverageQuery::giveWay() {
+    if (_givesWay && !_isStale) {
+        _lock.unlock();
+        _lock.lock();
+        _isStale = _track.countErasings() != _erasings;
+    }
 }
 
 /// The first and the last record from one time to another that can be read, in the wrong order if there is none. Special
@@ -255,6 +282,10 @@ void CoverageQuery::joinRuns(unsigned int first, unsigned int last, const ptime&
         return;
     }
     ++_reads;
+    giveWay();
+    if (_isStale) {
+        return;
+    }
     const unsigned int middle = findBetween(first, last);
     if (middle == last && lastTime - firstTime <= _longestGap) {
         runs.back().end = lastTime;

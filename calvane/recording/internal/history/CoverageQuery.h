@@ -1,5 +1,7 @@
 #pragma once
 
+#include <cstdint>
+#include <mutex>
 #include <optional>
 #include <utility>
 #include <vector>
@@ -7,6 +9,7 @@
 #include "calvane/recording/Coverage.h"
 #include "calvane/recording/HistoryEvent.h"
 #include "calvane/recording/RecordingTrack.h"
+#include "drenn/multi_track_recorder/Track.h"
 
 namespace quarn::calvane {
 
@@ -15,7 +18,8 @@ namespace quarn::calvane {
 /// usual. Where it says nothing any more, or says absent although there are records, the records themselves tell: those
 /// that are at most kLargestRecordGap apart belong together.
 ///
-/// Threads: one. It takes the locks of the history and of the track, one after the other.
+/// Threads: one. It takes the locks of the history and of the track, one after the other, and gives them back every few
+///          records, so that no producer waits for a long answer. Records that are erased meanwhile make it look again.
 class CoverageQuery {
 public:
     /// What is not in the tracks.
@@ -58,9 +62,11 @@ private:
     void addAbsent(const Stretch& stretch, const Ptime& start, const Ptime& end);
     void addRuns(const std::vector<CoverageSpan>& runs, const Ptime& start, const Ptime& end,
                  CoverageReason before, CoverageReason between, CoverageReason behind);
-    boost::posix_time::time_duration usualInterval(unsigned int first, unsigned int last) const;
+    boost::posix_time::time_duration usualInterval(unsigned int first, unsigned int last);
     std::pair<unsigned int, unsigned int> findRecords(const Ptime& from, const Ptime& to) const;
     std::vector<CoverageSpan> findRuns(const Stretch& stretch, const Ptime& start, const Ptime& end);
+    std::vector<CoverageSpan> findRunsAtOnce(const Stretch& stretch, const Ptime& start, const Ptime& end);
+    void giveWay();
     unsigned int findBetween(unsigned int first, unsigned int last) const;
     void joinRuns(unsigned int first, unsigned int last, const Ptime& firstTime, const Ptime& lastTime,
                   std::vector<CoverageSpan>& runs);
@@ -78,6 +84,11 @@ private:
     boost::posix_time::time_duration _usual;      // Between two records, where that is known.
     boost::posix_time::time_duration _longestGap; // Between two that belong together.
     unsigned int _reads = 0;
+    std::unique_lock<const drenn::multi_track_recorder::Track>
+        _lock;                   // The track's, while runs are looked for.
+    std::uint64_t _erasings = 0; // Of the track, when they began.
+    bool _givesWay = true;
+    bool _isStale = false; // Records were erased since: their indexes are not true any more.
     std::vector<CoverageSpan> _spans;
 };
 

@@ -51,7 +51,7 @@ unsigned int HistoryReader::firstAfter(const ptime& t) const {
 /// Shows events between two times, both included, to `take` until that returns false.
 template <typename Take>
 void HistoryReader::walk(const ptime& start, const ptime& end, bool backward, const Take& take) const {
-    constexpr unsigned int kPage = 256;
+    constexpr unsigned int kPage = 64;
     HistoryPage page;
     page.next = {start, 0};
     do {
