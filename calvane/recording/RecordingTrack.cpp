@@ -218,7 +218,6 @@ void RecordingTrack::notifyRecordingDataPresentChange(const ptime& t, bool prese
 }
 
 void RecordingTrack::onEraseRangeSignal(unsigned int first, unsigned int last) {
-    _seen.clear();
     ++_erasings;
     _hidden = last <= _hidden ? _hidden - (last - first) : std::min(first, _hidden);
     if (_trackType == kHistoryTrack) {

@@ -11,6 +11,8 @@
 #include <optional>
 #include <set>
 #include <string>
+#include <utility>
+#include <vector>
 
 #include "calvane/Export.h"
 #include "calvane/recording/Coverage.h"
@@ -81,6 +83,9 @@ public:
     /// readable: of damaged records between an earlier and a later one it is the first. Not-a-date-time is later than
     /// everything.
     unsigned int getFirstIndexNotBefore(const Ptime& t) const;
+    /// The times of the records next to `t`, in front of it and behind it, or twice that of a record at `t`. Nothing where
+    /// there is none on one side, or where it takes a closer look: one cannot be read or is hidden.
+    std::optional<std::pair<Ptime, Ptime>> findAround(const Ptime& t) const;
     /// The info map that holds at `t`, and the times of the first and the last record that it holds for.
     void getTrackInfoAt(const Ptime& t, std::map<std::string, std::string>& info, Ptime& rangeStart,
                         Ptime& rangeEnd);
@@ -123,20 +128,28 @@ public:
 private:
     /// The record at `low` is earlier than the wanted time, that at `high` is not.
     struct Bracket {
-        const std::int64_t wanted;
+        std::int64_t wanted;
         unsigned int low;
         unsigned int high;
         std::int64_t lowTicks;
         std::int64_t highTicks;
     };
+    /// A record that a search came across.
+    struct Seen {
+        std::int64_t ticks;
+        unsigned int index;
+    };
 
     void requireNothingBehind(const Ptime& t) const;
     unsigned int interpolateFirstIndexNotBefore(const Ptime& t, unsigned int size) const;
     unsigned int halveFirstIndexNotBefore(const Ptime& t, unsigned int size) const;
+    std::optional<Bracket> findReadableNeighbours(const Ptime& t) const;
     unsigned int firstOfItsTime(unsigned int index) const;
-    unsigned int search(Bracket bracket) const;
+    Bracket findNeighbours(std::int64_t wanted, unsigned int size) const;
+    Bracket beginWithSeen(std::int64_t wanted, unsigned int size) const;
+    void narrow(Bracket& bracket) const;
     bool lookAt(Bracket& bracket, double place) const;
-    double interpolateBetweenSeen(const Bracket& bracket) const;
+    std::vector<Seen>::iterator firstSeenNotBefore(std::int64_t ticks) const;
     void noteSeen(unsigned int index, std::int64_t ticks) const;
     bool adoptTrack(drenn::multi_track_recorder::Recording& recording);
     void reportErased(unsigned int first, unsigned int last) const;
@@ -151,9 +164,9 @@ private:
     Ptime _latestTimestamp; // Guarded by _latestMutex, which is held for nothing else.
     boost::shared_ptr<drenn::multi_track_recorder::Track> _track;
     boost::signals2::connection _eraseRangeConnection;
-    // Indexes by time that searches came across. Only where they begin to look, so it does not matter if they are not
-    // true any more. Guarded by the track's lock.
-    mutable std::map<std::int64_t, unsigned int> _seen;
+    // By time. Only where searches begin to look: what they find is checked, since records are erased and lost. Guarded by
+    // the track's lock.
+    mutable std::vector<Seen> _seen;
     mutable std::set<std::string> _passedOver; // What the log has been told. Guarded by the track's lock.
     unsigned int _hidden = 0;                  // So many of the oldest records. Guarded by the track's lock.
     std::uint64_t _erasings = 0;               // Likewise.

@@ -18,7 +18,7 @@ using boost::posix_time::ptime;
 
 namespace {
 
-constexpr unsigned int kMostSeen = 1024;
+constexpr unsigned int kMostSeen = 8192; // 128 KiB.
 constexpr unsigned int kLookedAtOneByOne = 64;
 constexpr std::size_t kMostSaid = 3;
 constexpr unsigned int kFewestForRate = 64;
@@ -177,28 +177,80 @@ unsigned int RecordingTrack::halveFirstIndexNotBefore(const ptime& t, unsigned i
 
 /// Within the lock, and with records.
 unsigned int RecordingTrack::interpolateFirstIndexNotBefore(const ptime& t, unsigned int size) const {
-    Bracket bracket{ticksFromTime(t), 0, size - 1, readHeader(0).ticks, 0};
-    if (bracket.lowTicks >= bracket.wanted) {
-        return 0;
+    const std::int64_t wanted = ticksFromTime(t);
+    const Bracket found = findNeighbours(wanted, size);
+    if (found.low == found.high) { // All are on the same side.
+        return wanted <= found.lowTicks ? 0 : size;
     }
-    bracket.highTicks = readHeader(bracket.high).ticks;
-    return bracket.highTicks < bracket.wanted ? size : search(bracket);
+    return found.high;
+}
+
+/// The two records that the wanted time lies between; twice the first or the last one if all are on the same side. Within
+/// the lock, and with records.
+RecordingTrack::Bracket RecordingTrack::findNeighbours(std::int64_t wanted, unsigned int size) const {
+    Bracket bracket = beginWithSeen(wanted, size);
+    if (bracket.lowTicks >= wanted || bracket.highTicks < wanted) {
+        return bracket;
+    }
+    const Bracket begun = bracket;
+    narrow(bracket);
+    // If they are next to each other and both were read, it does not matter where the search began.
+    const bool isLowTrue = bracket.low != begun.low || readHeader(bracket.low).ticks < wanted;
+    const bool isHighTrue = bracket.high != begun.high || wanted <= readHeader(bracket.high).ticks;
+    if (bracket.low < bracket.high && isLowTrue && isHighTrue) {
+        return bracket;
+    }
+    _seen.clear(); // Records were erased since, or lost with the card.
+    bracket = beginWithSeen(wanted, size);
+    if (bracket.low != bracket.high) {
+        narrow(bracket);
+    }
+    return bracket;
+}
+
+RecordingTrack::Bracket RecordingTrack::beginWithSeen(std::int64_t wanted, unsigned int size) const {
+    const auto next = firstSeenNotBefore(wanted);
+    Bracket bracket{wanted, 0, size - 1, 0, 0};
+    if (next != _seen.begin() && std::prev(next)->index < size) {
+        bracket.low = std::prev(next)->index;
+        bracket.lowTicks = std::prev(next)->ticks;
+    } else {
+        bracket.lowTicks = readHeader(0).ticks;
+        noteSeen(0, bracket.lowTicks);
+        if (wanted <= bracket.lowTicks) {
+            return {wanted, 0, 0, bracket.lowTicks, bracket.lowTicks};
+        }
+    }
+    const auto behind = firstSeenNotBefore(wanted);
+    if (behind != _seen.end() && behind->index < size) {
+        bracket.high = behind->index;
+        bracket.highTicks = behind->ticks;
+    } else {
+        bracket.highTicks = readHeader(size - 1).ticks;
+        noteSeen(size - 1, bracket.highTicks);
+        if (bracket.highTicks < wanted) {
+            return {wanted, size - 1, size - 1, bracket.highTicks, bracket.highTicks};
+        }
+    }
+    return bracket;
 }
 
 /// Within the lock.
 ///
 /// An interpolation search. Every header that is read may be a read from the device, and a binary search reads one for
 /// each bit of the size. But records come at a nearly constant rate where there are any. So the place is interpolated,
-/// first between headers that earlier searches have read, then from the nearer end with the highest rate seen, and moved
-/// by a margin so that it lies beyond the wanted time. Where a gap kept a step from halving what is left, the next margin
-/// is larger, up to a step of the binary search.
-unsigned int RecordingTrack::search(Bracket bracket) const {
-    const double place = interpolateBetweenSeen(bracket);
+/// first between the ends, then from the nearer end with the highest rate seen, and moved by a margin so that it lies
+/// beyond the wanted time. Where a gap kept a step from halving what is left, the next margin is larger, up to a step of
+/// the binary search.
+void RecordingTrack::narrow(Bracket& bracket) const {
+    const double place = bracket.low + distance(bracket.lowTicks, bracket.wanted) *
+                                           (bracket.high - bracket.low) /
+                                           distance(bracket.lowTicks, bracket.highTicks);
     lookAt(bracket, place + kLeastMargin);
     lookAt(bracket, place - kLeastMargin);
     unsigned int margin = kLeastMargin;
     double rate = rateOf(bracket.high - bracket.low, bracket.lowTicks, bracket.highTicks);
-    while (bracket.high - bracket.low > 1) {
+    while (bracket.high > bracket.low + 1) {
         const Bracket before = bracket;
         const unsigned int left = bracket.high - bracket.low;
         const double ahead = bracket.low + distance(bracket.lowTicks, bracket.wanted) * rate;
@@ -215,7 +267,6 @@ unsigned int RecordingTrack::search(Bracket bracket) const {
         margin = isHalved ? std::max(margin / kMarginGrowth, kLeastMargin)
                           : std::min(margin, kMostMargin) * kMarginGrowth;
     }
-    return bracket.high;
 }
 
 /// Narrows the bracket down to the record at a place. False, without a look, when that is not inside.
@@ -236,33 +287,27 @@ bool RecordingTrack::lookAt(Bracket& bracket, double place) const {
     return true;
 }
 
-double RecordingTrack::interpolateBetweenSeen(const Bracket& bracket) const {
-    const auto next = _seen.lower_bound(bracket.wanted);
-    const bool hasNext = next != _seen.end();
-    const bool hasLast = next != _seen.begin();
-    const double lowPlace = hasLast ? std::prev(next)->second : bracket.low;
-    const double highPlace = hasNext ? next->second : bracket.high;
-    const std::int64_t lowTicks = hasLast ? std::prev(next)->first : bracket.lowTicks;
-    const std::int64_t highTicks = hasNext ? next->first : bracket.highTicks;
-    return lowPlace +
-           (highPlace - lowPlace) * distance(lowTicks, bracket.wanted) / distance(lowTicks, highTicks);
+std::vector<RecordingTrack::Seen>::iterator RecordingTrack::firstSeenNotBefore(std::int64_t ticks) const {
+    return std::lower_bound(_seen.begin(), _seen.end(), ticks,
+                            [](const Seen& seen, std::int64_t value) { return seen.ticks < value; });
 }
 
 /// Keeps it unless there is another one near. When there are too many, which lie close since the track was short, it
 /// begins anew.
 void RecordingTrack::noteSeen(unsigned int index, std::int64_t ticks) const {
     const unsigned int apart = _track->size() / (kMostSeen / 2);
-    const auto next = _seen.lower_bound(ticks);
-    const bool isFarFromNext = next == _seen.end() || next->second > std::uint64_t{index} + apart;
-    const bool isFarFromLast =
-        next == _seen.begin() || index > std::uint64_t{std::prev(next)->second} + apart;
+    const auto next = firstSeenNotBefore(ticks);
+    const bool isFarFromNext = next == _seen.end() || next->index > std::uint64_t{index} + apart;
+    const bool isFarFromLast = next == _seen.begin() || index > std::uint64_t{std::prev(next)->index} + apart;
     if (!isFarFromNext || !isFarFromLast) {
         return;
     }
     if (_seen.size() >= kMostSeen) {
         _seen.clear();
+        _seen.push_back({ticks, index});
+        return;
     }
-    _seen.emplace(ticks, index);
+    _seen.insert(next, {ticks, index});
 }
 
 /// Within the lock: the first of the records of the same time.
@@ -299,8 +344,41 @@ unsigned int RecordingTrack::getTrackIndexForcedIntoBounds(const ptime& t) const
     return index;
 }
 
+/// Within the lock: the records that the time lies between, if they can be read and neither is hidden.
+std::optional<RecordingTrack::Bracket> RecordingTrack::findReadableNeighbours(const ptime& t) const {
+    const unsigned int size = _track->size();
+    if (size == 0 || t.is_special()) {
+        return std::nullopt;
+    }
+    try {
+        const Bracket found = findNeighbours(ticksFromTime(t), size);
+        const bool isBetween = found.low != found.high && found.low >= _hidden;
+        return isBetween ? std::make_optional(found) : std::nullopt;
+    } catch (const std::exception&) { // A record cannot be read.
+        return std::nullopt;
+    }
+}
+
+std::optional<std::pair<ptime, ptime>> RecordingTrack::findAround(const ptime& t) const {
+    const TrackLock lock(*_track);
+    const std::optional<Bracket> found = findReadableNeighbours(t);
+    if (!found) {
+        return std::nullopt;
+    }
+    const ptime behind = timeFromTicks(found->highTicks);
+    return std::pair{behind == t ? t : timeFromTicks(found->lowTicks), behind};
+}
+
 unsigned int RecordingTrack::getTrackIndex(const ptime& t) const {
     const TrackLock lock(*_track);
+    if (const std::optional<Bracket> found = findReadableNeighbours(t)) {
+        CALVANE_RECORDING_LOG(DRENN_CORE_LOG_DEBUG, "Looking up index for timestamp %s (out of %u)",
+                              textOf(t).c_str(), _track->size());
+        const unsigned int index =
+            found->highTicks == found->wanted ? found->high : firstOfItsTime(found->low);
+        CALVANE_RECORDING_LOG(DRENN_CORE_LOG_DEBUG, "Returning index %u", index);
+        return index;
+    }
     ptime first;
     ptime last;
     if (!getRecordingTimePeriod(first, last)) {

@@ -174,13 +174,13 @@ TEST_F(DataAccess, AStreamHoldsTheRecordsOfItsSpan) {
     WriteNumbers(21, 22, 10);
     RecordReader damaged = Open(0, 30);
     EXPECT_EQ(ReadAll(damaged), "10..20 damaged 21..22 end, 2 damaged");
-    // A track whose times fall comes to an end.
+    // A track whose times fall comes to an end, with what a search finds behind them.
     for (const int time : {5, 4, 23}) {
         AppendAsIs(time);
     }
     RecordReader falling = Open(10, 30);
     EXPECT_THAT(ReadAll(falling),
-                testing::MatchesRegex("10\\.\\.20 damaged 21\\.\\.22 (erased after 22 )+23\\.\\.23 "
+                testing::MatchesRegex("10\\.\\.20 damaged 21\\.\\.22 (erased after 22 )+(23\\.\\.23 )?"
                                       "end, 2 damaged"));
     TrackOf(VIDEO_TRACK).clearTrack();
     int fd = -1;

@@ -1,6 +1,8 @@
 // Finding records by time, clocks that jump, erasing.
 
+#include <algorithm>
 #include <cstring>
+#include <random>
 
 #include "recording/RecorderFixture.h"
 
@@ -90,6 +92,54 @@ TEST_F(Track, LookUpsFindTheFirstOfEqualTimes) {
     AppendRaw(VIDEO_TRACK, {"short", ""});
     EXPECT_EQ(ThrownText<std::runtime_error>([] { TrackOf(VIDEO_TRACK).getTimestampAtIndex(2); }),
               "Parse error in recorded data");
+}
+
+TEST_F(Track, LookUpsAgreeWithALookAtEveryRecordWhateverIsAppendedAndErased) {
+    std::mt19937 random(7);
+    const auto below = [&](unsigned end) { return static_cast<unsigned>(random() % end); };
+    RecordingTrack& video = TrackOf(VIDEO_TRACK);
+    std::vector<ptime> asked;
+    double time = 1000;
+    for (int round = 0; round < 12; ++round) {
+        for (int i = 0; i < 150; ++i) {
+            time += below(40) == 0 ? 30 : below(8) == 0 ? 0 : 0.02 + 0.001 * below(6);
+            Write(VIDEO_TRACK, {time});
+        }
+        Report(VIDEO_TRACK, time + 0.001 * (round % 2),
+               round % 3 == 0); // At the time of a record, or behind it.
+        asked.push_back(At(time) + boost::posix_time::microseconds(500));
+        ProcessAt(time += 2);
+        const unsigned size = SizeOf(VIDEO_TRACK);
+        if (round % 4 == 2) { // As a clock that was set back does, and goes on from there with other times.
+            time = TimesOf(VIDEO_TRACK)[size - 20];
+            video.getTrack()->eraseRange(size - 20, size);
+        } else if (round % 4 == 3) {
+            video.getTrack()->eraseRange(0, below(200));
+        }
+        std::vector<ptime> times;
+        for (unsigned i = 0; i < SizeOf(VIDEO_TRACK); ++i) {
+            times.push_back(video.getTimestampAtIndex(i));
+        }
+        const auto coverage = Recorder().getCoverage(VIDEO_TRACK, times.front(), times.back());
+        for (int i = 0; i < 100; ++i) {
+            // Half of them at a record, the others between two.
+            const ptime t = times[below(static_cast<unsigned>(times.size()) - 1)] +
+                            boost::posix_time::microseconds(i % 2 * 500);
+            const auto behind = std::lower_bound(times.begin(), times.end(), t);
+            const auto first = *behind == t ? behind : std::lower_bound(times.begin(), behind, *(behind - 1));
+            EXPECT_EQ(video.getFirstIndexNotBefore(t), behind - times.begin());
+            EXPECT_EQ(video.getTrackIndex(t), first - times.begin()) << t;
+            asked.push_back(t);
+        }
+        for (const ptime& t : asked) {
+            for (const auto& span : coverage) {
+                if (span.start < t && t < span.end) {
+                    EXPECT_EQ(Recorder().isRecordedAt(t, VIDEO_TRACK), span.reason == CoverageReason::Data)
+                        << t << " in round " << round;
+                }
+            }
+        }
+    }
 }
 
 TEST_F(Track, AnUnsetClockIsRefusedAndOneThatGoesBackErases) {

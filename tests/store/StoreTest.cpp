@@ -202,14 +202,13 @@ TEST(Store, TheOldestSegmentsOfAClassCanBeErased) {
 TEST(Store, WhoGivesATrackBackLetsThroughWhoWaits) {
     TestStore test;
     const auto track = test.NewTrack();
-    AppendText(*track, "1");
     std::atomic<pid_t> waiting{0};
     track->lock();
     track->lock(); // Given back as often as it is taken.
     track->unlock();
-    std::thread eraser([&] {
+    std::thread writer([&] {
         waiting = static_cast<pid_t>(syscall(SYS_gettid));
-        track->eraseRange(0, 1);
+        AppendText(*track, "1");
     });
     const auto isAsleep = [&] {
         std::string text;
@@ -217,12 +216,12 @@ TEST(Store, WhoGivesATrackBackLetsThroughWhoWaits) {
         return waiting != 0 && text.find(") S ") != std::string::npos;
     };
     EXPECT_TRUE(WaitUntil(isAsleep));
-    EXPECT_EQ(track->size(), 1U);
-    track->unlock();
-    track->lock();
     EXPECT_EQ(track->size(), 0U);
     track->unlock();
-    eraser.join();
+    track->lock();
+    EXPECT_EQ(track->size(), 1U);
+    track->unlock();
+    writer.join();
 }
 
 TEST(Store, ManyReadWhileOneAppends) {

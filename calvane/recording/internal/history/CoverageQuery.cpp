@@ -26,6 +26,9 @@ CoveragePage CoverageQuery::run(const ptime& from, const ptime& to, std::size_t 
     _from = from;
     _to = to;
     const std::vector<Stretch> stretches = divide(max);
+    if (from == to && isBetweenRecords(stretches.back(), from)) {
+        return {{{from, to, CoverageReason::Data}}, to, false};
+    }
     _track.getRecordingTimePeriod(_first, _last);
     for (const Stretch& stretch : stretches) {
         const ptime start = stretch.begin.is_special() ? from : std::max(from, stretch.begin);
@@ -39,6 +42,26 @@ CoveragePage CoverageQuery::run(const ptime& from, const ptime& to, std::size_t 
     _spans.resize(std::min(_spans.size(), max));
     const ptime next = _spans.back().end;
     return {std::move(_spans), next, next < to};
+}
+
+/// Whether the records next to this time, in front of it and behind it, are both of the stretch, and so near that they
+/// belong together whatever is usual. Then there is data, and most questions about one time need no closer look.
+bool CoverageQuery::isBetweenRecords(const Stretch& stretch, const ptime& t) const {
+    const auto around = _track.findAround(t);
+    if (!around || around->second - around->first > kLargestRecordGap) {
+        return false;
+    }
+    // A record at the very time of an absent event is the last one of what ended then.
+    const bool isBegun = stretch.begin.is_special() || stretch.begin < around->first ||
+                         (stretch.begin == around->first && stretch.said == Said::Present);
+    return isBegun && (stretch.end.is_special() || around->second <= stretch.end);
+}
+
+CoverageReason CoverageQuery::whyErased() {
+    if (!_whyErased) {
+        _whyErased = _moment.whyErased();
+    }
+    return *_whyErased;
 }
 
 void CoverageQuery::apply(Stretch& stretch, const HistoryEvent& event) {
@@ -116,7 +139,7 @@ std::optional<HistoryEvent> CoverageQuery::nextEvent(const ptime& t) const {
 void CoverageQuery::addPresent(const Stretch& stretch, const ptime& start, const ptime& end) {
     const bool isOpen = stretch.end.is_special() && _moment.isPresent;
     // Where the event that it began with has been erased for its age, other limits may have taken what was younger.
-    const bool isErased = stretch.isCertain || _moment.erased != CoverageReason::Erased;
+    const bool isErased = stretch.isCertain || whyErased() != CoverageReason::Erased;
     const CoverageReason before = isErased ? CoverageReason::Erased : CoverageReason::Unknown;
     const CoverageReason behind = isOpen ? _moment.afterwards : CoverageReason::Unknown;
     std::vector<CoverageSpan> runs = findRuns(stretch, start, end);
@@ -322,10 +345,10 @@ void CoverageQuery::addErased(const ptime& start, const ptime& end) {
     if (!cutoff.is_special() && end - cutoff <= kLargestRecordGap) {
         append(start, end, CoverageReason::Erased);
     } else if (cutoff.is_special() || cutoff <= start) {
-        append(start, end, _moment.erased);
+        append(start, end, whyErased());
     } else {
         append(start, cutoff, CoverageReason::Erased);
-        append(cutoff, end, _moment.erased);
+        append(cutoff, end, whyErased());
     }
 }
 

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstdint>
+#include <functional>
 #include <mutex>
 #include <optional>
 #include <utility>
@@ -29,7 +30,7 @@ public:
         CoverageReason afterwards = CoverageReason::Unknown; ///< Why there is nothing behind the last record.
         std::vector<HistoryEvent> pending; ///< The track's events that are not in the history yet, by time.
         boost::posix_time::ptime cutoff;   ///< What is older was to be erased; or not-a-date-time.
-        CoverageReason erased = CoverageReason::Erased; ///< Why something is gone that was not too old.
+        std::function<CoverageReason()> whyErased; ///< Why something is gone that was not too old.
     };
 
     CoverageQuery(const RecordingTrack& history, const RecordingTrack& track, const Moment& moment);
@@ -56,6 +57,8 @@ private:
     std::optional<HistoryEvent> lastEvent(const Ptime& t) const;
     std::vector<HistoryEvent> eventsBetween(const Ptime& from, const Ptime& to, std::size_t max) const;
     std::optional<HistoryEvent> nextEvent(const Ptime& t) const;
+    bool isBetweenRecords(const Stretch& stretch, const Ptime& t) const;
+    CoverageReason whyErased();
     static void apply(Stretch& stretch, const HistoryEvent& event);
 
     void addPresent(const Stretch& stretch, const Ptime& start, const Ptime& end);
@@ -89,6 +92,7 @@ private:
     std::uint64_t _erasings = 0; // Of the track, when they began.
     bool _givesWay = true;
     bool _isStale = false; // Records were erased since: their indexes are not true any more.
+    std::optional<CoverageReason> _whyErased; // Once it was asked.
     std::vector<CoverageSpan> _spans;
 };
 

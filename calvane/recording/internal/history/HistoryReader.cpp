@@ -51,15 +51,17 @@ unsigned int HistoryReader::firstAfter(const ptime& t) const {
 /// Shows events between two times, both included, to `take` until that returns false.
 template <typename Take>
 void HistoryReader::walk(const ptime& start, const ptime& end, bool backward, const Take& take) const {
-    constexpr unsigned int kPage = 64;
+    constexpr unsigned int kFirstPage = 4; // Mostly one of the first is the one.
+    constexpr unsigned int kLargestPage = 64;
     HistoryPage page;
     page.next = {start, 0};
-    do {
-        page = readPage(backward ? end : start, backward ? start : end, backward, kPage, page.next);
+    page.more = backward ? end <= start : start <= end;
+    for (unsigned int size = kFirstPage; page.more; size = std::min(2 * size, kLargestPage)) {
+        page = readPage(backward ? end : start, backward ? start : end, backward, size, page.next);
         if (!std::all_of(page.events.begin(), page.events.end(), take)) {
             return;
         }
-    } while (page.more);
+    }
 }
 
 std::optional<HistoryEvent> HistoryReader::findLast(const ptime& t, track_type type) const {

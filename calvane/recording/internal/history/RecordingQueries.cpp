@@ -154,7 +154,7 @@ CoveragePage RecordingQueries::findCoverage(track_type type, const ptime& from, 
     moment.isPresent = unwritten.isPresent;
     moment.pending = std::move(unwritten.events);
     moment.cutoff = _limits.cutoff(moment.now);
-    moment.erased = whyNotTooOldIsErased();
+    moment.whyErased = [this] { return whyNotTooOldIsErased(); };
     return CoverageQuery(_card.history(), track, moment).run(from, to, std::max(max, 1U));
 }
 
