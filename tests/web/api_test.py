@@ -32,7 +32,7 @@ class FactsTest(WebTest):
         self.assertEqual(list(attributes), ["video"])
         self.assertEqual(self.web.get("/api/tracks").json()["video"]["attributes"]["height"], 180)
         wait_until(lambda: self.web.get("/api/status").json()["state"] == "recording", "the state recording")
-        spans = self.web.get("/api/coverage", **{"from": first, "to": last, "track": "video"}).json()
+        spans = self.web.get("/api/coverage", **{"from": first, "to": last}).json()["tracks"]["video"]
         wanted = self.device.ask_json("coverage", "--from", first, "--to", last, "--track", "video")["video"]
         self.assertEqual([(each["from"], each["to"], each["text"]) for each in spans["spans"]],
                          [(each["first"], each["last"], each["reason"]) for each in wanted])
@@ -55,7 +55,7 @@ class FactsTest(WebTest):
                 "/api/state?at": ("at", "value"), "/api/state?when=now": ("when",), "/api/state?at=%zz": ("%",),
                 "/api/state?at=%00": ("control",), "/api/state?at=%c3%28": ("UTF-8",), "/api/summary?x=1": ("x",),
                 "/api/coverage?buckets=0": ("buckets", "4000"), "/api/coverage?buckets=1e9": ("buckets",),
-                "/api/coverage?track=smell": ("smell",), "/api/coverage?from=now&to=-1h": ("to",),
+                "/api/coverage?tracks=video,smell": ("smell",), "/api/coverage?from=now&to=-1h": ("to",),
                 "/api/history?after=1.x": ("after",), "/api/history?limit=-1": ("limit",),
                 "/api/media?from=now&tracks=": ("tracks",), "/api/media?tracks=video,,audio": ("track",),
                 "/api/thumbnail?width=9999999": ("width", "1920"), "/api/export?from=-1s&container=avi": ("avi",),

@@ -5,6 +5,7 @@
 #include "Answers.h"
 #include "api/CoverageSummary.h"
 #include "api/Replies.h"
+#include "api/Tracks.h"
 #include "record_source/RecordSource.h"
 
 namespace calvane_web {
@@ -20,6 +21,17 @@ unsigned int TrackOf(const std::string& name) {
     return static_cast<unsigned int>(ParseTrack(name));
 }
 
+/// {"spans": [...], "isSummary": ...}
+nlohmann::json CoverageOf(ClientPool::Client& client, unsigned int track, const Span& span,
+                          std::int64_t buckets) {
+    CoverageSummary summary(span, buckets);
+    client.ForEachInterval(track, span, [&summary](const Interval& interval) {
+        summary.Add(interval);
+        return true;
+    });
+    return summary.Finish();
+}
+
 /// Without a begin: from that of what is recorded.
 Span TakeSpan(ClientPool& clients, Query& query) {
     const Time now = Now();
@@ -29,9 +41,7 @@ Span TakeSpan(ClientPool& clients, Query& query) {
         span.first = summary.IsEmpty() ? span.last : summary.first;
         span.last = std::max(span.last, span.first); // The clock may have gone back.
     }
-    if (span.last < span.first) {
-        throw std::invalid_argument("to: it is before from");
-    }
+    RequireOrder(span);
     return span;
 }
 
@@ -86,23 +96,19 @@ Reply AnswerStatus(ClientPool& clients, Query& query) {
 }
 
 Reply AnswerCoverage(ClientPool& clients, Query& query) {
-    const std::string name = query.TakeOr("track", "video");
-    const unsigned int track = TrackOf(name);
+    const std::set<TrackKind> tracks = TakeTracks(query, "video");
     const std::int64_t buckets = query.TakeNumber("buckets", 1, kMostBuckets, kMostBuckets);
     const Span span = TakeSpan(clients, query);
     query.RequireAllTaken();
-    nlohmann::json answer = clients.Get([&](ClientPool::Client& client) {
-        CoverageSummary summary(span, buckets);
-        client.ForEachInterval(track, span, [&summary](const Interval& interval) {
-            summary.Add(interval);
-            return true;
-        });
-        return summary.Finish();
+    nlohmann::json answers = clients.Get([&](ClientPool::Client& client) {
+        nlohmann::json all;
+        for (const TrackKind track : tracks) {
+            all[NameOf(track)] = CoverageOf(client, static_cast<unsigned int>(track), span, buckets);
+        }
+        return all;
     });
-    answer["track"] = name;
-    answer["from"] = ToJson(span.first);
-    answer["to"] = ToJson(span.last);
-    return JsonReply(answer);
+    return JsonReply(
+        {{"from", ToJson(span.first)}, {"to", ToJson(span.last)}, {"tracks", std::move(answers)}});
 }
 
 Reply AnswerHistory(ClientPool& clients, Query& query) {

@@ -131,4 +131,10 @@ void Query::RequireAllTaken() const {
     }
 }
 
+void RequireOrder(const calvane_recording::Span& span) {
+    if (span.last < span.first) {
+        throw std::invalid_argument("to: it is before from");
+    }
+}
+
 } // namespace calvane_web

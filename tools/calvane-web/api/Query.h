@@ -35,4 +35,7 @@ private:
     std::map<std::string, std::string> values_;
 };
 
+/// Throws std::invalid_argument when the parameter "to" is before "from".
+void RequireOrder(const calvane_recording::Span& span);
+
 } // namespace calvane_web

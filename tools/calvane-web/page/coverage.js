@@ -3,7 +3,7 @@ import { getJson } from "./api.js";
 import { parseTime } from "./time.js";
 
 const BUCKETS = 2000;
-const MAX_TILES = 150; // Of a track.
+const MAX_TILES = 150;
 const MAX_REQUESTS = 3;
 const SMALLEST = 1024; // Milliseconds.
 
@@ -44,17 +44,19 @@ export function spanAt(flat, time) {
 }
 
 /**
- * Dispatches "change" when there is more to draw. `now` gives the device's time: nothing is asked of later times.
+ * Dispatches "change" when there is more to draw, and "loaded" when nothing more is on its way. `now` gives the device's time:
+ * nothing is asked of later times.
  */
 export class Coverage extends EventTarget {
-  #tracks = new Map(); // Of name: Map of "level:index" to a tile.
+  #tracks;
+  #tiles = new Map(); // Of "level:index"; `flats` of a tile are by track.
   #wanted = [];
   #running = 0;
   #now;
 
   constructor(tracks, now) {
     super();
-    tracks.forEach((track) => this.#tracks.set(track, new Map()));
+    this.#tracks = tracks;
     this.#now = now;
   }
 
@@ -65,13 +67,11 @@ export class Coverage extends EventTarget {
     const now = this.#now();
     this.#wanted = [];
     for (let index = Math.floor(view.from / length); index * length < Math.min(view.to, now); ++index) {
-      for (const [track, tiles] of this.#tracks) {
-        const tile = tiles.get(`${level}:${index}`);
-        if (!tile || (tile.isStale && !tile.isBusy)) {
-          this.#wanted.push({ track, level, index });
-        } else {
-          tile.used = performance.now();
-        }
+      const tile = this.#tiles.get(`${level}:${index}`);
+      if (!tile || (tile.isStale && !tile.isBusy)) {
+        this.#wanted.push({ level, index });
+      } else {
+        tile.used = performance.now();
       }
     }
     this.#fetchNext();
@@ -81,27 +81,31 @@ export class Coverage extends EventTarget {
   pieces(track, view) {
     const level = levelOf(view.to - view.from);
     const found = [];
-    this.#collect(this.#tracks.get(track), level, view.from, view.to, found);
+    this.#collect(track, level, view.from, view.to, found);
     return found;
   }
 
-  #collect(tiles, level, from, to, found) {
+  #flatOf(track, level, index) {
+    return this.#tiles.get(`${level}:${index}`)?.flats?.get(track);
+  }
+
+  #collect(track, level, from, to, found) {
     const length = lengthOf(level);
     for (let index = Math.floor(from / length); index * length < to; ++index) {
       const begin = Math.max(from, index * length);
       const end = Math.min(to, (index + 1) * length);
-      const flat = this.#tileOrCoarser(tiles, level, index, begin, end);
+      const flat = this.#flatOrCoarser(track, level, index);
       if (flat) {
         found.push({ from: begin, to: end, flat });
       } else if (level > 0) {
-        this.#collectFiner(tiles, level, begin, end, found);
+        this.#collectFiner(track, level, begin, end, found);
       }
     }
   }
 
-  #tileOrCoarser(tiles, level, index) {
+  #flatOrCoarser(track, level, index) {
     for (let up = 0; up < 30; ++up) {
-      const flat = tiles.get(`${level + up}:${Math.floor(index / 2 ** up)}`)?.flat;
+      const flat = this.#flatOf(track, level + up, Math.floor(index / 2 ** up));
       if (flat) {
         return flat;
       }
@@ -109,12 +113,12 @@ export class Coverage extends EventTarget {
     return null;
   }
 
-  #collectFiner(tiles, level, from, to, found) {
+  #collectFiner(track, level, from, to, found) {
     for (const finer of [level - 1, level - 2, level - 3].filter((each) => each >= 0)) {
       const length = lengthOf(finer);
       let isAny = false;
       for (let index = Math.floor(from / length); index * length < to; ++index) {
-        const flat = tiles.get(`${finer}:${index}`)?.flat;
+        const flat = this.#flatOf(track, finer, index);
         if (flat) {
           found.push({ from: Math.max(from, index * length), to: Math.min(to, (index + 1) * length), flat });
           isAny = true;
@@ -141,11 +145,15 @@ export class Coverage extends EventTarget {
 
   /** What is known between two times may have changed: it is fetched again when it is wanted. */
   invalidate(from, to) {
-    for (const tiles of this.#tracks.values()) {
-      for (const tile of tiles.values()) {
-        tile.isStale ||= tile.from < to && tile.to > from;
-      }
+    for (const tile of this.#tiles.values()) {
+      tile.isStale ||= tile.from < to && tile.to > from;
     }
+  }
+
+  /** The spans of a time that need not be in view, by track. */
+  async ask(tracks, from, to, options) {
+    const answer = await getJson("/api/coverage", { tracks: tracks.join(","), from, to, buckets: BUCKETS }, options);
+    return new Map(Object.entries(answer.tracks).map(([track, { spans }]) => [track, flatten(spans)]));
   }
 
   #fetchNext() {
@@ -154,22 +162,20 @@ export class Coverage extends EventTarget {
     }
   }
 
-  async #fetch({ track, level, index }) {
-    const tiles = this.#tracks.get(track);
+  async #fetch({ level, index }) {
     const key = `${level}:${index}`;
-    const tile = tiles.get(key) ?? { from: index * lengthOf(level), to: (index + 1) * lengthOf(level), flat: null };
+    const tile = this.#tiles.get(key) ?? { from: index * lengthOf(level), to: (index + 1) * lengthOf(level), flats: null };
     if (tile.isBusy) {
       return;
     }
     tile.isBusy = true;
     tile.isStale = false;
     tile.used = performance.now();
-    tiles.set(key, tile);
+    this.#tiles.set(key, tile);
     ++this.#running;
     try {
       const to = Math.min(tile.to, Math.max(this.#now(), tile.from + 1));
-      const answer = await getJson("/api/coverage", { track, from: tile.from, to, buckets: BUCKETS });
-      tile.flat = flatten(answer.spans);
+      tile.flats = await this.ask(this.#tracks, tile.from, to);
     } catch (error) {
       tile.isStale = true; // What was known before is still the best there is.
       this.dispatchEvent(new CustomEvent("problem", { detail: error }));
@@ -177,15 +183,18 @@ export class Coverage extends EventTarget {
       tile.isBusy = false;
       --this.#running;
     }
-    this.#forgetOld(tiles);
+    this.#forgetOld();
     this.dispatchEvent(new Event("change"));
     this.#fetchNext();
+    if (this.#running === 0) {
+      this.dispatchEvent(new Event("loaded"));
+    }
   }
 
-  #forgetOld(tiles) {
-    if (tiles.size > MAX_TILES) {
-      const [oldest] = [...tiles].filter(([, tile]) => !tile.isBusy).sort((a, b) => a[1].used - b[1].used);
-      tiles.delete(oldest?.[0]);
+  #forgetOld() {
+    if (this.#tiles.size > MAX_TILES) {
+      const [oldest] = [...this.#tiles].filter(([, tile]) => !tile.isBusy).sort((a, b) => a[1].used - b[1].used);
+      this.#tiles.delete(oldest?.[0]);
     }
   }
 }

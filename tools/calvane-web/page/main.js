@@ -26,6 +26,7 @@ const scene = emptyScene();
 const live = new Live();
 const coverage = new Coverage(TRACKS.map(({ name }) => name), () => live.now());
 const navigator = new Navigator(scene, live);
+coverage.want(navigator.placedView); // On its way while the rest begins.
 const timeline = new Timeline(byId("timeline"), TRACKS, coverage, scene);
 const thumbnails = new Thumbnails();
 const knownAt = (track, time) => coverage.at(track, time, scene.view);
@@ -35,6 +36,7 @@ const exportPanel = new ExportPanel(scene, navigator);
 const events = new Events(scene, (time) => stage.seek(time), () => timeline.draw());
 let status = null;
 let isSelecting = false;
+let areListsOld = false;
 
 const gestures = new Gestures(byId("timeline"), {
   currentView: () => scene.view,
@@ -74,9 +76,8 @@ async function goToGap(direction) {
   const here = gapsOf(coverage.pieces("video", scene.view));
   let found = nearest(here, at, direction);
   if (!found && span.to > span.from) {
-    const answer = await getJson("/api/coverage", { track: "video", ...span, buckets: 2000 });
-    found = nearest(answer.spans.filter((each) => !each.present || each.mixed)
-      .map((each) => ({ from: parseTime(each.from), to: parseTime(each.to), reason: each.reason })), at, direction);
+    const flats = await coverage.ask(["video"], span.from, span.to);
+    found = nearest(gapsOf([{ ...span, flat: flats.get("video") }]), at, direction);
   }
   if (found) {
     stage.seek(found.from);
@@ -193,7 +194,9 @@ navigator.addEventListener("settled", () => {
   showLists();
   events.load();
 });
-coverage.addEventListener("change", showLists);
+coverage.addEventListener("change", () => {
+  areListsOld = true; // Several answers come at once.
+});
 
 function animate() {
   const before = scene.now;
@@ -203,6 +206,10 @@ function animate() {
     timeline.draw();
   } else {
     scene.now = before;
+  }
+  if (areListsOld) {
+    areListsOld = false;
+    setTimeout(showLists); // After the timeline is shown.
   }
   requestAnimationFrame(animate);
 }
@@ -281,9 +288,7 @@ async function loadTracks() {
   stage.frameRate = tracks.video?.attributes?.frameRate;
 }
 
-async function loadAll() {
-  coverage.invalidate(-Infinity, Infinity);
-  thumbnails.forgetMissing();
+async function loadFacts() {
   try {
     await Promise.all([loadSummary(), loadTracks(), getJson("/api/status").then(onStatus)]);
     show(byId("banner"), "");
@@ -291,6 +296,13 @@ async function loadAll() {
     setLink("bad", error.status === 503 ? "Recorder gone" : "No connection");
     show(byId("banner"), `${error.message}.`);
   }
+}
+
+/** Whatever is shown may be wrong by now. */
+async function loadAll() {
+  coverage.invalidate(-Infinity, Infinity);
+  thumbnails.forgetMissing();
+  await loadFacts();
   coverage.want(scene.view);
   events.load();
   stage.player.reload();
@@ -310,12 +322,23 @@ setInterval(() => {
   }
 }, REFRESH);
 
+/** Resolves when the next frame is on its way to the screen. */
+function frameShown() {
+  return new Promise((resolve) => requestAnimationFrame(() => setTimeout(resolve)));
+}
+
 async function start() {
   const place = navigator.restore();
   showZone();
+  if (Number.isFinite(place.cursor)) {
+    navigator.setCursor(place.cursor);
+  }
+  const isCovered = new Promise((resolve) => coverage.addEventListener("loaded", resolve, { once: true }));
   coverage.want(scene.view);
   animate();
-  await loadAll();
+  await Promise.all([loadFacts(), isCovered]);
+  await frameShown(); // Video takes a while to begin: the timeline goes first.
+  events.load();
   live.start();
   if (Number.isFinite(place.cursor)) {
     stage.player.seek(place.cursor);

@@ -107,21 +107,30 @@ export class Navigator extends EventTarget {
     }
   }
 
+  #viewOf({ view, live }) {
+    return view ?? (live ? viewAround(this.#live.now(), live, LIVE_SHARE) : this.view);
+  }
+
+  /** The view that restore() leads to. */
+  get placedView() {
+    return this.#viewOf(readPlace(location.hash));
+  }
+
   /** As the address says. Gives what it says of the cursor; `live` is NaN unless the view goes with the live edge. */
   restore() {
     this.#isRestoring = true;
     const place = readPlace(location.hash);
+    if (place.view) {
+      this.follows = false;
+    }
+    if (place.view || place.live) {
+      this.setView(this.#viewOf(place), false);
+    }
     if (place.zone) {
       this.setZone(place.zone);
     }
     if (place.selection) {
       this.setSelection(place.selection.from, place.selection.to);
-    }
-    if (place.view) {
-      this.follows = false;
-      this.setView(place.view, false);
-    } else if (place.live) {
-      this.setView(viewAround(this.#live.now(), place.live, LIVE_SHARE), false);
     }
     this.#isRestoring = false;
     return place;

@@ -204,8 +204,8 @@ export class Player extends EventTarget {
   /** When there is video at or after a time; NaN if there is none. */
   async #findNext(from, signal) {
     const to = Math.max(this.#newest(), from + 1);
-    const { spans } = await getJson("/api/coverage", { track: "video", from, to, buckets: 2000 }, { signal });
-    const span = spans.find((each) => each.present || each.share > 0);
+    const { tracks } = await getJson("/api/coverage", { tracks: "video", from, to, buckets: 2000 }, { signal });
+    const span = tracks.video.spans.find((each) => each.present || each.share > 0);
     return span ? Math.max(from, parseTime(span.from)) : NaN;
   }
 
