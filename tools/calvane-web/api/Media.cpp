@@ -11,6 +11,7 @@
 #include "RecordReader.h"
 #include "api/CodecText.h"
 #include "api/Replies.h"
+#include "api/Tracks.h"
 #include "media_export/Export.h"
 #include "media_export/JpegMaker.h"
 #include "record_source/ServiceSource.h"
@@ -54,17 +55,6 @@ private:
     std::vector<std::uint8_t> ahead_;
     IBodySink* sink_ = nullptr;
 };
-
-std::set<TrackKind> TakeTracks(Query& query) {
-    std::set<TrackKind> tracks;
-    const std::string names = query.TakeOr("tracks", "video,audio") + ",";
-    for (std::size_t begin = 0; begin != names.size();) {
-        const std::size_t end = names.find(',', begin);
-        tracks.insert(ParseTrack(names.substr(begin, end - begin)));
-        begin = end + 1;
-    }
-    return tracks;
-}
 
 /// When there is data next, behind `from`.
 std::optional<Time> FindNext(ClientPool::Client& client, Time from) {
@@ -137,8 +127,25 @@ std::string FileName(Time time, Container container) {
     return name + "_" + moment + "." + NameOf(container);
 }
 
+std::string TypeOf(Container container) {
+    switch (container) {
+        case Container::Mp4:
+            return "video/mp4";
+        case Container::Matroska:
+            return "video/x-matroska";
+        case Container::MpegTs:
+            return "video/mp2t";
+    }
+    return "application/octet-stream";
+}
+
 std::string ToText(const Time time) {
     return TimeText(time, Zone::Utc);
+}
+
+/// The answer where there is nothing, and when there is something next.
+Reply NothingReply(const std::string& reason, const std::optional<Time>& next) {
+    return JsonReply({{"error", reason}, {"next", next ? ToJson(*next) : nlohmann::json(nullptr)}}, 404);
 }
 
 } // namespace
@@ -147,7 +154,8 @@ std::string ToText(const Time time) {
 class Media::Job {
 public:
     explicit Job(Media& media)
-        : client_(media.clients_.Borrow()), source_(*client_, [&media] { return media.isStopped_.load(); }) {}
+        : client_(media.clients_.Borrow()),
+          source_(*client_, [&media] { return media.isStopped_.load(); }) {}
 
     void Begin(const ExportOptions& options) { file_.emplace(source_, output_, options); }
     const calvane_export::PartExport& File() const { return *file_; }
@@ -179,12 +187,17 @@ private:
 
 Media::Media() : clients_(kMostJobs) {}
 
-Reply Media::NothingReply(const std::string& reason, const std::optional<Time>& next) {
-    return JsonReply({{"error", reason}, {"next", next ? ToJson(*next) : nlohmann::json(nullptr)}}, 404);
-}
-
-std::optional<Time> Media::NextOf(Time from) {
-    return clients_.Get([from](ClientPool::Client& client) { return FindNext(client, from); });
+Reply Media::Stream(const std::shared_ptr<Job>& job, const ExportOptions& options, bool mustBeWhole) {
+    try {
+        job->Begin(options);
+    } catch (const calvane_export::NothingThere& problem) {
+        return NothingReply(problem.what(), FindNext(job->Client(), options.span.first));
+    }
+    Reply reply;
+    reply.type = TypeOf(options.container);
+    reply.headers = {{"Cache-Control", "no-store"}};
+    reply.write = [job, mustBeWhole](IBodySink& sink) { job->WriteTo(sink, mustBeWhole); };
+    return reply;
 }
 
 Reply Media::AnswerMedia(Query& query) {
@@ -192,35 +205,26 @@ Reply Media::AnswerMedia(Query& query) {
     ExportOptions options;
     options.span.first = query.TakeTime("from", "now", now);
     options.span.last = query.Has("to") ? query.TakeTime("to", "", now) : options.span.first + kDefaultLength;
-    options.tracks = TakeTracks(query);
+    options.tracks = TakeTracks(query, "video,audio");
     query.RequireAllTaken();
-    if (options.span.last < options.span.first) {
-        throw std::invalid_argument("to: it is before from");
-    }
+    RequireOrder(options.span);
     options.fragmented = true;
     options.longestGap = kLongestGap;
     options.fragmentTime = kFragmentTime;
-    auto job = std::make_shared<Job>(*this);
+    const auto job = std::make_shared<Job>(*this);
     if (const auto next = FindEndOfGap(job->Client(), options.tracks, options.span.first)) {
         if (*next > options.span.last) {
             return NothingReply("There is nothing recorded at " + ToText(options.span.first), *next);
         }
         options.span.first = *next; // What was recorded last before the gap is not what was asked for.
     }
-    try {
-        job->Begin(options);
-    } catch (const calvane_export::NothingThere& problem) {
-        job.reset();
-        return NothingReply(problem.what(), NextOf(options.span.first));
+    Reply reply = Stream(job, options, false);
+    if (reply.write) {
+        reply.headers.emplace("X-Calvane-Begin", ToText(job->File().Begin()));
+        if (const std::string mime = MimeText(job->File().Codecs()); !mime.empty()) {
+            reply.headers.emplace("X-Calvane-Mime", mime);
+        }
     }
-    Reply reply;
-    reply.type = "video/mp4";
-    reply.headers = {{"Cache-Control", "no-store"}, {"X-Calvane-Begin", ToText(job->File().Begin())}};
-    const std::string mime = MimeText(job->File().Codecs());
-    if (!mime.empty()) {
-        reply.headers.emplace("X-Calvane-Mime", mime);
-    }
-    reply.write = [job](IBodySink& sink) { job->WriteTo(sink, false); };
     return reply;
 }
 
@@ -232,28 +236,18 @@ Reply Media::AnswerExport(Query& query) {
     options.container = calvane_export::ParseContainer(query.TakeOr("container", "mp4"));
     const std::string gaps = query.TakeOr("gaps", "keep");
     query.RequireAllTaken();
+    RequireOrder(options.span);
     if (gaps != "keep" && gaps != "skip") {
         throw std::invalid_argument("gaps: neither keep nor skip: \"" + gaps + "\"");
     }
-    if (options.span.last < options.span.first) {
-        throw std::invalid_argument("to: it is before from");
-    }
     options.skipGaps = gaps == "skip";
-    auto job = std::make_shared<Job>(*this);
-    try {
-        job->Begin(options);
-    } catch (const calvane_export::NothingThere& problem) {
-        job.reset();
-        return NothingReply(problem.what(), NextOf(options.span.first));
+    const auto job = std::make_shared<Job>(*this);
+    Reply reply = Stream(job, options, true);
+    if (reply.write) {
+        reply.headers.emplace(
+            "Content-Disposition",
+            "attachment; filename=\"" + FileName(job->File().Begin(), options.container) + "\"");
     }
-    Reply reply;
-    reply.type = options.container == Container::Mp4        ? "video/mp4"
-                 : options.container == Container::Matroska ? "video/x-matroska"
-                                                            : "video/mp2t";
-    reply.headers = {{"Cache-Control", "no-store"},
-                     {"Content-Disposition",
-                      "attachment; filename=\"" + FileName(job->File().Begin(), options.container) + "\""}};
-    reply.write = [job](IBodySink& sink) { job->WriteTo(sink, true); };
     return reply;
 }
 

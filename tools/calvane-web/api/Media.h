@@ -1,12 +1,17 @@
 #pragma once
 
 #include <atomic>
+#include <cstdint>
+#include <memory>
 #include <mutex>
-#include <optional>
 
 #include "api/ClientPool.h"
 #include "api/Query.h"
 #include "http/Exchange.h"
+
+namespace calvane_export {
+struct ExportOptions;
+}
 
 namespace calvane_web {
 
@@ -36,8 +41,9 @@ public:
 
 private:
     class Job;
-    static Reply NothingReply(const std::string& reason, const std::optional<calvane_recording::Time>& next);
-    std::optional<calvane_recording::Time> NextOf(calvane_recording::Time from);
+    /// A file that is written as long as it is read; 404 when there is nothing for it.
+    static Reply Stream(const std::shared_ptr<Job>& job, const calvane_export::ExportOptions& options,
+                        bool mustBeWhole);
 
     ClientPool clients_;
     std::atomic<bool> isStopped_{false};
