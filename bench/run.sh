@@ -4,7 +4,7 @@
 #        run.sh store [--quick] [--rounds N]    the recording store; as root, since it makes a loop device
 #        run.sh recorder [--quick] [--rounds N] the recorder's library and service; as root, to empty the page cache
 #        run.sh media [--quick] [--rounds N]    recording and exporting media; as root, to empty the page cache
-#        run.sh web [--quick]                   the page's server
+#        run.sh web [--quick]                   the page's server, and the page in a browser
 #        run.sh middleware [ARGS]               services, settings, logging; ARGS go to Google Benchmark
 #        run.sh smoke                           each of them once, as little as possible: whether they still run; as root
 # CALVANE_BENCH_BUILD: the folder of the build, build/bench when not set
@@ -37,7 +37,14 @@ if [[ ${1-} == web && ! -x $build/bin/calvane-web ]]; then
     echo "bench: there is no $build/bin/calvane-web: configuring says what is missing" >&2
     exit 2
 fi
-if [[ ${1-} == recorder || ${1-} == media || ${1-} == web ]]; then
+if [[ ${1-} == web ]]; then
+    shift
+    dbus-run-session -- python3 -B bench/web.py --build "$build" "$@"
+    # Debian's python3 has selenium, another one may not.
+    python=/usr/bin/python3
+    exec "$([[ -x $python ]] && echo $python || echo python3)" -B bench/web_page.py --build "$build" "$@"
+fi
+if [[ ${1-} == recorder || ${1-} == media ]]; then
     script=$1
     shift
     exec dbus-run-session -- python3 -B "bench/$script.py" --build "$build" "$@"

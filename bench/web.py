@@ -1,8 +1,8 @@
 #!/usr/bin/env python3
 """Measures the page's server: what viewers cost, how soon the first byte comes, how much memory it takes.
 
-To be run on a bus of its own (run.sh web). "Theirs" are the limits that were set; the pictures in a browser are not measured
-here."""
+To be run on a bus of its own (run.sh web). "Theirs" are the limits that were set; web_page.py measures the page in a
+browser."""
 import argparse
 import http.client
 import os

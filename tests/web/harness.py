@@ -55,12 +55,12 @@ class Answer:
 
 
 class Device:
-    """The programs and their folder."""
+    """The programs and their folder, in which there is an empty card if none is given."""
 
-    def __init__(self):
+    def __init__(self, card=None):
         self.folder = tempfile.mkdtemp(prefix="calvane-web-")
-        self.card = self.path("card")
-        os.mkdir(self.card)
+        self.card = card or self.path("card")
+        os.makedirs(self.card, exist_ok=True)
         self.write("camera.ini", CAMERA)
         self.address = "unix:path=" + self.path("bus")
         self.environment = {**os.environ, "DRENN_BUS": self.address, "DRENN_SETTINGS": self.path("settings.db")}
