@@ -10,6 +10,7 @@ import sys
 import tempfile
 import time
 import unittest
+from urllib.parse import parse_qs
 
 try:
     from selenium import webdriver
@@ -192,6 +193,57 @@ class PageTest(WebTest):
         time.sleep(0.5)
         self.assertEqual(self.browser.current_url, address)
 
+    def touch(self, kind, *places):
+        points = [{"x": x, "y": y, "id": number} for number, (x, y) in enumerate(places)]
+        self.browser.execute_cdp_cmd("Input.dispatchTouchEvent", {"type": kind, "touchPoints": points})
+
+    def view(self):
+        return [time_of(parse_qs(self.browser.current_url.split("#")[1])[name][0]) for name in ("from", "to")]
+
+    def test_two_fingers_zoom_and_what_is_below_them_stays_there(self):
+        self.open_at(self.gap[0] - 4, 60)
+        begin, end = self.view()
+        box = self.find("timeline").rect
+        at = lambda share: (box["x"] + share * box["width"], box["y"] + 60)
+        self.touch("touchStart", at(0.4), at(0.6))
+        for share in (0.35, 0.3, 0.2):
+            self.touch("touchMove", at(share), at(1 - share))
+        self.touch("touchEnd")
+        self.wait(lambda: self.text("view-text") == "20 s in view", "a third of the view")
+        self.wait(lambda: self.view()[0] > begin + 1, "the address of the view")
+        self.assertAlmostEqual(self.view()[0], begin + 20, delta=0.5)
+        self.assertAlmostEqual(self.view()[1], end - 20, delta=0.5)
+
+    def hover(self, moment):
+        begin, end = self.view()
+        canvas = self.find("timeline")
+        offset = ((moment - begin) / (end - begin) - 0.5) * canvas.rect["width"]
+        ActionChains(self.browser).move_to_element_with_offset(canvas, round(offset), 55 - canvas.rect["height"] // 2).perform()
+
+    def test_what_is_below_the_pointer_is_shown_or_why_there_is_nothing(self):
+        self.open_at(self.gap[0] - 4)
+        moment = self.gap[0] - 2
+        self.hover(moment)
+        picture = self.find("hover-picture")
+        self.wait(lambda: picture.is_displayed() and picture.get_property("naturalWidth") == 240, "a picture of that time")
+        asked = self.browser.execute_script(
+            "return performance.getEntriesByType('resource').map((each) => each.name).filter((each) => each.includes('thumbnail')).at(-1)")
+        self.assertAlmostEqual(time_of(parse_qs(asked.split("?")[1])["at"][0]), moment, delta=0.6)
+        self.shoot("hover")
+        self.hover(sum(self.gap) / 2)
+        self.wait(lambda: "Interrupted" in self.text("hover-text") and not picture.is_displayed(), "the reason of the gap")
+
+    def test_before_the_first_record_there_is_no_gap(self):
+        first = time_of(self.device.ask_json("tracks")["video"]["first"])
+        self.open(f"#from={iso(first - 30)}&to={iso(first + 4)}&zone=utc")
+        self.wait(lambda: "34 s in view" == self.text("view-text") and self.text("gap-list"), "the lists")
+        self.hover(first - 20)
+        self.wait(lambda: "Nothing yet" in self.text("hover-text"), "words about the time before")
+        for place in ("gap-list", "legend"):
+            self.assertNotIn("Unknown", self.text(place))
+            self.assertNotIn("Nothing yet", self.text(place))
+        self.shoot("before")
+
     def test_the_live_edge_moves_however_many_pages_are_open(self):
         for _ in range(6):  # As many connections as a browser has to one server.
             self.open()
@@ -211,14 +263,16 @@ class PageTest(WebTest):
         self.keys("i")
         self.browser.execute_script(f"location.hash = '#t={iso(end)}&sel={iso(begin)}~{iso(end)}&zone=utc'")
         self.wait(lambda: self.find("export-to").get_attribute("value") != "", "the fields")
-        self.find("export-start").click()
-        self.wait(lambda: self.text("export-result").startswith("Saved"), "the export's end")
-        self.wait(lambda: glob.glob(self.downloads + "/*.mp4"), "the file")
-        self.shoot("export")
-        ours = self.device.path("ours.mp4")
-        self.device.ask("export", "--from", iso(begin), "--to", iso(end), ours)
-        theirs = glob.glob(self.downloads + "/*.mp4")[0]
-        self.assertEqual(self.packets(theirs), self.packets(ours))
+        for container in ("mp4", "mkv"):
+            self.find("container").find_element(By.CSS_SELECTOR, f"[value={container}]").click()
+            self.find("export-start").click()
+            self.wait(lambda: glob.glob(f"{self.downloads}/*.{container}"), "the file")  # noqa: B023
+            self.wait(lambda: self.text("export-result").startswith("Saved"), "the export's end")
+            self.shoot("export")
+            ours = self.device.path("ours." + container)
+            self.device.ask("export", "--from", iso(begin), "--to", iso(end), ours)
+            theirs, = glob.glob(f"{self.downloads}/*.{container}")
+            self.assertEqual(self.packets(theirs), self.packets(ours))
 
     def packets(self, path):
         probe = subprocess.run(["ffprobe", "-v", "warning", "-show_entries", "packet=stream_index,size,flags,data_hash",

@@ -1,5 +1,6 @@
 // What is recorded and why not, cached in tiles: stretches of time of a power of two, in so many buckets each.
 import { getJson } from "./api.js";
+import { NOT_BEGUN, UNKNOWN, reasonOf } from "./reasons.js";
 import { parseTime } from "./time.js";
 
 const BUCKETS = 2000;
@@ -22,10 +23,19 @@ export function flatten(spans) {
   spans.forEach((span, i) => {
     flat.from[i] = parseTime(span.from);
     flat.to[i] = parseTime(span.to);
-    flat.reason[i] = span.reason;
+    flat.reason[i] = reasonOf(span.reason);
     flat.share[i] = span.mixed ? span.share : span.present ? 1 : 0;
   });
   return flat;
+}
+
+/** Nothing can be known of the time before the first record, at `begin`: that is no reason for its absence. */
+function labelBegin(flat, begin) {
+  for (let i = 0; i < flat.count && flat.from[i] < begin; ++i) {
+    if (flat.reason[i] === UNKNOWN) {
+      flat.reason[i] = NOT_BEGUN;
+    }
+  }
 }
 
 /** The index of the last span that begins at or before a time; -1 if none does. */
@@ -50,6 +60,7 @@ export function spanAt(flat, time) {
 export class Coverage extends EventTarget {
   #tracks;
   #tiles = new Map(); // Of "level:index"; `flats` of a tile are by track.
+  #begins = {}; // Of tracks: when their first record is; Infinity if there is none.
   #wanted = [];
   #running = 0;
   #now;
@@ -58,6 +69,20 @@ export class Coverage extends EventTarget {
     super();
     this.#tracks = tracks;
     this.#now = now;
+  }
+
+  /** `begins`: the time of the first record of each track, Infinity for a track that has none. */
+  setBegins(begins) {
+    this.#begins = begins;
+    for (const { flats } of this.#tiles.values()) {
+      flats?.forEach((flat, track) => labelBegin(flat, begins[track]));
+    }
+    this.dispatchEvent(new Event("change"));
+  }
+
+  /** Whether a track was never recorded, as far as is known. */
+  hasNone(track) {
+    return this.#begins[track] === Infinity;
   }
 
   /** Fetches what is missing for a view; calls for an earlier view that still wait are given up. */
@@ -153,7 +178,11 @@ export class Coverage extends EventTarget {
   /** The spans of a time that need not be in view, by track. */
   async ask(tracks, from, to, options) {
     const answer = await getJson("/api/coverage", { tracks: tracks.join(","), from, to, buckets: BUCKETS }, options);
-    return new Map(Object.entries(answer.tracks).map(([track, { spans }]) => [track, flatten(spans)]));
+    return new Map(Object.entries(answer.tracks).map(([track, { spans }]) => {
+      const flat = flatten(spans);
+      labelBegin(flat, this.#begins[track]);
+      return [track, flat];
+    }));
   }
 
   #fetchNext() {

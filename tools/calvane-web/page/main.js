@@ -252,6 +252,9 @@ function onRecorded({ detail: times }) {
   } else {
     loadSummary();
   }
+  if (Object.keys(times).some((track) => coverage.hasNone(track))) {
+    loadTracks().catch(() => {}); // It is asked for again with the next record.
+  }
   timeline.draw();
 }
 
@@ -286,6 +289,7 @@ async function loadSummary() {
 async function loadTracks() {
   const tracks = await getJson("/api/tracks");
   stage.frameRate = tracks.video?.attributes?.frameRate;
+  coverage.setBegins(Object.fromEntries(TRACKS.map(({ name }) => [name, tracks[name] ? parseTime(tracks[name].first) : Infinity])));
 }
 
 async function loadFacts() {

@@ -1,7 +1,7 @@
 // The lists below the timeline: gaps, events, the recorder's state.
 import { getJson } from "./api.js";
 import { byId, make, show, swatch } from "./dom.js";
-import { RECORDED, reasonName, reasonText, reasonVariable } from "./reasons.js";
+import { NOT_BEGUN, RECORDED, reasonName, reasonText, reasonVariable } from "./reasons.js";
 import { bytesText, clockText, dateText, durationText, parseTime, timeText } from "./time.js";
 
 const MOST_GAPS = 60;
@@ -12,7 +12,7 @@ export function gapsOf(pieces) {
   const gaps = [];
   for (const { from, to, flat } of pieces) {
     for (let i = 0; i < flat.count && flat.from[i] < to; ++i) {
-      if (flat.share[i] === 1 || flat.to[i] <= from) {
+      if (flat.share[i] === 1 || flat.to[i] <= from || flat.reason[i] === NOT_BEGUN) {
         continue;
       }
       const gap = { from: Math.max(from, flat.from[i]), to: Math.min(to, flat.to[i]), reason: flat.reason[i], share: flat.share[i] };

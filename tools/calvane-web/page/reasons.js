@@ -11,21 +11,28 @@ const REASONS = [
   { name: "Interrupted", text: "the recorder ended without notice, or the power failed" },
   { name: "Erased by space limit", text: "given up for newer data within the limit of space" },
   { name: "Erased, card full", text: "given up for newer data on the full card" },
+  { name: "Nothing yet", text: "nothing had been recorded by then" },
 ];
 export const REASON_COUNT = REASONS.length;
 export const RECORDED = 0;
-/** Not of the services: nothing was recorded yet at this time. */
-export const FUTURE = REASONS.length;
+export const UNKNOWN = 6;
+/** Not of the services: what they know nothing of since it is before the first record. It is no gap. */
+export const NOT_BEGUN = REASONS.length - 1;
+
+/** The reason that the services give, or that it is unknown here. */
+export function reasonOf(number) {
+  return number < NOT_BEGUN ? number : UNKNOWN;
+}
 
 export function reasonName(reason) {
-  return (REASONS[reason] ?? REASONS[6]).name;
+  return REASONS[reason].name;
 }
 
 export function reasonText(reason) {
-  const { name, text } = REASONS[reason] ?? REASONS[6];
+  const { name, text } = REASONS[reason];
   return text ? `${name}: ${text}` : name;
 }
 
 export function reasonVariable(reason) {
-  return `--reason-${reason in REASONS ? reason : 6}`;
+  return `--reason-${reason}`;
 }
