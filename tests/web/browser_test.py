@@ -38,6 +38,7 @@ def open_browser(downloads):
     for word in ("--headless=new", "--no-sandbox", "--disable-gpu", "--disable-dev-shm-usage", "--window-size=1360,1000"):
         options.add_argument(word)
     options.add_experimental_option("prefs", {"download.default_directory": downloads})
+    options.accept_insecure_certs = True
     options.set_capability("goog:loggingPrefs", {"browser": "ALL"})
     return webdriver.Chrome(options=options, service=Service(DRIVER))
 
@@ -382,8 +383,38 @@ class TroubleTest(PageTest):
         self.assertTrue(self.find("export-start").is_enabled())
 
 
+class LoginTest(PageTest):
+    """The page by TLS and with a password."""
+
+    def log_in(self, password):
+        self.wait(lambda: self.find("password").is_displayed(), "to be asked for the password")
+        self.find("password").clear()
+        self.find("password").send_keys(password, Keys.ENTER)
+
+    def test_asks_for_the_password_and_again_when_the_session_has_ended(self):
+        words = (*self.device.password_words("open sesame"), *self.device.tls_words())
+        web = self.device.start_web(*words)
+        self.assertTrue(web.url.startswith("https:"))
+        self.browser.get(web.url)
+        self.log_in("open barley")
+        self.wait(lambda: "wrong" in self.text("login-problem"), "the password to be refused")
+        self.shoot("login")
+        self.log_in("open sesame")
+        self.wait(lambda: self.text("link") == "Recording" and self.is_shown(), "the page")
+        self.browser.refresh()
+        self.wait(lambda: self.text("link") == "Recording" and self.is_shown(), "the page without another question")
+        self.assertTrue(self.find("logout").is_displayed())
+        web.stop()
+        self.device.start_web(*words, listen=web.host)  # It knows nothing of the session.
+        self.log_in("open sesame")
+        self.wait(lambda: self.text("link") == "Recording" and not self.text("banner"), "the page again")
+        self.find("logout").click()
+        self.wait(lambda: self.find("password").is_displayed(), "the end of the session")
+
+
 for name in [name for name in vars(PageTest) if name.startswith("test_")]:
     setattr(TroubleTest, name, None)  # Once is enough.
+    setattr(LoginTest, name, None)
 
 
 if __name__ == "__main__":

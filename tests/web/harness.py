@@ -111,12 +111,25 @@ class Device:
         summary = json.loads(self.ask("tracks", "--json", check=False) or "{}").get("video")
         return summary["duration"] if summary else 0
 
-    def start_web(self, *words):
+    def start_web(self, *words, listen="127.0.0.1:0"):
         with open(self.path("web.log"), "ab") as log:
-            server = Server(self._start("calvane-web", "--listen", "127.0.0.1:0", "--page", PAGE, *words,
+            server = Server(self._start("calvane-web", "--listen", listen, "--page", PAGE, *words,
                                         stdout=subprocess.PIPE, stderr=log))
         self.servers.append(server)
         return server
+
+    def password_words(self, password):
+        made = subprocess.run([os.path.join(BINARIES, "calvane-web"), "--hash-password"], input=password.encode() + b"\n",
+                              check=True, stdout=subprocess.PIPE).stdout.decode()
+        return "--password-file", self.write("password", made)
+
+    def tls_words(self):
+        """A new certificate for 127.0.0.1."""
+        certificate, key = self.path("cert.pem"), self.path("key.pem")
+        subprocess.run(["openssl", "req", "-x509", "-newkey", "ec", "-pkeyopt", "ec_paramgen_curve:P-256", "-nodes", "-keyout",
+                        key, "-out", certificate, "-subj", "/CN=camera", "-addext", "subjectAltName=IP:127.0.0.1"],
+                       check=True, stderr=subprocess.DEVNULL)
+        return "--tls-cert", certificate, "--tls-key", key
 
     def close(self):
         problems = [problem for server in self.servers if (problem := server.stop())]
@@ -134,6 +147,7 @@ class Server:
         self.process = process
         self.url = process.stdout.readline().decode().split(" ")[1]
         self.host = urlsplit(self.url).netloc
+        self.address = urlsplit(self.url).hostname, urlsplit(self.url).port
 
     def connect(self, timeout=30):
         return http.client.HTTPConnection(self.host, timeout=timeout * SLOWNESS)

@@ -1,4 +1,5 @@
 // What the device tells of itself while the page is open.
+import { request } from "./api.js";
 import { parseTime } from "./time.js";
 
 const RETRY = 2000;
@@ -47,7 +48,7 @@ export class Live extends EventTarget {
     source.onerror = () => {
       this.#setState("down");
       this.#close();
-      this.#retry = setTimeout(() => this.#open(), RETRY);
+      this.#retry = setTimeout(() => this.#reopen(), RETRY);
     };
     const on = (name, handle) => source.addEventListener(name, (event) => handle(JSON.parse(event.data || "{}")));
     on("recorded", (data) => this.#onRecorded(data));
@@ -55,6 +56,14 @@ export class Live extends EventTarget {
     on("status", (data) => this.#emit("status", data));
     on("gone", () => this.#setState("gone"));
     on("back", () => this.#setState("up"));
+  }
+
+  /** An event source does not tell why it ended. A request does, and asks for the password where that is the reason. */
+  async #reopen() {
+    await request("/api/summary").catch(() => {});
+    if (!document.hidden) {
+      this.#open();
+    }
   }
 
   /** The device's time, as far as it is known here: what it recorded last goes on with the clock. */

@@ -2,6 +2,18 @@
 import { logIn } from "./api.js";
 import { byId } from "./dom.js";
 
+const KEY = "calvane-login"; // Scripts do not see the cookie of the session.
+
+/** Shows the button where there may be a session to end; `onLogout` is called by it. */
+export function offerLogout(onLogout) {
+  const button = byId("logout");
+  button.hidden = localStorage.getItem(KEY) === null;
+  button.addEventListener("click", () => {
+    localStorage.removeItem(KEY);
+    onLogout();
+  });
+}
+
 /** Resolves when the server has taken the password. */
 export function askPassword() {
   const dialog = byId("login-dialog");
@@ -22,6 +34,7 @@ export function askPassword() {
       form.removeEventListener("submit", onSubmit);
       dialog.removeEventListener("cancel", onCancel);
       byId("password").value = "";
+      localStorage.setItem(KEY, "");
       byId("logout").hidden = false;
       dialog.close();
       resolve();

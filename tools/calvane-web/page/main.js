@@ -7,7 +7,7 @@ import { Gestures } from "./gestures.js";
 import { Hover } from "./hover.js";
 import { bindKeys } from "./keys.js";
 import { Live } from "./live.js";
-import { askPassword } from "./login.js";
+import { askPassword, offerLogout } from "./login.js";
 import { Navigator } from "./navigator.js";
 import { Events, gapsOf, showErased, showGaps, showRecorder } from "./panels.js";
 import { reasonText } from "./reasons.js";
@@ -22,6 +22,7 @@ const REFRESH = 4 * SECOND; // How often the coverage at the live edge is asked 
 const LIVE_TAIL = 20 * SECOND; // What is drawn as recorded there on the word of the events alone.
 
 onLoginNeeded(askPassword);
+offerLogout(() => request("/api/logout", {}, { method: "POST" }).finally(() => location.reload()));
 const scene = emptyScene();
 const live = new Live();
 const coverage = new Coverage(TRACKS.map(({ name }) => name), () => live.now());
@@ -108,7 +109,6 @@ const clicks = {
   "zoom-in": () => zoom(0.5), "zoom-out": () => zoom(2), "select": () => setSelecting(!isSelecting),
   "next-gap": () => goToGap(1), "previous-gap": () => goToGap(-1), "zone": toggleZone,
   "help": () => byId("help-dialog").showModal(),
-  "logout": () => request("/api/logout", {}, { method: "POST" }).then(() => location.reload()),
 };
 Object.entries(clicks).forEach(([id, action]) => byId(id).addEventListener("click", action));
 document.querySelectorAll("[data-span]").forEach((button) =>
