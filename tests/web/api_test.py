@@ -1,7 +1,9 @@
 """The answers of calvane-web: facts as the command line has them, media as they were recorded, and errors."""
+import contextlib
 import json
 import os
 import re
+import socket
 import subprocess
 import time
 import unittest
@@ -246,6 +248,29 @@ class MediaTest(WebTest):
         self.assertIn("immutable", answer.headers["Cache-Control"])
         self.assertEqual(self.web.get("/api/thumbnail", at="+20s").headers["Cache-Control"], "no-store")
         self.assert_error(self.web.get("/api/thumbnail", at="2001-01-01"), 404, "2001-01-01")
+        self.assert_error(self.web.get("/api/thumbnail", at="+2min"), 404, "nor in the minute before")
+
+    def test_slow_readers_are_sent_away_and_others_get_their_turn(self):
+        slow = [socket.socket() for _ in range(5)]  # All that are served at once.
+        for connection in slow:
+            connection.setsockopt(socket.SOL_SOCKET, socket.SO_RCVBUF, 4096)
+            connection.connect(self.web.address)
+            request = f"GET /api/export?from={self.before['first']} HTTP/1.1\r\nHost: {self.web.host}\r\n\r\n"
+            connection.sendall(request.encode() * 20)  # More than the buffers on the way hold.
+            self.addCleanup(connection.close)
+        for connection in slow:
+            self.assertEqual(connection.recv(15), b"HTTP/1.1 200 OK")
+        time.sleep(1)
+        begin = time.monotonic()
+        self.media(self.parts[0]["first"])
+        self.assertGreater(time.monotonic() - begin, 1)  # Otherwise none of them was in its way.
+        wait_until(lambda: b"\ncalvane_web_connections 1\n" in self.web.get("/metrics").body, "the slow ones to be sent away")
+        for connection in slow:
+            rest = b""
+            with contextlib.suppress(ConnectionError):
+                while piece := connection.recv(65536):
+                    rest = (rest + piece)[-5:]
+            self.assertNotEqual(rest, b"0\r\n\r\n", "it was not cut off")
 
     def test_clients_that_leave_free_what_they_held(self):
         for _ in range(40):  # More than there are streams of records.

@@ -48,6 +48,7 @@ private:
     void AddMedia();
     void AddLogin();
 
+    const bool isBehindProxy_;
     const PageFiles page_;
     std::optional<TlsContext> tls_;
     std::optional<Login> login_;
@@ -85,7 +86,8 @@ Site::Options WebServer::SiteOptions(const WebOptions& options, const Address& l
 }
 
 WebServer::WebServer(const WebOptions& options)
-    : page_(options.page.empty() ? DefaultPageFolder() : options.page),
+    : isBehindProxy_(options.behindProxy),
+      page_(options.page.empty() ? DefaultPageFolder() : options.page),
       tls_(options.certificateFile.empty()
                ? std::nullopt
                : std::make_optional<TlsContext>(options.certificateFile, options.keyFile)),
@@ -124,8 +126,11 @@ void WebServer::AddFacts() {
 }
 
 void WebServer::AddMedia() {
-    const auto add = [this](const char* path, Reply (Media::*answer)(Query&)) {
-        site_.Add(path, [this, answer](const Request&, Query& query) { return (media_.*answer)(query); });
+    const auto add = [this](const char* path, Reply (Media::*answer)(const Media::Client&, Query&)) {
+        site_.Add(path, [this, answer](const Request& request, Query& query) {
+            const bool isOne = !isBehindProxy_ && !Address{request.peer, 0}.IsLoopback();
+            return (media_.*answer)(isOne ? request.peer : "", query);
+        });
     };
     add("/api/media", &Media::AnswerMedia);
     add("/api/export", &Media::AnswerExport);

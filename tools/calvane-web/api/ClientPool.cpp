@@ -16,12 +16,21 @@ constexpr auto kSoon = std::chrono::seconds(1);
 
 } // namespace
 
-ClientPool::Lease::Lease(ClientPool& pool) : pool_(&pool) {
+bool ClientPool::IsFree(const std::string& borrower) const {
+    const auto own = usedBy_.find(borrower);
+    return used_ < most_ && (own == usedBy_.end() || own->second < mostOfOne_);
+}
+
+ClientPool::Lease::Lease(ClientPool& pool, std::string borrower)
+    : pool_(&pool), borrower_(std::move(borrower)) {
     std::unique_lock<std::mutex> lock(pool.mutex_);
-    if (!pool.returned_.wait_for(lock, kLongestWait, [&pool] { return pool.used_ < pool.most_; })) {
+    if (!pool.returned_.wait_for(lock, kLongestWait, [&] { return pool.IsFree(borrower_); })) {
         throw Busy("The recorder is busy with other questions");
     }
     ++pool.used_;
+    if (!borrower_.empty()) {
+        ++pool.usedBy_[borrower_];
+    }
     if (!pool.spare_.empty()) {
         client_ = std::move(pool.spare_.back());
         pool.spare_.pop_back();
@@ -34,10 +43,13 @@ ClientPool::Lease::~Lease() {
     }
     const std::lock_guard<std::mutex> lock(pool_->mutex_);
     --pool_->used_;
+    if (const auto own = pool_->usedBy_.find(borrower_); own != pool_->usedBy_.end() && --own->second == 0) {
+        pool_->usedBy_.erase(own);
+    }
     if (client_) {
         pool_->spare_.push_back(std::move(client_));
     }
-    pool_->returned_.notify_one();
+    pool_->returned_.notify_all(); // Not each of those that wait may have it.
 }
 
 ClientPool::Client& ClientPool::Lease::operator*() {
@@ -52,8 +64,8 @@ void ClientPool::Ask(const std::function<void(Client&)>& question) {
     Ask(lease, question);
 }
 
-ClientPool::Lease ClientPool::Borrow() {
-    Lease lease(*this);
+ClientPool::Lease ClientPool::Borrow(const std::string& borrower) {
+    Lease lease(*this, borrower);
     Ask(lease, [](Client& client) { client.GetSummary(); });
     return lease;
 }

@@ -4,9 +4,11 @@
 #include <condition_variable>
 #include <cstdint>
 #include <functional>
+#include <map>
 #include <memory>
 #include <mutex>
 #include <stdexcept>
+#include <string>
 #include <utility>
 #include <vector>
 
@@ -30,7 +32,9 @@ class ClientPool {
 public:
     using Client = calvane_recording::RecordingClient;
 
-    explicit ClientPool(std::size_t most) : most_(most) {}
+    /// At most `most` at once, and for Borrow at most `mostOfOne` of them by the same borrower.
+    explicit ClientPool(std::size_t most, std::size_t mostOfOne = SIZE_MAX)
+        : most_(most), mostOfOne_(mostOfOne) {}
 
     /// May ask twice, if the bus went away in between.
     void Ask(const std::function<void(Client&)>& question);
@@ -43,31 +47,36 @@ public:
     }
 
     class Lease;
-    /// A client for several questions. It was there a moment ago.
-    Lease Borrow();
+    /// A client for several questions. It was there a moment ago. An empty borrower is not counted.
+    Lease Borrow(const std::string& borrower = {});
 
     std::uint64_t Failures() const { return failures_; }
 
 private:
     void Ask(Lease& lease, const std::function<void(Client&)>& question);
 
+    bool IsFree(const std::string& borrower) const;
+
     const std::size_t most_;
+    const std::size_t mostOfOne_;
     std::atomic<std::uint64_t> failures_{0};
 
     std::mutex mutex_;
     std::condition_variable returned_;
     std::vector<std::unique_ptr<Client>> spare_;
     std::size_t used_ = 0;
+    std::map<std::string, std::size_t> usedBy_;
 };
 
 /// A client of the pool, until it is destroyed.
 class ClientPool::Lease {
 public:
-    explicit Lease(ClientPool& pool);
+    explicit Lease(ClientPool& pool, std::string borrower = {});
     ~Lease();
-    Lease(Lease&& other) noexcept : pool_(other.pool_), client_(std::move(other.client_)) {
-        other.pool_ = nullptr;
-    }
+    Lease(Lease&& other) noexcept
+        : pool_(std::exchange(other.pool_, nullptr)),
+          borrower_(std::move(other.borrower_)),
+          client_(std::move(other.client_)) {}
     Lease& operator=(Lease&&) = delete;
 
     Client& operator*();
@@ -78,6 +87,7 @@ public:
 
 private:
     ClientPool* pool_;
+    std::string borrower_;
     std::unique_ptr<Client> client_;
 };
 

@@ -25,6 +25,7 @@ using calvane_export::ExportOptions;
 
 /// Each reads three tracks at most, of the 16 that the recorder gives out: one is left for others.
 constexpr std::size_t kMostJobs = 5;
+constexpr std::size_t kMostJobsOfOne = 3; ///< What a page plays, a picture and an export.
 constexpr Time kDefaultLength = 30 * kSecond;
 constexpr Time kLongestGap = kSecond;
 constexpr Time kFragmentTime = kSecond / 2;
@@ -153,8 +154,8 @@ Reply NothingReply(const std::string& reason, const std::optional<Time>& next) {
 /// An answer that is being written, with what it reads from.
 class Media::Job {
 public:
-    explicit Job(Media& media)
-        : client_(media.clients_.Borrow()),
+    Job(Media& media, const Media::Client& client)
+        : client_(media.clients_.Borrow(client)),
           source_(*client_, [&media] { return media.isStopped_.load(); }) {}
 
     void Begin(const ExportOptions& options) { file_.emplace(source_, output_, options); }
@@ -185,7 +186,7 @@ private:
     std::optional<calvane_export::PartExport> file_;
 };
 
-Media::Media() : clients_(kMostJobs) {}
+Media::Media() : clients_(kMostJobs, kMostJobsOfOne) {}
 
 Reply Media::Stream(const std::shared_ptr<Job>& job, const ExportOptions& options, bool mustBeWhole) {
     try {
@@ -200,7 +201,7 @@ Reply Media::Stream(const std::shared_ptr<Job>& job, const ExportOptions& option
     return reply;
 }
 
-Reply Media::AnswerMedia(Query& query) {
+Reply Media::AnswerMedia(const Client& client, Query& query) {
     const Time now = Now();
     ExportOptions options;
     options.span.first = query.TakeTime("from", "now", now);
@@ -211,7 +212,7 @@ Reply Media::AnswerMedia(Query& query) {
     options.fragmented = true;
     options.longestGap = kLongestGap;
     options.fragmentTime = kFragmentTime;
-    const auto job = std::make_shared<Job>(*this);
+    const auto job = std::make_shared<Job>(*this, client);
     if (const auto next = FindEndOfGap(job->Client(), options.tracks, options.span.first)) {
         if (*next > options.span.last) {
             return NothingReply("There is nothing recorded at " + ToText(options.span.first), *next);
@@ -228,7 +229,7 @@ Reply Media::AnswerMedia(Query& query) {
     return reply;
 }
 
-Reply Media::AnswerExport(Query& query) {
+Reply Media::AnswerExport(const Client& client, Query& query) {
     const Time now = Now();
     ExportOptions options;
     options.span.first = query.TakeTime("from", "", now);
@@ -241,7 +242,7 @@ Reply Media::AnswerExport(Query& query) {
         throw std::invalid_argument("gaps: neither keep nor skip: \"" + gaps + "\"");
     }
     options.skipGaps = gaps == "skip";
-    const auto job = std::make_shared<Job>(*this);
+    const auto job = std::make_shared<Job>(*this, client);
     Reply reply = Stream(job, options, true);
     if (reply.write) {
         reply.headers.emplace(
@@ -251,11 +252,11 @@ Reply Media::AnswerExport(Query& query) {
     return reply;
 }
 
-Reply Media::AnswerThumbnail(Query& query) {
+Reply Media::AnswerThumbnail(const Client& client, Query& query) {
     const Time at = query.TakeTime("at", "now", Now());
     const auto width = static_cast<int>(query.TakeNumber("width", 16, 1920, 160));
     query.RequireAllTaken();
-    Job job(*this);
+    Job job(*this, client);
     ServiceSource& source = job.Source();
     auto key = source.FindKeyFrame(TrackKind::Video, at);
     while (key && key->presentationTime > at) {

@@ -28,12 +28,15 @@ class Media {
 public:
     Media();
 
+    /// Who asks; empty for somebody who may be many. No client has all of the answers that are possible at once.
+    using Client = std::string;
+
     /// For a player: fragmented MP4 from a key frame on, without a gap.
-    Reply AnswerMedia(Query& query);
+    Reply AnswerMedia(const Client& client, Query& query);
     /// A file to keep, with all tracks.
-    Reply AnswerExport(Query& query);
+    Reply AnswerExport(const Client& client, Query& query);
     /// A key frame as JPEG.
-    Reply AnswerThumbnail(Query& query);
+    Reply AnswerThumbnail(const Client& client, Query& query);
     /// Ends the answers under way.
     void Stop() { isStopped_ = true; }
 

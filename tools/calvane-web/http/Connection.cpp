@@ -80,13 +80,17 @@ std::size_t Connection::Receive(char* bytes, std::size_t length) {
     return static_cast<std::size_t>(count);
 }
 
-void Connection::Write(const char* bytes, std::size_t length, Clock::time_point deadline) {
+void Connection::Write(const char* bytes, std::size_t length) {
+    // What is sent in small pieces is not slow for that.
+    const auto end = Clock::now() + kLongestStall + std::chrono::seconds(length / kSlowestReader);
+    auto deadline = std::min(end, Clock::now() + kLongestStall);
     while (length != 0) {
         const ssize_t count = tls_ ? SSL_write(tls_.get(), bytes, ClampLength(length))
                                    : send(descriptor_, bytes, length, MSG_NOSIGNAL);
         if (count > 0) {
             bytes += count;
             length -= static_cast<std::size_t>(count);
+            deadline = std::min(end, Clock::now() + kLongestStall);
             continue;
         }
         pollfd wait{descriptor_, Blocker(count, POLLOUT), 0};

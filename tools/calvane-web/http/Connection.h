@@ -22,6 +22,9 @@ class Connection {
 public:
     using Clock = std::chrono::steady_clock;
 
+    static constexpr std::chrono::seconds kLongestStall{8};
+    static constexpr std::size_t kSlowestReader = std::size_t{16} * 1024; ///< Bytes in a second.
+
     /// Takes the descriptor of a non-blocking socket over. `tls` may be null, and outlives it.
     Connection(int descriptor, const TlsContext* tls);
     ~Connection();
@@ -30,7 +33,8 @@ public:
 
     /// What has come, without waiting; 0 for nothing yet. Throws also when the client has closed its side.
     std::size_t Receive(char* bytes, std::size_t length);
-    void Write(const char* bytes, std::size_t length, Clock::time_point deadline);
+    /// Throws for a client that takes nothing for kLongestStall, or less than kSlowestReader in the mean.
+    void Write(const char* bytes, std::size_t length);
     /// Whether the client has not closed its side and there was no error.
     bool IsOpen() const;
     /// Says farewell, and takes what the client still sends for a moment, since otherwise it may lose the answer.

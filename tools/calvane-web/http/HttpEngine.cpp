@@ -16,8 +16,6 @@ namespace {
 
 using quarn::core::Logger;
 
-/// For a piece of an answer, which is a few hundred kilobytes at most.
-constexpr auto kWriteTime = std::chrono::seconds(30);
 constexpr time_t kKeepAliveSeconds = 60;
 constexpr std::size_t kKeepAliveRequests = 10000;
 
@@ -76,7 +74,7 @@ ssize_t RequestStream::read(char* bytes, std::size_t size) {
 
 ssize_t RequestStream::write(const char* bytes, std::size_t size) {
     try {
-        connection_.Write(bytes, size, Connection::Clock::now() + kWriteTime);
+        connection_.Write(bytes, size);
         return static_cast<ssize_t>(size);
     } catch (const Disconnected&) {
         return -1;
@@ -109,7 +107,7 @@ void Refuse(Connection& connection, int status, const std::string& reason) {
         " Refused\r\nContent-Type: application/json\r\nConnection: close\r\nContent-Length: " +
         std::to_string(body.size()) + "\r\n\r\n" + body;
     try {
-        connection.Write(answer.data(), answer.size(), Connection::Clock::now() + kWriteTime);
+        connection.Write(answer.data(), answer.size());
     } catch (const Disconnected&) {
         // It is closed in any case.
     }
@@ -252,6 +250,8 @@ bool HttpEngine::Serve(Connection& connection, std::string& received) {
         Refuse(connection, 431, problem.what());
     } catch (const std::invalid_argument& problem) {
         Refuse(connection, 400, problem.what());
+    } catch (const std::exception& problem) {
+        Log().Error("A connection was closed: %s", ForLog(problem.what()).c_str());
     }
     return false;
 }
