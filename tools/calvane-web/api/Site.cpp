@@ -4,6 +4,7 @@
 #include <utility>
 
 #include "api/Replies.h"
+#include "http/Connection.h"
 #include "http/HttpEngine.h"
 
 namespace calvane_web {
@@ -23,6 +24,31 @@ Reply MethodReply(const std::string& allowed) {
     reply.headers.emplace("Allow", allowed);
     return reply;
 }
+
+/// A page of another site cannot log somebody in or out. Browsers say so where TLS or this machine is asked.
+bool IsFromOtherSite(const Request& request) {
+    const std::string site = request.Header("sec-fetch-site");
+    return !site.empty() && site != "same-origin";
+}
+
+/// Passes a body on for as long as its reader may ask.
+class SessionSink : public IBodySink {
+public:
+    SessionSink(IBodySink& sink, const std::function<bool()>& isAllowed)
+        : sink_(sink), isAllowed_(isAllowed) {}
+    using IBodySink::Write;
+    void Write(const void* bytes, std::size_t length) override {
+        if (!isAllowed_()) {
+            throw Disconnected("The session has ended");
+        }
+        sink_.Write(bytes, length);
+    }
+    bool IsConnected() override { return sink_.IsConnected() && isAllowed_(); }
+
+private:
+    IBodySink& sink_;
+    const std::function<bool()>& isAllowed_;
+};
 
 } // namespace
 
@@ -71,6 +97,9 @@ Reply Site::Find(const Request& request) const {
         if (request.method != "POST") {
             return MethodReply("POST");
         }
+        if (IsFromOtherSite(request)) {
+            return ErrorReply(403, "This path is not for pages of other sites");
+        }
         Query query(request.query);
         return post->second(request, query);
     }
@@ -88,7 +117,16 @@ Reply Site::Find(const Request& request) const {
         return ErrorReply(401, "Log in first");
     }
     Query query(request.query);
-    return answer->second(request, query);
+    Reply reply = answer->second(request, query);
+    if (options_.isAllowed && reply.write) {
+        reply.write = [write = std::move(reply.write), isAllowed = std::function<bool()>([this, request] {
+                                                           return options_.isAllowed(request);
+                                                       })](IBodySink& sink) {
+            SessionSink guarded(sink, isAllowed);
+            write(guarded);
+        };
+    }
+    return reply;
 }
 
 } // namespace calvane_web

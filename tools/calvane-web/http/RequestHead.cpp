@@ -10,9 +10,9 @@
 namespace calvane_web {
 namespace {
 
-constexpr std::array<std::string_view, 10> kUsed{
-    "accept-encoding", "connection", "content-length", "content-type",     "cookie", "host",
-    "if-none-match",   "origin",     "sec-fetch-site", "transfer-encoding"};
+constexpr std::array<std::string_view, 9> kUsed{"accept-encoding", "connection",     "content-length",
+                                                "content-type",    "cookie",         "host",
+                                                "if-none-match",   "sec-fetch-site", "transfer-encoding"};
 
 std::string Lower(std::string_view text) {
     std::string lower(text);
