@@ -239,7 +239,8 @@ void HttpServer::Work() {
         }
         lock.lock();
         if (stays) {
-            connection->deadline = Connection::Clock::now() + kIdleTime;
+            const bool hasBegun = !connection->received.empty(); // The next request.
+            connection->deadline = Connection::Clock::now() + (hasBegun ? kRequestTime : kIdleTime);
             idle_.splice(idle_.end(), served_, connection);
             Wake();
             // TLS may have decoded more than the last request, which poll does not show.

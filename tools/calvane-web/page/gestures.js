@@ -47,8 +47,8 @@ export class Gestures {
   }
 
   #onDown(event) {
-    if (event.button !== 0) {
-      return;
+    if (event.button !== 0 || this.#pointers.size === 2) {
+      return; // A third finger does nothing.
     }
     this.#canvas.setPointerCapture(event.pointerId);
     const place = this.#place(event);
