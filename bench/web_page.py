@@ -22,6 +22,8 @@ ROOT = pathlib.Path(__file__).resolve().parent.parent
 DEVICE = "[device]\nmodel.name = Bench\nserial.number = 1\n"
 RECORDS_OF_SECOND = 50  # Of the audio track of calvane_recorder_fill, which has the most.
 DAY = 86400
+# What the browser itself takes here.
+FIRST_FRAME = "const done = arguments[0]; requestAnimationFrame(() => done(performance.now()));"
 # From the navigation to the frame in which all lanes show something that is recorded.
 FIRST_TIMELINE = """
 const done = arguments[arguments.length - 1];
@@ -127,6 +129,14 @@ class Page:
         self._browser.execute_cdp_cmd("Network.setCacheDisabled", {"cacheDisabled": False})
         return times
 
+    def first_frames(self, rounds):
+        """Of an answer of two letters."""
+        times = []
+        for _ in range(rounds):
+            self.open("healthz")
+            times.append(self._browser.execute_async_script(FIRST_FRAME))
+        return times
+
     def first_pictures(self, rounds):
         times = []
         for i in range(rounds):
@@ -143,7 +153,8 @@ class Page:
 def measure(page, folder, records, rounds):
     sizes = [(len(content), len(gzip.compress(content))) for content in (each.read_bytes() for each in folder.iterdir())]
     plain, packed = (sum(size) / 1024 for size in zip(*sizes))
-    rows = [("the page as transferred; the limit", packed, 100, "KiB", 1.0), ("the page's files", plain, None, "KiB", None)]
+    rows = [("the page as transferred; the limit", packed, 100, "KiB", 1.0), ("the page's files", plain, None, "KiB", None),
+            ("first frame of a text of two letters", statistics.median(page.first_frames(rounds)), None, "ms", None)]
     for what, place in (("the newest", ""), ("a year", page.place(365 * DAY))):
         for how, is_cached in (("nothing cached", False), ("cached", True)):
             times = page.first_timelines(place, rounds, is_cached)

@@ -73,6 +73,23 @@ TEST_F(SiteTest, WithoutASessionOnlyThePageAndItsHealthAreOpen) {
     EXPECT_EQ(StatusOf("POST", "/api/login"), 200);
 }
 
+TEST_F(SiteTest, WhatThePageLoadsNeverChangesAtItsAddress) {
+    const auto get = [this](const std::string& path) { return site_.Handle({"GET", path, "", "", "", {}}); };
+    const std::string index = get("/").body;
+    const std::size_t at = index.find("v-");
+    ASSERT_NE(at, std::string::npos);
+    const std::string folder = "/" + index.substr(at, index.find('/', at) - at);
+    const auto caching = [&](const std::string& path) {
+        return get(path).headers.find("Cache-Control")->second;
+    };
+    EXPECT_THAT(caching(folder + "/main.js"), HasSubstr("immutable"));
+    EXPECT_EQ(get(folder + "/main.js").body, get("/main.js").body);
+    EXPECT_EQ(caching("/main.js"), "no-cache");
+    EXPECT_EQ(caching("/"), "no-cache");
+    EXPECT_EQ(get("/v-0000000000000000/main.js").status, 404);
+    EXPECT_THAT(index, testing::Not(HasSubstr("\"v/")));
+}
+
 TEST_F(SiteTest, PagesOfOtherSitesLogNobodyInOrOut) {
     EXPECT_EQ(StatusOf("POST", "/api/login", {{"sec-fetch-site", "cross-site"}}), 403);
     EXPECT_EQ(StatusOf("POST", "/api/login", {{"sec-fetch-site", "same-site"}}), 403);

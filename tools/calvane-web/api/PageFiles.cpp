@@ -11,6 +11,8 @@
 #include <fstream>
 #include <sstream>
 #include <stdexcept>
+#include <string_view>
+#include <utility>
 
 namespace calvane_web {
 namespace {
@@ -81,23 +83,50 @@ PageFiles::PageFiles(const std::string& folder) {
         if (size > kLargestPage) {
             throw std::runtime_error("The files of the page in " + folder + " are larger than 1 MiB");
         }
-        std::string tag = TagOf(content);
-        std::string packed = Pack(content);
-        files_["/" + fs::relative(each->path(), folder).generic_string()] = {
-            std::move(content), std::move(packed), type->second, std::move(tag)};
+        files_["/" + fs::relative(each->path(), folder).generic_string()] =
+            std::make_shared<const File>(MakeFile(std::move(content), type->second));
     }
-    const auto index = files_.find("/index.html");
-    if (index == files_.end()) {
+    if (!Has("/index.html")) {
         throw std::runtime_error("There is no page in " + folder + ": index.html cannot be read" +
                                  (error ? " (" + error.message() + ")" : ""));
     }
-    files_["/"] = index->second;
+    AddVersion();
+}
+
+PageFiles::File PageFiles::MakeFile(std::string content, const std::string& type) {
+    std::string packed = Pack(content);
+    std::string tag = TagOf(content);
+    return {std::move(content), std::move(packed), type, std::move(tag)};
+}
+
+void PageFiles::AddVersion() {
+    std::string tags;
+    for (const auto& [path, file] : files_) {
+        tags += path + file->tag;
+    }
+    version_ = "/v-" + TagOf(tags).substr(1, 16) + "/";
+    const auto files = files_;
+    for (const auto& [path, file] : files) {
+        files_[version_ + path.substr(1)] = file;
+    }
+    const File& index = *files.at("/index.html");
+    std::string content = index.content;
+    constexpr std::string_view kFrom = "=\"v/";
+    const std::string to = "=\"" + version_.substr(1);
+    for (std::size_t at = 0; (at = content.find(kFrom, at)) != std::string::npos; at += to.size()) {
+        content.replace(at, kFrom.size(), to);
+    }
+    files_["/"] = files_["/index.html"] =
+        std::make_shared<const File>(MakeFile(std::move(content), index.type));
 }
 
 Reply PageFiles::Find(const Request& request) const {
-    const File& file = files_.at(request.path);
+    const File& file = *files_.at(request.path);
+    const bool isFixed = request.path.compare(0, version_.size(), version_) == 0;
     Reply reply;
-    reply.headers = {{"ETag", "W/" + file.tag}, {"Cache-Control", "no-cache"}, {"Vary", "Accept-Encoding"}};
+    reply.headers = {{"ETag", "W/" + file.tag},
+                     {"Cache-Control", isFixed ? "max-age=31536000, immutable" : "no-cache"},
+                     {"Vary", "Accept-Encoding"}};
     if (request.Header("if-none-match").find(file.tag) != std::string::npos) {
         reply.status = 304;
         return reply;

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <map>
+#include <memory>
 #include <string>
 
 #include "http/Exchange.h"
@@ -8,6 +9,9 @@
 namespace calvane_web {
 
 /// The files of the page, read once: what is asked for is looked up among them and reaches no path.
+///
+/// What index.html loads from "v/" it is sent to load from "v-TAG/", where the tag is that of all files together: what lies
+/// there never changes, so that a browser need not ask again.
 ///
 /// Errors: std::runtime_error that names the folder or file, when it cannot be read, has no index.html, or is larger than a
 ///         page should be.
@@ -26,7 +30,11 @@ private:
         std::string type;
         std::string tag; ///< ETag, of the content.
     };
-    std::map<std::string, File> files_;
+    static File MakeFile(std::string content, const std::string& type);
+    void AddVersion();
+
+    std::map<std::string, std::shared_ptr<const File>> files_;
+    std::string version_; ///< "/v-TAG/"
 };
 
 /// The folder of the page: CALVANE_WEB_PAGE, that of the installation, or that of the source tree.
