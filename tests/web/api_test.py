@@ -261,9 +261,7 @@ class MediaTest(WebTest):
         for connection in slow:
             self.assertEqual(connection.recv(15), b"HTTP/1.1 200 OK")
         time.sleep(1)
-        begin = time.monotonic()
-        self.media(self.parts[0]["first"])
-        self.assertGreater(time.monotonic() - begin, 1)  # Otherwise none of them was in its way.
+        self.media(self.parts[0]["first"])  # Its turn comes before it is told that the recorder is busy.
         wait_until(lambda: b"\ncalvane_web_connections 1\n" in self.web.get("/metrics").body, "the slow ones to be sent away")
         for connection in slow:
             rest = b""
