@@ -145,6 +145,7 @@ TEST_F(Concurrency, CoverageHasEachRecordThatIsNotErasedMeanwhile) {
         TrackOf(VIDEO_TRACK).getTrack()->eraseRange(0, 2);
     }
     EXPECT_TRUE(WaitUntil([&] { return answers > 0; }));
+    End(); // Before what the thread uses is gone.
 }
 
 TEST_F(Concurrency, ErasingWhileTheRecorderEndsDoesNotCrash) {
