@@ -19,7 +19,12 @@ from table import print_table
 
 KIB = 1024
 FFMPEG = ["ffmpeg", "-nostdin", "-v", "error", "-y"]
-PICTURE = "testsrc2=size=1920x1080:rate=30"
+# 1080p30 at 8 Mbit/s and AAC, as a camera sends it; and as many pictures of a day as one in 200 ms.
+CAMERA = ["-f", "lavfi", "-i", "testsrc2=size=1920x1080:rate=30", "-f", "lavfi", "-i",
+          "sine=frequency=440:sample_rate=48000", "-c:v", "libx264", "-preset", "ultrafast", "-g", "30", "-b:v", "8M",
+          "-minrate", "8M", "-maxrate", "8M", "-bufsize", "8M", "-x264-params", "nal-hrd=cbr", "-c:a", "aac", "-b:a", "128k"]
+DAY = ["-f", "lavfi", "-i", "testsrc2=size=320x180:rate=5", "-c:v", "libx264", "-preset", "ultrafast", "-g", "10",
+       "-crf", "35"]
 DESCRIPTION = """[calvane]
 t.pipelines = input
 
@@ -32,7 +37,7 @@ t.plugin.module = media.so
 t.pipeline.next.video = video
 t.pipeline.next.audio = audio
 url = {url}
-realtime = 0
+realtime = {realtime}
 
 [video]
 t.plugin.type = RecordingSink
@@ -61,6 +66,12 @@ def ended(process, begin):
     return time.perf_counter() - begin, usage.ru_utime + usage.ru_stime, usage.ru_maxrss
 
 
+def own_memory(process):
+    """MiB of memory that is not of files, such as libraries, whose pages others share and the kernel may drop."""
+    with open(f"/proc/{process.pid}/status", encoding="ascii") as status:
+        return next(int(line.split()[1]) for line in status if line.startswith("RssAnon:")) / KIB
+
+
 def bytes_below(folder):
     return sum(os.path.getsize(os.path.join(here, name)) for here, _folders, names in os.walk(folder) for name in names)
 
@@ -71,15 +82,22 @@ def forget_cache():
         caches.write("3\n")
 
 
-class Input:
-    """1080p30 at 8 Mbit/s and AAC: so many seconds are encoded, and repeated."""
+def warm_up(program):
+    """Reads the program and its libraries, of which each run would otherwise read tens of MB from the device."""
+    needed = subprocess.run(["ldd", program], check=True, stdout=subprocess.PIPE, encoding="utf-8").stdout
+    for path in [program, *(word for word in needed.split() if word.startswith("/"))]:
+        with open(path, "rb") as file:
+            while file.read(1 << 20):
+                pass
 
-    def __init__(self, folder, seconds, encoded):
-        self.path, self.seconds, self.recorded = os.path.join(folder, "input.mkv"), seconds, 0
+
+class Input:
+    """So many seconds are encoded, and repeated."""
+
+    def __init__(self, folder, name, encoding, seconds, encoded):
+        self.path, self.seconds, self.recorded = os.path.join(folder, name), seconds, 0
         piece = os.path.join(folder, "piece.mkv")
-        run([*FFMPEG, "-f", "lavfi", "-i", PICTURE, "-f", "lavfi", "-i", "sine=frequency=440:sample_rate=48000",
-             "-t", str(encoded), "-c:v", "libx264", "-preset", "ultrafast", "-g", "30", "-b:v", "8M", "-minrate", "8M",
-             "-maxrate", "8M", "-bufsize", "8M", "-x264-params", "nal-hrd=cbr", "-c:a", "aac", "-b:a", "128k", piece])
+        run([*FFMPEG, *encoding, "-t", str(encoded), piece])
         run([*FFMPEG, "-stream_loop", str(seconds // encoded - 1), "-i", piece, "-c", "copy", self.path])
         os.remove(piece)
         sizes = subprocess.run(["ffprobe", "-v", "error", "-show_entries", "packet=size", "-of", "csv=p=0", self.path],
@@ -96,22 +114,25 @@ class Recorder:
     def program(self, name, *words):
         return [os.path.join(self._binaries, name), *words]
 
-    def record(self, media, card):
-        """Records all packets on a card that is made; as run."""
+    def record(self, media, card, seconds=None):
+        """Records on a card that is made: all packets, or in real time for so many seconds. As run, with its own memory in
+        the end."""
+        shutil.rmtree(card, ignore_errors=True)
         os.mkdir(card)
         description = os.path.join(self._folder, "media.ini")
         with open(description, "w", encoding="ascii") as file:
-            file.write(DESCRIPTION.format(url=media.path))
+            file.write(DESCRIPTION.format(url=media.path, realtime=0 if seconds is None else 1))
         begin, media.recorded = time.perf_counter(), time.time()
         with subprocess.Popen(self.program("calvane-recorder", "--root", card, "--log", "*=warning", description),
                               stdin=subprocess.DEVNULL) as process:
-            while self._written() < media.packets:
+            while self._written() < media.packets if seconds is None else time.perf_counter() - begin < seconds:
                 if process.poll() is not None or time.perf_counter() - begin > 120:
                     process.kill()
                     raise Failure("the recorder has not recorded all packets")
                 time.sleep(0.2)
+            own = own_memory(process)
             process.send_signal(signal.SIGTERM)
-            return ended(process, begin)
+            return *ended(process, begin), own
 
     def _written(self):
         status = subprocess.run(self.program("calvane-recording", "status", "--json"), check=False,
@@ -121,8 +142,8 @@ class Recorder:
         return 0
 
 
-def recording_rows(recorder, media, folder, rounds):
-    """Leaves the last card."""
+def recording_rows(recorder, media, folder, rounds, live):
+    """Leaves the last card. `live`: how many seconds of real time."""
     card, segments = os.path.join(folder, "card"), os.path.join(folder, "segments")
 
     def segment(name, extension):
@@ -131,9 +152,18 @@ def recording_rows(recorder, media, folder, rounds):
         return run([*FFMPEG, "-i", media.path, "-map", "0", "-c", "copy", "-f", "segment", "-segment_time", "60",
                     "-segment_format", name, os.path.join(segments, "%04d." + extension)])
 
+    def own_memory_live():
+        ours = recorder.record(media, card, live)[3]
+        command = [*FFMPEG, "-re", "-i", media.path, "-map", "0", "-c", "copy", os.path.join(folder, "live.mkv")]
+        with subprocess.Popen(command, stdin=subprocess.DEVNULL) as process:
+            time.sleep(live)
+            theirs = own_memory(process)
+            process.kill()
+        return ours, theirs
+
     samples = Samples()
+    samples.add("live", own_memory_live)
     for _ in range(rounds):
-        shutil.rmtree(card, ignore_errors=True)
         theirs = segment("matroska", "mkv")
         ours = recorder.record(media, card)
         samples.add("cpu", lambda pair=(ours[1], theirs[1]): pair)
@@ -142,32 +172,42 @@ def recording_rows(recorder, media, folder, rounds):
     sizes = bytes_below(os.path.join(card, "data")) / media.bytes, bytes_below(segments) / media.bytes
     samples.add("bytes", lambda: sizes)
     return [("recording, processor time; ffmpeg -c copy into segmented Matroska", *samples.medians("cpu"), "s", 1.0),
-            ("recording, memory; the same", *samples.medians("memory"), "MiB", 1.0),
+            ("recording in real time, memory of its own; ffmpeg -c copy into Matroska", *samples.medians("live"), "MiB", 1.0),
+            ("recording as fast as it goes, memory; the same", *samples.medians("memory"), "MiB", None),
             ("bytes on the card for one of packets; segmented MP4", *samples.medians("bytes"), "", 1.0)]
 
 
-def export_rows(recorder, media, folder, rounds):
+def export_row(recorder, media, folder, rounds):
     card, target = os.path.join(folder, "card"), os.path.join(folder, "out.mp4")
+    samples = Samples()
+    for _ in range(rounds):
+        samples.add("export", lambda: (
+            run(recorder.program("calvane-recording", "export", "--card", card, "--force", target))[0],
+            run([*FFMPEG, "-i", media.path, "-map", "0", "-c", "copy", target])[0]))
+    return ("export of all; ffmpeg -c copy from one file", *samples.medians("export"), "s", 1.1)
 
-    def export(*words):
-        return recorder.program("calvane-recording", "export", "--card", card, *words)
+
+def seek_row(recorder, media, folder, rounds):
+    """A second from the middle, with the programs in the page cache and nothing of the recording."""
+    card, middle = os.path.join(folder, "day"), media.seconds // 2
+    recorder.record(media, card)
 
     def cold(command):
         forget_cache()
+        for program in (command[0], *recorder.program("calvane-recording-media")):
+            warm_up(shutil.which(program))
         return run(command)[0] * 1e3
 
     samples = Samples()
-    middle = media.seconds // 2
     for _ in range(rounds):
-        samples.add("export", lambda: (run(export("--force", target))[0],
-                                       run([*FFMPEG, "-i", media.path, "-map", "0", "-c", "copy", target])[0]))
         ago = time.time() - media.recorded + middle  # The recording ends when it was begun: see "realtime".
         samples.add("seek", lambda ago=ago: (
-            cold(export("--track", "video", "--from", f"{ago:.0f}s ago", "--to", f"{ago - 1:.0f}s ago", "-")),
+            cold(recorder.program("calvane-recording", "export", "--card", card, "--track", "video",
+                                  "--from", f"{ago:.0f}s ago", "--to", f"{ago - 1:.0f}s ago", "-")),
             cold([*FFMPEG, "-ss", str(middle), "-i", media.path, "-map", "0:v", "-t", "1", "-c", "copy", "-f", "matroska",
                   "-"])))
-    return [("export of all; ffmpeg -c copy from one file", *samples.medians("export"), "s", 1.1),
-            ("a second of video from the middle, cold; ffmpeg -ss in one file", *samples.medians("seek"), "ms", 0.5)]
+    return (f"a second of video from the middle of {media.seconds / 3600:.1f} h, cold; ffmpeg -ss in one file",
+            *samples.medians("seek"), "ms", 0.5)
 
 
 def main():
@@ -180,12 +220,14 @@ def main():
         raise Failure("ffmpeg is not installed (./dev setup)")
     rounds = options.rounds or {"full": 5, "quick": 3, "smoke": 1}[options.extent]
     seconds, encoded = {"full": (600, 60), "quick": (60, 20), "smoke": (4, 2)}[options.extent]
+    day, live = {"full": (86400, 20), "quick": (3600, 5), "smoke": (60, 2)}[options.extent]
     with tempfile.TemporaryDirectory(prefix="calvane-bench-", dir=os.environ.get("TMPDIR", "/var/tmp")) as folder:
         recorder = Recorder(os.path.abspath(os.path.join(options.build, "bin")), folder)
-        media = Input(folder, seconds, encoded)
+        media = Input(folder, "input.mkv", CAMERA, seconds, encoded)
         with OthersWatch() as others:
-            rows = recording_rows(recorder, media, folder, rounds)
-            rows += export_rows(recorder, media, folder, rounds)
+            rows = recording_rows(recorder, media, folder, rounds, live)
+            rows.append(export_row(recorder, media, folder, rounds))
+            rows.append(seek_row(recorder, Input(folder, "day.mkv", DAY, day, 60), folder, rounds))
     print(f"{platform.system()} {platform.release()} {platform.machine()}, {os.cpu_count()} processors, {seconds} s of media, "
           f"medians of {rounds} rounds; other programs used {others.share:.0%} of the machine meanwhile")
     print_table(rows)
