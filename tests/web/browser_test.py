@@ -14,6 +14,7 @@ from urllib.parse import parse_qs
 
 try:
     from selenium import webdriver
+    from selenium.common.exceptions import StaleElementReferenceException
     from selenium.webdriver.chrome.service import Service
     from selenium.webdriver.common.action_chains import ActionChains
     from selenium.webdriver.common.by import By
@@ -96,7 +97,13 @@ class PageTest(WebTest):
         self.wait(lambda: self.text("link") == "Recording", "the page to show the recorder")
 
     def wait(self, condition, what, seconds=15):
-        wait_until(condition, what, seconds)
+        def holds():
+            try:
+                return condition()
+            except StaleElementReferenceException:  # The page is being loaded again.
+                return False
+
+        wait_until(holds, what, seconds)
 
     def find(self, name):
         return self.browser.find_element(By.ID, name)
