@@ -46,7 +46,7 @@ void ReadAll(SimFileSystem& disk, const SegmentHeader& header, const std::string
     SegmentCache cache(disk, header.store);
     MayRefuse(path, [&] {
         const auto reader = cache.Get(segment);
-        for (const BlockRef& block : reader->Directory()) {
+        for (const BlockRef& block : reader->Directory()->List()) {
             for (std::uint32_t i = 0; i < std::min<std::uint32_t>(block.count, 100); ++i) {
                 for (const int limit : {1, -1}) {
                     BlobRecord record(limit);

@@ -146,7 +146,9 @@ private:
     std::optional<Bracket> findReadableNeighbours(const Ptime& t) const;
     unsigned int firstOfItsTime(unsigned int index) const;
     Bracket findNeighbours(std::int64_t wanted, unsigned int size) const;
-    Bracket beginWithSeen(std::int64_t wanted, unsigned int size) const;
+    Bracket beginNear(std::int64_t wanted, unsigned int size) const;
+    Bracket bracketOf(std::int64_t wanted, unsigned int size, const std::optional<Seen>& low,
+                      const std::optional<Seen>& high) const;
     void narrow(Bracket& bracket) const;
     bool lookAt(Bracket& bracket, double place) const;
     std::vector<Seen>::iterator firstSeenNotBefore(std::int64_t ticks) const;

@@ -1,6 +1,7 @@
 // Finding records by time.
 
 #include <algorithm>
+#include <cstring>
 #include <iterator>
 #include <limits>
 #include <stdexcept>
@@ -188,7 +189,7 @@ unsigned int RecordingTrack::interpolateFirstIndexNotBefore(const ptime& t, unsi
 /// The two records that the wanted time lies between; twice the first or the last one if all are on the same side. Within
 /// the lock, and with records.
 RecordingTrack::Bracket RecordingTrack::findNeighbours(std::int64_t wanted, unsigned int size) const {
-    Bracket bracket = beginWithSeen(wanted, size);
+    Bracket bracket = beginNear(wanted, size);
     if (bracket.lowTicks >= wanted || bracket.highTicks < wanted) {
         return bracket;
     }
@@ -201,38 +202,58 @@ RecordingTrack::Bracket RecordingTrack::findNeighbours(std::int64_t wanted, unsi
         return bracket;
     }
     _seen.clear(); // Records were erased since, or lost with the card.
-    bracket = beginWithSeen(wanted, size);
+    bracket = bracketOf(wanted, size, std::nullopt, std::nullopt);
     if (bracket.low != bracket.high) {
         narrow(bracket);
     }
     return bracket;
 }
 
-RecordingTrack::Bracket RecordingTrack::beginWithSeen(std::int64_t wanted, unsigned int size) const {
+/// Between the nearest records whose times need no read: those that searches came across, and those that the store knows.
+RecordingTrack::Bracket RecordingTrack::beginNear(std::int64_t wanted, unsigned int size) const {
+    const auto toSeen = [](const drenn::multi_track_recorder::Track::KnownRecord& known) {
+        RecordHeader header;
+        std::memcpy(&header, known.leading.data(), sizeof header);
+        return Seen{header.ticks, known.index};
+    };
+    std::optional<Seen> low;
+    std::optional<Seen> high;
     const auto next = firstSeenNotBefore(wanted);
-    Bracket bracket{wanted, 0, size - 1, 0, 0};
     if (next != _seen.begin() && std::prev(next)->index < size) {
-        bracket.low = std::prev(next)->index;
-        bracket.lowTicks = std::prev(next)->ticks;
-    } else {
-        bracket.lowTicks = readHeader(0).ticks;
-        noteSeen(0, bracket.lowTicks);
-        if (wanted <= bracket.lowTicks) {
-            return {wanted, 0, 0, bracket.lowTicks, bracket.lowTicks};
-        }
+        low = *std::prev(next);
     }
-    const auto behind = firstSeenNotBefore(wanted);
-    if (behind != _seen.end() && behind->index < size) {
-        bracket.high = behind->index;
-        bracket.highTicks = behind->ticks;
-    } else {
-        bracket.highTicks = readHeader(size - 1).ticks;
-        noteSeen(size - 1, bracket.highTicks);
-        if (bracket.highTicks < wanted) {
-            return {wanted, size - 1, size - 1, bracket.highTicks, bracket.highTicks};
-        }
+    if (next != _seen.end() && next->index < size) {
+        high = *next;
     }
-    return bracket;
+    const auto known = _track->findKnown([&](const auto& leading) {
+        return toSeen({0, leading}).ticks < wanted;
+    });
+    if (known.first && (!low || low->index < known.first->index)) {
+        low = toSeen(*known.first);
+    }
+    if (known.second && (!high || known.second->index < high->index)) {
+        high = toSeen(*known.second);
+    }
+    const bool isInOrder = !low || !high || low->index < high->index;
+    return isInOrder ? bracketOf(wanted, size, low, high)
+                     : bracketOf(wanted, size, std::nullopt, std::nullopt);
+}
+
+/// Between these two, or the first and the last record.
+RecordingTrack::Bracket RecordingTrack::bracketOf(std::int64_t wanted, unsigned int size,
+                                                  const std::optional<Seen>& low,
+                                                  const std::optional<Seen>& high) const {
+    const Seen first = low ? *low : Seen{readHeader(0).ticks, 0};
+    noteSeen(first.index, first.ticks);
+    if (wanted <= first.ticks) {
+        return {wanted, first.index, first.index, first.ticks, first.ticks};
+    }
+    const Seen last = high ? *high : Seen{readHeader(size - 1).ticks, size - 1};
+    noteSeen(last.index, last.ticks);
+    if (last.ticks < wanted) {
+        return {wanted, last.index, last.index, last.ticks, last.ticks};
+    }
+    return {wanted, first.index, last.index, first.ticks, last.ticks};
 }
 
 /// Within the lock.

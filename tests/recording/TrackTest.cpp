@@ -97,14 +97,19 @@ TEST_F(Track, LookUpsFindTheFirstOfEqualTimes) {
 TEST_F(Track, LookUpsAgreeWithALookAtEveryRecordWhateverIsAppendedAndErased) {
     std::mt19937 random(7);
     const auto below = [&](unsigned end) { return static_cast<unsigned>(random() % end); };
-    RecordingTrack& video = TrackOf(VIDEO_TRACK);
+    const std::string payload(60000, 'x'); // So that there are several segments.
     std::vector<ptime> asked;
     double time = 1000;
     for (int round = 0; round < 12; ++round) {
         for (int i = 0; i < 150; ++i) {
             time += below(40) == 0 ? 30 : below(8) == 0 ? 0 : 0.02 + 0.001 * below(6);
-            Write(VIDEO_TRACK, {time});
+            Advance(time);
+            ASSERT_TRUE(TrackOf(VIDEO_TRACK).writeRecord(At(time), 0, payload.data(), payload.size()));
         }
+        if (round % 5 == 4) {
+            Restart(); // What searches came across is forgotten.
+        }
+        RecordingTrack& video = TrackOf(VIDEO_TRACK);
         Report(VIDEO_TRACK, time + 0.001 * (round % 2),
                round % 3 == 0); // At the time of a record, or behind it.
         asked.push_back(At(time) + boost::posix_time::microseconds(500));

@@ -149,6 +149,65 @@ TEST(Trust, AnEarlierCatalogueOpensAndGetsChecksums) {
     EXPECT_THAT(VerifyStore(disk, kStorage, kDatabase), IsEmpty());
 }
 
+// What saves a search reading: the first bytes of each segment's first record, and the segment's salt.
+TEST(Trust, HintsAreKeptAndNotTrusted) {
+    const quarn::core::LogCapture log(quarn::core::LogLevel::Off);
+    SimFileSystem disk;
+    StoreOptions options = Workload::SmallStore();
+    options.segmentBytes = 8192;
+    const auto numberOf = [](const Track::LeadingBytes& leading) {
+        return static_cast<unsigned int>(
+            std::stoul(std::string(leading.begin() + 7, leading.end()))); // Behind "record ".
+    };
+    std::map<unsigned int, unsigned int> known; // Number by index.
+    const auto look = [&](const Store& store) {
+        std::map<unsigned int, unsigned int> found;
+        for (unsigned int wanted = 0; wanted <= kRecords; ++wanted) {
+            const auto [before, behind] = OnlyTrack(store)->findKnown(
+                [&](const Track::LeadingBytes& leading) { return numberOf(leading) < wanted; });
+            for (const auto& record : {before, behind}) {
+                if (record) {
+                    found[record->index] = numberOf(record->leading);
+                    EXPECT_EQ(TextAt(*OnlyTrack(store), record->index), NumberText(found[record->index]));
+                }
+            }
+            EXPECT_TRUE(!before || found[before->index] < wanted) << wanted;
+            EXPECT_TRUE(!behind || found[behind->index] >= wanted) << wanted;
+        }
+        return found;
+    };
+    {
+        Store store(disk, options);
+        const auto track = store.NewRecording()->newTrack();
+        for (unsigned int i = 0; i != kRecords; ++i) {
+            AppendText(*track, NumberText(i));
+            if (i % 5 == 4) {
+                store.Sync();
+            }
+        }
+        known = look(store);
+        ASSERT_GT(known.size(), 2U);
+        const unsigned int second = std::next(known.begin())->first;
+        track->eraseRange(second,
+                          second + 1); // What is erased is not known any more, and moves the others up.
+        const auto left = look(store);
+        EXPECT_EQ(left.size(), known.size() - 1);
+        EXPECT_EQ(left.rbegin()->first, known.rbegin()->first - 1);
+        known = left;
+    }
+    {
+        const Store again(disk, options);
+        EXPECT_EQ(look(again), known);
+    }
+    Execute(disk, "UPDATE hints SET salt=x'0102030405060708', leading=leading || x'00'");
+    EXPECT_EQ(OpenedTwice(disk.GetImage()), kRecords - 1);
+    Execute(disk, "UPDATE hints SET salt=x'01', leading=x'02'");
+    EXPECT_EQ(OpenedTwice(disk.GetImage()), kRecords - 1);
+    Execute(disk, "DROP TABLE hints"); // As an earlier version made it.
+    EXPECT_EQ(OpenedTwice(disk.GetImage()), kRecords - 1);
+    EXPECT_THAT(VerifyStore(disk, kStorage, kDatabase), IsEmpty());
+}
+
 TEST(Trust, OneRowAloneRemovesNoSegment) {
     const quarn::core::LogCapture log(quarn::core::LogLevel::Off);
     SimFileSystem disk(ClosedImage());

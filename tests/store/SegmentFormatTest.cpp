@@ -129,8 +129,9 @@ TEST(SegmentFormat, PlacesBehind4GiBAreThemselves) {
     unsigned char first = 1;
     EXPECT_EQ(file->Read(0, &first, 1), 1U);
     EXPECT_EQ(first, 0); // It did not come round.
-    SegmentReader reader(file, path, kSalt);
-    reader.Add({3, 1, 10, static_cast<std::uint32_t>(offset)});
+    const auto directory = std::make_shared<SegmentDirectory>(kSalt);
+    directory->Add({3, 1, 10, static_cast<std::uint32_t>(offset)});
+    const SegmentReader reader(file, path, directory);
     BlobRecord read;
     reader.Read(3, 10, read);
     ASSERT_EQ(read.blobs().size(), 1U);

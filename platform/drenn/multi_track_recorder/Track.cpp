@@ -64,6 +64,10 @@ boost::signals2::connection Track::connectToEraseRangeSignal(const EraseRangeSig
     return impl_->ConnectToEraseRangeSignal(slot);
 }
 
+Track::KnownRecords Track::findKnown(const std::function<bool(const LeadingBytes&)>& isBefore) const {
+    return impl_->FindKnown(isBefore);
+}
+
 void Track::lock() const {
     impl_->Lock();
 }

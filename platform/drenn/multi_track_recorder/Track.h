@@ -1,9 +1,12 @@
 #pragma once
 
+#include <array>
 #include <boost/signals2/connection.hpp>
 #include <boost/signals2/signal.hpp>
 #include <cstdint>
+#include <functional>
 #include <memory>
+#include <optional>
 #include <string>
 #include <utility>
 
@@ -79,6 +82,20 @@ public:
     /// The ring that keeps the card from filling up raises it too, on its own thread. What a slot throws is
     /// logged and otherwise ignored.
     boost::signals2::connection connectToEraseRangeSignal(const EraseRangeSignal::slot_type& slot);
+
+    /// The first bytes of a record's first blob; zeros behind a shorter one.
+    using LeadingBytes = std::array<unsigned char, 16>;
+    /// A record whose first bytes are in memory.
+    struct KnownRecord {
+        unsigned int index;
+        LeadingBytes leading;
+    };
+    using KnownRecords = std::pair<std::optional<KnownRecord>, std::optional<KnownRecord>>;
+    /// Where to begin a search through records that are ordered by their first bytes, without reading any: the first
+    /// record of each segment is known, if no part of it was erased. Of those, the last one for which `isBefore` is true,
+    /// and the first one for which it is not; nothing where there is none. `isBefore` is called within a lock, and calls
+    /// nothing of the store.
+    KnownRecords findKnown(const std::function<bool(const LeadingBytes&)>& isBefore) const;
 
     void lock() const;
     void unlock() const;

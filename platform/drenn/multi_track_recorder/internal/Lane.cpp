@@ -342,15 +342,15 @@ void Lane::Publish(const SegmentWriter::Placed& placed) {
         return;
     }
     if (block.Kind() == BlockKind::Records) {
-        writer_->Reader().Add({block.Track(), block.Count(), block.FirstSerial(), placed.offset});
+        writer_->Directory().Add({block.Track(), block.Count(), block.FirstSerial(), placed.offset});
         const auto before = std::find_if(extents_.begin(), extents_.end(), [&](const ExtentRow& extent) {
             return extent.track == block.Track() && extent.firstSerial + extent.count == block.FirstSerial();
         });
         if (before != extents_.end()) {
             before->count += block.Count();
         } else {
-            extents_.push_back(
-                {block.Track(), writer_->GetSegment()->key, block.FirstSerial(), block.Count()});
+            extents_.push_back({block.Track(), writer_->GetSegment()->key, block.FirstSerial(), block.Count(),
+                                block.Leading()});
         }
     }
     std::shared_ptr<TrackContent> track;
@@ -367,7 +367,7 @@ void Lane::Publish(const SegmentWriter::Placed& placed) {
         return;
     }
     if (block.Kind() == BlockKind::Records) {
-        track->AddExtent(writer_->GetSegment(), {block.FirstSerial(), block.EndSerial()});
+        track->AddExtent(writer_->GetSegment(), {block.FirstSerial(), block.EndSerial()}, block.Leading());
     } else if (block.Kind() == BlockKind::Info) {
         const std::string text(block.Body().begin(), block.Body().end());
         infos_.emplace_back(track,
@@ -386,10 +386,11 @@ void Lane::SealLocked() {
     const std::shared_ptr<Segment> segment = writer_->GetSegment();
     segment->length = writer_->SyncedEnd();
     context_.Transact([&](Catalogue::Transaction& transaction) {
-        transaction.AddSegment({segment->key, segment->length, segment->time, false});
+        transaction.AddSegment({segment->key, segment->length, segment->time, false, segment->salt});
         for (const ExtentRow& extent : extents_) {
             transaction.AddExtent(extent);
         }
+        transaction.AddHint(segment->key, *segment->salt, extents_);
         if (writer_->IsBroken() && segment->length > 0) {
             transaction.AddDamage(
                 {segment->key, segment->length, kLargestSegment, DamageRow::Kind::Unfinished});

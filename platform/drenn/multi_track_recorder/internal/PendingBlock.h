@@ -44,6 +44,8 @@ public:
     std::uint64_t EndSerial() const { return firstSerial_ + records_.size(); }
     std::uint32_t Count() const { return static_cast<std::uint32_t>(records_.size()); }
     const Bytes& Body() const { return body_; }
+    /// Of the first record. Of a block of records, with one.
+    const LeadingBytes& Leading() const { return records_.front().entry.firstBytes; }
     /// As they are in a segment.
     std::uint64_t Length() const;
 

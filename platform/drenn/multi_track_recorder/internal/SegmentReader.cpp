@@ -10,24 +10,56 @@ namespace drenn::multi_track_recorder {
 namespace {
 
 constexpr std::size_t kMostOpen = 128;
-constexpr std::size_t kMostKept = 1U << 18U;   // Of one record, by each thread that reads.
-constexpr std::size_t kEntriesTogether = 64;   // 3 KiB; a read of one costs nearly the same.
-constexpr std::size_t kMostParts = 16;         // 48 KiB of each open segment.
-constexpr std::size_t kMostBlocks = 1U << 17U; // 3 MiB of directories.
+constexpr std::size_t kMostKept = 1U << 18U; // Of one record, by each thread that reads.
+constexpr std::size_t kEntriesTogether = 64; // 3 KiB; a read of one costs nearly the same.
+constexpr std::size_t kMostParts = 16;       // 48 KiB of each open segment.
+constexpr std::size_t kMostCost =
+    1U << 18U; // 6 MiB: directories, by their blocks, and what each takes beside.
+constexpr std::size_t kCostOfOne = 16;
 constexpr std::uint64_t kLargestFooter = 16ULL << 20U;
 static_assert(kLargestPayload == Track::kMaxRecordBytes + 4 * Track::kMaxRecordBlobs);
 
+/// Null without one that checks.
+std::shared_ptr<SegmentDirectory> ReadFooter(const IFile& file, std::uint64_t length, std::uint64_t salt) {
+    const std::uint64_t size = file.Size();
+    if (size <= length || size - length > kLargestFooter) {
+        return nullptr;
+    }
+    Bytes footer(static_cast<std::size_t>(size - length));
+    file.Read(length, footer.data(), footer.size());
+    const auto blocks = DecodeFooter(footer, salt);
+    if (!blocks) {
+        return nullptr;
+    }
+    auto directory = std::make_shared<SegmentDirectory>(salt);
+    for (const BlockRef& block : *blocks) {
+        directory->Add(block);
+    }
+    return directory;
+}
+
 } // namespace
 
-SegmentReader::SegmentReader(std::shared_ptr<const IFile> file, const std::string& path, std::uint64_t salt)
-    : file_(std::move(file)), path_(path), salt_(salt) {}
-
-void SegmentReader::Add(const BlockRef& block) {
+void SegmentDirectory::Add(const BlockRef& block) {
     const std::lock_guard<std::mutex> lock(mutex_);
     blocks_[block.track].push_back(block);
 }
 
-std::size_t SegmentReader::Blocks() const {
+std::optional<BlockRef> SegmentDirectory::Find(std::uint32_t track, std::uint64_t serial) const {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    const auto list = blocks_.find(track);
+    if (list == blocks_.end()) {
+        return std::nullopt;
+    }
+    const auto behind = std::upper_bound(
+        list->second.begin(), list->second.end(), serial,
+        [](std::uint64_t value, const BlockRef& block) { return value < block.firstSerial; });
+    const bool isThere =
+        behind != list->second.begin() && serial - std::prev(behind)->firstSerial < std::prev(behind)->count;
+    return isThere ? std::make_optional(*std::prev(behind)) : std::nullopt;
+}
+
+std::size_t SegmentDirectory::Blocks() const {
     const std::lock_guard<std::mutex> lock(mutex_);
     std::size_t blocks = 0;
     for (const auto& [track, list] : blocks_) {
@@ -36,7 +68,7 @@ std::size_t SegmentReader::Blocks() const {
     return blocks;
 }
 
-std::vector<BlockRef> SegmentReader::Directory() const {
+std::vector<BlockRef> SegmentDirectory::List() const {
     const std::lock_guard<std::mutex> lock(mutex_);
     std::vector<BlockRef> directory;
     for (const auto& [track, list] : blocks_) {
@@ -45,25 +77,16 @@ std::vector<BlockRef> SegmentReader::Directory() const {
     return directory;
 }
 
-BlockRef SegmentReader::Find(std::uint32_t track, std::uint64_t serial) const {
-    {
-        const std::lock_guard<std::mutex> lock(mutex_);
-        const auto list = blocks_.find(track);
-        if (list != blocks_.end()) {
-            const auto behind = std::upper_bound(
-                list->second.begin(), list->second.end(), serial,
-                [](std::uint64_t value, const BlockRef& block) { return value < block.firstSerial; });
-            if (behind != list->second.begin() &&
-                serial - std::prev(behind)->firstSerial < std::prev(behind)->count) {
-                return *std::prev(behind);
-            }
-        }
-    }
-    Fail(track, serial, "it is not there");
-}
+SegmentReader::SegmentReader(std::shared_ptr<const IFile> file, const std::string& path,
+                             std::shared_ptr<SegmentDirectory> directory)
+    : file_(std::move(file)), path_(path), directory_(std::move(directory)) {}
 
 void SegmentReader::Read(std::uint32_t track, std::uint64_t serial, BlobRecord& record) const {
-    const BlockRef block = Find(track, serial);
+    const std::optional<BlockRef> place = directory_->Find(track, serial);
+    if (!place) {
+        Fail(track, serial, "it is not there");
+    }
+    const BlockRef& block = *place;
     const RecordEntry entry = EntryOf(block, serial);
     const std::uint32_t wanted = BlobsToRead(entry.blobs, record.getBlobLimit());
     if (wanted == 0) {
@@ -102,7 +125,8 @@ RecordEntry SegmentReader::EntryOf(const BlockRef& block, std::uint64_t serial) 
     const std::size_t slot = offset / kEntryBytes * 0x9E3779B1U % kMostParts;
     const auto decode = [&](const Bytes& entries) {
         const std::size_t at = static_cast<std::size_t>(place - begin) * kEntryBytes;
-        return at + kEntryBytes <= entries.size() ? DecodeEntry(&entries[at], salt_, serial) : std::nullopt;
+        return at + kEntryBytes <= entries.size() ? DecodeEntry(&entries[at], directory_->Salt(), serial)
+                                                  : std::nullopt;
     };
     {
         const std::lock_guard<std::mutex> lock(mutex_);
@@ -131,27 +155,37 @@ void SegmentReader::Fail(std::uint32_t track, std::uint64_t serial, const std::s
 }
 
 std::shared_ptr<SegmentReader> SegmentCache::Get(const Segment& segment) {
-    if (auto reader = Find(segment.key)) {
-        return reader;
+    std::shared_ptr<SegmentDirectory> directory;
+    {
+        const std::lock_guard<std::mutex> lock(mutex_);
+        const auto place = places_.find(segment.key);
+        if (place != places_.end()) {
+            Use(place->second);
+            if (place->second->reader != nullptr) {
+                return place->second->reader;
+            }
+            directory = place->second->directory;
+        }
     }
     // Not under the lock: the device may be slow, and others read what is open.
-    auto reader = Open(segment);
-    Insert({segment.key, reader, false, reader->Blocks()});
+    auto reader = Open(segment, std::move(directory));
+    Insert(segment, reader, false);
     return reader;
 }
 
 void SegmentCache::Pin(const Segment& segment, std::shared_ptr<SegmentReader> reader) {
-    Insert({segment.key, std::move(reader), true, 0});
+    Insert(segment, std::move(reader), true);
 }
 
 void SegmentCache::Unpin(const Segment& segment) {
     const std::lock_guard<std::mutex> lock(mutex_);
     const auto place = places_.find(segment.key);
     if (place != places_.end() && place->second->isPinned) {
-        place->second->isPinned = false;
-        place->second->blocks = place->second->reader->Blocks();
-        blocks_ += place->second->blocks;
-        ++open_;
+        Slot& slot = *place->second;
+        slot.isPinned = false;
+        slot.cost = kCostOfOne + slot.directory->Blocks();
+        cost_ += slot.cost;
+        slot.open = open_.insert(open_.begin(), slot.key);
         Shrink();
     }
 }
@@ -168,61 +202,80 @@ void SegmentCache::DropAll() {
     const std::lock_guard<std::mutex> lock(mutex_);
     slots_.clear();
     places_.clear();
-    open_ = 0;
-    blocks_ = 0;
+    open_.clear();
+    cost_ = 0;
 }
 
-std::shared_ptr<SegmentReader> SegmentCache::Find(SegmentKey key) {
+void SegmentCache::Insert(const Segment& segment, std::shared_ptr<SegmentReader> reader, bool isPinned) {
     const std::lock_guard<std::mutex> lock(mutex_);
-    const auto place = places_.find(key);
-    if (place == places_.end()) {
-        return nullptr;
-    }
-    slots_.splice(slots_.begin(), slots_, place->second);
-    return place->second->reader;
-}
-
-void SegmentCache::Insert(Slot slot) {
-    const std::lock_guard<std::mutex> lock(mutex_);
-    const auto place = places_.find(slot.key);
+    const auto place = places_.find(segment.key);
     if (place != places_.end()) {
-        if (!slot.isPinned) {
+        if (!isPinned && place->second->reader != nullptr) {
             return; // Another thread has opened it meanwhile.
         }
         Remove(place->second);
     }
-    open_ += slot.isPinned ? 0U : 1U;
-    blocks_ += slot.blocks;
-    slots_.push_front(std::move(slot));
-    places_[slots_.front().key] = slots_.begin();
+    const std::size_t cost = isPinned ? 0 : kCostOfOne + reader->Directory()->Blocks();
+    slots_.push_front({segment.key, reader->Directory(), std::move(reader), isPinned, cost, {}});
+    places_[segment.key] = slots_.begin();
+    cost_ += cost;
+    if (!isPinned) {
+        slots_.front().open = open_.insert(open_.begin(), segment.key);
+    }
     Shrink();
 }
 
-void SegmentCache::Remove(std::list<Slot>::iterator slot) {
-    open_ -= slot->isPinned ? 0U : 1U;
-    blocks_ -= slot->blocks;
+void SegmentCache::Use(Slots::iterator slot) {
+    slots_.splice(slots_.begin(), slots_, slot);
+    if (slot->IsCounted()) {
+        open_.splice(open_.begin(), open_, slot->open);
+    }
+}
+
+void SegmentCache::Remove(Slots::iterator slot) {
+    if (slot->IsCounted()) {
+        open_.erase(slot->open);
+    }
+    cost_ -= slot->cost;
     places_.erase(slot->key);
     slots_.erase(slot);
 }
 
-/// Closes those that were not used for longest.
+/// Closes, and then forgets, those that were not used for longest.
 void SegmentCache::Shrink() {
-    for (auto slot = slots_.end(); slot != slots_.begin() && open_ > 1;) {
-        if (open_ <= kMostOpen && blocks_ <= kMostBlocks) {
-            return;
-        }
-        const auto next = std::prev(slot);
-        slot = next;
-        if (!next->isPinned) {
-            slot = std::next(next);
-            Remove(next);
+    while (open_.size() > kMostOpen) {
+        places_.at(open_.back())->reader.reset();
+        open_.pop_back();
+    }
+    for (auto slot = slots_.end(); cost_ > kMostCost && slot != std::next(slots_.begin());) {
+        const auto last = std::prev(slot);
+        slot = last;
+        if (!last->isPinned) {
+            slot = std::next(last);
+            Remove(last);
         }
     }
 }
 
-std::shared_ptr<SegmentReader> SegmentCache::Open(const Segment& segment) const {
+std::shared_ptr<SegmentReader> SegmentCache::Open(const Segment& segment,
+                                                  std::shared_ptr<SegmentDirectory> directory) const {
     const std::shared_ptr<const IFile> file = files_.Open(segment.path, OpenMode::Read);
-    SegmentWalker walker(*file, segment.length);
+    if (directory == nullptr) {
+        directory = ReadDirectory(segment, *file);
+    }
+    return std::make_shared<SegmentReader>(file, segment.path, std::move(directory));
+}
+
+/// From the footer, or else by walking. Everything in a segment is sealed with its salt, so a file that goes with a salt
+/// that is known needs no look at its header.
+std::shared_ptr<SegmentDirectory> SegmentCache::ReadDirectory(const Segment& segment,
+                                                              const IFile& file) const {
+    if (segment.salt) {
+        if (auto directory = ReadFooter(file, segment.length, *segment.salt)) {
+            return directory;
+        }
+    }
+    SegmentWalker walker(file, segment.length);
     if (walker.LaterVersion()) {
         throw std::runtime_error("Cannot read " + segment.path + ": a later version of the store (" +
                                  std::to_string(*walker.LaterVersion()) + ") wrote it");
@@ -234,24 +287,16 @@ std::shared_ptr<SegmentReader> SegmentCache::Open(const Segment& segment) const 
         throw std::runtime_error("Cannot read " + segment.path +
                                  ": its header is damaged or another segment's");
     }
-    auto reader = std::make_shared<SegmentReader>(file, segment.path, *walker.Salt());
-    const std::uint64_t size = file->Size();
-    if (size > segment.length && size - segment.length <= kLargestFooter) {
-        Bytes footer(static_cast<std::size_t>(size - segment.length));
-        file->Read(segment.length, footer.data(), footer.size());
-        if (const auto directory = DecodeFooter(footer, *walker.Salt())) {
-            for (const BlockRef& block : *directory) {
-                reader->Add(block);
-            }
-            return reader;
-        }
+    if (auto directory = ReadFooter(file, segment.length, *walker.Salt())) {
+        return directory;
     }
+    auto directory = std::make_shared<SegmentDirectory>(*walker.Salt());
     while (const auto block = walker.Find()) {
         if (block->kind == BlockKind::Records) {
-            reader->Add({block->track, block->count, block->firstSerial, block->offset});
+            directory->Add({block->track, block->count, block->firstSerial, block->offset});
         }
     }
-    return reader;
+    return directory;
 }
 
 } // namespace drenn::multi_track_recorder

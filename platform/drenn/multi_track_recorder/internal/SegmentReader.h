@@ -5,6 +5,7 @@
 #include <map>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -14,19 +15,38 @@
 
 namespace drenn::multi_track_recorder {
 
+/// Where the blocks of records of a segment are.
+///
+/// Threads: any.
+class SegmentDirectory {
+public:
+    explicit SegmentDirectory(std::uint64_t salt) : salt_(salt) {}
+
+    std::uint64_t Salt() const { return salt_; }
+    void Add(const BlockRef& block);
+    /// The block with this record.
+    std::optional<BlockRef> Find(std::uint32_t track, std::uint64_t serial) const;
+    std::size_t Blocks() const;
+    /// By track, then serial.
+    std::vector<BlockRef> List() const;
+
+private:
+    const std::uint64_t salt_;
+    mutable std::mutex mutex_;
+    std::map<std::uint32_t, std::vector<BlockRef>> blocks_; ///< Of each track, in the order of serials.
+};
+
 /// Reads records of one segment. Keeps some parts of its index, each with the entries of records that lie together.
 ///
 /// Threads: any.
 /// Errors:  std::runtime_error that names the file and the record for what is missing or fails its checksum.
 class SegmentReader {
 public:
-    SegmentReader(std::shared_ptr<const IFile> file, const std::string& path, std::uint64_t salt);
+    SegmentReader(std::shared_ptr<const IFile> file, const std::string& path,
+                  std::shared_ptr<SegmentDirectory> directory);
 
-    /// More can be read from now on.
-    void Add(const BlockRef& block);
+    const std::shared_ptr<SegmentDirectory>& Directory() const { return directory_; }
     void Read(std::uint32_t track, std::uint64_t serial, BlobRecord& record) const;
-    std::size_t Blocks() const;
-    std::vector<BlockRef> Directory() const;
 
 private:
     /// Some entries of a block; checked when one is taken out.
@@ -35,16 +55,14 @@ private:
         Bytes entries;
     };
 
-    BlockRef Find(std::uint32_t track, std::uint64_t serial) const;
     RecordEntry EntryOf(const BlockRef& block, std::uint64_t serial) const;
     [[noreturn]] void Fail(std::uint32_t track, std::uint64_t serial, const std::string& reason) const;
 
     const std::shared_ptr<const IFile> file_;
     const std::string path_;
-    const std::uint64_t salt_;
+    const std::shared_ptr<SegmentDirectory> directory_;
     mutable std::mutex mutex_;
-    std::map<std::uint32_t, std::vector<BlockRef>> blocks_; ///< Of each track, in the order of serials.
-    mutable std::vector<IndexPart> parts_;                  ///< Each in the place that its offset tells.
+    mutable std::vector<IndexPart> parts_; ///< Each in the place that its offset tells.
 };
 
 /// A segment, as the tables in memory know it.
@@ -53,6 +71,8 @@ struct Segment {
 
     const SegmentKey key;
     const std::string path;
+    std::optional<std::uint64_t>
+        salt; ///< Where it is known without reading the header. Does not change any more.
     std::atomic<std::uint64_t> survivors{0};
     /// The ring has begun to erase it. Only the ring marks it as to be removed, together with what it erased in all tracks.
     std::atomic<bool> isErasing{false};
@@ -67,7 +87,7 @@ struct Segment {
     bool DiesWhenEmpty() const { return isSealed && !isRemoving && !isErasing && !isDamaged; }
 };
 
-/// The segments that are open for reading; few, since descriptors and directories cost.
+/// Directories of the segments that were read last, and of some of them the open file: a descriptor costs more.
 ///
 /// Threads: any.
 class SegmentCache {
@@ -85,23 +105,31 @@ public:
 private:
     struct Slot {
         SegmentKey key;
-        std::shared_ptr<SegmentReader> reader;
+        std::shared_ptr<SegmentDirectory> directory;
+        std::shared_ptr<SegmentReader> reader; ///< Null: closed.
         bool isPinned;
-        std::size_t blocks;
+        std::size_t cost;
+        std::list<SegmentKey>::iterator open; ///< Of one that is open and not pinned.
+
+        bool IsCounted() const { return reader != nullptr && !isPinned; }
     };
-    std::shared_ptr<SegmentReader> Open(const Segment& segment) const;
-    std::shared_ptr<SegmentReader> Find(SegmentKey key);
-    void Insert(Slot slot);
-    void Remove(std::list<Slot>::iterator slot);
+    using Slots = std::list<Slot>;
+
+    std::shared_ptr<SegmentReader> Open(const Segment& segment,
+                                        std::shared_ptr<SegmentDirectory> directory) const;
+    std::shared_ptr<SegmentDirectory> ReadDirectory(const Segment& segment, const IFile& file) const;
+    void Insert(const Segment& segment, std::shared_ptr<SegmentReader> reader, bool isPinned);
+    void Use(Slots::iterator slot);
+    void Remove(Slots::iterator slot);
     void Shrink();
 
     IFileSystem& files_;
     const StoreId store_;
     std::mutex mutex_;
-    std::list<Slot> slots_; ///< Used last in front.
-    std::map<SegmentKey, std::list<Slot>::iterator> places_;
-    std::size_t open_ = 0;   ///< Of slots that are not pinned.
-    std::size_t blocks_ = 0; ///< Likewise.
+    Slots slots_; ///< Used last in front.
+    std::map<SegmentKey, Slots::iterator> places_;
+    std::list<SegmentKey> open_; ///< Those that are open and not pinned, likewise.
+    std::size_t cost_ = 0;       ///< Of slots that are not pinned.
 };
 
 } // namespace drenn::multi_track_recorder

@@ -50,9 +50,10 @@ SegmentWriter::SegmentWriter(StoreContext& context, SegmentKey key)
       segment_(std::make_shared<Segment>(key, context.folders.PathOf(key))),
       file_(context.files.Open(segment_->path, OpenMode::CreateNew)),
       header_{key.lane, key.sequence, context.id, RandomSalt()},
-      reader_(std::make_shared<SegmentReader>(file_, segment_->path, header_.salt)),
+      directory_(std::make_shared<SegmentDirectory>(header_.salt)),
       stagedEnd_(kSegmentHeaderBytes) {
-    context_.cache.Pin(*segment_, reader_);
+    segment_->salt = header_.salt;
+    context_.cache.Pin(*segment_, std::make_shared<SegmentReader>(file_, segment_->path, directory_));
 }
 
 bool SegmentWriter::HasRoomFor(std::uint64_t length) const {
@@ -127,7 +128,7 @@ void SegmentWriter::Break() {
 }
 
 void SegmentWriter::WriteFooter() {
-    const Bytes footer = EncodeFooter(reader_->Directory(), header_.salt);
+    const Bytes footer = EncodeFooter(directory_->List(), header_.salt);
     if (file_->Size() > end_) {
         file_->Truncate(end_); // Of a write that found no room.
     }

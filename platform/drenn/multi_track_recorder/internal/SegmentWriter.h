@@ -46,7 +46,7 @@ public:
 
     std::uint64_t SyncedEnd() const { return syncedEnd_; } ///< 0: nothing of it can be relied on.
     const std::shared_ptr<Segment>& GetSegment() const { return segment_; }
-    SegmentReader& Reader() { return *reader_; }
+    SegmentDirectory& Directory() { return *directory_; }
 
 private:
     void WriteStaged();
@@ -55,7 +55,7 @@ private:
     const std::shared_ptr<Segment> segment_;
     const std::shared_ptr<IFile> file_;
     const SegmentHeader header_;
-    const std::shared_ptr<SegmentReader> reader_;
+    const std::shared_ptr<SegmentDirectory> directory_;
     std::vector<Placed> staged_;
     std::uint64_t stagedEnd_ = 0;
     std::vector<Placed> unsynced_;

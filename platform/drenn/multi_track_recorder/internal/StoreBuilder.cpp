@@ -115,6 +115,7 @@ void StoreBuilder::BuildSegments() {
         auto segment = std::make_shared<Segment>(row.key, context_.folders.PathOf(row.key));
         segment->length = row.length;
         segment->time = row.time;
+        segment->salt = row.salt;
         segment->isSealed = true;
         segment->isRemoving = row.removing;
         segments_[row.key] = segment;
@@ -142,7 +143,7 @@ void StoreBuilder::AddExtents() {
                                          " has records in " + context_.folders.PathOf(row.segment) +
                                          ", which it does not have");
             }
-            track.AddExtent(segment->second, range);
+            track.AddExtent(segment->second, range, row.leading);
             track.survivors.Append(range);
         });
     }

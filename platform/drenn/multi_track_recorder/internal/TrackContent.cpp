@@ -39,6 +39,38 @@ std::shared_ptr<Segment> TrackContent::FindSegment(std::uint64_t serial) const {
     return std::prev(behind)->segment;
 }
 
+Track::KnownRecords TrackContent::FindKnown(const std::function<bool(const LeadingBytes&)>& isBefore) const {
+    // What was erased need not be in order with the rest: the clock may have been set back behind it.
+    const auto isKnown = [this](const Extent& extent) {
+        return extent.leading && survivors.CountIn({extent.range.first, extent.range.first + 1}) == 1;
+    };
+    auto low = extents.begin(); // Known ones in front of here are before,
+    auto high = extents.end();  // and known ones from here on are not.
+    while (low != high) {
+        const auto middle = low + (high - low) / 2;
+        const auto known = std::find_if(middle, high, isKnown);
+        if (known != high && isBefore(*known->leading)) {
+            low = std::next(known);
+        } else {
+            high = middle;
+        }
+    }
+    const auto toRecord = [this](const Extent& extent) {
+        return Track::KnownRecord{static_cast<unsigned int>(survivors.IndexOf(extent.range.first)),
+                                  *extent.leading};
+    };
+    Track::KnownRecords found;
+    const auto before = std::find_if(std::make_reverse_iterator(low), extents.rend(), isKnown);
+    if (before != extents.rend()) {
+        found.first = toRecord(*before);
+    }
+    const auto behind = std::find_if(low, extents.end(), isKnown);
+    if (behind != extents.end()) {
+        found.second = toRecord(*behind);
+    }
+    return found;
+}
+
 std::uint64_t TrackContent::EndIn(const Segment& segment) const {
     const std::lock_guard<std::mutex> lock(mutex);
     std::uint64_t end = 0;
@@ -64,12 +96,13 @@ std::uint64_t TrackContent::FirstUnwritten() const {
     return nextSerial;
 }
 
-void TrackContent::AddExtent(const std::shared_ptr<Segment>& segment, SerialRange range) {
+void TrackContent::AddExtent(const std::shared_ptr<Segment>& segment, SerialRange range,
+                             const std::optional<LeadingBytes>& leading) {
     segment->survivors += range.end - range.first;
     if (!extents.empty() && extents.back().segment == segment && extents.back().range.end == range.first) {
         extents.back().range.end = range.end;
     } else {
-        extents.push_back({range, segment});
+        extents.push_back({range, segment, leading});
     }
 }
 

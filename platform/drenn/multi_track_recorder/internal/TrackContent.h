@@ -1,12 +1,14 @@
 #pragma once
 
 #include <deque>
+#include <functional>
 #include <memory>
 #include <mutex>
 #include <optional>
 #include <string>
 #include <vector>
 
+#include "drenn/multi_track_recorder/Track.h"
 #include "drenn/multi_track_recorder/internal/PendingBlock.h"
 #include "drenn/multi_track_recorder/internal/SegmentReader.h"
 #include "drenn/multi_track_recorder/internal/Survivors.h"
@@ -17,6 +19,7 @@ namespace drenn::multi_track_recorder {
 struct Extent {
     SerialRange range;
     std::shared_ptr<Segment> segment;
+    std::optional<LeadingBytes> leading; ///< Of the first one, where it is known.
 };
 
 /// An info text, for the records from here on.
@@ -57,6 +60,8 @@ struct TrackContent {
     std::shared_ptr<const PendingBlock> FindPending(std::uint64_t serial) const;
     /// The segment that has this record, or nothing. Under `mutex`.
     std::shared_ptr<Segment> FindSegment(std::uint64_t serial) const;
+    /// As Track::findKnown. Under `mutex`.
+    Track::KnownRecords FindKnown(const std::function<bool(const LeadingBytes&)>& isBefore) const;
     /// The end of the records in this segment; 0 when it has none.
     std::uint64_t EndIn(const Segment& segment) const;
     /// The place in `infos` of the text that holds for this record, or infos.size(). Under `mutex`.
@@ -64,7 +69,8 @@ struct TrackContent {
     /// Everything before is in a segment or on the way to it. Under `mutex`.
     std::uint64_t FirstUnwritten() const;
     /// Adds durable records. Under `mutex`.
-    void AddExtent(const std::shared_ptr<Segment>& segment, SerialRange range);
+    void AddExtent(const std::shared_ptr<Segment>& segment, SerialRange range,
+                   const std::optional<LeadingBytes>& leading);
     /// These records do not survive. Under `mutex`.
     void Forget(SerialRange range);
     /// What the catalogue says is erased. Under `mutex`.

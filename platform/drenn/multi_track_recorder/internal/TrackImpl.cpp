@@ -266,6 +266,13 @@ void TrackImpl::SetInfo(const std::string& text) {
     content_->infos.push_back({from, std::make_shared<const std::string>(text), InfoTag(from, text)});
 }
 
+Track::KnownRecords TrackImpl::FindKnown(const std::function<bool(const LeadingBytes&)>& isBefore) const {
+    const Guard guard(*this);
+    RequireAttached();
+    const std::lock_guard<std::mutex> lock(content_->mutex);
+    return content_->FindKnown(isBefore);
+}
+
 void TrackImpl::Raise(std::uint32_t first, std::uint32_t last) const {
     try {
         eraseRangeSignal_(first, last);

@@ -36,6 +36,7 @@ public:
     std::pair<std::uint32_t, std::uint32_t> GetInfoRange() const;
     std::string GetInfo() const;
     void SetInfo(const std::string& text);
+    Track::KnownRecords FindKnown(const std::function<bool(const LeadingBytes&)>& isBefore) const;
     void EraseRange(std::uint32_t first, std::uint32_t last);
     boost::signals2::connection ConnectToEraseRangeSignal(const Track::EraseRangeSignal::slot_type& slot);
 

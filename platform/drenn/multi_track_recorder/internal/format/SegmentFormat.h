@@ -26,6 +26,8 @@ constexpr std::uint64_t kMostSerial = 1ULL << 48U;
 constexpr std::uint64_t kTextElsewhere = 1ULL << 63U;
 
 using StoreId = std::array<unsigned char, 16>;
+/// The first bytes of a record's first blob; zeros behind a shorter one.
+using LeadingBytes = std::array<unsigned char, kInlineBytes>;
 std::string ToText(const StoreId& id);
 
 /// XXH3, 64 bits.
@@ -88,9 +90,9 @@ std::optional<SerialRange> DecodeErased(const BlockHeader& header, const Bytes& 
 
 /// What the index of a block says of a record.
 struct RecordEntry {
-    std::array<unsigned char, kInlineBytes> firstBytes{}; ///< Of the first blob; the rest is 0.
-    std::uint32_t payloadOffset = 0;                      ///< From the block's first payload on.
-    std::uint32_t payloadBytes = 0; ///< A length of 32 bits for each blob, then the blobs.
+    LeadingBytes firstBytes{};
+    std::uint32_t payloadOffset = 0; ///< From the block's first payload on.
+    std::uint32_t payloadBytes = 0;  ///< A length of 32 bits for each blob, then the blobs.
     std::uint32_t firstBlobBytes = 0;
     std::uint32_t blobs = 0;
     std::uint64_t payloadChecksum = 0;

@@ -24,8 +24,10 @@ constexpr char kBuildPragmas[] =
 constexpr char kDamageTable[] =
     "CREATE TABLE IF NOT EXISTS damage(lane INTEGER, sequence INTEGER, first INTEGER, end INTEGER NOT NULL,"
     " kind INTEGER NOT NULL, PRIMARY KEY(lane, sequence, first)) WITHOUT ROWID;";
-
-// Far above what a store can reach in the life of a card; sums of a few of them do not overflow.
+// Another table, since earlier versions know the columns of `segments` and `extents`.
+constexpr char kHintTable[] =
+    "CREATE TABLE IF NOT EXISTS hints(lane INTEGER, sequence INTEGER, salt BLOB NOT NULL,"
+    " leading BLOB NOT NULL, PRIMARY KEY(lane, sequence)) WITHOUT ROWID;";
 
 constexpr char kTables[] =
     "CREATE TABLE store(id BLOB NOT NULL, version INTEGER NOT NULL);"
@@ -42,6 +44,9 @@ constexpr char kTables[] =
     " WITHOUT ROWID;"
     "CREATE TABLE infos(track INTEGER, from_serial INTEGER, text BLOB NOT NULL,"
     " PRIMARY KEY(track, from_serial));";
+
+constexpr std::size_t kSaltBytes = 8;
+constexpr std::size_t kHintBytes = 28; // Track, serial, leading bytes.
 
 std::uint32_t Small(const Statement& row, int column) {
     return static_cast<std::uint32_t>(row.Number(column));
@@ -163,15 +168,18 @@ CatalogueContent Catalogue::Load() {
         });
     each("SELECT lane, sequence, length, time, removing FROM segments ORDER BY lane, sequence",
          [&](const Statement& row) {
-             content.segments.push_back(
-                 {{Small(row, 0), Small(row, 1)}, row.Number(2), row.Number(3), row.Number(4) != 0});
+             content.segments.push_back({{Small(row, 0), Small(row, 1)},
+                                         row.Number(2),
+                                         row.Number(3),
+                                         row.Number(4) != 0,
+                                         std::nullopt});
          });
     each(
         "SELECT track, lane, sequence, first_serial, count FROM extents"
         " ORDER BY lane, sequence, track, first_serial",
         [&](const Statement& row) {
             content.extents.push_back(
-                {Small(row, 0), {Small(row, 1), Small(row, 2)}, row.Number(3), row.Number(4)});
+                {Small(row, 0), {Small(row, 1), Small(row, 2)}, row.Number(3), row.Number(4), std::nullopt});
         });
     each("SELECT track, first, end FROM erased ORDER BY track, first", [&](const Statement& row) {
         content.erased.push_back({Small(row, 0), {row.Number(1), row.Number(2)}});
@@ -191,11 +199,47 @@ CatalogueContent Catalogue::Load() {
                      {{Small(row, 0), Small(row, 1)}, row.Number(2), row.Number(3), kind});
              });
     }
+    if (HasTable("hints")) {
+        LoadHints(content);
+    }
     if (const char* wrong = Absurdity(content)) {
         throw std::runtime_error("The catalogue " + database_.Path() + " is damaged: it has " + wrong +
                                  "; calvane-store rebuild makes a new one");
     }
     return content;
+}
+
+/// A hint that is not as this program writes it is as if there were none.
+void Catalogue::LoadHints(CatalogueContent& content) {
+    auto segment = content.segments.begin();
+    auto extent = content.extents.begin();
+    Statement row(database_, "SELECT lane, sequence, salt, leading FROM hints ORDER BY lane, sequence");
+    while (row.Step()) {
+        const SegmentKey key{Small(row, 0), Small(row, 1)};
+        const std::string salt = row.Text(2);
+        const std::string leading = row.Text(3);
+        segment = std::find_if(segment, content.segments.end(),
+                               [&](const SegmentRow& each) { return !(each.key < key); });
+        extent = std::find_if(extent, content.extents.end(),
+                              [&](const ExtentRow& each) { return !(each.segment < key); });
+        if (segment != content.segments.end() && segment->key == key && salt.size() == kSaltBytes) {
+            segment->salt =
+                ByteReader(reinterpret_cast<const unsigned char*>(salt.data()), salt.size()).U64();
+        }
+        ByteReader entries(reinterpret_cast<const unsigned char*>(leading.data()), leading.size());
+        while (entries.Left() >= kHintBytes) {
+            const std::uint32_t track = entries.U32();
+            const std::uint64_t serial = entries.U64();
+            LeadingBytes bytes{};
+            entries.Raw(bytes.data(), bytes.size());
+            const auto first = std::find_if(extent, content.extents.end(), [&](const ExtentRow& each) {
+                return !(each.segment == key) || (each.track == track && each.firstSerial == serial);
+            });
+            if (first != content.extents.end() && first->segment == key) {
+                first->leading = bytes;
+            }
+        }
+    }
 }
 
 std::string Catalogue::GetInfo(std::uint32_t track, std::uint64_t from) {
@@ -330,6 +374,28 @@ void Catalogue::Transaction::AddExtent(const ExtentRow& extent) {
     SetNextSerial(extent.track, extent.firstSerial + extent.count);
 }
 
+void Catalogue::Transaction::AddHint(SegmentKey segment, std::uint64_t salt,
+                                     const std::vector<ExtentRow>& extents) {
+    Bytes saltBytes;
+    ByteWriter(saltBytes).U64(salt);
+    Bytes leading;
+    ByteWriter writer(leading);
+    for (const ExtentRow& extent : extents) {
+        if (extent.leading) {
+            writer.U32(extent.track);
+            writer.U64(extent.firstSerial);
+            writer.Raw(extent.leading->data(), extent.leading->size());
+        }
+    }
+    catalogue_.database_.Execute(kHintTable); // An earlier version had none.
+    (*this)("INSERT OR REPLACE INTO hints VALUES(?, ?, ?, ?)")
+        .Bind(segment.lane)
+        .Bind(segment.sequence)
+        .Bind(std::string(saltBytes.begin(), saltBytes.end()))
+        .Bind(std::string(leading.begin(), leading.end()))
+        .Run();
+}
+
 void Catalogue::Transaction::AddInfo(const InfoRow& info) {
     (*this)("INSERT OR REPLACE INTO infos VALUES(?, ?, ?)")
         .Bind(info.track)
@@ -367,6 +433,12 @@ void Catalogue::Transaction::Forget(SegmentKey segment) {
         .Run();
     if (catalogue_.HasTable("damage")) { // There may have been no room for it.
         (*this)("DELETE FROM damage WHERE lane=? AND sequence=?")
+            .Bind(segment.lane)
+            .Bind(segment.sequence)
+            .Run();
+    }
+    if (catalogue_.HasTable("hints")) {
+        (*this)("DELETE FROM hints WHERE lane=? AND sequence=?")
             .Bind(segment.lane)
             .Bind(segment.sequence)
             .Run();

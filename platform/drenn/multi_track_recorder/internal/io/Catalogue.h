@@ -2,6 +2,7 @@
 
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -32,12 +33,14 @@ struct SegmentRow {
     std::uint64_t length = 0; ///< Valid bytes; what is behind them is the footer.
     std::uint64_t time = 0;   ///< Of the first block.
     bool removing = false;
+    std::optional<std::uint64_t> salt; ///< Where a hint tells.
 };
 struct ExtentRow {
     std::uint32_t track;
     SegmentKey segment;
     std::uint64_t firstSerial;
     std::uint64_t count;
+    std::optional<LeadingBytes> leading; ///< Of the first record, where a hint tells.
 };
 struct InfoRow {
     std::uint32_t track;
@@ -135,6 +138,8 @@ public:
                        const std::vector<SerialRange>& erased);
         void AddSegment(const SegmentRow& segment);
         void AddExtent(const ExtentRow& extent);
+        /// What saves reading the segment's header and records when a time is looked for.
+        void AddHint(SegmentKey segment, std::uint64_t salt, const std::vector<ExtentRow>& extents);
         void AddInfo(const InfoRow& info);
         void AddDamage(const DamageRow& damage);
         void SetNextSerial(std::uint32_t track, std::uint64_t serial);
@@ -157,6 +162,7 @@ public:
 private:
     Statement& Prepared(const char* sql);
     bool HasTable(const char* name);
+    void LoadHints(CatalogueContent& content);
     void Upgrade();
 
     std::mutex mutex_;

@@ -73,7 +73,7 @@ void Rebuilder::Walk(SegmentKey key) {
     const std::vector<ExtentRow> extents = TakeRecords(scan, key, nextSerials_);
     content_.extents.insert(content_.extents.end(), extents.begin(), extents.end());
     content_.damage.insert(content_.damage.end(), scan.damage.begin(), scan.damage.end());
-    content_.segments.push_back({key, scan.length, scan.blocks.front().header.time, false});
+    content_.segments.push_back({key, scan.length, scan.blocks.front().header.time, false, std::nullopt});
 }
 
 void Rebuilder::TakeControl(Lane& lane, const ScannedBlock& block) {

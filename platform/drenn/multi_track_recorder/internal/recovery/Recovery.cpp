@@ -162,7 +162,7 @@ void Recovery::Tell(const std::string& line) {
 
 Recovery::Found Recovery::Take(const SegmentScan& scan, SegmentKey segment) {
     Found found;
-    found.row = {segment, scan.length, 0, false};
+    found.row = {segment, scan.length, 0, false, std::nullopt};
     found.damage = scan.damage;
     for (const ScannedBlock& block : scan.blocks) {
         found.row.time = found.row.time == 0 ? block.header.time : found.row.time;

@@ -197,7 +197,7 @@ std::vector<ExtentRow> TakeRecords(const SegmentScan& scan, SegmentKey key, Next
                 extents[before->second].count += range.end - first;
             } else {
                 last[track] = extents.size();
-                extents.push_back({track, key, first, range.end - first});
+                extents.push_back({track, key, first, range.end - first, std::nullopt});
             }
         }
         free = std::max(free, block.header.firstSerial + block.header.count);
