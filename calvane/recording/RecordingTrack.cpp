@@ -109,6 +109,7 @@ void RecordingTrack::awaitWriter() const {
 
 void RecordingTrack::setLatestToNewestRecord() {
     const TrackLock lock(*_track);
+    ++_erasings;
     const unsigned int size = _track->size();
     const std::optional<unsigned int> newest = findLastReadableIndex(size);
     if (newest || size == 0) { // Where no record can be read the card may be just going.

@@ -112,7 +112,8 @@ public:
     /// `last` are gone.
     void onEraseRangeSignal(unsigned int first, unsigned int last);
 
-    /// How often records were erased: while it stays the same, so do indexes. Within the track's lock.
+    /// How often records were erased, hidden or lost with the card: while it stays the same, so do indexes. Within the track's
+    /// lock.
     std::uint64_t countErasings() const { return _erasings; }
 
     /// The header of a record. It passes over nothing.

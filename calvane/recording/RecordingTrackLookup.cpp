@@ -5,6 +5,7 @@
 #include <iterator>
 #include <limits>
 #include <stdexcept>
+#include <utility>
 
 #include "calvane/recording/RecordHeader.h"
 #include "calvane/recording/RecordingTrack.h"
@@ -153,12 +154,13 @@ unsigned int RecordingTrack::getFirstIndexNotBefore(const ptime& t) const {
 
 void RecordingTrack::hideBefore(const ptime& cutoff) {
     const TrackLock lock(*_track);
-    _hidden = 0;
+    const unsigned int hidden = std::exchange(_hidden, 0);
     ptime first;
     ptime last;
     if (!cutoff.is_special() && getRecordingTimePeriod(first, last) && first < cutoff) {
         _hidden = getTrackIndexForcedIntoBounds(cutoff) + 1;
     }
+    _erasings += _hidden != hidden ? 1 : 0;
 }
 
 /// Within the lock. For a record that cannot be read, the next one that can be speaks.

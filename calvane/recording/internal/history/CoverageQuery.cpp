@@ -19,8 +19,9 @@ constexpr unsigned int kMostReads = 2000;
 
 } // namespace
 
-CoverageQuery::CoverageQuery(const RecordingTrack& history, const RecordingTrack& track, const Moment& moment)
-    : _history(history), _track(track), _moment(moment) {}
+CoverageQuery::CoverageQuery(const RecordingTrack& history, EventsAround& around, const RecordingTrack& track,
+                             const Moment& moment)
+    : _history(history), _around(around), _track(track), _moment(moment) {}
 
 CoveragePage CoverageQuery::run(const ptime& from, const ptime& to, std::size_t max) {
     _from = from;
@@ -76,7 +77,8 @@ void CoverageQuery::apply(Stretch& stretch, const HistoryEvent& event) {
 /// Those of `max` events, with which the page ends.
 std::vector<CoverageQuery::Stretch> CoverageQuery::divide(std::size_t max) {
     std::vector<Stretch> stretches(1);
-    const auto before = lastEvent(_from);
+    EventsAround::Events around = _around.find(_from, _track.getTrackType());
+    const auto before = lastEvent(_from, std::move(around.last));
     if (before) {
         apply(stretches.front(), *before);
     }
@@ -84,7 +86,10 @@ std::vector<CoverageQuery::Stretch> CoverageQuery::divide(std::size_t max) {
     if (events.size() == max) {
         _to = events.back().time;
     }
-    if (const auto after = nextEvent(_to)) {
+    if (_to != _from) {
+        around = _around.find(_to, _track.getTrackType());
+    }
+    if (const auto after = nextEvent(_to, std::move(around.next))) {
         events.push_back(*after);
     }
     if (!before) {
@@ -100,8 +105,8 @@ std::vector<CoverageQuery::Stretch> CoverageQuery::divide(std::size_t max) {
     return stretches;
 }
 
-std::optional<HistoryEvent> CoverageQuery::lastEvent(const ptime& t) const {
-    auto last = HistoryReader(_history).findLast(t, _track.getTrackType());
+/// With those that are not in the history yet.
+std::optional<HistoryEvent> CoverageQuery::lastEvent(const ptime& t, std::optional<HistoryEvent> last) const {
     for (const HistoryEvent& event : _moment.pending) {
         if (event.time <= t && (!last || last->time <= event.time)) {
             last = event;
@@ -124,8 +129,7 @@ std::vector<HistoryEvent> CoverageQuery::eventsBetween(const ptime& from, const 
     return events;
 }
 
-std::optional<HistoryEvent> CoverageQuery::nextEvent(const ptime& t) const {
-    auto next = HistoryReader(_history).findNext(t, _track.getTrackType());
+std::optional<HistoryEvent> CoverageQuery::nextEvent(const ptime& t, std::optional<HistoryEvent> next) const {
     for (const HistoryEvent& event : _moment.pending) {
         if (t < event.time && (!next || event.time < next->time)) {
             next = event;

@@ -10,6 +10,7 @@
 #include "calvane/recording/Coverage.h"
 #include "calvane/recording/HistoryEvent.h"
 #include "calvane/recording/RecordingTrack.h"
+#include "calvane/recording/internal/history/EventsAround.h"
 #include "drenn/multi_track_recorder/Track.h"
 
 namespace quarn::calvane {
@@ -33,7 +34,8 @@ public:
         std::function<CoverageReason()> whyErased; ///< Why something is gone that was not too old.
     };
 
-    CoverageQuery(const RecordingTrack& history, const RecordingTrack& track, const Moment& moment);
+    CoverageQuery(const RecordingTrack& history, EventsAround& around, const RecordingTrack& track,
+                  const Moment& moment);
 
     /// Up to `max` spans.
     CoveragePage run(const boost::posix_time::ptime& from, const boost::posix_time::ptime& to,
@@ -54,9 +56,9 @@ private:
     };
 
     std::vector<Stretch> divide(std::size_t max);
-    std::optional<HistoryEvent> lastEvent(const Ptime& t) const;
     std::vector<HistoryEvent> eventsBetween(const Ptime& from, const Ptime& to, std::size_t max) const;
-    std::optional<HistoryEvent> nextEvent(const Ptime& t) const;
+    std::optional<HistoryEvent> lastEvent(const Ptime& t, std::optional<HistoryEvent> last) const;
+    std::optional<HistoryEvent> nextEvent(const Ptime& t, std::optional<HistoryEvent> next) const;
     bool isBetweenRecords(const Stretch& stretch, const Ptime& t) const;
     CoverageReason whyErased();
     static void apply(Stretch& stretch, const HistoryEvent& event);
@@ -78,6 +80,7 @@ private:
     void add(const Ptime& start, const Ptime& end, CoverageReason reason);
 
     const RecordingTrack& _history;
+    EventsAround& _around;
     const RecordingTrack& _track;
     const Moment& _moment;
     Ptime _from;

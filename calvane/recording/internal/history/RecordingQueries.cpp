@@ -155,7 +155,7 @@ CoveragePage RecordingQueries::findCoverage(track_type type, const ptime& from, 
     moment.pending = std::move(unwritten.events);
     moment.cutoff = _limits.cutoff(moment.now);
     moment.whyErased = [this] { return whyNotTooOldIsErased(); };
-    return CoverageQuery(_card.history(), track, moment).run(from, to, std::max(max, 1U));
+    return CoverageQuery(_card.history(), _around, track, moment).run(from, to, std::max(max, 1U));
 }
 
 TrackStatus RecordingQueries::getTrackStatus(track_type type) const {

@@ -8,6 +8,7 @@
 #include "calvane/recording/RecordingStatus.h"
 #include "calvane/recording/internal/card/RecordingCard.h"
 #include "calvane/recording/internal/card/RetentionLimits.h"
+#include "calvane/recording/internal/history/EventsAround.h"
 #include "calvane/recording/internal/history/RecordingHistory.h"
 
 namespace quarn::calvane {
@@ -23,7 +24,7 @@ public:
 
     RecordingQueries(const RecordingCard& card, const RecordingHistory& history,
                      const RetentionLimits& limits)
-        : _card(card), _history(history), _limits(limits) {}
+        : _card(card), _history(history), _limits(limits), _around(card.history()) {}
 
     bool getRecordingTimePeriod(Ptime& first, Ptime& last) const;
     Ptime getEarliestDataAfter(const Ptime& t, track_type type) const;
@@ -48,6 +49,7 @@ private:
     const RecordingCard& _card;
     const RecordingHistory& _history;
     const RetentionLimits& _limits;
+    mutable EventsAround _around;
 };
 
 } // namespace quarn::calvane
