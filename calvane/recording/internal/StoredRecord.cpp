@@ -39,15 +39,10 @@ bool splitRecord(const BlobRecord& record, const unsigned char*& data, unsigned 
     return true;
 }
 
-RecordHeader readRecordHeader(Track& track, unsigned int index) {
-    BlobRecord record(1);
-    track.seekg(index);
-    track >> record;
-    if (record.blobs().size() != 1) {
-        throw std::runtime_error(kParseError);
-    }
+RecordHeader readRecordHeader(const Track& track, unsigned int index) {
+    const Track::Leading leading = track.getLeading(index);
     RecordHeader header;
-    parseHeader(record.blobs().front(), header);
+    parseHeader({leading.bytes.data(), leading.firstBlobBytes}, header);
     return header;
 }
 

@@ -16,9 +16,9 @@ void appendRecord(drenn::multi_track_recorder::Track& track, const RecordHeader&
 /// in recorded data" if the first is no header.
 bool splitRecord(const drenn::multi_track_recorder::BlobRecord& record, const unsigned char*& data,
                  unsigned int& size, RecordHeader& header);
-/// Only the header, which costs less than a whole record. Within the track's lock, whose read position it moves. Throws
-/// std::runtime_error "Parse error in recorded data" unless there is one; what the store throws.
-RecordHeader readRecordHeader(drenn::multi_track_recorder::Track& track, unsigned int index);
+/// Only the header, which costs less than a whole record. Throws std::runtime_error "Parse error in recorded data" unless
+/// there is one; what the store throws.
+RecordHeader readRecordHeader(const drenn::multi_track_recorder::Track& track, unsigned int index);
 
 /// A whole record of a track, read.
 ///

@@ -64,6 +64,10 @@ boost::signals2::connection Track::connectToEraseRangeSignal(const EraseRangeSig
     return impl_->ConnectToEraseRangeSignal(slot);
 }
 
+Track::Leading Track::getLeading(unsigned int index) const {
+    return impl_->GetLeading(index);
+}
+
 Track::KnownRecords Track::findKnown(const std::function<bool(const LeadingBytes&)>& isBefore) const {
     return impl_->FindKnown(isBefore);
 }

@@ -85,6 +85,13 @@ public:
 
     /// The first bytes of a record's first blob; zeros behind a shorter one.
     using LeadingBytes = std::array<unsigned char, 16>;
+    /// How a record begins.
+    struct Leading {
+        LeadingBytes bytes;
+        std::uint32_t firstBlobBytes; ///< How long the first blob is; 0 without one.
+    };
+    /// Of the record at `index`. It costs less than reading even that blob alone, and the read position stays.
+    Leading getLeading(unsigned int index) const;
     /// A record whose first bytes are in memory.
     struct KnownRecord {
         unsigned int index;

@@ -36,6 +36,9 @@ public:
     /// Copies the blobs: the one copy on the way to the device.
     void Append(const BlobRecord& record);
     /// Of a record in this block.
+    const RecordEntry& Entry(std::uint64_t serial) const {
+        return records_[static_cast<std::size_t>(serial - firstSerial_)].entry;
+    }
     void Read(std::uint64_t serial, BlobRecord& record) const;
 
     BlockKind Kind() const { return kind_; }

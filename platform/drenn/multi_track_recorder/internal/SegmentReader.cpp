@@ -81,12 +81,20 @@ SegmentReader::SegmentReader(std::shared_ptr<const IFile> file, const std::strin
                              std::shared_ptr<SegmentDirectory> directory)
     : file_(std::move(file)), path_(path), directory_(std::move(directory)) {}
 
-void SegmentReader::Read(std::uint32_t track, std::uint64_t serial, BlobRecord& record) const {
-    const std::optional<BlockRef> place = directory_->Find(track, serial);
-    if (!place) {
+BlockRef SegmentReader::BlockOf(std::uint32_t track, std::uint64_t serial) const {
+    const std::optional<BlockRef> block = directory_->Find(track, serial);
+    if (!block) {
         Fail(track, serial, "it is not there");
     }
-    const BlockRef& block = *place;
+    return *block;
+}
+
+RecordEntry SegmentReader::Entry(std::uint32_t track, std::uint64_t serial) const {
+    return EntryOf(BlockOf(track, serial), serial);
+}
+
+void SegmentReader::Read(std::uint32_t track, std::uint64_t serial, BlobRecord& record) const {
+    const BlockRef block = BlockOf(track, serial);
     const RecordEntry entry = EntryOf(block, serial);
     const std::uint32_t wanted = BlobsToRead(entry.blobs, record.getBlobLimit());
     if (wanted == 0) {

@@ -46,6 +46,7 @@ public:
                   std::shared_ptr<SegmentDirectory> directory);
 
     const std::shared_ptr<SegmentDirectory>& Directory() const { return directory_; }
+    RecordEntry Entry(std::uint32_t track, std::uint64_t serial) const;
     void Read(std::uint32_t track, std::uint64_t serial, BlobRecord& record) const;
 
 private:
@@ -55,6 +56,7 @@ private:
         Bytes entries;
     };
 
+    BlockRef BlockOf(std::uint32_t track, std::uint64_t serial) const;
     RecordEntry EntryOf(const BlockRef& block, std::uint64_t serial) const;
     [[noreturn]] void Fail(std::uint32_t track, std::uint64_t serial, const std::string& reason) const;
 

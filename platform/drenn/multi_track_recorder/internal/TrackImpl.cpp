@@ -101,14 +101,14 @@ std::uint32_t TrackImpl::Tell() const {
     return position_;
 }
 
-std::uint64_t TrackImpl::SerialAtPosition() const {
+std::uint64_t TrackImpl::SerialAt(std::uint32_t index) const {
     const std::lock_guard<std::mutex> lock(content_->mutex);
     const std::uint64_t size = content_->survivors.Size();
-    if (position_ >= size) {
-        throw std::out_of_range(Name() + " has no record " + std::to_string(position_) + "; it has " +
+    if (index >= size) {
+        throw std::out_of_range(Name() + " has no record " + std::to_string(index) + "; it has " +
                                 std::to_string(size));
     }
-    return content_->survivors.SerialAt(position_);
+    return content_->survivors.SerialAt(index);
 }
 
 void TrackImpl::Read(BlobRecord& record) {
@@ -116,7 +116,7 @@ void TrackImpl::Read(BlobRecord& record) {
     record.clear();
     RequireAttached();
     context_.RequireCard();
-    const std::uint64_t serial = SerialAtPosition();
+    const std::uint64_t serial = SerialAt(position_);
     try {
         ReadSerial(serial, record);
     } catch (const std::exception&) {
@@ -126,20 +126,23 @@ void TrackImpl::Read(BlobRecord& record) {
     ++position_;
 }
 
-void TrackImpl::ReadSerial(std::uint64_t serial, BlobRecord& record) const {
-    std::shared_ptr<const PendingBlock> block;
-    std::shared_ptr<Segment> segment;
-    {
-        const std::lock_guard<std::mutex> lock(content_->mutex);
-        block = content_->FindPending(serial);
-        segment = block == nullptr ? content_->FindSegment(serial) : nullptr;
-    }
-    if (block != nullptr) {
-        block->Read(serial, record);
-    } else if (segment != nullptr) {
-        context_.cache.Get(*segment)->Read(content_->id, serial, record);
-    } else {
+TrackImpl::Place TrackImpl::PlaceOf(std::uint64_t serial) const {
+    const std::lock_guard<std::mutex> lock(content_->mutex);
+    Place place;
+    place.block = content_->FindPending(serial);
+    place.segment = place.block == nullptr ? content_->FindSegment(serial) : nullptr;
+    if (place.block == nullptr && place.segment == nullptr) {
         throw std::runtime_error(Name() + ": no segment has record " + std::to_string(serial));
+    }
+    return place;
+}
+
+void TrackImpl::ReadSerial(std::uint64_t serial, BlobRecord& record) const {
+    const Place place = PlaceOf(serial);
+    if (place.block != nullptr) {
+        place.block->Read(serial, record);
+    } else {
+        context_.cache.Get(*place.segment)->Read(content_->id, serial, record);
     }
 }
 
@@ -200,7 +203,7 @@ void TrackImpl::Append(const BlobRecord& record) {
 std::pair<std::uint32_t, std::uint32_t> TrackImpl::GetInfoRange() const {
     const Guard guard(*this);
     RequireAttached();
-    const std::uint64_t serial = SerialAtPosition();
+    const std::uint64_t serial = SerialAt(position_);
     const std::lock_guard<std::mutex> lock(content_->mutex);
     const auto& infos = content_->infos;
     const std::size_t info = content_->FindInfo(serial);
@@ -215,7 +218,7 @@ std::string TrackImpl::GetInfo() const {
     const Guard guard(*this);
     RequireAttached();
     context_.RequireCard();
-    const std::uint64_t serial = SerialAtPosition();
+    const std::uint64_t serial = SerialAt(position_);
     InfoText info{0, nullptr, 0};
     {
         const std::lock_guard<std::mutex> lock(content_->mutex);
@@ -264,6 +267,18 @@ void TrackImpl::SetInfo(const std::string& text) {
         content_->infos.pop_back();
     }
     content_->infos.push_back({from, std::make_shared<const std::string>(text), InfoTag(from, text)});
+}
+
+Track::Leading TrackImpl::GetLeading(std::uint32_t index) const {
+    const Guard guard(*this);
+    RequireAttached();
+    context_.RequireCard();
+    const std::uint64_t serial = SerialAt(index);
+    const Place place = PlaceOf(serial);
+    const RecordEntry entry = place.block != nullptr
+                                  ? place.block->Entry(serial)
+                                  : context_.cache.Get(*place.segment)->Entry(content_->id, serial);
+    return {entry.firstBytes, entry.blobs == 0 ? 0 : entry.firstBlobBytes};
 }
 
 Track::KnownRecords TrackImpl::FindKnown(const std::function<bool(const LeadingBytes&)>& isBefore) const {

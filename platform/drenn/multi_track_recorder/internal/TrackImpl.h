@@ -36,6 +36,7 @@ public:
     std::pair<std::uint32_t, std::uint32_t> GetInfoRange() const;
     std::string GetInfo() const;
     void SetInfo(const std::string& text);
+    Track::Leading GetLeading(std::uint32_t index) const;
     Track::KnownRecords FindKnown(const std::function<bool(const LeadingBytes&)>& isBefore) const;
     void EraseRange(std::uint32_t first, std::uint32_t last);
     boost::signals2::connection ConnectToEraseRangeSignal(const Track::EraseRangeSignal::slot_type& slot);
@@ -61,8 +62,14 @@ private:
     void RequireAttached() const;
     void CheckSizes(const BlobRecord& record) const;
     void CheckFitsCard(const BlobRecord& record) const;
+    /// One of the two.
+    struct Place {
+        std::shared_ptr<const PendingBlock> block;
+        std::shared_ptr<Segment> segment;
+    };
+    Place PlaceOf(std::uint64_t serial) const;
     void ReadSerial(std::uint64_t serial, BlobRecord& record) const;
-    std::uint64_t SerialAtPosition() const;
+    std::uint64_t SerialAt(std::uint32_t index) const;
     void Raise(std::uint32_t first, std::uint32_t last) const;
     void EraseSerials(SerialRange range);
     void Remove(Catalogue::Transaction& transaction, SerialRange range);
