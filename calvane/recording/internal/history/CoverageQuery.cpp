@@ -78,7 +78,7 @@ void CoverageQuery::apply(Stretch& stretch, const HistoryEvent& event) {
 std::vector<CoverageQuery::Stretch> CoverageQuery::divide(std::size_t max) {
     std::vector<Stretch> stretches(1);
     EventsAround::Events around = _around.find(_from, _track.getTrackType());
-    const auto before = lastEvent(_from, std::move(around.last));
+    const auto before = lastEvent(_from, around.last);
     if (before) {
         apply(stretches.front(), *before);
     }
@@ -89,7 +89,7 @@ std::vector<CoverageQuery::Stretch> CoverageQuery::divide(std::size_t max) {
     if (_to != _from) {
         around = _around.find(_to, _track.getTrackType());
     }
-    if (const auto after = nextEvent(_to, std::move(around.next))) {
+    if (const auto after = nextEvent(_to, around.next)) {
         events.push_back(*after);
     }
     if (!before) {

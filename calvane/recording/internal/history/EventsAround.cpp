@@ -51,7 +51,7 @@ EventsAround::Version EventsAround::versionOfHistory() const {
     return {_history.countErasings(), _history.getTrack()->size()};
 }
 
-void EventsAround::keep(Stretch stretch, track_type type, const Version& version) {
+void EventsAround::keep(const Stretch& stretch, track_type type, const Version& version) {
     if (versionOfHistory() != version) {
         return;
     }
@@ -62,7 +62,7 @@ void EventsAround::keep(Stretch stretch, track_type type, const Version& version
     }
     std::vector<Stretch>& kept = _kept[type];
     kept.resize(std::min(kept.size(), kMostKept - 1));
-    kept.insert(kept.begin(), std::move(stretch));
+    kept.insert(kept.begin(), stretch);
 }
 
 } // namespace quarn::calvane

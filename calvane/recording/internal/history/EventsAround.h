@@ -43,7 +43,7 @@ private:
     using Version = std::pair<std::uint64_t, unsigned int>;
 
     Version versionOfHistory() const;
-    void keep(Stretch stretch, track_type type, const Version& version);
+    void keep(const Stretch& stretch, track_type type, const Version& version);
 
     const RecordingTrack& _history;
     std::mutex _mutex;                                // Taken for work in memory only.
