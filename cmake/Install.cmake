@@ -92,7 +92,7 @@ install(FILES ${PROJECT_SOURCE_DIR}/packaging/systemd/calvane-recorder.sysusers
   DESTINATION lib/sysusers.d RENAME calvane-recorder.conf COMPONENT runtime)
 install(FILES ${PROJECT_SOURCE_DIR}/packaging/systemd/calvane-recorder.tmpfiles
   DESTINATION lib/tmpfiles.d RENAME calvane-recorder.conf COMPONENT runtime)
-install(FILES ${PROJECT_SOURCE_DIR}/packaging/systemd/60-calvane-card.rules
+install(FILES ${PROJECT_SOURCE_DIR}/packaging/systemd/61-calvane-card.rules
   DESTINATION lib/udev/rules.d COMPONENT runtime)
 install(FILES ${PROJECT_SOURCE_DIR}/packaging/dbus/com.drenn.recorder.conf
   DESTINATION ${CMAKE_INSTALL_DATADIR}/dbus-1/system.d COMPONENT runtime)

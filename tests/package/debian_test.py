@@ -67,6 +67,12 @@ def check_unit(prefix):
     return faults
 
 
+def check_rules():
+    """A rule that asks for file systems or labels must come after the one of udev that reads them."""
+    return [f"{rules.name} comes before what it asks for is known" for rules in sorted((ROOT / "packaging").rglob("*.rules"))
+            if "ID_FS_" in rules.read_text() and rules.name < "60-persistent-storage.rules"]
+
+
 def check_pages():
     if shutil.which("cmark-gfm") is None:
         print("There is no cmark-gfm here: the HTML of the pages was not checked")
@@ -79,7 +85,7 @@ def check_pages():
 
 def main():
     prefix, libdir, version = pathlib.Path(sys.argv[1]), sys.argv[2], sys.argv[3]
-    faults = check_files(prefix, libdir) + check_version(version) + check_unit(prefix) + check_pages()
+    faults = check_files(prefix, libdir) + check_version(version) + check_unit(prefix) + check_rules() + check_pages()
     print("\n".join(faults) or "The packages have everything once")
     return 1 if faults else 0
 
