@@ -70,11 +70,19 @@ foreach(program calvane-recording calvane-recorder calvane-store) # Bash looks f
     DESTINATION ${completions} RENAME ${program} COMPONENT runtime)
 endforeach()
 
+# Debian's FFmpeg for 32-bit ARM needs a library that asks for an executable stack, which a unit that may not make memory
+# executable refuses to load.
+set(DENY_EXECUTABLE_MEMORY yes)
+if(CMAKE_SYSTEM_PROCESSOR MATCHES "^arm" AND CALVANE_BUILD_MEDIA)
+  set(DENY_EXECUTABLE_MEMORY no)
+endif()
+
 # calvane_install_unit(<component> <unit>): packaging/systemd/<unit>.in, with the programs' folder in place of @BINDIR@.
 # That is known no earlier than when something is installed: `cmake --install --prefix` may name another one.
 function(calvane_install_unit component unit)
   install(CODE "
     set(BINDIR \"${CMAKE_INSTALL_BINDIR}\")
+    set(DENY_EXECUTABLE_MEMORY ${DENY_EXECUTABLE_MEMORY})
     cmake_path(ABSOLUTE_PATH BINDIR BASE_DIRECTORY \"\${CMAKE_INSTALL_PREFIX}\" NORMALIZE)
     configure_file(\"${PROJECT_SOURCE_DIR}/packaging/systemd/${unit}.in\" \"${CMAKE_BINARY_DIR}/units/${unit}\" @ONLY)
     file(INSTALL \"${CMAKE_BINARY_DIR}/units/${unit}\" DESTINATION \"\${CMAKE_INSTALL_PREFIX}/lib/systemd/system\")"
