@@ -129,6 +129,15 @@ TEST_F(PosixFiles, AskForWhatMakesDurable) {
     }
 }
 
+TEST_F(PosixFiles, LeaveToSyncWhatTheKernelDoesNotLetBeWrittenOut) {
+    const auto file = files.Open(folder.Path("file"), OpenMode::CreateNew);
+    for (const int error : {ENOSYS, EPERM, EINVAL}) {
+        system.syncError = error;
+        EXPECT_NO_THROW(file->WriteOut());
+        EXPECT_THROW(file->Sync(), SyncError);
+    }
+}
+
 TEST_F(PosixFiles, WriteAndReadAllOrFail) {
     const auto file = files.Open(folder.Path("file"), OpenMode::CreateNew);
     const std::string text = "0123456789";
