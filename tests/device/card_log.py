@@ -5,10 +5,8 @@ import os
 import random
 import struct
 
-SUPER = struct.Struct("<QQQI")
 ENTRY = struct.Struct("<QQQQ")
-MAGIC = 0x6A736677736872
-FLUSH, FUA, DISCARD, MARK = 1, 2, 4, 8
+FLUSH, FUA, DISCARD = 1, 2, 4
 SECTOR = 512
 # The first block is written whole or not at all: no file system can be mounted after half of its superblock was.
 FIRST_BLOCK = 4096
@@ -49,8 +47,8 @@ class CardLog:
 class CardStates:
     """The states of a card from its image before the log began.
 
-    A card with a volatile cache has what was flushed, and of the rest any sectors. One without has all, and of the last run
-    of sectors, which it may just be writing, any."""
+    A card with a volatile cache has what was flushed, and of the rest any sectors. One without has all: each command is
+    finished before the next one comes, and qemu logs each sector of it by itself."""
 
     def __init__(self, before, log, cached, seed):
         self._log, self._cached, self._random = log, cached, random.Random(seed)
@@ -58,13 +56,12 @@ class CardStates:
             self._durable = bytearray(image.read())
         self._taken, self._pending = 0, [] # Entries so far, and those of them that are not durable.
 
-    def _write(self, image, entry, is_there=lambda: True):
+    def _write(self, image, entry, is_there=lambda _: True):
         begin, length, _, _ = entry
         content = self._log.content(entry)
-        step = FIRST_BLOCK if begin < FIRST_BLOCK else SECTOR
-        for at in range(0, length, step):
-            if is_there():
-                image[begin + at:begin + at + len(content[at:at + step])] = content[at:at + step]
+        for at in range(0, length, SECTOR):
+            if is_there(begin + at):
+                image[begin + at:begin + at + SECTOR] = content[at:at + SECTOR]
 
     def _settle(self):
         for entry in self._pending:
@@ -72,11 +69,9 @@ class CardStates:
         self._pending = []
 
     def _take(self, entry):
-        begin, length, flags, _ = entry
-        follows = self._pending and self._pending[-1][0] + self._pending[-1][1] == begin
-        if flags & FLUSH if self._cached else not follows:
+        if not self._cached or entry[2] & FLUSH:
             self._settle()
-        if length:
+        if entry[1]:
             self._pending.append(entry)
 
     def at(self, moment, path):
@@ -84,11 +79,19 @@ class CardStates:
         for entry in self._log.entries[self._taken:moment]:
             self._take(entry)
         self._taken = moment
+        if not self._cached:
+            self._settle()
         state = bytearray(self._durable)
         chosen = self._random.randrange(len(self._pending) + 1)
         kind = self._random.randrange(4) # None of it, some of it in order, all but one, each sector by itself.
+        has_first_block = self._random.random() < 0.5
         for number, entry in enumerate(self._pending):
             there = {0: False, 1: number < chosen, 2: number != chosen}.get(kind)
-            self._write(state, entry, lambda there=there: self._random.random() < 0.5 if there is None else there)
+
+            def is_there(sector, there=there):
+                if sector < FIRST_BLOCK:
+                    return has_first_block
+                return self._random.random() < 0.5 if there is None else there
+            self._write(state, entry, is_there)
         with open(path, "wb") as image:
             image.write(state)

@@ -12,7 +12,7 @@ import threading
 import time
 
 # What a command may take at most; an emulator that shares two processors with others is slow.
-PATIENCE = 120
+PATIENCE = 300
 BOOT_PATIENCE = 600
 
 
@@ -50,7 +50,7 @@ class Card:
         """A new ext4 with the label that has it mounted; `owner` is Device.owner(). The size is a power of two."""
         with open(self.path, "wb") as image:
             image.truncate(mebibytes << 20)
-        run("mkfs.ext4", "-q", "-F", "-m", "0", "-L", "calvane", "-E", f"root_owner={owner}", self.path)
+        run("mkfs.ext4", "-q", "-F", "-b", "4096", "-m", "0", "-L", "calvane", "-E", f"root_owner={owner}", self.path)
         return self
 
     def node(self, name):
@@ -265,7 +265,7 @@ class Device:
 
     def wait_for_recording(self, timeout=PATIENCE):
         """Until records come."""
-        before = wait_until("the recorder answers", lambda: self.records() is not None and [self.records()], timeout)[0]
+        before = None
 
         def more():
             nonlocal before
