@@ -70,7 +70,7 @@ class Outside:
 
     def export(self, image, *words):
         """The path of what the export makes of the card itself."""
-        clip = self._folder / "clip.mkv"
+        clip = self._folder / "clip.mp4"
         clip.unlink(missing_ok=True)
         with mounted(image, self._folder) as card:
             run(self._binaries / "calvane-recording", "export", "--card", card, *words, clip)
