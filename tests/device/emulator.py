@@ -218,9 +218,10 @@ class Device:
         self._control.settimeout(timeout)
         deadline = time.monotonic() + timeout
         self._control.sendall(f"{{ {command}\n}} </dev/null 2>&1; printf '{mark}%d\\n' $?\n".encode())
-        pattern = re.compile(rb"(.*?)" + mark.encode() + rb"(\d+)\n", re.DOTALL)
-        data = self._rest
-        while not (found := pattern.search(data)):
+        pattern = re.compile(mark.encode() + rb"(\d+)\n")
+        data, searched = bytearray(self._rest), 0
+        while not (found := pattern.search(data, searched)):
+            searched = max(0, len(data) - len(mark) - 8)
             try:
                 some = self._control.recv(65536)
             except TimeoutError:
@@ -229,10 +230,10 @@ class Device:
                 self._rest = b""
                 raise Fault(f"no answer within {timeout} s: {command}; so far: {data[-500:]!r}")
             data += some
-        self._rest = data[found.end():]
-        output = re.sub(rb"@\d+-\d+@\d+\n", b"", found.group(1)).decode(errors="replace") # Late answers.
-        if check and found.group(2) != b"0":
-            raise Fault(f"{command}: status {found.group(2).decode()}: {output[-1500:]}")
+        self._rest = bytes(data[found.end():])
+        output = re.sub(rb"@\d+-\d+@\d+\n", b"", data[:found.start()]).decode(errors="replace") # Late answers.
+        if check and found.group(1) != b"0":
+            raise Fault(f"{command}: status {found.group(1).decode()}: {output[-1500:]}")
         return output
 
     def listen(self, take):
