@@ -1,0 +1,455 @@
+#include "TrackSender.h"
+
+#include <algorithm>
+#include <limits>
+#include <utility>
+
+#include "quarn/core/Logger.h"
+
+namespace calvane_uplink {
+namespace {
+
+using calvane_fleet::MessageKind;
+using calvane_fleet::StoredMessage;
+using calvane_recording::kSecond;
+
+constexpr Time kNever = std::numeric_limits<Time>::max();
+/// The newest lane may lie so far behind the card before another one is opened.
+constexpr Time kMostLag = 3 * kSecond / 2;
+/// Where a key frame is looked for to begin a lane with.
+constexpr Time kKeyFrameLook = 4 * kSecond;
+/// As long as there are so many, the newest lane catches up by itself.
+constexpr std::size_t kMostLanes = 16;
+/// Time without a record about which the coverage is asked.
+constexpr Time kShortestGap = 2 * kSecond;
+/// The info text is repeated, so that a stream that discards old messages has one for nearly all records.
+constexpr Time kInfoEvery = 300 * kSecond;
+// Reasons that the recorder's coverage has.
+constexpr unsigned int kErasedForAge = 3;
+constexpr unsigned int kUnknown = 6;
+constexpr auto kLostPause = std::chrono::seconds(1);
+constexpr auto kLookEvery = std::chrono::milliseconds(150);
+
+quarn::core::Logger& Log() {
+    static quarn::core::Logger& logger = *quarn::core::Logger::GetLogger("Uplink");
+    return logger;
+}
+
+/// The time of `text` in a message for the log.
+std::string At(Time time) {
+    return calvane_recording::TimeText(time, calvane_recording::Zone::Utc);
+}
+
+} // namespace
+
+TrackSender::TrackSender(calvane_fleet::DeviceStream& stream, std::function<bool()> isInterrupted,
+                         TrackKind track, const TrackPolicy& policy, bool newestFirst)
+    : stream_(stream),
+      track_(track),
+      newestFirst_(newestFirst),
+      recorder_(std::move(isInterrupted)),
+      selection_(policy) {}
+
+std::string TrackSender::Subject(std::uint64_t lane) const {
+    return calvane_fleet::LaneSubject(stream_.Device(), track_, lane);
+}
+
+void TrackSender::Resume() {
+    lanes_.clear();
+    newestLane_ = stream_.NewestLane(calvane_fleet::LanesFilter(stream_.Device(), track_));
+    if (newestLane_ == 0) {
+        return;
+    }
+    const auto first = stream_.GetNext(Subject(newestLane_), 1);
+    if (first) {
+        for (const calvane_fleet::OpenLane& open : first->head.open) {
+            if (auto lane = LoadLane(open.lane, open.end)) {
+                lanes_.push_back(std::move(*lane));
+            }
+        }
+    }
+    if (auto live = LoadLane(newestLane_, kNever)) {
+        figures_.sentUpTo = live->sentUpTo;
+        lanes_.push_back(std::move(*live));
+    }
+    const auto gap = stream_.GetLast(calvane_fleet::GapSubject(stream_.Device(), track_));
+    for (Lane& lane : lanes_) {
+        lane.gapUpTo = gap && gap->head.lane == lane.number ? gap->head.last : 0;
+        TakeInfo(lane);
+    }
+}
+
+/// Nothing if the lane is complete, or the stream has discarded all of it.
+std::optional<TrackSender::Lane> TrackSender::LoadLane(std::uint64_t number, Time end) {
+    Lane lane;
+    lane.number = number;
+    lane.end = end;
+    const auto last = stream_.GetLast(Subject(lane.number));
+    if (!last || last->head.kind == MessageKind::End) {
+        return std::nullopt;
+    }
+    const MessageHead& head = last->head;
+    lane.begin = lane.sentUpTo = head.time;
+    lane.records = head.number;
+    lane.info = head.info;
+    lane.at.time = head.time;
+    if (head.kind == MessageKind::Begin) {
+        --lane.at.time;
+    } else if (head.IsLastPart(last->data.size())) {
+        const bool isWhole = head.partTotal == 0;
+        lane.at = {head.time, true, head.same, isWhole ? HashOf(last->data.data(), last->data.size()) : 0};
+    } else { // The record is read again from the card.
+        lane.at = head.same != 0 ? Position{head.time, true, head.same - 1, 0} : Position{head.time - 1};
+        lane.partTime = head.time;
+        lane.partOf = head.partOffset + last->data.size();
+        lane.partTotal = head.partTotal;
+        --lane.records;
+    }
+    return lane;
+}
+
+/// The text that the lane's last record refers to.
+void TrackSender::TakeInfo(Lane& lane) const {
+    const auto message = lane.info != 0 ? stream_.Get(lane.info) : std::nullopt;
+    if (message && message->head.kind == MessageKind::Info) {
+        lane.infoText = message->data;
+        lane.infoTime = message->head.time;
+    } else {
+        lane.info = 0;
+    }
+}
+
+/// What older lanes have from `begin` on belongs to a lane that begins there.
+void TrackSender::CloseLanesAt(Time begin) {
+    for (Lane& lane : lanes_) {
+        lane.end = std::min(lane.end, begin);
+        lane.reader.reset();
+    }
+    lanes_.remove_if([begin](const Lane& lane) { return lane.begin >= begin || lane.at.time >= begin; });
+}
+
+TrackSender::Lane& TrackSender::OpenLane(Link& link, Time begin) {
+    CloseLanesAt(begin);
+    Lane lane;
+    lane.number = ++newestLane_;
+    lane.begin = lane.sentUpTo = begin;
+    lane.end = kNever;
+    lane.at.time = begin - 1;
+    MessageHead head;
+    head.kind = MessageKind::Begin;
+    head.time = begin;
+    for (const Lane& open : lanes_) {
+        head.open.push_back({open.number, open.end});
+    }
+    link.Send(Subject(lane.number), head, nullptr, 0);
+    lanes_.push_back(std::move(lane));
+    return lanes_.back();
+}
+
+void TrackSender::EndLane(Link& link, Lane& lane) {
+    CardRecord end;
+    end.time = lane.end;
+    SendGaps(link, lane, end);
+    MessageHead head;
+    head.kind = MessageKind::End;
+    head.time = lane.end;
+    head.number = lane.records;
+    link.Send(Subject(lane.number), head, nullptr, 0);
+}
+
+bool TrackSender::SendLive(Link& link, std::size_t budget) {
+    if (lanes_.empty() || lanes_.back().reader == nullptr) {
+        const auto now = std::chrono::steady_clock::now();
+        if (now - lastLook_ < kLookEvery) {
+            return false;
+        }
+        lastLook_ = now;
+        card_ = recorder_.GetSpan(track_);
+        if (card_.IsEmpty()) {
+            return false;
+        }
+        figures_.cardUpTo = card_.last;
+        if (lanes_.empty()) {
+            OpenLane(link, card_.first);
+        }
+        const Lane& live = lanes_.back();
+        if (live.at.isBehindRecord && card_.last == live.at.time) {
+            return false;
+        }
+    }
+    return SendSome(link, lanes_.back(), budget) == Progress::More;
+}
+
+bool TrackSender::SendBacklog(Link& link, std::size_t budget) {
+    if (lanes_.size() < 2) {
+        return false;
+    }
+    const auto newest = std::max_element(lanes_.begin(), std::prev(lanes_.end()),
+                                         [](const Lane& a, const Lane& b) { return a.begin < b.begin; });
+    const Progress progress = SendSome(link, *newest, budget);
+    if (progress == Progress::AllSent) {
+        EndLane(link, *newest);
+        lanes_.erase(newest);
+    }
+    return progress != Progress::Waiting && lanes_.size() > 1;
+}
+
+/// Up to what the card has now, or the lane's end.
+void TrackSender::OpenReader(Lane& lane) {
+    selection_.Update(recorder_, lane.at.time);
+    const Time last = std::min(lane.end == kNever ? card_.last : lane.end - 1,
+                               selection_.Horizon(calvane_recording::Now()));
+    if (last > lane.at.time || lane.at.isBehindRecord) {
+        lane.reader = recorder_.Open(track_, lane.at, std::max(last, lane.at.time));
+    }
+}
+
+TrackSender::Progress TrackSender::SendSome(Link& link, Lane& lane, std::size_t budget) {
+    try {
+        return SendFromReader(link, lane, budget);
+    } catch (const CardReader::PositionLost&) {
+        lane.reader.reset();
+        FindPosition(link, lane);
+        return Progress::Waiting;
+    } catch (const RecorderError&) {
+        lane.reader.reset();
+        throw;
+    }
+}
+
+TrackSender::Progress TrackSender::SendFromReader(Link& link, Lane& lane, std::size_t budget) {
+    bool isFirst = lane.reader == nullptr;
+    if (isFirst) {
+        OpenReader(lane);
+    }
+    for (std::size_t sent = 0; lane.reader != nullptr && sent < budget; isFirst = false) {
+        const auto record = lane.reader->Read();
+        if (!record) {
+            lane.reader.reset();
+            lane.isAtLiveEdge = false;
+            break;
+        }
+        if (isFirst && IsBehind(lane, *record)) {
+            OpenLane(link, FindLiveBegin()).isAtLiveEdge = true;
+            return Progress::More;
+        }
+        SendRecord(link, lane, *record);
+        sent += record->payload.size() + 1;
+    }
+    if (lane.reader != nullptr) {
+        return Progress::More;
+    }
+    const bool isDecided = lane.end != kNever && selection_.Horizon(calvane_recording::Now()) >= lane.end - 1;
+    return isDecided ? Progress::AllSent : Progress::Waiting;
+}
+
+/// Whether the newest lane had better begin anew.
+bool TrackSender::IsBehind(const Lane& lane, const CardRecord& record) const {
+    return newestFirst_ && &lane == &lanes_.back() && !lane.isAtLiveEdge && lanes_.size() < kMostLanes &&
+           card_.last - record.time > kMostLag;
+}
+
+/// The last key frame on the card, or the last record.
+Time TrackSender::FindLiveBegin() {
+    card_ = recorder_.GetSpan(track_);
+    Time begin = card_.last;
+    if (track_ != TrackKind::Video) {
+        return begin;
+    }
+    Position from;
+    from.time = card_.last - kKeyFrameLook;
+    const auto reader = recorder_.Open(track_, from, card_.last);
+    while (const auto record = reader->Read()) {
+        begin = (record->flags & calvane_fleet::kKeyFrame) != 0 ? record->time : begin;
+    }
+    return begin;
+}
+
+/// The record behind which the lane goes on is not on the card. It was erased for its age or for space; or the recorder was
+/// killed before it was safe; or the clock was set back, and the recorder has erased what was later; or the card is another
+/// one.
+void TrackSender::FindPosition(Link& link, Lane& lane) {
+    lastLook_ = std::chrono::steady_clock::now() + kLostPause;
+    card_ = recorder_.GetSpan(track_);
+    const Time lost = lane.at.time;
+    if (card_.IsEmpty()) {
+        return;
+    }
+    if (card_.first > lost) {
+        lane.at.isBehindRecord = false;
+        lane.isBehindErased = true;
+        return;
+    }
+    link.WaitUntilStored(); // What was sent is looked for in the stream.
+    const auto common = FindLastCommonOfAny(lane.number);
+    if (!common) {
+        if (card_.last > lost) {
+            Log().Warning("The card has nothing of what was sent of %s; going on behind %s", NameOf(track_),
+                          At(lost).c_str());
+            lane.at.isBehindRecord = false;
+        }
+        return;
+    }
+    const auto next = recorder_.Open(track_, *common, card_.last)->Read();
+    if (!next) {
+        return; // Nothing was recorded since then. What comes decides.
+    }
+    if (next->time > lost) {
+        lane.at.isBehindRecord = false; // What was lost in a last second is in the stream alone.
+        return;
+    }
+    Log().Information("What was recorded of %s from %s on was recorded anew, since the clock was set back",
+                      NameOf(track_), At(next->time).c_str());
+    OpenLane(link, common->time + 1);
+}
+
+/// The last record of a lane or of those before it that the card has, too.
+std::optional<Position> TrackSender::FindLastCommonOfAny(std::uint64_t lane) {
+    std::optional<Position> common;
+    for (std::uint64_t older = 0; !common && older < kMostLanes && older < lane; ++older) {
+        common = FindLastCommon(lane - older);
+    }
+    return common;
+}
+
+/// By binary search: what the card has not lies behind what it has, but for what it has erased from its begin on.
+std::optional<Position> TrackSender::FindLastCommon(std::uint64_t lane) {
+    const std::string subject = Subject(lane);
+    const calvane_fleet::StreamState state = stream_.GetState();
+    std::uint64_t low = state.firstSequence;
+    std::uint64_t high = state.lastSequence + 1;
+    std::optional<Position> common;
+    while (low < high) {
+        const std::uint64_t middle = low + (high - low) / 2;
+        const auto message = stream_.GetNext(subject, middle);
+        if (!message || message->sequence >= high) {
+            high = middle;
+            continue;
+        }
+        const MessageHead& head = message->head;
+        const bool isWhole = head.kind == MessageKind::Record && head.partTotal == 0;
+        const Position record{head.time, true, head.same, HashOf(message->data.data(), message->data.size())};
+        const bool wasErased = head.time < card_.first;
+        if (!isWhole || wasErased || recorder_.Has(track_, record)) {
+            common = isWhole && !wasErased ? record : common;
+            low = message->sequence + 1;
+        } else {
+            high = middle;
+        }
+    }
+    return common;
+}
+
+void TrackSender::SendRecord(Link& link, Lane& lane, const CardRecord& record) {
+    const bool isInTime = selection_.WantsTime(record.time);
+    lane.hasSkipped = lane.hasSkipped || !isInTime;
+    if (isInTime && selection_.WantsFrame(record)) {
+        SendGaps(link, lane, record);
+        SendInfo(link, lane, record);
+        MessageHead head;
+        head.time = record.time;
+        head.number = ++lane.records;
+        head.same = record.same;
+        head.flags = record.flags;
+        head.offset = record.offset;
+        head.info = lane.info;
+        SendParts(link, lane, record, head);
+        lane.sentUpTo = record.time;
+        lane.hasSkipped = false;
+        lane.isBehindErased = false;
+        ++figures_.records;
+        figures_.sentUpTo = std::max(figures_.sentUpTo, record.time);
+    }
+    // Last, since what fails before is tried again.
+    lane.at = {record.time, true, record.same, HashOf(record.payload.data(), record.payload.size())};
+}
+
+void TrackSender::SendParts(Link& link, Lane& lane, const CardRecord& record, MessageHead head) {
+    const std::string subject = Subject(lane.number);
+    const std::size_t size = record.payload.size();
+    std::size_t from = 0;
+    if (std::exchange(lane.partTime, 0) == record.time && lane.partTotal == size) {
+        from = static_cast<std::size_t>(lane.partOf); // The stream has the begin of it.
+    }
+    if (size <= link.MostPayload() && from == 0) {
+        link.Send(subject, head, record.payload.data(), size);
+        return;
+    }
+    for (head.partTotal = size; from < size;) {
+        const std::size_t part = std::min(size - from, link.MostPayload());
+        head.partOffset = from;
+        link.Send(subject, head, record.payload.data() + from, part);
+        from += part;
+    }
+}
+
+void TrackSender::SendInfo(Link& link, Lane& lane, const CardRecord& record) {
+    if (record.info == lane.infoText && (lane.info != 0 || record.info.empty()) &&
+        record.time - lane.infoTime < kInfoEvery) {
+        return;
+    }
+    lane.infoText = record.info;
+    lane.infoTime = record.time;
+    lane.info = 0;
+    if (!record.info.empty()) {
+        MessageHead head;
+        head.kind = MessageKind::Info;
+        head.time = record.time;
+        lane.info = link.Send(calvane_fleet::InfoSubject(stream_.Device(), track_), head, record.info.data(),
+                              record.info.size());
+    }
+}
+
+/// Tells why there is nothing between the last record and this one, where that is longer than usual.
+void TrackSender::SendGaps(Link& link, Lane& lane, const CardRecord& record) {
+    const Time from = std::max(lane.sentUpTo, lane.gapUpTo);
+    const Span span{lane.sentUpTo, record.time};
+    const bool isBehindErased = record.isBehindErased || lane.isBehindErased;
+    const bool isLong = span.last - span.first > kShortestGap;
+    if ((!isLong && !isBehindErased) || from >= span.last) {
+        return;
+    }
+    if (lane.hasSkipped) {
+        SendGap(link, lane, span, calvane_fleet::kNotSelected);
+        return;
+    }
+    bool isTold = false;
+    for (const calvane_recording::Interval& interval : recorder_.GetCoverage(track_, span)) {
+        if (interval.reason != 0) {
+            isTold = true;
+            if (interval.span.last > from) {
+                // There was data, or the lane would not begin in front of it.
+                const bool isErased =
+                    interval.reason == kUnknown &&
+                    (isBehindErased || recorder_.GetSpan(track_).first >= interval.span.last);
+                SendGap(link, lane, interval.span, isErased ? kErasedForAge : interval.reason);
+            }
+        }
+    }
+    if (!isTold && isBehindErased) {
+        SendGap(link, lane, span, kErasedForAge);
+    }
+}
+
+void TrackSender::SendGap(Link& link, Lane& lane, const Span& span, unsigned int reason) {
+    MessageHead head;
+    head.kind = MessageKind::Gap;
+    head.time = span.first;
+    head.last = span.last;
+    head.reason = reason;
+    head.lane = lane.number;
+    link.Send(calvane_fleet::GapSubject(stream_.Device(), track_), head, nullptr, 0);
+    lane.gapUpTo = span.last;
+    ++figures_.gaps;
+}
+
+TrackFigures TrackSender::GetFigures() const {
+    TrackFigures figures = figures_;
+    figures.backlog = 0;
+    for (const Lane& lane : lanes_) {
+        figures.backlog += lane.end == kNever ? 0 : std::max<Time>(0, lane.end - lane.at.time);
+    }
+    return figures;
+}
+
+} // namespace calvane_uplink
