@@ -55,13 +55,13 @@ class Answer:
 
 
 class Device:
-    """The programs and their folder, in which there is an empty card if none is given."""
+    """The programs and their folder, in which there is an empty card if none is given, with a recorder of this description."""
 
-    def __init__(self, card=None):
+    def __init__(self, card=None, description=CAMERA):
         self.folder = tempfile.mkdtemp(prefix="calvane-web-")
         self.card = card or self.path("card")
         os.makedirs(self.card, exist_ok=True)
-        self.write("camera.ini", CAMERA)
+        self.write("camera.ini", description)
         self.address = "unix:path=" + self.path("bus")
         self.environment = {**os.environ, "DRENN_BUS": self.address, "DRENN_SETTINGS": self.path("settings.db")}
         self.bus = self.recorder = None

@@ -1,0 +1,192 @@
+"""nats-servers on loopback with JetStream, and a client of theirs that shares no code with the programs under test."""
+import base64
+import json
+import os
+import shutil
+import signal
+import socket
+import subprocess
+import tempfile
+import time
+
+SLOWNESS = int(os.environ.get("CALVANE_TEST_SLOWNESS", "1"))
+
+
+def wait_until(condition, what, seconds=30):
+    end = time.monotonic() + seconds * SLOWNESS
+    while True:
+        result = condition()
+        if result:
+            return result
+        if time.monotonic() > end:
+            raise AssertionError(f"not within {seconds * SLOWNESS} s: {what}")
+        time.sleep(0.05)
+
+
+def free_ports(count):
+    sockets = [socket.create_server(("127.0.0.1", 0)) for _ in range(count)]
+    ports = [each.getsockname()[1] for each in sockets]
+    for each in sockets:
+        each.close()
+    return ports
+
+
+class Message:
+    def __init__(self, subject, sequence, head, data):
+        self.subject, self.sequence, self.data = subject, sequence, data
+        lines = head.decode().split("\r\n")[1:] if head else []
+        self.headers = dict(line.split(": ", 1) for line in lines if ": " in line)
+
+
+class Client:
+    """One connection: requests and what JetStream answers, nothing more."""
+
+    def __init__(self, port, domain=None):
+        self.prefix = f"$JS.{domain}.API." if domain else "$JS.API."
+        self.socket = socket.create_connection(("127.0.0.1", port), timeout=10 * SLOWNESS)
+        self.file = self.socket.makefile("rb")
+        self.file.readline()
+        options = {"verbose": False, "headers": True, "no_responders": True, "user": "camera", "pass": "right"}
+        self.inbox = f"_INBOX.{os.getpid()}.{id(self)}"
+        self.number = 0
+        self.socket.sendall(f"CONNECT {json.dumps(options)}\r\nSUB {self.inbox}.> 1\r\n".encode())
+
+    def __enter__(self):
+        return self
+
+    def __exit__(self, *_):
+        self.file.close()
+        self.socket.close()
+
+    def publish(self, subject, data=b"", reply=""):
+        self.socket.sendall(f"PUB {subject} {reply} {len(data)}\r\n".encode() + data + b"\r\n")
+
+    def next(self):
+        """Subject and data of what comes next for this client."""
+        while True:
+            line = self.file.readline()
+            words = line.split()
+            if not words:
+                raise ConnectionError("the server has gone")
+            if words[0] == b"PING":
+                self.socket.sendall(b"PONG\r\n")
+            elif words[0] in (b"MSG", b"HMSG"):
+                data = self.file.read(int(words[-1]))
+                self.file.read(2)
+                if words[0] == b"HMSG":
+                    head = data[:int(words[-2])]
+                    if b" 503" in head.split(b"\r\n")[0]:
+                        raise ConnectionError(f"nobody answers {words[1].decode()}")
+                    data = data[int(words[-2]):]
+                return words[1].decode(), data
+            elif words[0] == b"-ERR":
+                raise ConnectionError(line.decode())
+
+    def request(self, subject, value=None):
+        self.number += 1
+        reply = f"{self.inbox}.{self.number}"
+        self.publish(subject, json.dumps(value).encode() if value is not None else b"", reply)
+        while True:
+            name, data = self.next()
+            if name == reply:
+                return json.loads(data)
+
+    def api(self, operation, value=None):
+        answer = self.request(self.prefix + operation, value)
+        if "error" in answer:
+            raise LookupError(f"{operation}: {answer['error']}")
+        return answer
+
+    def messages(self, stream, subject=">"):
+        """All that a stream holds, in its order."""
+        result, sequence = [], 1
+        while True:
+            try:
+                found = self.api(f"STREAM.MSG.GET.{stream}", {"seq": sequence, "next_by_subj": subject})["message"]
+            except LookupError as problem:
+                if "no message found" in str(problem):
+                    return result
+                raise
+            decode = lambda key: base64.b64decode(found.get(key, ""))
+            result.append(Message(found["subject"], found["seq"], decode("hdrs"), decode("data")))
+            sequence = found["seq"] + 1
+
+
+class Server:
+    def __init__(self, folder, name, port, text):
+        self.folder, self.name, self.port, self.process = folder, name, port, None
+        self.config = os.path.join(folder, f"{name}.conf")
+        with open(self.config, "w", encoding="utf-8") as file:
+            file.write(f'server_name: {name}\nlisten: "127.0.0.1:{port}"\n{text}')
+
+    @property
+    def url(self):
+        return f"nats://127.0.0.1:{self.port}"
+
+    def start(self):
+        with open(os.path.join(self.folder, f"{self.name}.log"), "ab") as log:
+            self.process = subprocess.Popen(["nats-server", "-c", self.config], stderr=log, stdin=subprocess.DEVNULL)
+
+    def send(self, number):
+        self.process.send_signal(number)
+
+    def kill(self):
+        if self.process:
+            self.process.kill()
+            self.process.wait()
+            self.process = None
+
+
+class Cluster:
+    """Some servers, one of them alone or all of them as a cluster, which lives until close()."""
+
+    def __init__(self, count=3, store="", text="", domain=None):
+        self.folder = tempfile.mkdtemp(prefix="calvane-nats-")
+        ports, routes = free_ports(count), free_ports(count)
+        self.domain = domain
+        self.servers = []
+        for number, port in enumerate(ports):
+            limits = f"{{store_dir: \"{self.folder}/n{number}\", {store} {f'domain: {domain}' if domain else ''}}}"
+            config = f"jetstream: {limits}\n{text}\n"
+            if count > 1:
+                others = ", ".join(f'"nats://127.0.0.1:{route}"' for route in routes)
+                config += f'cluster: {{name: fleet, listen: "127.0.0.1:{routes[number]}", routes: [{others}]}}\n'
+            self.servers.append(Server(self.folder, f"n{number}", port, config))
+        for server in self.servers:
+            server.start()
+        wait_until(self.is_ready, "JetStream")
+
+    def is_ready(self):
+        try:
+            with self.client() as client:
+                client.api("INFO")
+            return True
+        except (OSError, LookupError):
+            return False
+
+    @property
+    def urls(self):
+        return ",".join(server.url for server in self.servers)
+
+    def client(self):
+        for server in self.servers:
+            if server.process:
+                try:
+                    return Client(server.port, self.domain)
+                except OSError:
+                    pass
+        raise ConnectionError("no server is there")
+
+    def leader(self, stream):
+        """The server that leads a stream, None while none does."""
+        try:
+            with self.client() as client:
+                name = client.api(f"STREAM.INFO.{stream}").get("cluster", {}).get("leader")
+        except (OSError, LookupError):
+            return None
+        return next((server for server in self.servers if server.name == name), None)
+
+    def close(self):
+        for server in self.servers:
+            server.kill()
+        shutil.rmtree(self.folder)
