@@ -100,6 +100,10 @@ class FleetDevice(harness.Device):
         with open(self.path("uplink.log"), encoding="utf-8") as file:
             return file.read()
 
+    def read(self, name):
+        with open(self.path(name), "rb") as file:
+            return file.read()
+
     def card_records(self, track):
         """Time in microseconds, flags and payload of all records on the card."""
         lines = self.ask("read", "--track", track, "--list", "--json").splitlines()

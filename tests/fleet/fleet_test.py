@@ -1,11 +1,13 @@
 """The streams of devices against their cards, on real servers that are killed, stopped and filled meanwhile."""
+import json
 import os
 import random
 import signal
+import subprocess
 import time
 import unittest
 
-from fleet_device import FAKE_CLOCK, TRACKS, FleetDevice, compare, fields, read_track
+from fleet_device import FAKE_CLOCK, TRACKS, FleetDevice, compare, fields, harness, microseconds, read_track
 from nats_cluster import SLOWNESS, Cluster, wait_until
 
 EFFORT = float(os.environ.get("CALVANE_TEST_EFFORT", "1"))
@@ -205,6 +207,45 @@ class TroubleTest(FleetTest):
         wait_until(lambda: "set back" in device.uplink_log(), "a new lane")
         device.stop_producers()
         self.assert_same(device)
+
+
+class ReaderTest(FleetTest):
+    """What calvane-fleet says of a device with pictures, beside what calvane-recording says of its card."""
+
+    def test_it_answers_as_the_card_does(self):
+        cluster = self.cluster(domain="hub")
+        device = self.device(cluster, name="gate-3", description=harness.CAMERA)
+        device.start_uplink()
+        time.sleep(3)
+        cluster.servers[0].kill()  # So that there is more than one lane.
+        time.sleep(4)
+        cluster.servers[0].start()
+        wait_until(lambda: "Connected" in device.uplink_log().split("lost")[-1], "another connection")
+        device.stop_producers()
+        wait_until(lambda: not device.metrics()["backlog_seconds"] and not device.metrics()["lag_seconds"], "the backlog")
+        time.sleep(1)
+        card, fleet = device.ask_json("tracks"), self.ask_json(device, "tracks")
+        self.assertGreater(fleet["video"]["lanes"], 1)
+        for track in ("video", "audio"):
+            self.assertEqual([card[track][key] for key in ("first", "last")], [fleet[track][key] for key in ("first", "last")])
+            self.assertEqual([each["reason"] for each in self.ask_json(device, "coverage")[track]], ["data"])
+        self.assertEqual(device.ask_json("history")["events"], self.ask_json(device, "history"))
+        self.assertEqual([each["device"] for each in json.loads(self.ask(device, "devices", "--json"))], ["gate-3"])
+        middle = "@" + str((microseconds(card["video"]["first"]) + microseconds(card["video"]["last"])) / 2e6)
+        for begin in ("@0", middle):
+            device.ask("export", "--from", begin, "card.mp4", "--force")
+            self.ask(device, "export", "--from", begin, "fleet.mp4", "--force", "--device", "gate-3")
+            self.assertEqual(device.read("card.mp4"), device.read("fleet.mp4"))
+        with self.assertRaises(subprocess.CalledProcessError) as problem:
+            self.ask(device, "tracks", "--device", "gate-4")
+        self.assertIn(b'"gate-3"', problem.exception.stderr)
+
+    def ask(self, device, *words):
+        return subprocess.run([os.path.join(harness.BINARIES, "calvane-fleet"), "--server", device.cluster.urls, "--domain", "hub",
+                               *words], cwd=device.folder, check=True, capture_output=True).stdout
+
+    def ask_json(self, device, command):
+        return json.loads(self.ask(device, command, "--device", device.name, "--json"))
 
 
 if __name__ == "__main__":

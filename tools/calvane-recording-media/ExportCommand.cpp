@@ -86,15 +86,14 @@ std::string ToText(const Part& part, const std::string& path, Zone zone) {
 }
 
 /// What is not in the file although it was recorded, on standard error.
-void Warn(const Part& part) {
+void Warn(const char* program, const Part& part) {
     if (part.beforeKeyFrame != 0) {
-        std::cerr << "calvane-recording: " << part.beforeKeyFrame
+        std::cerr << program << ": " << part.beforeKeyFrame
                   << " records of video lie before the first key frame and were left out\n";
     }
     for (const TrackKind track : {TrackKind::Video, TrackKind::Audio, TrackKind::Metadata}) {
         if (const auto count = part.leftOut.at(static_cast<std::size_t>(track))) {
-            std::cerr << "calvane-recording: " << count << " records of " << NameOf(track)
-                      << " were left out: "
+            std::cerr << program << ": " << count << " records of " << NameOf(track) << " were left out: "
                       << (track == TrackKind::Metadata ? "they are no text, or the format holds none"
                                                        : "they are empty")
                       << "\n";
@@ -102,13 +101,13 @@ void Warn(const Part& part) {
     }
 }
 
-void ExportToOutput(const Source& source, const ExportOptions& options) {
+void ExportToOutput(const MediaRun& run, const Source& source, const ExportOptions& options) {
     if (isatty(STDOUT_FILENO) == 1) {
         throw std::invalid_argument("Standard output is a terminal: redirect it, or name a file");
     }
     OutputDescriptor output(STDOUT_FILENO);
     const Part part = ExportPart(source.Records(), output, options);
-    Warn(part);
+    Warn(run.program, part);
     if (part.change) {
         throw std::runtime_error("The output ends early, since " + ChangeText(*part.change) +
                                  ", which needs another file: export again from then on");
@@ -134,7 +133,7 @@ void ExportToFiles(const MediaRun& run, const Source& source, const ExportOption
             part = ExportPart(source.Records(), file, watched, change);
             file.Keep();
         }
-        Warn(part);
+        Warn(run.program, part);
         files.push_back(ToJson(part, path));
         if (!run.options.json) {
             std::cout << ToText(part, path, run.zone) << std::endl;
@@ -154,6 +153,10 @@ void ExportToFiles(const MediaRun& run, const Source& source, const ExportOption
 } // namespace
 
 void ExportMovie(const MediaRun& run) {
+    ExportMovie(run, Source(run));
+}
+
+void ExportMovie(const MediaRun& run, const Source& source) {
     const Container container = ContainerOf(run.options);
     const bool isMp4 = container == Container::Mp4;
     if (run.options.fragmented && !isMp4) {
@@ -162,7 +165,6 @@ void ExportMovie(const MediaRun& run) {
     if (run.options.output == "-" && run.options.json) {
         throw std::invalid_argument("--json goes to standard output, and so does the file");
     }
-    const Source source(run);
     ExportOptions options = source.Options();
     options.container = container;
     options.fragmented = run.options.fragmented;
@@ -175,7 +177,7 @@ void ExportMovie(const MediaRun& run) {
         options.span.first = first;
     }
     if (run.options.output == "-") {
-        ExportToOutput(source, options);
+        ExportToOutput(run, source, options);
     } else {
         ExportToFiles(run, source, options);
     }

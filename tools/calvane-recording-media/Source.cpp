@@ -17,7 +17,11 @@ Source::Source(const MediaRun& run)
     } else {
         records_ = std::make_unique<CardSource>(run.options.card, run.options.device);
     }
+    used_ = records_.get();
 }
+
+Source::Source(const MediaRun& run, IRecordSource& records)
+    : run_(run), span_(ParseSpan(run.options.from, run.options.to, run.zone)), used_(&records) {}
 
 Source::~Source() = default;
 

@@ -16,9 +16,11 @@ class RecordingClient;
 class Source {
 public:
     explicit Source(const MediaRun& run);
+    /// Another one than those of the options; it outlives this.
+    Source(const MediaRun& run, IRecordSource& records);
     ~Source();
 
-    IRecordSource& Records() const { return *records_; }
+    IRecordSource& Records() const { return *used_; }
     /// The span, the tracks and the gaps; not where it is written to.
     calvane_export::ExportOptions Options() const;
 
@@ -27,6 +29,7 @@ private:
     const Span span_;
     std::unique_ptr<RecordingClient> client_;
     std::unique_ptr<IRecordSource> records_;
+    IRecordSource* used_ = nullptr;
 };
 
 /// Throws std::runtime_error that says what was lost, if something was.

@@ -50,6 +50,16 @@ std::string HeaderIn(const std::string& headers) {
     return headers.substr(begin + key.size(), headers.find("\r\n", begin + 2) - begin - key.size());
 }
 
+/// Where a time would stand if sequences were made at a steady rate.
+std::uint64_t Guess(std::uint64_t low, std::uint64_t high, Time lowTime, Time highTime, Time at) {
+    const double share = highTime > lowTime
+                             ? static_cast<double>(at - lowTime) / static_cast<double>(highTime - lowTime)
+                             : 0.5;
+    const double place =
+        static_cast<double>(low) + std::clamp(share, 0.0, 1.0) * static_cast<double>(high - low);
+    return std::clamp(static_cast<std::uint64_t>(place), low, high - 1);
+}
+
 } // namespace
 
 DeviceStream::DeviceStream(NatsConnection& connection, const std::string& device)
@@ -122,15 +132,19 @@ std::optional<StoredMessage> FindTime(DeviceStream& stream, const std::string& s
     }
     std::uint64_t low = stream.GetState().firstSequence;
     std::uint64_t high =
-        found->sequence; // Nothing in front of `low` is wanted, and `found` stands at `high`.
-    while (low < high) {
-        const std::uint64_t middle = low + (high - low) / 2;
+        found->sequence; // Nothing in front of `low` is wanted, and `found` stands at `high` or behind.
+    Time lowTime = 0;
+    Time highTime = found->head.time;
+    for (bool guess = false; low < high; guess = !guess && lowTime != 0) {
+        const std::uint64_t middle = guess ? Guess(low, high, lowTime, highTime, at) : low + (high - low) / 2;
         auto next = stream.GetNext(subject, middle);
         if (!next || next->sequence >= high) {
             high = middle; // Nothing of the subject lies between.
         } else if (next->head.time < at) {
             low = next->sequence + 1;
+            lowTime = next->head.time;
         } else {
+            highTime = next->head.time;
             found = std::move(next);
             high = middle; // None lies between the middle and it.
         }

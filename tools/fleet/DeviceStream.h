@@ -54,8 +54,8 @@ private:
     const std::string stream_;
 };
 
-/// The first message of a subject whose time is not before `at`, by binary search over its sequences, in which times must
-/// not decrease; nothing if there is none.
+/// The first message of a subject whose time is not before `at`, by interpolation and binary search over its
+/// sequences, in which times must not decrease; nothing if there is none.
 std::optional<StoredMessage> FindTime(DeviceStream& stream, const std::string& subject, Time at);
 
 } // namespace calvane_fleet

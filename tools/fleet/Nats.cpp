@@ -1,5 +1,6 @@
 #include "fleet/Nats.h"
 
+#include <algorithm>
 #include <array>
 #include <fstream>
 #include <future>
@@ -95,6 +96,7 @@ std::string Join(const std::vector<std::string>& servers) {
 } // namespace
 
 struct NatsConnection::Subscription {
+    std::string subject;
     std::function<void(natsMsg&)> onMessage;
     natsSubscription* subscription = nullptr;
     std::promise<void> isOver; // No callback is running or will.
@@ -160,6 +162,7 @@ json NatsConnection::Ask(const std::string& operation, const json& question) {
 
 void NatsConnection::Subscribe(const std::string& subject, std::function<void(natsMsg&)> onMessage) {
     auto made = std::make_unique<Subscription>();
+    made->subject = subject;
     made->onMessage = std::move(onMessage);
     const auto call = [](natsConnection*, natsSubscription*, natsMsg* message, void* closure) {
         const MessagePtr owned(message);
@@ -172,6 +175,17 @@ void NatsConnection::Subscribe(const std::string& subject, std::function<void(na
         made.get());
     natsSubscription_SetPendingLimits(made->subscription, -1, -1);
     subscriptions_.push_back(std::move(made));
+}
+
+void NatsConnection::Unsubscribe(const std::string& subject) {
+    const auto found = std::find_if(subscriptions_.begin(), subscriptions_.end(),
+                                    [&subject](const auto& each) { return each->subject == subject; });
+    if (found != subscriptions_.end()) {
+        natsSubscription_Unsubscribe((*found)->subscription);
+        (*found)->isOver.get_future().wait();
+        natsSubscription_Destroy((*found)->subscription);
+        subscriptions_.erase(found);
+    }
 }
 
 void NatsConnection::Publish(natsMsg& message) {

@@ -72,6 +72,8 @@ public:
     MessagePtr Request(const std::string& subject, const std::string& question);
     /// Calls back for every message. The subscription lives as long as the connection.
     void Subscribe(const std::string& subject, std::function<void(natsMsg&)> onMessage);
+    /// On return its callback is not running any more.
+    void Unsubscribe(const std::string& subject);
     void Publish(natsMsg& message);
     /// Asks for an answer to the subject `reply`.
     void PublishRequest(const std::string& subject, const std::string& reply, const std::string& text);

@@ -3,6 +3,12 @@
 #include <stdexcept>
 
 namespace calvane_recording {
+namespace {
+
+/// How far the first look for a key frame goes back; each further one goes four times as far.
+constexpr Time kFirstLook = 2 * kSecond;
+
+} // namespace
 
 const char* NameOf(TrackKind track) {
     switch (track) {
@@ -35,6 +41,37 @@ Losses& Losses::operator+=(const Losses& other) {
     unreadable += other.unreadable;
     erased += other.erased;
     return *this;
+}
+
+std::optional<IRecordSource::KeyFrame> FindKeyFrameByReading(IRecordSource& source, TrackKind track,
+                                                             Time at) {
+    const Span all = source.GetSpan(track);
+    Time end = std::min(at, all.last);
+    const Time earliest = std::max(all.first, end - kFarthestKeyFrame);
+    std::optional<IRecordSource::KeyFrame> found;
+    std::optional<Time> goesOnUntil; // From the last record on.
+    Record record;
+    for (Time look = kFirstLook; !found && !all.IsEmpty() && end >= earliest; look *= 4) {
+        const Time begin = std::max(earliest, end - look);
+        const auto records = source.Open(track, {begin, end});
+        Time last = 0;
+        Time interval = 0;
+        while (records->Read(record)) {
+            if (record.isKeyFrame) {
+                found = IRecordSource::KeyFrame{record.time, record.PresentationTime(), 0};
+            }
+            interval = last != 0 ? record.time - last : 0;
+            last = record.time;
+        }
+        if (last != 0 && !goesOnUntil) {
+            goesOnUntil = GapAfter(last, interval);
+        }
+        end = begin - 1;
+    }
+    if (found) {
+        found->goesOnUntil = *goesOnUntil;
+    }
+    return found;
 }
 
 std::optional<IRecordSource::KeyFrame> FindKeyFrameShownAt(IRecordSource& source, TrackKind track, Time at) {

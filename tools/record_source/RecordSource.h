@@ -91,6 +91,9 @@ inline Time GapAfter(Time time, Time interval) {
     return time + std::max(kShortestGap, 5 * interval);
 }
 
+/// For sources without a question for it: reads what lies before, further and further back.
+std::optional<IRecordSource::KeyFrame> FindKeyFrameByReading(IRecordSource& source, TrackKind track, Time at);
+
 /// The last key frame that is shown at `at` or before it; nothing if there is none, or a gap at `at`.
 std::optional<IRecordSource::KeyFrame> FindKeyFrameShownAt(IRecordSource& source, TrackKind track, Time at);
 

@@ -11,9 +11,6 @@
 namespace calvane_recording {
 namespace {
 
-/// How far the first look for a key frame goes back; each further one goes four times as far.
-constexpr Time kFirstLook = 2 * kSecond;
-
 class ServiceRecords : public IRecords {
 public:
     ServiceRecords(int descriptor, const std::function<bool()>& isInterrupted)
@@ -85,35 +82,8 @@ std::unique_ptr<IRecords> ServiceSource::Open(TrackKind track, const Span& span)
                                             isInterrupted_);
 }
 
-/// The services have no question for it: reads what lies before, further and further back.
 std::optional<IRecordSource::KeyFrame> ServiceSource::FindKeyFrame(TrackKind track, Time at) {
-    const Span all = GetSpan(track);
-    Time end = std::min(at, all.last);
-    const Time earliest = std::max(all.first, end - kFarthestKeyFrame);
-    std::optional<KeyFrame> found;
-    std::optional<Time> goesOnUntil; // From the last record on.
-    Record record;
-    for (Time look = kFirstLook; !found && !all.IsEmpty() && end >= earliest; look *= 4) {
-        const Time begin = std::max(earliest, end - look);
-        const auto records = Open(track, {begin, end});
-        Time last = 0;
-        Time interval = 0;
-        while (records->Read(record)) {
-            if (record.isKeyFrame) {
-                found = {record.time, record.PresentationTime(), 0};
-            }
-            interval = last != 0 ? record.time - last : 0;
-            last = record.time;
-        }
-        if (last != 0 && !goesOnUntil) {
-            goesOnUntil = GapAfter(last, interval);
-        }
-        end = begin - 1;
-    }
-    if (found) {
-        found->goesOnUntil = *goesOnUntil;
-    }
-    return found;
+    return FindKeyFrameByReading(*this, track, at); // The services have no question for it.
 }
 
 } // namespace calvane_recording

@@ -1,0 +1,165 @@
+#include <CLI/CLI.hpp>
+#include <csignal>
+#include <cstdlib>
+#include <functional>
+#include <iostream>
+
+#include "FleetCommands.h"
+#include "calvane/runtime/CalvaneEnv.h"
+#include "command_line/Complaint.h"
+#include "pipelines/ExitStatus.h"
+#include "pipelines/SignalWatcher.h"
+
+namespace {
+
+using namespace calvane_fleet;
+
+using Command = void (*)(const FleetRun&);
+
+class Program {
+public:
+    Program();
+    int Run(int argc, char** argv);
+
+private:
+    CLI::App* AddCommand(const char* name, const char* what, Command command);
+    void AddServers();
+    void AddDevice(CLI::App& command, bool required);
+    void AddSpan(CLI::App& command);
+    void AddTracks(CLI::App& command);
+    void AddExport();
+
+    CLI::App app_{"Tells what a fleet of devices has recorded, from its streams.", "calvane-fleet"};
+    FleetRun run_;
+    Command chosen_ = nullptr;
+};
+
+Program::Program() {
+    app_.set_version_flag("--version", std::string("calvane-fleet ") + quarn::calvane::kVersion);
+    AddServers();
+    app_.require_subcommand(1);
+    app_.fallthrough();
+    app_.footer(
+        "Times are as with calvane-recording. A device's name is that of its uplink's policy.\n"
+        "Exit status: 0 done, 1 failed, 2 bad command line.\n"
+        "Examples:\n"
+        "  calvane-fleet --server nats://hub:4222 devices\n"
+        "  calvane-fleet coverage --device gate-3 --from -1d\n"
+        "  calvane-fleet export --device gate-3 --from 13:00 --to 13:05 clip.mp4");
+    AddCommand("devices", "Print which devices there are", &PrintDevices);
+    CLI::App* const tracks = AddCommand("tracks", "Print what each track of a device holds", &PrintTracks);
+    AddDevice(*tracks, true);
+    AddTracks(*tracks);
+    CLI::App* const coverage =
+        AddCommand("coverage", "Print where there is data, and why there is none elsewhere", &PrintCoverage);
+    AddDevice(*coverage, true);
+    AddSpan(*coverage);
+    AddTracks(*coverage);
+    CLI::App* const history = AddCommand("history", "Print when data came and went", &PrintHistory);
+    AddDevice(*history, true);
+    AddSpan(*history);
+    AddDevice(*AddCommand("watch", "Print events, gaps and changes of media as they come", &Watch), false);
+    AddExport();
+}
+
+void Program::AddServers() {
+    NatsOptions& nats = run_.nats;
+    nats.name = "calvane-fleet";
+    app_.add_option("--server", nats.servers, "URLs of NATS servers; as CALVANE_FLEET says without it")
+        ->type_name("URL")
+        ->delimiter(',')
+        ->envname("CALVANE_FLEET")
+        ->required();
+    app_.add_option("--domain", nats.domain, "The JetStream domain, through a leaf node")->type_name("NAME");
+    app_.add_option("--credentials", nats.credentialsFile, "The user's token and seed")->type_name("FILE");
+    app_.add_option("--user-file", nats.userFile, "Has USER:PASSWORD or a token")->type_name("FILE");
+    app_.add_option("--tls-ca", nats.caFile, "Trusted certificates (PEM)")->type_name("FILE");
+    CLI::Option* const key =
+        app_.add_option("--tls-key", nats.keyFile, "The certificate's key (PEM)")->type_name("FILE");
+    CLI::Option* const certificate =
+        app_.add_option("--tls-cert", nats.certificateFile, "The client's certificate (PEM)")
+            ->type_name("FILE");
+    certificate->needs(key);
+    key->needs(certificate);
+    app_.add_flag_callback(
+        "--local", [this] { run_.zone = calvane_recording::Zone::Local; },
+        "Print times in local time, and read those without an offset as such");
+    app_.add_flag("--json", run_.json, "Print JSON");
+}
+
+CLI::App* Program::AddCommand(const char* name, const char* what, Command command) {
+    CLI::App* const added = app_.add_subcommand(name, what);
+    added->callback([this, command] { chosen_ = command; });
+    return added;
+}
+
+void Program::AddDevice(CLI::App& command, bool required) {
+    command.add_option("--device", run_.device, "The device's name")->type_name("NAME")->required(required);
+}
+
+void Program::AddSpan(CLI::App& command) {
+    command.add_option("--from", run_.from, "The begin; of all that is recorded, without it")
+        ->type_name("TIME");
+    command.add_option("--to", run_.to, "The end")->type_name("TIME")->capture_default_str();
+}
+
+void Program::AddTracks(CLI::App& command) {
+    command.add_option("--track", run_.tracks, "video, audio, metadata, or some of them with commas")
+        ->type_name("TRACK")
+        ->delimiter(',');
+}
+
+void Program::AddExport() {
+#ifdef CALVANE_FLEET_EXPORTS
+    CLI::App* const movie = AddCommand("export", "Write video, audio and metadata into a file", &Export);
+    AddDevice(*movie, true);
+    AddSpan(*movie);
+    AddTracks(*movie);
+    movie->add_option("FILE", run_.output, "Ends in .mp4, .mkv or .ts; - for standard output")->required();
+    movie->add_option("--format", run_.format, "mp4, mkv or ts, whatever the file's name; mkv with -")
+        ->type_name("FORMAT");
+    movie->add_option("--gaps", run_.gaps, "keep: they take their time in the file; skip: they are left out")
+        ->type_name("HOW")
+        ->check(CLI::IsMember({"keep", "skip"}))
+        ->capture_default_str();
+    movie->add_flag("--fragmented", run_.fragmented,
+                    "An mp4 file in fragments, as streaming and pipes need it");
+    movie->add_flag("--force", run_.force, "Overwrite a file that is there");
+#endif
+}
+
+int Program::Run(int argc, char** argv) {
+    try {
+        app_.parse(argc, argv);
+    } catch (const CLI::Success& answer) { // --help and --version
+        return app_.exit(answer);
+    } catch (const CLI::ParseError& error) {
+        std::cerr << calvane_program::Complaint(app_, error) << "\n";
+        return calvane_program::kBadInput;
+    }
+    std::signal(SIGPIPE, SIG_IGN); // It is told as an error of writing.
+    calvane_program::SignalWatcher signals;
+    signals.Watch([this] { run_.isInterrupted = true; });
+    try {
+        chosen_(run_);
+        return calvane_program::kDone;
+    } catch (const std::invalid_argument& problem) {
+        std::cerr << "calvane-fleet: " << problem.what() << "\n";
+        return calvane_program::kBadInput;
+    } catch (const std::exception& problem) {
+        std::cerr << "calvane-fleet: " << problem.what() << "\n";
+        return calvane_program::kFailedWhileRunning;
+    }
+}
+
+} // namespace
+
+int main(int argc, char** argv) {
+    try {
+        Program program;
+        return program.Run(argc, argv);
+    } catch (const std::exception& error) {
+        std::cerr << "calvane-fleet: " << error.what() << "\n";
+        return calvane_program::kFailedWhileRunning;
+    }
+}
