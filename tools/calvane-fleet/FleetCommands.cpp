@@ -103,14 +103,20 @@ std::string EventText(const Event& event) {
 } // namespace
 
 void RequireDevice(NatsConnection& connection, const std::string& device) {
+    try {
+        DeviceStream(connection, device).GetState();
+        return;
+    } catch (const JetStreamError& problem) {
+        if (problem.Code() != JetStreamError::kStreamNotFound) {
+            throw;
+        }
+    }
     std::vector<std::string> names;
     for (const Device& each : ListDevices(connection)) {
         names.push_back(each.name);
     }
-    if (std::find(names.begin(), names.end(), device) == names.end()) {
-        throw std::runtime_error("The fleet has no device \"" + device + "\"" +
-                                 quarn::calvane::SuggestName(device, names) + ": see calvane-fleet devices");
-    }
+    throw std::runtime_error("The fleet has no device \"" + device + "\"" +
+                             quarn::calvane::SuggestName(device, names) + ": see calvane-fleet devices");
 }
 
 void PrintDevices(const FleetRun& run) {

@@ -56,15 +56,8 @@ std::uint64_t Link::Send(const std::string& subject, const MessageHead& head, co
                          std::size_t size) {
     {
         std::unique_lock<std::mutex> guard(lock_);
-        const auto hasRoom = [this, size] {
-            return inFlight_.empty() ||
-                   (inFlight_.size() < kMostMessages && bytesInFlight_ + size <= kMostBytes);
-        };
         CheckState();
-        while (!hasRoom()) {
-            changed_.wait_for(guard, kLook);
-            CheckState();
-        }
+        WaitForRoom(guard, size);
         inFlight_.push_back({last_ + 1, size, Clock::now()});
         bytesInFlight_ += size;
     }
@@ -78,6 +71,19 @@ std::uint64_t Link::Send(const std::string& subject, const MessageHead& head, co
     connection_.Publish(*made);
     sentBytes_ += size;
     return ++last_;
+}
+
+/// A full link is let drain by a quarter, so that not every acknowledgement wakes the sender.
+void Link::WaitForRoom(std::unique_lock<std::mutex>& guard, std::size_t size) {
+    if (inFlight_.empty() || (inFlight_.size() < kMostMessages && bytesInFlight_ + size <= kMostBytes)) {
+        return;
+    }
+    isWaiting_ = true;
+    while (inFlight_.size() > kMostMessages / 4 * 3 || bytesInFlight_ > kMostBytes / 4 * 3) {
+        changed_.wait_for(guard, kLook);
+        CheckState();
+    }
+    isWaiting_ = false;
 }
 
 bool Link::HasRoomForBacklog() {
@@ -149,7 +155,10 @@ void Link::TakeAck(const std::string& text) {
     ++figures_.messages;
     figures_.bytes += bytes;
     MeasureRate(bytes);
-    changed_.notify_all();
+    if (inFlight_.empty() ||
+        (isWaiting_ && inFlight_.size() <= kMostMessages / 4 * 3 && bytesInFlight_ <= kMostBytes / 4 * 3)) {
+        changed_.notify_all();
+    }
 }
 
 void Link::Fail(const std::string& reason) {

@@ -34,7 +34,7 @@ struct LinkFigures {
 class Link {
 public:
     /// In flight at most.
-    static constexpr std::size_t kMostBytes = std::size_t{4} * 1024 * 1024;
+    static constexpr std::size_t kMostBytes = std::size_t{8} * 1024 * 1024;
     static constexpr std::size_t kMostMessages = 1024;
     /// An acknowledgement that takes longer is none.
     static constexpr std::chrono::milliseconds kAckTimeout{5000};
@@ -74,6 +74,7 @@ private:
     void TakeAck(const std::string& text);
     void Fail(const std::string& reason);
     void CheckState();
+    void WaitForRoom(std::unique_lock<std::mutex>& guard, std::size_t size);
     void MeasureRate(std::size_t bytes);
 
     calvane_fleet::NatsConnection& connection_;
@@ -89,6 +90,7 @@ private:
     std::deque<Sent> inFlight_;
     std::size_t bytesInFlight_ = 0;
     std::string failure_;
+    bool isWaiting_ = false;   // The sender is, until much of what is in flight has arrived.
     std::size_t measured_ = 0; // Bytes since measuredSince_.
     std::chrono::steady_clock::time_point measuredSince_ = std::chrono::steady_clock::now();
 };

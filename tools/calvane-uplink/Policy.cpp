@@ -138,6 +138,7 @@ public:
     template <typename Map>
     static std::string Suggest(const std::string& name, const Map& known) {
         std::vector<std::string> names;
+        names.reserve(known.size());
         for (const auto& each : known) {
             names.push_back(each.first);
         }

@@ -10,7 +10,6 @@ namespace calvane_uplink {
 namespace {
 
 using calvane_fleet::MessageKind;
-using calvane_fleet::StoredMessage;
 using calvane_recording::kSecond;
 
 constexpr Time kNever = std::numeric_limits<Time>::max();

@@ -117,23 +117,29 @@ void Uplink::Run() {
     sd_notify(0, "READY=1");
     milliseconds pause = kFirstPause;
     while (!stopping_) {
-        const std::uint64_t sent = figures_.messages;
-        try {
-            RunLink();
-            pause = kFirstPause;
-            continue;
-        } catch (const calvane_recording::Interrupted&) {
-            break;
-        } catch (const NatsError& problem) {
-            ReportState("connecting", problem.what(), nullptr);
-        } catch (const std::runtime_error& problem) { // A message in the stream that is not of the format.
-            ReportState("connecting", problem.what(), nullptr);
+        const std::uint64_t before = figures_.messages;
+        const bool hasFailed = !TryLink();
+        pause = hasFailed && figures_.messages == before ? std::min(2 * pause, kLongestPause) : kFirstPause;
+        if (hasFailed) {
+            Pause(pause);
+            TakePolicy();
         }
-        pause = figures_.messages != sent ? kFirstPause : std::min(2 * pause, kLongestPause);
-        Pause(pause);
-        TakePolicy();
     }
     sd_notify(0, "STOPPING=1");
+}
+
+/// Whether nothing went wrong.
+bool Uplink::TryLink() {
+    try {
+        RunLink();
+    } catch (const calvane_recording::Interrupted&) {
+        return true; // It is to stop.
+    } catch (const std::runtime_error&
+                 problem) { // Of servers, or a message in the stream that is not of the format.
+        ReportState("connecting", problem.what(), nullptr);
+        return false;
+    }
+    return true;
 }
 
 /// Until it is to stop or the policy has changed.

@@ -41,6 +41,7 @@ public:
 private:
     struct Senders;
 
+    bool TryLink();
     void RunLink();
     void SendAll(Link& link, Senders& senders);
     bool SendOnce(Link& link, Senders& senders);

@@ -11,17 +11,17 @@ using nlohmann::json;
 
 constexpr const char* kBase64 = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
 
-std::array<signed char, 256> MakeDigits() {
-    std::array<signed char, 256> digits{};
+std::array<int, 256> MakeDigits() {
+    std::array<int, 256> digits{};
     digits.fill(-1);
     for (int i = 0; i != 64; ++i) {
-        digits.at(static_cast<unsigned char>(kBase64[i])) = static_cast<signed char>(i);
+        digits.at(static_cast<unsigned char>(kBase64[i])) = i;
     }
     return digits;
 }
 
 std::string DecodeBase64(const std::string& text) {
-    static const std::array<signed char, 256> kDigits = MakeDigits();
+    static const std::array<int, 256> kDigits = MakeDigits();
     std::string bytes;
     bytes.reserve(text.size() * 3 / 4);
     std::uint32_t value = 0;

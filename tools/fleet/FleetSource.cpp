@@ -1,7 +1,6 @@
 #include "fleet/FleetSource.h"
 
 #include <algorithm>
-#include <cstring>
 #include <limits>
 #include <utility>
 
@@ -75,7 +74,7 @@ private:
             return false; // Its begin is not there.
         }
         unsigned char* const bytes = record.SetSize(assembled_ + message.data.size());
-        std::memcpy(bytes + assembled_, message.data.data(), message.data.size());
+        std::copy(message.data.begin(), message.data.end(), bytes + assembled_);
         assembled_ = record.size;
         if (!head.IsLastPart(message.data.size())) {
             return false;
