@@ -1,6 +1,6 @@
 # What `cmake --install` puts where. Component runtime: libraries, programs with their manual and completion, and the
-# folder for modules of plugins. Component media: what needs FFmpeg. Component web: the page and its server. Component dev:
-# headers, and the package files for find_package(calvane) and pkg-config. Component testing: the module of test records,
+# folder for modules of plugins. Component media: what needs FFmpeg. Component web: the page and its server. Components uplink and
+# fleet: what copies recordings into the streams of a fleet, and what reads them there. Component dev: headers, and the package files for find_package(calvane) and pkg-config. Component testing: the module of test records,
 # which belongs on no device.
 
 include(CMakePackageConfigHelpers)
@@ -44,10 +44,10 @@ if(TARGET calvane-recording-media)
 endif()
 file(GLOB manual_pages CONFIGURE_DEPENDS ${PROJECT_SOURCE_DIR}/packaging/man/*.1)
 set(completions ${CMAKE_INSTALL_DATADIR}/bash-completion/completions)
-list(REMOVE_ITEM manual_pages ${PROJECT_SOURCE_DIR}/packaging/man/calvane-web.1)
-if(TARGET calvane-web)
-  list(REMOVE_ITEM programs calvane-web)
-endif()
+foreach(program calvane-web calvane-uplink calvane-fleet) # Of components of their own.
+  list(REMOVE_ITEM manual_pages ${PROJECT_SOURCE_DIR}/packaging/man/${program}.1)
+  list(REMOVE_ITEM programs ${program})
+endforeach()
 if(programs)
   file(RELATIVE_PATH lib_from_bin ${CMAKE_INSTALL_FULL_BINDIR} ${CMAKE_INSTALL_FULL_LIBDIR})
   set_target_properties(${programs} PROPERTIES INSTALL_RPATH "$ORIGIN/${lib_from_bin}")
@@ -91,6 +91,9 @@ endfunction()
 
 if(TARGET calvane-web)
   include(${PROJECT_SOURCE_DIR}/cmake/InstallWeb.cmake)
+endif()
+if(TARGET calvane-uplink)
+  include(${PROJECT_SOURCE_DIR}/cmake/InstallFleet.cmake)
 endif()
 
 # The recorder as a service of the system: who may be it and ask it, its unit, its user, its folders, its card.

@@ -4,7 +4,7 @@
 set -euo pipefail
 
 readonly PACKAGES=libc6-dev,libstdc++-12-dev,libspdlog-dev,libcli11-dev,nlohmann-json3-dev,libgtest-dev,libgmock-dev,\
-libboost-dev,libsqlite3-dev,libxxhash-dev,libsdbus-c++-dev,libsystemd-dev,libelf-dev,\
+libboost-dev,libsqlite3-dev,libxxhash-dev,libsdbus-c++-dev,libsystemd-dev,libelf-dev,libnats-dev,\
 libavcodec-dev,libavdevice-dev,libavformat-dev,libavutil-dev,libswscale-dev,libcpp-httplib-dev,libssl-dev,zlib1g-dev
 folder=$1
 stamp=$folder/made-by

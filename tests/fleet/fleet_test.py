@@ -61,7 +61,7 @@ class ClusterTest(FleetTest):
         device = self.device(cluster)
         device.start_uplink()
         wait_until(lambda: device.metrics().get("messages_total", 0) > 50, "messages")
-        for _ in range(int(2 * EFFORT)):
+        for _ in range(max(1, int(EFFORT))):
             for act in (self.kill_leader, self.stop_leader, self.kill_two, self.kill_follower_and_uplink):
                 act(cluster, device)
                 time.sleep(1)
@@ -103,7 +103,7 @@ class ClusterTest(FleetTest):
     def test_an_uplink_that_is_killed_many_times(self):
         cluster = self.cluster()
         device = self.device(cluster)
-        for _ in range(int(60 * EFFORT)):
+        for _ in range(int(30 * EFFORT)):
             device.start_uplink()
             time.sleep(random.uniform(0.05, 0.4) * SLOWNESS)
             device.stop_uplink(signal.SIGKILL)
@@ -120,8 +120,8 @@ class OutageTest(FleetTest):
         wait_until(lambda: device.metrics().get("messages_total", 0) > 50, "messages")
         memory = self.memory(device)
         cluster.servers[0].kill()
-        device.ask("retention", "set", "9s")
-        time.sleep(15)
+        device.ask("retention", "set", "7s")
+        time.sleep(11)
         self.assertLess(self.memory(device), memory + 8 * 1024 * 1024)
         cluster.servers[0].start()
         wait_until(lambda: device.metrics()["backlog_seconds"] > 0 and device.metrics()["lag_seconds"] < 2, "live data")

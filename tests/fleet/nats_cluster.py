@@ -9,6 +9,7 @@ import subprocess
 import tempfile
 import time
 
+NATS_SERVER = os.environ.get("CALVANE_NATS_SERVER", "/usr/sbin/nats-server")
 SLOWNESS = int(os.environ.get("CALVANE_TEST_SLOWNESS", "1"))
 
 
@@ -125,7 +126,7 @@ class Server:
 
     def start(self):
         with open(os.path.join(self.folder, f"{self.name}.log"), "ab") as log:
-            self.process = subprocess.Popen(["nats-server", "-c", self.config], stderr=log, stdin=subprocess.DEVNULL)
+            self.process = subprocess.Popen([NATS_SERVER, "-c", self.config], stderr=log, stdin=subprocess.DEVNULL)
 
     def send(self, number):
         self.process.send_signal(number)
