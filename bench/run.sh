@@ -5,6 +5,7 @@
 #        run.sh recorder [--quick] [--rounds N] the recorder's library and service; as root, to empty the page cache
 #        run.sh media [--quick] [--rounds N]    recording and exporting media; as root, to empty the page cache
 #        run.sh web [--quick]                   the page's server, and the page in a browser
+#        run.sh fleet [--quick]                 the copy of recordings in the streams of a fleet
 #        run.sh middleware [ARGS]               services, settings, logging; ARGS go to Google Benchmark
 #        run.sh smoke                           each of them once, as little as possible: whether they still run; as root
 # CALVANE_BENCH_BUILD: the folder of the build, build/bench when not set
@@ -24,6 +25,7 @@ if [[ ${1-} == smoke ]]; then
     "$0" recorder --smoke
     "$0" media --smoke
     "$0" web --smoke
+    "$0" fleet --smoke
     exec "$0" middleware --benchmark_repetitions=1 --benchmark_report_aggregates_only=false --benchmark_min_time=0.001
 fi
 if [[ ${1-} == middleware ]]; then
@@ -43,6 +45,14 @@ if [[ ${1-} == web ]]; then
     # Debian's python3 has selenium, another one may not.
     python=/usr/bin/python3
     exec "$([[ -x $python ]] && echo $python || echo python3)" -B bench/web_page.py --build "$build" "$@"
+fi
+if [[ ${1-} == fleet ]]; then
+    shift
+    if [[ ! -x $build/bin/bench_fleet_publish ]]; then
+        echo "bench: there is no $build/bin/bench_fleet_publish: libnats-dev is not installed" >&2
+        exit 2
+    fi
+    exec python3 -B bench/fleet.py --build "$build" "$@"
 fi
 if [[ ${1-} == recorder || ${1-} == media ]]; then
     script=$1
