@@ -62,7 +62,7 @@ class ClusterTest(FleetTest):
         device.start_uplink()
         wait_until(lambda: device.metrics().get("messages_total", 0) > 50, "messages")
         for _ in range(max(1, int(EFFORT))):
-            for act in (self.kill_leader, self.stop_leader, self.kill_two, self.kill_follower_and_uplink):
+            for act in (self.kill_leader, self.stop_connected, self.kill_two, self.kill_follower_and_uplink):
                 act(cluster, device)
                 time.sleep(1)
         device.stop_producers()
@@ -78,11 +78,17 @@ class ClusterTest(FleetTest):
         time.sleep(1)
         leader.start()
 
-    def stop_leader(self, cluster, device):
-        leader = self.leader(cluster, device)
-        leader.send(signal.SIGSTOP)
-        time.sleep(3)
-        leader.send(signal.SIGCONT)
+    def stop_connected(self, cluster, device):
+        """What is on its way through this server arrives when the uplink has long gone on through another one."""
+        url = device.uplink_log().rsplit("Connected to ", 1)[1].split(";")[0]
+        server = next(server for server in cluster.servers if server.url == url)
+        connections = device.uplink_log().count("Connected to")
+        server.send(signal.SIGSTOP)
+        try:
+            wait_until(lambda: device.uplink_log().count("Connected to") > connections, "another connection", 40)
+            time.sleep(1)
+        finally:
+            server.send(signal.SIGCONT)
 
     def kill_two(self, cluster, device):
         victims = random.sample(cluster.servers, 2)
@@ -173,6 +179,10 @@ class TroubleTest(FleetTest):
         with cluster.client() as client:
             client.api(f"STREAM.DELETE.{device.stream}")
         wait_until(lambda: device.uplink_log().count("Made the stream") == 2, "a new stream")
+        wait_until(lambda: "Connected" in device.uplink_log().rsplit("Made the stream", 1)[1], "another connection")
+        with cluster.client() as client:  # Of somebody else: what is on its way behind it must not be taken.
+            client.publish_head("calvane.camera.video.gaps", "gap time=1 last=2 reason=1 lane=99")
+        wait_until(lambda: "wrong last sequence" in device.uplink_log(), "a refusal of what does not follow")
         device.stop_uplink(signal.SIGKILL)
         device.start_uplink()
         device.stop_producers()

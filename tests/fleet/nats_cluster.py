@@ -62,6 +62,13 @@ class Client:
     def publish(self, subject, data=b"", reply=""):
         self.socket.sendall(f"PUB {subject} {reply} {len(data)}\r\n".encode() + data + b"\r\n")
 
+    def publish_head(self, subject, head):
+        """A message without payload, of the format of devices' streams."""
+        text = f"NATS/1.0\r\nCalvane: {head}\r\n\r\n".encode()
+        self.socket.sendall(f"HPUB {subject} {len(text)} {len(text)}\r\n".encode() + text + b"\r\nPING\r\n")
+        while not self.file.readline().startswith(b"PONG"):
+            pass
+
     def next(self):
         """Subject and data of what comes next for this client."""
         while True:

@@ -40,6 +40,7 @@ Link::Link(calvane_fleet::NatsConnection& connection, std::uint64_t lastSequence
     : connection_(connection),
       mostPayload_(PayloadOf(connection.MaxPayload(), mostBytes)),
       inbox_(connection.NewInbox()),
+      idPrefix_(inbox_.substr(inbox_.rfind('.') + 1) + "."),
       last_(lastSequence),
       figures_(figures) {
     connection_.Subscribe(inbox_, [this](natsMsg& message) { OnAck(message); });
@@ -68,6 +69,12 @@ std::uint64_t Link::Send(const std::string& subject, const MessageHead& head, co
     const MessagePtr message(made);
     natsMsgHeader_Set(made, calvane_fleet::kHeaderName, calvane_fleet::ToText(head).c_str());
     natsMsgHeader_Set(made, "Nats-Expected-Last-Sequence", std::to_string(last_).c_str());
+    // The sequence alone could be that of a message which somebody else has sent in place of one that was refused.
+    if (!lastId_.empty()) {
+        natsMsgHeader_Set(made, "Nats-Expected-Last-Msg-Id", lastId_.c_str());
+    }
+    lastId_ = idPrefix_ + std::to_string(last_ + 1);
+    natsMsgHeader_Set(made, "Nats-Msg-Id", lastId_.c_str());
     connection_.Publish(*made);
     sentBytes_ += size;
     return ++last_;

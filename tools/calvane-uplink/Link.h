@@ -80,6 +80,8 @@ private:
     calvane_fleet::NatsConnection& connection_;
     const std::size_t mostPayload_;
     const std::string inbox_;
+    const std::string idPrefix_; // Of this link alone.
+    std::string lastId_;         // Of the last message that was sent.
     std::uint64_t sentBytes_ = 0;
     std::uint64_t last_; // Sequence of the last message that was sent.
 

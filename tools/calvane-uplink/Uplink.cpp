@@ -33,6 +33,7 @@ constexpr std::size_t kLiveBudget = std::size_t{1024} * 1024;
 constexpr std::size_t kBacklogBudget = std::size_t{64} * 1024;
 constexpr int kMostLooks = 20; ///< For a stream that does not change meanwhile.
 constexpr std::int64_t kNanosecondsOfMicrosecond = 1000;
+constexpr std::int64_t kIdWindowNanoseconds = 100'000'000;
 
 quarn::core::Logger& Log() {
     static quarn::core::Logger& logger = *quarn::core::Logger::GetLogger("Uplink");
@@ -240,6 +241,8 @@ void Uplink::EnsureStream(NatsConnection& connection) const {
                 {"num_replicas", stream.replicas},
                 {"max_age", stream.retention * kNanosecondsOfMicrosecond},
                 {"max_bytes", stream.bytes == 0 ? -1 : static_cast<std::int64_t>(stream.bytes)},
+                // Ids are conditions, and none is sent twice: servers need not remember them.
+                {"duplicate_window", kIdWindowNanoseconds},
                 {"allow_direct", true}};
     if (!stream.placement.empty()) {
         config["placement"] = {{"tags", {stream.placement}}};
