@@ -237,6 +237,9 @@ class ReaderTest(FleetTest):
         device.stop_producers()
         wait_until(lambda: not device.metrics()["backlog_seconds"] and not device.metrics()["lag_seconds"], "the backlog")
         time.sleep(1)
+        uplink = device.ask_json("status")["uplink"]
+        self.assertEqual([uplink["state"], uplink["problem"], uplink["backlog"]], ["sending", "", 0])
+        self.assertIn("Uplink     sending;", device.ask("status").decode())
         card, fleet = device.ask_json("tracks"), self.ask_json(device, "tracks")
         self.assertGreater(fleet["video"]["lanes"], 1)
         for track in ("video", "audio"):

@@ -136,7 +136,18 @@ json StatusAnswer(const Status& status) {
                {"card", {{"bytes", status.cardBytes}, {"usableBytes", status.usableBytes}}},
                {"bytesPerHour", status.bytesPerHour},
                {"fullAt", status.fullAt == 0 ? json(nullptr) : ToJson(status.fullAt)},
-               {"erasesFirst", status.erasesFirst}};
+               {"erasesFirst", status.erasesFirst},
+               {"uplink", nullptr}};
+    if (const auto& uplink = status.uplink) {
+        facts["uplink"] = {{"state", uplink->state},
+                           {"problem", uplink->problem},
+                           {"server", uplink->server},
+                           {"lag", SecondsOf(uplink->lag)},
+                           {"backlog", SecondsOf(uplink->backlog)},
+                           {"bytesPerSecond", uplink->bytesPerSecond},
+                           {"resends", uplink->resends},
+                           {"gaps", uplink->gaps}};
+    }
     for (const Status::Track& track : status.tracks) {
         json& of = facts["tracks"][NameOf(track.number)];
         of = {{"present", track.present},           {"records", track.records}, {"bytes", track.bytes},

@@ -376,6 +376,12 @@ void PrintStatus(RecordingClient& client, const Options& options) {
                                            : "last at " + TimeText(track.span.last, options.zone))
                   << std::endl;
     }
+    if (const auto& uplink = status.uplink) {
+        std::cout << "Uplink     " << uplink->state << (uplink->problem.empty() ? "" : ": " + uplink->problem)
+                  << "; " << DurationText(uplink->lag) << " behind, " << DurationText(uplink->backlog)
+                  << " to be filled in, " << BytesText(uplink->bytesPerSecond) << " a second, "
+                  << uplink->gaps << " gaps told" << std::endl;
+    }
 }
 
 } // namespace calvane_recording

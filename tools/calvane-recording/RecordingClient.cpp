@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <array>
+#include <map>
 #include <optional>
 #include <stdexcept>
 #include <utility>
@@ -265,8 +266,41 @@ Status RecordingClient::GetStatus() {
                                      std::get<5>(track),
                                      {std::get<6>(track), std::get<7>(track)}});
         }
+        status.uplink = AskUplink();
         return status;
     });
+}
+
+std::optional<Status::Uplink> RecordingClient::AskUplink() const {
+    const auto proxy =
+        sdbus::createProxy(*connection_, "com.drenn.recording_uplink", "/com/drenn/recording_uplink");
+    Status::Uplink uplink;
+    try {
+        std::map<std::string, sdbus::Variant> facts;
+        proxy->callMethod("GetAll")
+            .onInterface("org.freedesktop.DBus.Properties")
+            .withArguments("com.drenn.RecordingUplink1")
+            .storeResultsTo(facts);
+        using Pair = sdbus::Struct<std::uint64_t, std::uint64_t>;
+        uplink.state = facts.at("State").get<std::string>();
+        uplink.problem = facts.at("Problem").get<std::string>();
+        uplink.server = facts.at("Server").get<std::string>();
+        uplink.lag = static_cast<Time>(std::get<0>(facts.at("Lag").get<Pair>()));
+        uplink.backlog = static_cast<Time>(facts.at("Backlog").get<std::uint64_t>());
+        uplink.bytesPerSecond = facts.at("BytesPerSecond").get<std::uint64_t>();
+        uplink.resends = facts.at("Resends").get<std::uint64_t>();
+        uplink.gaps = facts.at("Gaps").get<std::uint64_t>();
+    } catch (const sdbus::Error& error) {
+        if (error.getName() == "org.freedesktop.DBus.Error.ServiceUnknown") {
+            return std::nullopt;
+        }
+        uplink.state = "unknown";
+        uplink.problem = error.getMessage();
+    } catch (const std::out_of_range&) {
+        uplink.state = "unknown";
+        uplink.problem = "it is of another version";
+    }
+    return uplink;
 }
 
 Space RecordingClient::GetMaximumSpace() {

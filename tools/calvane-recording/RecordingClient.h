@@ -5,6 +5,7 @@
 #include <chrono>
 #include <functional>
 #include <memory>
+#include <optional>
 #include <stdexcept>
 #include <string>
 #include <vector>
@@ -96,6 +97,19 @@ struct Status {
     Time fullAt = 0;
     std::string erasesFirst;
     std::vector<Track> tracks;
+
+    /// How far the copy of the recording in a fleet's streams is.
+    struct Uplink {
+        std::string state;
+        std::string problem; ///< Also why it does not answer.
+        std::string server;
+        Time lag = 0;
+        Time backlog = 0; ///< Recorded time in front of that which is not copied yet.
+        std::uint64_t bytesPerSecond = 0;
+        std::uint64_t resends = 0;
+        std::uint64_t gaps = 0;
+    };
+    std::optional<Uplink> uplink; ///< If one runs on this bus.
 };
 
 /// The recorder's services as a client sees them.
@@ -147,6 +161,8 @@ public:
     void Watch(OnPresent onPresent, OnDeleted onDeleted, const std::function<bool()>& onTick = nullptr);
 
 private:
+    std::optional<Status::Uplink> AskUplink() const;
+
     class Information;
     class DataAccess;
     class Control;
