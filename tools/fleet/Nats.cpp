@@ -201,7 +201,7 @@ void NatsConnection::PublishRequest(const std::string& subject, const std::strin
 std::string NatsConnection::NewInbox() const {
     natsInbox* made = nullptr;
     Check(natsInbox_Create(&made), "Cannot make an inbox");
-    const std::string inbox = made;
+    std::string inbox = made;
     natsInbox_Destroy(made);
     return inbox;
 }
