@@ -217,6 +217,41 @@ TEST_F(Coverage, WhatIsTooMuchIsErasedAndTheReasonIsTheLimit) {
     EXPECT_THAT(coverage(), ElementsAre("0.." + Number(first) + " unknown", rest));
 }
 
+// Answers about the same time, before others were asked about and after a start anew.
+TEST_F(Coverage, WhatTheHistorySaysOfATimeDoesNotDependOnEarlierQuestions) {
+    Report(VIDEO_TRACK, 0, true);
+    Write(VIDEO_TRACK, {0, 5});
+    Report(VIDEO_TRACK, 5, false);
+    Write(VIDEO_TRACK, {18}); // As a recorder leaves it that was killed before it wrote the event.
+    Report(AUDIO_TRACK, 20, true);
+    Write(VIDEO_TRACK, {22});
+    Report(VIDEO_TRACK, 30, true);
+    Write(VIDEO_TRACK, {30, 31});
+    ProcessAt(33);
+    StateAt(25);
+    const std::string between = StateAt(19); // All recording started behind it.
+    Restart();
+    EXPECT_EQ(StateAt(19), between);
+}
+
+TEST_F(Coverage, EventsThatAreHiddenDoNotTellAnyMore) {
+    Report(AUDIO_TRACK, 0, true); // So that the recording as a whole goes on.
+    Report(VIDEO_TRACK, 0, true);
+    Write(VIDEO_TRACK, {0, 50, 100});
+    Report(VIDEO_TRACK, 100, false);
+    Report(VIDEO_TRACK, 200, true);
+    Write(VIDEO_TRACK, {200, 250, 300});
+    ProcessAt(302);
+    RecordingManager::setMaxRetentionTime(boost::posix_time::seconds(400));
+    const auto ask = [] {
+        EXPECT_EQ(StateAt(160), "0000"); // Hides what is too old.
+        return RecorderTest::Coverage(VIDEO_TRACK, 160, 160);
+    };
+    EXPECT_THAT(ask(), ElementsAre("160..160 stopped"));
+    SetClock(550); // It is hidden, but not yet time to erase.
+    EXPECT_THAT(ask(), ElementsAre("160..160 unknown"));
+}
+
 TEST_F(Coverage, WhatIsTooOldIsHiddenAtOnceAndErasedInBatches) {
     unsigned out[4] = {};
     const auto ask = [&](double time) {

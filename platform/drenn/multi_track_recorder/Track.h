@@ -99,9 +99,9 @@ public:
     };
     using KnownRecords = std::pair<std::optional<KnownRecord>, std::optional<KnownRecord>>;
     /// Where to begin a search through records that are ordered by their first bytes, without reading any: the first
-    /// record of each segment is known, if no part of it was erased. Of those, the last one for which `isBefore` is true,
-    /// and the first one for which it is not; nothing where there is none. `isBefore` is called within a lock, and calls
-    /// nothing of the store.
+    /// record of each segment is known, unless it was erased. Of those, the last one for which `isBefore` is true,
+    /// and the first one for which it is not; nothing where there is none. `isBefore` is called with locks held, and
+    /// must not call the store.
     KnownRecords findKnown(const std::function<bool(const LeadingBytes&)>& isBefore) const;
 
     void lock() const;

@@ -13,9 +13,8 @@ constexpr std::size_t kMostOpen = 128;
 constexpr std::size_t kMostKept = 1U << 18U; // Of one record, by each thread that reads.
 constexpr std::size_t kEntriesTogether = 64; // 3 KiB; a read of one costs nearly the same.
 constexpr std::size_t kMostParts = 16;       // 48 KiB of each open segment.
-constexpr std::size_t kMostCost =
-    1U << 18U; // 6 MiB: directories, by their blocks, and what each takes beside.
-constexpr std::size_t kCostOfOne = 16;
+constexpr std::size_t kMostCost = 1U << 18U; // In blocks of a directory, which take 24 bytes each: 6 MiB.
+constexpr std::size_t kCostOfOne = 16;       // What a directory takes beside its blocks.
 constexpr std::uint64_t kLargestFooter = 16ULL << 20U;
 static_assert(kLargestPayload == Track::kMaxRecordBytes + 4 * Track::kMaxRecordBlobs);
 

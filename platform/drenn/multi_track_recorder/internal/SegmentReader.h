@@ -73,8 +73,8 @@ struct Segment {
 
     const SegmentKey key;
     const std::string path;
-    std::optional<std::uint64_t>
-        salt; ///< Where it is known without reading the header. Does not change any more.
+    /// Where it is known without reading the header. Set before others see the segment.
+    std::optional<std::uint64_t> salt;
     std::atomic<std::uint64_t> survivors{0};
     /// The ring has begun to erase it. Only the ring marks it as to be removed, together with what it erased in all tracks.
     std::atomic<bool> isErasing{false};
