@@ -115,7 +115,10 @@ void MovieWriter::OpenOutput() {
         av_free(buffer);
         throw std::bad_alloc();
     }
-    context_->pb->seekable = output_.CanSeek() ? AVIO_SEEKABLE_NORMAL : 0;
+    if (output_.CanSeek()) { // Nobody waits for single packets of a file.
+        context_->pb->seekable = AVIO_SEEKABLE_NORMAL;
+        context_->pb->min_packet_size = kBufferBytes;
+    }
     context_->flags |= AVFMT_FLAG_CUSTOM_IO;
 }
 

@@ -24,6 +24,9 @@ std::string NameIn(const std::string& path) {
     return slash == std::string::npos ? path : path.substr(slash + 1);
 }
 
+/// The device begins to write so many bytes while the next ones are put together, so that Keep waits for few.
+constexpr std::uint64_t kWrittenOut = 4 << 20;
+
 /// What a new file may be read and written by.
 mode_t UsualMode() {
     const mode_t mask = umask(0);
@@ -75,6 +78,12 @@ void OutputFile::Write(const std::uint8_t* bytes, std::size_t length) {
             offset_ += static_cast<std::uint64_t>(count);
             size_ = std::max(size_, offset_);
         }
+    }
+    if (size_ - writtenOut_ >= kWrittenOut) {
+        // Not every file system can; Keep syncs all the same.
+        (void)sync_file_range(descriptor_, static_cast<off_t>(writtenOut_), static_cast<off_t>(size_ - writtenOut_),
+                              SYNC_FILE_RANGE_WRITE);
+        writtenOut_ = size_;
     }
 }
 

@@ -36,6 +36,7 @@ private:
     int descriptor_ = -1;
     std::uint64_t offset_ = 0;
     std::uint64_t size_ = 0;
+    std::uint64_t writtenOut_ = 0; ///< Up to here the device has been told to write.
 };
 
 /// A descriptor that is written to from begin to end, such as standard output. It stays open.
