@@ -3,6 +3,7 @@
 #include <boost/date_time/posix_time/posix_time.hpp>
 
 #include "export/ExportFixture.h"
+#include "record_source/CardSource.h"
 
 namespace {
 
@@ -80,6 +81,33 @@ TEST_F(SpanTest, BeginsWithTheKeyFrameInFrontFromServiceAndCardAlike) {
     EXPECT_THAT(listed.out, testing::StartsWith("2026-01-01T10:00:01.920000Z"));
     EXPECT_THAT(Run({"export", "--card", "card", "--device", "Camera,8", "x.mp4"}).err,
                 HasSubstr("\"Camera,7\", and none of \"Camera,8\""));
+}
+
+/// The store knows where each segment begins, which is where searches begin.
+TEST_F(SpanTest, EachRecordOfACardIsFoundByItsTimeInAnySegment) {
+    using calvane_recording::Time;
+    Make("in.mp4", "-f lavfi -i sine=sample_rate=48000:duration=1 -c:a aac");
+    for (std::int64_t start : {0, 2'000'000, 4'000'000}) { // What is closed begins a new segment.
+        RecordMedia(*Recorder::instance(), folder.Path("in.mp4"), {kStart + start});
+        Recorder::deinit();
+        Recorder::init();
+    }
+    Recorder::deinit();
+    calvane_recording::CardSource source(folder.Path("card"), "");
+    const auto timesFrom = [&source](Time begin) {
+        const auto records = source.Open(calvane_recording::TrackKind::Audio, {begin, INT64_MAX});
+        std::vector<Time> times;
+        for (calvane_recording::Record record; records->Read(record);) {
+            times.push_back(record.time);
+        }
+        return times;
+    };
+    const std::vector<Time> all = timesFrom(0);
+    ASSERT_GT(all.size(), 100U);
+    for (auto at = all.begin(); at != all.end(); ++at) {
+        EXPECT_EQ(timesFrom(*at), std::vector<Time>(at, all.end()));
+        EXPECT_EQ(timesFrom(*at + 1), std::vector<Time>(at + 1, all.end()));
+    }
 }
 
 TEST_F(SpanTest, AGapTakesItsTimeOrIsLeftOut) {

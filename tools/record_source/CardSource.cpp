@@ -23,30 +23,42 @@ Time TimeOf(const RecordHeader& header) {
     return header.ticks - kEpoch;
 }
 
-/// Reads a record, or only its header with a limit of 1; nothing if it is damaged.
+RecordHeader HeaderOf(const Track::LeadingBytes& leading) {
+    static_assert(sizeof(RecordHeader) == sizeof leading, "a record begins with its header");
+    RecordHeader header;
+    std::memcpy(&header, leading.data(), sizeof header);
+    return header;
+}
+
+/// Nothing if it is damaged.
+std::optional<RecordHeader> ReadHeader(const Track& track, unsigned int index) {
+    try {
+        const Track::Leading leading = track.getLeading(index);
+        return leading.firstBlobBytes == sizeof(RecordHeader) ? std::make_optional(HeaderOf(leading.bytes))
+                                                              : std::nullopt;
+    } catch (const std::runtime_error&) {
+        return std::nullopt; // The store has logged it.
+    }
+}
+
+/// The same with the payload.
 std::optional<RecordHeader> ReadRecord(Track& track, unsigned int index, BlobRecord& record) {
     try {
         track.seekg(index);
         track >> record;
     } catch (const std::runtime_error&) {
-        return std::nullopt; // The store has logged it.
+        return std::nullopt;
     }
     RecordHeader header;
-    const std::size_t wanted = record.getBlobLimit() == 1 ? 1 : 2;
-    if (record.blobs().size() != wanted || record.blobs()[0].size() != sizeof header) {
+    if (record.blobs().size() != 2 || record.blobs()[0].size() != sizeof header) {
         return std::nullopt;
     }
     std::memcpy(&header, record.blobs()[0].data(), sizeof header);
     return header;
 }
 
-std::optional<RecordHeader> ReadHeader(Track& track, unsigned int index) {
-    BlobRecord record(1);
-    return ReadRecord(track, index, record);
-}
-
 /// The first record from `begin` on, and before `end`, whose header can be read.
-std::optional<RecordHeader> ReadNextHeader(Track& track, unsigned int& begin, unsigned int end) {
+std::optional<RecordHeader> ReadNextHeader(const Track& track, unsigned int& begin, unsigned int end) {
     for (; begin < end; ++begin) {
         if (const auto header = ReadHeader(track, begin)) {
             return header;
@@ -56,9 +68,11 @@ std::optional<RecordHeader> ReadNextHeader(Track& track, unsigned int& begin, un
 }
 
 /// The first record whose time is not before `at`; the size if there is none.
-unsigned int FirstNotBefore(Track& track, Time at) {
-    unsigned int low = 0;
-    unsigned int high = track.size();
+unsigned int FirstNotBefore(const Track& track, Time at) {
+    const auto [before, behind] =
+        track.findKnown([at](const Track::LeadingBytes& leading) { return TimeOf(HeaderOf(leading)) < at; });
+    unsigned int low = before ? before->index + 1 : 0;
+    unsigned int high = behind ? behind->index : track.size();
     while (low != high) {
         const unsigned int middle = low + (high - low) / 2;
         unsigned int readable = middle;
