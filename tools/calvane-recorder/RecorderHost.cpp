@@ -1,5 +1,6 @@
 #include "RecorderHost.h"
 
+#include <malloc.h>
 #include <sys/stat.h>
 #include <systemd/sd-daemon.h>
 #include <unistd.h>
@@ -27,6 +28,7 @@ namespace {
 constexpr auto kWatchdogPeriod = 250ms;
 constexpr auto kRetentionPeriod = 10s;
 constexpr auto kStatusPeriod = 1s;
+constexpr auto kTrimPeriod = 10s;
 // What has been reported is written to the history no earlier; see RecordingManager::processHistorySaveQueue.
 constexpr auto kHistoryHold = 1500ms;
 
@@ -77,9 +79,11 @@ public:
         try {
             RecordingManager::init();
             control_ = std::make_unique<RecordingControl>();
-            status_ = std::make_unique<UpkeepThread>(
-                "Status", std::vector{UpkeepJob("Looking at the recording", kStatusPeriod,
-                                                [this] { control_->Update(); })});
+            std::vector<UpkeepJob> jobs;
+            jobs.emplace_back("Looking at the recording", kStatusPeriod, [this] { control_->Update(); });
+            // Opening an input and answering for a long time take much for a moment, between what stays.
+            jobs.emplace_back("Giving memory back", kTrimPeriod, [] { malloc_trim(0); });
+            status_ = std::make_unique<UpkeepThread>("Status", std::move(jobs));
         } catch (...) {
             End();
             throw;
