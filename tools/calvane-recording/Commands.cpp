@@ -278,7 +278,9 @@ void ReadRecords(RecordingClient& client, const Options& options) {
         switch (frame.kind) {
             case Frame::kErased:
                 ++gaps;
-                std::cerr << "calvane-recording: data after " << TimeText(frame.time, options.zone)
+                std::cerr << "calvane-recording: "
+                          << (frame.time == 0 ? "the first of the data"
+                                              : "data after " + TimeText(frame.time, options.zone))
                           << " was erased while it was read\n";
                 break;
             case Frame::kFailed:
