@@ -10,7 +10,7 @@ namespace {
 
 constexpr std::size_t kFirstChunkBytes = 4096;
 constexpr std::size_t kSecondChunkBytes = 1U << 16U;
-constexpr std::size_t kLargeChunkBytes = 1U << 18U;
+constexpr std::size_t kLargeChunkBytes = 1U << 19U;
 constexpr std::size_t kMostKept = 4;
 
 /// Large chunks for the next block. Freed and allocated again with every sync, their pages would be unmapped and filled
