@@ -1,15 +1,15 @@
 #include "FleetCommands.h"
 
-#include <algorithm>
 #include <iostream>
 #include <mutex>
 #include <stdexcept>
 #include <thread>
 
 #include "Answers.h"
-#include "calvane/config/NearestName.h"
 #include "calvane/recording/RecordingManager.h"
+#include "fleet/DeviceList.h"
 #include "fleet/FleetSource.h"
+#include "fleet/ReasonText.h"
 
 namespace calvane_fleet {
 namespace {
@@ -22,36 +22,6 @@ using nlohmann::json;
 
 constexpr auto kTick = std::chrono::milliseconds(100);
 
-struct Device {
-    std::string name;
-    std::uint64_t messages = 0;
-    std::uint64_t bytes = 0;
-    std::string lastStored; ///< When the stream took its last message, as the servers write it.
-};
-
-std::vector<Device> ListDevices(NatsConnection& connection) {
-    std::vector<Device> devices;
-    for (std::size_t offset = 0, total = 1; offset < total;) {
-        const json page = connection.Ask("STREAM.LIST", {{"offset", offset}});
-        const auto streams = page.find("streams");
-        if (streams == page.end() || streams->empty()) {
-            break;
-        }
-        for (const json& stream : *streams) {
-            if (const auto name = DeviceOf(stream.at("config").at("name"))) {
-                const json& state = stream.at("state");
-                devices.push_back(
-                    {*name, state.at("messages"), state.at("bytes"), state.value("last_ts", "")});
-            }
-        }
-        offset += streams->size();
-        total = page.value("total", std::size_t{0});
-    }
-    std::sort(devices.begin(), devices.end(),
-              [](const Device& a, const Device& b) { return a.name < b.name; });
-    return devices;
-}
-
 std::vector<TrackKind> TracksOf(const FleetRun& run) {
     std::vector<TrackKind> tracks;
     for (const std::string& name : run.tracks) {
@@ -59,17 +29,6 @@ std::vector<TrackKind> TracksOf(const FleetRun& run) {
     }
     return tracks.empty() ? std::vector<TrackKind>{TrackKind::Video, TrackKind::Audio, TrackKind::Metadata}
                           : tracks;
-}
-
-std::string ReasonOf(unsigned int reason) {
-    switch (reason) {
-        case kNotSelected:
-            return "not selected by the device's policy";
-        case kNotCopiedYet:
-            return "not copied yet";
-        default:
-            return calvane_recording::ReasonText(reason);
-    }
 }
 
 /// The connection and the stream of the device that the command line names.
@@ -101,23 +60,6 @@ std::string EventText(const Event& event) {
 }
 
 } // namespace
-
-void RequireDevice(NatsConnection& connection, const std::string& device) {
-    try {
-        DeviceStream(connection, device).GetState();
-        return;
-    } catch (const JetStreamError& problem) {
-        if (problem.Code() != JetStreamError::kStreamNotFound) {
-            throw;
-        }
-    }
-    std::vector<std::string> names;
-    for (const Device& each : ListDevices(connection)) {
-        names.push_back(each.name);
-    }
-    throw std::runtime_error("The fleet has no device \"" + device + "\"" +
-                             quarn::calvane::SuggestName(device, names) + ": see calvane-fleet devices");
-}
 
 void PrintDevices(const FleetRun& run) {
     NatsConnection connection(run.nats);
@@ -173,11 +115,11 @@ void PrintCoverage(const FleetRun& run) {
         json list = json::array();
         for (const Interval& interval : device.source.GetCoverage(track, span)) {
             json facts = calvane_recording::ToJson(interval.span);
-            facts["reason"] = ReasonOf(interval.reason);
+            facts["reason"] = ReasonText(interval.reason);
             list.push_back(facts);
             if (!run.json) {
-                std::cout << name << "  " << SpanText(interval.span, run) << "  " << ReasonOf(interval.reason)
-                          << "\n";
+                std::cout << name << "  " << SpanText(interval.span, run) << "  "
+                          << ReasonText(interval.reason) << "\n";
             }
         }
         all[name] = list;

@@ -35,7 +35,4 @@ void PrintHistory(const FleetRun& run);
 void Watch(const FleetRun& run);
 void Export(const FleetRun& run);
 
-/// Throws std::runtime_error that names the devices that there are, if this is none of them.
-void RequireDevice(NatsConnection& connection, const std::string& device);
-
 } // namespace calvane_fleet

@@ -2,6 +2,7 @@
 
 #include "Commands.h"
 #include "Source.h"
+#include "fleet/DeviceList.h"
 #include "fleet/FleetSource.h"
 
 namespace calvane_fleet {

@@ -7,6 +7,7 @@
 #include "FleetCommands.h"
 #include "calvane/runtime/CalvaneEnv.h"
 #include "command_line/Complaint.h"
+#include "fleet/ServerOptions.h"
 #include "pipelines/ExitStatus.h"
 #include "pipelines/SignalWatcher.h"
 
@@ -63,24 +64,8 @@ Program::Program() {
 }
 
 void Program::AddServers() {
-    NatsOptions& nats = run_.nats;
-    nats.name = "calvane-fleet";
-    app_.add_option("--server", nats.servers, "URLs of NATS servers; as CALVANE_FLEET says without it")
-        ->type_name("URL")
-        ->delimiter(',')
-        ->envname("CALVANE_FLEET")
-        ->required();
-    app_.add_option("--domain", nats.domain, "The JetStream domain, through a leaf node")->type_name("NAME");
-    app_.add_option("--credentials", nats.credentialsFile, "The user's token and seed")->type_name("FILE");
-    app_.add_option("--user-file", nats.userFile, "Has USER:PASSWORD or a token")->type_name("FILE");
-    app_.add_option("--tls-ca", nats.caFile, "Trusted certificates (PEM)")->type_name("FILE");
-    CLI::Option* const key =
-        app_.add_option("--tls-key", nats.keyFile, "The certificate's key (PEM)")->type_name("FILE");
-    CLI::Option* const certificate =
-        app_.add_option("--tls-cert", nats.certificateFile, "The client's certificate (PEM)")
-            ->type_name("FILE");
-    certificate->needs(key);
-    key->needs(certificate);
+    run_.nats.name = "calvane-fleet";
+    AddServerOptions(app_, run_.nats)->required();
     app_.add_flag_callback(
         "--local", [this] { run_.zone = calvane_recording::Zone::Local; },
         "Print times in local time, and read those without an offset as such");

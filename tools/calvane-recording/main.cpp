@@ -5,9 +5,9 @@
 
 #include "Commands.h"
 #include "MediaCommandLine.h"
-#include "MediaProgram.h"
 #include "RecordingClient.h"
 #include "calvane/runtime/CalvaneEnv.h"
+#include "command_line/OtherProgram.h"
 
 namespace {
 
@@ -77,7 +77,13 @@ Program::Program() {
     read->add_flag("--list", options_.list, "Print a line for each record instead");
     read->add_flag("--from-key", options_.fromKey,
                    "Begin with the key frame that is shown at the begin or before it");
-    AddMediaCommands(app_, media_, [this](MediaCommand) { chosen_ = [this] { BecomeMediaProgram(argv_); }; });
+    // A program of its own, so that a device without FFmpeg has all other commands.
+    AddMediaCommands(app_, media_, [this](MediaCommand) {
+        chosen_ = [this] {
+            calvane_program::BecomeProgram("calvane-recording-media", argv_, "This command", "FFmpeg",
+                                           "media");
+        };
+    });
     AddCommand("watch", "Print events as they come", &Watch);
     AddRetention();
 }

@@ -1,4 +1,4 @@
-#include "MediaProgram.h"
+#include "command_line/OtherProgram.h"
 
 #include <unistd.h>
 
@@ -6,12 +6,11 @@
 #include <cstring>
 #include <filesystem>
 #include <stdexcept>
-#include <string>
 
-namespace calvane_recording {
+namespace calvane_program {
 
-void BecomeMediaProgram(char** argv) {
-    const std::string name = "calvane-recording-media";
+void BecomeProgram(const std::string& name, char** argv, const std::string& user, const std::string& what,
+                   const std::string& component) {
     const std::filesystem::path folder = std::filesystem::read_symlink("/proc/self/exe").parent_path();
     // As installed, and as built.
     for (const auto& path : {folder / CALVANE_LIBEXEC_FROM_BIN / name, folder / name}) {
@@ -20,8 +19,9 @@ void BecomeMediaProgram(char** argv) {
             throw std::runtime_error("Cannot start " + path.string() + ": " + std::strerror(errno));
         }
     }
-    throw std::runtime_error("This command needs FFmpeg and the program " + name +
-                             ", which are not installed here: install calvane's component \"media\"");
+    throw std::runtime_error(user + " needs " + what + " and the program " + name +
+                             ", which are not installed here: install calvane's component \"" + component +
+                             "\"");
 }
 
-} // namespace calvane_recording
+} // namespace calvane_program
