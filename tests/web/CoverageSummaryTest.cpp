@@ -4,6 +4,8 @@
 
 #include <random>
 
+#include "Answers.h"
+
 namespace {
 
 using namespace calvane_web;
@@ -15,7 +17,7 @@ using nlohmann::json;
 constexpr Time kBegin = 1'767'261'600 * kSecond;
 
 json Summarise(const std::vector<Interval>& intervals, Time length, std::int64_t buckets) {
-    CoverageSummary summary({kBegin, kBegin + length}, buckets);
+    CoverageSummary summary({kBegin, kBegin + length}, buckets, &calvane_recording::ReasonText);
     for (const Interval& interval : intervals) {
         summary.Add(interval);
     }

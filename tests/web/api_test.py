@@ -9,7 +9,7 @@ import time
 import unittest
 from datetime import datetime, timedelta, timezone
 
-from harness import SOURCE, WebTest, wait_until
+from harness import SOURCE, Described, WebTest, wait_until
 
 FORMAT = "%Y-%m-%dT%H:%M:%S.%fZ"
 
@@ -107,69 +107,21 @@ class FactsTest(WebTest):
         self.assertIn(f'calvane_card_bytes {self.web.get("/api/status").json()["card"]["bytes"]}\n', metrics)
 
 
-class DescriptionTest(WebTest):
+class DescriptionTest(Described, WebTest):
     """The OpenAPI file says what the server does."""
     SECONDS = 12
 
-    @classmethod
-    def setUpClass(cls):
-        super().setUpClass()
-        with open(os.path.join(SOURCE, "docs", "reference", "web-api.json"), encoding="utf-8") as file:
-            cls.description = json.load(file)
-
-    def check(self, value, schema, where):
-        if "$ref" in schema:
-            schema = self.description["components"]["schemas"][schema["$ref"].rsplit("/", 1)[1]]
-        if value is None:
-            self.assertTrue(schema.get("nullable"), where)
-            return
-        for part in schema.get("allOf", []):
-            self.check(value, part, where)
-        kinds = {"object": dict, "array": list, "string": str, "boolean": bool, "integer": int, "number": (int, float)}
-        if "type" in schema:
-            self.assertIsInstance(value, kinds[schema["type"]], where)
-        if "pattern" in schema:
-            self.assertRegex(value, schema["pattern"], where)
-        if "enum" in schema:
-            self.assertIn(value, schema["enum"], where)
-        for name in schema.get("required", []):
-            self.assertIn(name, value, where)
-        known, others = schema.get("properties", {}), schema.get("additionalProperties")
-        for name, part in value.items() if isinstance(value, dict) else ():
-            if name in known or others:
-                self.check(part, known.get(name, others), f"{where} {name}")
-            elif known:
-                self.fail(f"{where} {name} is not described")
-        for number, part in enumerate(value if isinstance(value, list) else ()):
-            self.check(part, schema["items"], f"{where} [{number}]")
-
     def test_it_has_what_the_server_has(self):
-        with open(os.path.join(SOURCE, "tools", "calvane-web", "WebServer.cpp"), encoding="utf-8") as file:
-            served = set(re.findall(r'"(/(?:api/|metrics|healthz)[a-z]*)"', file.read()))
+        served = set()
+        for name in ("calvane-web/WebServer.cpp", "calvane-web/RecorderContent.cpp"):
+            with open(os.path.join(SOURCE, "tools", name), encoding="utf-8") as file:
+                served |= set(re.findall(r'"(/(?:api/|metrics|healthz)[a-z/]*)"', file.read()))
         self.assertEqual(set(self.description["paths"]), served)
 
     def test_the_server_answers_so(self):
-        for path, operations in self.description["paths"].items():
-            if path == "/api/events" or "get" not in operations:
-                continue
-            parameters = {each["name"]: each["example"] for each in operations["get"].get("parameters", [])}
-            required = {each["name"] for each in operations["get"].get("parameters", []) if each["required"]}
-            for given in (parameters, {name: parameters[name] for name in required}):
-                with self.subTest(path, given=given):
-                    answer = self.web.get(path, **given)
-                    self.assertIn(str(answer.status), operations["get"]["responses"])
-                    self.assertEqual(answer.status, 200, answer.body[:200])
-                    response = operations["get"]["responses"]["200"]
-                    (kind, content), = response["content"].items()
-                    self.assertEqual(answer.headers["Content-Type"].split(";")[0], kind)
-                    for header in response.get("headers", {}):
-                        self.assertIn(header, answer.headers)
-                    if kind == "application/json":
-                        self.check(answer.json(), content["schema"], path)
-            if path != "/healthz":
-                unknown = self.web.get(path, unknown="1", **{name: parameters[name] for name in required})
-                self.assert_error(unknown, 400, "unknown")
-                self.check(unknown.json(), {"$ref": "#/components/schemas/Error"}, path)
+        for path, operations in self.described():
+            if path != "/api/events":
+                self.assert_as_described(self.web, path, operations)
 
 
 class MediaTest(WebTest):

@@ -180,6 +180,64 @@ class Server:
         return f"calvane-web ended with {self.process.returncode}" if self.process.returncode != 0 else None
 
 
+class Described:
+    """What docs/reference/web-api.json says of a server, for a test case."""
+    with open(os.path.join(SOURCE, "docs", "reference", "web-api.json"), encoding="utf-8") as file:
+        description = json.load(file)
+
+    def described(self, tag=None):
+        """Paths of questions, with their operations: those that have a tag, or those that have none."""
+        return [(path, operations["get"]) for path, operations in self.description["paths"].items()
+                if "get" in operations and operations["get"].get("tags") == (tag and [tag])]
+
+    def check(self, value, schema, where):
+        if "$ref" in schema:
+            schema = self.description["components"]["schemas"][schema["$ref"].rsplit("/", 1)[1]]
+        if value is None:
+            self.assertTrue(schema.get("nullable"), where)
+            return
+        for part in schema.get("allOf", []):
+            self.check(value, part, where)
+        kinds = {"object": dict, "array": list, "string": str, "boolean": bool, "integer": int, "number": (int, float)}
+        if "type" in schema:
+            self.assertIsInstance(value, kinds[schema["type"]], where)
+        if "pattern" in schema:
+            self.assertRegex(value, schema["pattern"], where)
+        if "enum" in schema:
+            self.assertIn(value, schema["enum"], where)
+        for name in schema.get("required", []):
+            self.assertIn(name, value, where)
+        known, others = schema.get("properties", {}), schema.get("additionalProperties")
+        for name, part in value.items() if isinstance(value, dict) else ():
+            if name in known or others:
+                self.check(part, known.get(name, others), f"{where} {name}")
+            elif known:
+                self.fail(f"{where} {name} is not described")
+        for number, part in enumerate(value if isinstance(value, list) else ()):
+            self.check(part, schema["items"], f"{where} [{number}]")
+
+    def assert_as_described(self, web, path, operation):
+        """With all parameters, with the required ones, and with one that is unknown."""
+        parameters = {each["name"]: each["example"] for each in operation.get("parameters", [])}
+        required = {each["name"]: each["example"] for each in operation.get("parameters", []) if each["required"]}
+        for given in (parameters, required):
+            with self.subTest(path, given=given):
+                answer = web.get(path, **given)
+                self.assertEqual(answer.status, 200, answer.body[:200])
+                response = operation["responses"]["200"]
+                (kind, content), = response["content"].items()
+                self.assertEqual(answer.headers["Content-Type"].split(";")[0], kind)
+                for header in response.get("headers", {}):
+                    self.assertIn(header, answer.headers)
+                if kind == "application/json":
+                    self.check(answer.json(), content["schema"], path)
+        if path != "/healthz":
+            unknown = web.get(path, unknown="1", **required)
+            self.assertEqual(unknown.status, 400, path)
+            self.assertIn("unknown", unknown.json()["error"])
+            self.check(unknown.json(), {"$ref": "#/components/schemas/Error"}, path)
+
+
 class WebTest(unittest.TestCase):
     """A device for all tests of a class, which has recorded for some seconds."""
     SECONDS = 6

@@ -12,14 +12,8 @@ extern "C" {
 #include <libavutil/log.h>
 }
 
-#include "api/ClientPool.h"
-#include "api/Events.h"
-#include "api/Facts.h"
 #include "api/Login.h"
-#include "api/Media.h"
-#include "api/Metrics.h"
 #include "api/PageFiles.h"
-#include "api/Site.h"
 #include "http/HttpServer.h"
 #include "pipelines/ExitStatus.h"
 #include "pipelines/SignalWatcher.h"
@@ -27,13 +21,12 @@ extern "C" {
 namespace calvane_web {
 namespace {
 
-constexpr std::size_t kMostQuestions = 4;
 constexpr int kMostFreeBytes = 256 * 1024; ///< That the C library keeps for later at the end of its memory.
 
 /// Everything that is served, and who serves it.
 class WebServer {
 public:
-    explicit WebServer(const WebOptions& options);
+    WebServer(const WebOptions& options, IWebContent& content);
 
     /// Returns after Stop.
     void Run() { server_.Run(); }
@@ -44,18 +37,15 @@ public:
 private:
     static Listener Listen(const WebOptions& options);
     static Site::Options SiteOptions(const WebOptions& options, const Address& local, Login* login);
-    void AddFacts();
-    void AddMedia();
+    ServerFacts Facts();
     void AddLogin();
 
     const bool isBehindProxy_;
+    IWebContent& content_;
     const PageFiles page_;
     std::optional<TlsContext> tls_;
     std::optional<Login> login_;
     const Listener listener_;
-    ClientPool clients_{kMostQuestions};
-    Media media_;
-    Events events_;
     Site site_;
     HttpEngine engine_;
     HttpServer server_;
@@ -85,9 +75,10 @@ Site::Options WebServer::SiteOptions(const WebOptions& options, const Address& l
     return site;
 }
 
-WebServer::WebServer(const WebOptions& options)
+WebServer::WebServer(const WebOptions& options, IWebContent& content)
     : isBehindProxy_(options.behindProxy),
-      page_(options.page.empty() ? DefaultPageFolder() : options.page),
+      content_(content),
+      page_(options.page.empty() ? DefaultPageFolder() : options.page, content.Page()),
       tls_(options.certificateFile.empty()
                ? std::nullopt
                : std::make_optional<TlsContext>(options.certificateFile, options.keyFile)),
@@ -99,42 +90,19 @@ WebServer::WebServer(const WebOptions& options)
             page_),
       engine_([this](const Request& request) { return site_.Handle(request); }, {"/api/login"}),
       server_(listener_, tls_ ? &*tls_ : nullptr, engine_, {256, 32, 64, !options.behindProxy}) {
-    AddFacts();
-    AddMedia();
+    content_.AddTo(site_, Facts());
     AddLogin();
 }
 
-void WebServer::AddFacts() {
-    const auto add = [this](const char* path, Reply (*answer)(ClientPool&, Query&)) {
-        site_.Add(path, [this, answer](const Request&, Query& query) { return answer(clients_, query); });
-    };
-    add("/api/summary", &AnswerSummary);
-    add("/api/tracks", &AnswerTracks);
-    add("/api/state", &AnswerState);
-    add("/api/attributes", &AnswerAttributes);
-    add("/api/status", &AnswerStatus);
-    add("/api/coverage", &AnswerCoverage);
-    add("/api/history", &AnswerHistory);
-    add("/healthz", &AnswerHealth);
-    site_.Add("/api/events", [this](const Request&, Query& query) { return events_.Answer(query); });
-    site_.Add("/metrics", [this](const Request&, Query& query) {
-        const HttpServer::Counts counts = server_.GetCounts();
-        return AnswerMetrics(
-            clients_, query,
-            {counts.connections, counts.refused, counts.open, clients_.Failures() + media_.Failures()});
-    });
-}
-
-void WebServer::AddMedia() {
-    const auto add = [this](const char* path, Reply (Media::*answer)(const Media::Client&, Query&)) {
-        site_.Add(path, [this, answer](const Request& request, Query& query) {
-            const bool isOne = !isBehindProxy_ && !Address{request.peer, 0}.IsLoopback();
-            return (media_.*answer)(isOne ? request.peer : "", query);
-        });
-    };
-    add("/api/media", &Media::AnswerMedia);
-    add("/api/export", &Media::AnswerExport);
-    add("/api/thumbnail", &Media::AnswerThumbnail);
+ServerFacts WebServer::Facts() {
+    return {[this] {
+                const HttpServer::Counts counts = server_.GetCounts();
+                return ServerCounts{counts.connections, counts.refused, counts.open};
+            },
+            [this](const Request& request) {
+                const bool isOne = !isBehindProxy_ && !Address{request.peer, 0}.IsLoopback();
+                return isOne ? request.peer : std::string();
+            }};
 }
 
 void WebServer::AddLogin() {
@@ -148,8 +116,7 @@ void WebServer::AddLogin() {
 }
 
 void WebServer::Stop() {
-    media_.Stop();
-    events_.Stop();
+    content_.Stop();
     server_.Stop();
 }
 
@@ -159,7 +126,8 @@ std::string WebServer::Url() const {
 
 } // namespace
 
-int RunWebServer(const WebOptions& options) {
+int RunWebServer(const WebOptions& options,
+                 const std::function<std::unique_ptr<IWebContent>()>& makeContent) {
     if (options.certificateFile.empty() != options.keyFile.empty()) {
         throw std::invalid_argument("--tls-cert and --tls-key go together");
     }
@@ -168,7 +136,8 @@ int RunWebServer(const WebOptions& options) {
     av_log_set_level(AV_LOG_FATAL);         // What fails is in the answers.
     mallopt(M_ARENA_MAX, 2);                // Threads come and go with the clients; each would keep its own.
     mallopt(M_TRIM_THRESHOLD, kMostFreeBytes);
-    WebServer server(options);
+    const auto content = makeContent();
+    WebServer server(options, *content);
     signals.Watch([&server] { server.Stop(); });
     std::cout << "Open " << server.Url() << " in a browser" << std::endl;
     sd_notify(0, "READY=1");

@@ -1,87 +1,21 @@
-#include <CLI/CLI.hpp>
 #include <cstdlib>
-#include <iostream>
 
-#include "WebServer.h"
-#include "api/Login.h"
-#include "calvane/runtime/CalvaneEnv.h"
-#include "command_line/Complaint.h"
-#include "pipelines/ExitStatus.h"
+#include "CommandLine.h"
+#include "RecorderContent.h"
 
 namespace {
 
 using namespace calvane_web;
 
-void Define(CLI::App& program, WebOptions& options, std::string& bus, bool& hashPassword) {
-    program.set_version_flag("--version", std::string("calvane-web ") + quarn::calvane::kVersion);
-    program.add_option("--listen", options.listen, "Where to listen; port 0 for any free one")
-        ->type_name("ADDRESS:PORT")
-        ->capture_default_str();
-    program.add_option("--bus", bus, "session, system or an address of D-Bus; as DRENN_BUS says without it")
-        ->type_name("BUS");
-    program
-        .add_option("--tls-cert", options.certificateFile,
-                    "The certificate, with those that lead to the root (PEM)")
-        ->type_name("FILE");
-    program.add_option("--tls-key", options.keyFile, "The certificate's key (PEM)")->type_name("FILE");
-    program
-        .add_option("--password-file", options.passwordFile,
-                    "Ask for the password whose hash is in this file, which others cannot read")
-        ->type_name("FILE");
-    program.add_flag("--behind-proxy", options.behindProxy,
-                     "Listen on any address without TLS and password: a reverse proxy has both");
-    program.add_flag("--hash-password", hashPassword,
-                     "Read a password from standard input, print its hash for the password file, and end");
-    program.add_option("--page", options.page, "The page's files; as CALVANE_WEB_PAGE says without it")
-        ->type_name("DIR");
-    program.footer(
-        "Answers what calvane-recording answers, and the recorded media, to a browser. It asks the "
-        "recorder's services "
-        "and needs no right to the card.\n"
-        "Anything but an address of this machine takes TLS and a password, or --behind-proxy.\n"
-        "Exit status: 0 done, 1 failed, 2 bad command line.\n"
-        "Examples:\n"
-        "  calvane-web\n"
-        "  calvane-web --hash-password > password && chmod 600 password\n"
-        "  calvane-web --listen 0.0.0.0:8443 --tls-cert cert.pem --tls-key key.pem --password-file password");
-}
-
-int RunProgram(int argc, char** argv) {
-    CLI::App program("Serves a page that shows what the device has recorded.", "calvane-web");
-    WebOptions options;
-    std::string bus;
-    bool hashPassword = false;
-    Define(program, options, bus, hashPassword);
-    try {
-        program.parse(argc, argv);
-    } catch (const CLI::Success& answer) { // --help and --version
-        return program.exit(answer);
-    } catch (const CLI::ParseError& error) {
-        std::cerr << calvane_program::Complaint(program, error) << "\n";
-        return calvane_program::kBadInput;
+int Serve(const CommandLine& line, char** /*argv*/) {
+    if (!line.bus.empty()) {
+        setenv("DRENN_BUS", line.bus.c_str(), 1);
     }
-    if (hashPassword) {
-        std::string password;
-        std::getline(std::cin, password);
-        std::cout << HashPassword(password) << "\n";
-        return calvane_program::kDone;
-    }
-    if (!bus.empty()) {
-        setenv("DRENN_BUS", bus.c_str(), 1);
-    }
-    return RunWebServer(options);
+    return RunWebServer(line.web, [] { return std::make_unique<RecorderContent>(); });
 }
 
 } // namespace
 
 int main(int argc, char** argv) {
-    try {
-        return RunProgram(argc, argv);
-    } catch (const std::invalid_argument& error) {
-        std::cerr << "calvane-web: " << error.what() << "\n";
-        return calvane_program::kBadInput;
-    } catch (const std::exception& error) {
-        std::cerr << "calvane-web: " << error.what() << "\n";
-        return calvane_program::kFailedWhileRunning;
-    }
+    return RunProgram(argc, argv, &Serve);
 }

@@ -1,7 +1,6 @@
 #include "api/ClientPool.h"
 
 #include <chrono>
-#include <utility>
 
 namespace calvane_web {
 namespace {
@@ -10,54 +9,14 @@ using calvane_recording::RecordingClient;
 using Clock = std::chrono::steady_clock;
 
 constexpr auto kCallTime = std::chrono::seconds(5);
-constexpr auto kLongestWait = std::chrono::seconds(10);
 /// A client that fails sooner was lost before it was asked.
 constexpr auto kSoon = std::chrono::seconds(1);
 
 } // namespace
 
-bool ClientPool::IsFree(const std::string& borrower) const {
-    const auto own = usedBy_.find(borrower);
-    return used_ < most_ && (own == usedBy_.end() || own->second < mostOfOne_);
-}
-
-ClientPool::Lease::Lease(ClientPool& pool, std::string borrower)
-    : pool_(&pool), borrower_(std::move(borrower)) {
-    std::unique_lock<std::mutex> lock(pool.mutex_);
-    if (!pool.returned_.wait_for(lock, kLongestWait, [&] { return pool.IsFree(borrower_); })) {
-        throw Busy("The recorder is busy with other questions");
-    }
-    ++pool.used_;
-    if (!borrower_.empty()) {
-        ++pool.usedBy_[borrower_];
-    }
-    if (!pool.spare_.empty()) {
-        client_ = std::move(pool.spare_.back());
-        pool.spare_.pop_back();
-    }
-}
-
-ClientPool::Lease::~Lease() {
-    if (pool_ == nullptr) {
-        return;
-    }
-    const std::lock_guard<std::mutex> lock(pool_->mutex_);
-    --pool_->used_;
-    if (const auto own = pool_->usedBy_.find(borrower_); own != pool_->usedBy_.end() && --own->second == 0) {
-        pool_->usedBy_.erase(own);
-    }
-    if (client_) {
-        pool_->spare_.push_back(std::move(client_));
-    }
-    pool_->returned_.notify_all(); // Not each of those that wait may have it.
-}
-
-ClientPool::Client& ClientPool::Lease::operator*() {
-    if (!client_) {
-        client_ = std::make_unique<Client>(kCallTime);
-    }
-    return *client_;
-}
+ClientPool::ClientPool(std::size_t most, std::size_t mostOfOne)
+    : LeasePool([] { return std::make_unique<Client>(kCallTime); },
+                "The recorder is busy with other questions", most, mostOfOne) {}
 
 void ClientPool::Ask(const std::function<void(Client&)>& question) {
     Lease lease(*this);

@@ -12,14 +12,6 @@ using calvane_recording::Span;
 using calvane_recording::Time;
 using nlohmann::json;
 
-json ToJson(const Span& span, unsigned int reason) {
-    return {{"from", calvane_recording::ToJson(span.first)},
-            {"to", calvane_recording::ToJson(span.last)},
-            {"present", reason == 0},
-            {"reason", reason},
-            {"text", calvane_recording::ReasonText(reason)}};
-}
-
 /// 0 without any.
 unsigned int LongestOf(const std::map<unsigned int, Time>& lengths) {
     const auto longest =
@@ -30,8 +22,16 @@ unsigned int LongestOf(const std::map<unsigned int, Time>& lengths) {
 
 } // namespace
 
-CoverageSummary::CoverageSummary(const Span& span, std::int64_t buckets)
-    : span_(span), bucket_((span.last - span.first) / buckets) {}
+CoverageSummary::CoverageSummary(const Span& span, std::int64_t buckets, ReasonText reasonText)
+    : span_(span), bucket_((span.last - span.first) / buckets), reasonText_(reasonText) {}
+
+json CoverageSummary::ToJson(const Span& span, unsigned int reason) const {
+    return {{"from", calvane_recording::ToJson(span.first)},
+            {"to", calvane_recording::ToJson(span.last)},
+            {"present", reason == 0},
+            {"reason", reason},
+            {"text", reasonText_(reason)}};
+}
 
 void CoverageSummary::Add(const Interval& interval) {
     const Span span{std::max(interval.span.first, span_.first), std::min(interval.span.last, span_.last)};

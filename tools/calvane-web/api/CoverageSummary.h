@@ -3,6 +3,7 @@
 #include <cstdint>
 #include <map>
 #include <nlohmann/json.hpp>
+#include <string>
 
 #include "RecordingClient.h"
 
@@ -12,8 +13,10 @@ namespace calvane_web {
 /// are, too. However many there are, no more than two for each bucket are left.
 class CoverageSummary {
 public:
+    using ReasonText = std::string (*)(unsigned int reason);
+
     /// A bucket is the `buckets`th part of `span`.
-    CoverageSummary(const calvane_recording::Span& span, std::int64_t buckets);
+    CoverageSummary(const calvane_recording::Span& span, std::int64_t buckets, ReasonText reasonText);
 
     /// The next stretch.
     void Add(const calvane_recording::Interval& interval);
@@ -22,9 +25,11 @@ public:
 
 private:
     void Flush();
+    nlohmann::json ToJson(const calvane_recording::Span& span, unsigned int reason) const;
 
     const calvane_recording::Span span_;
     const calvane_recording::Time bucket_;
+    const ReasonText reasonText_;
     // Of the short stretches that are being merged.
     calvane_recording::Span merged_;
     std::map<unsigned int, calvane_recording::Time> lengths_; ///< By reason.

@@ -24,7 +24,7 @@ unsigned int TrackOf(const std::string& name) {
 /// {"spans": [...], "isSummary": ...}
 nlohmann::json CoverageOf(ClientPool::Client& client, unsigned int track, const Span& span,
                           std::int64_t buckets) {
-    CoverageSummary summary(span, buckets);
+    CoverageSummary summary(span, buckets, &ReasonText);
     client.ForEachInterval(track, span, [&summary](const Interval& interval) {
         summary.Add(interval);
         return true;

@@ -1,7 +1,5 @@
 #include "api/Media.h"
 
-#include <unistd.h>
-
 #include <algorithm>
 #include <array>
 #include <optional>
@@ -14,7 +12,6 @@
 #include "api/Tracks.h"
 #include "media_export/Export.h"
 #include "media_export/JpegMaker.h"
-#include "record_source/ServiceSource.h"
 
 namespace calvane_web {
 namespace {
@@ -23,9 +20,6 @@ using namespace calvane_recording;
 using calvane_export::Container;
 using calvane_export::ExportOptions;
 
-/// Each reads three tracks at most, of the 16 that the recorder gives out: one is left for others.
-constexpr std::size_t kMostJobs = 5;
-constexpr std::size_t kMostJobsOfOne = 3; ///< What a page plays, a picture and an export.
 constexpr Time kDefaultLength = 30 * kSecond;
 constexpr Time kLongestGap = kSecond;
 constexpr Time kFragmentTime = kSecond / 2;
@@ -58,14 +52,14 @@ private:
 };
 
 /// When there is data next, behind `from`.
-std::optional<Time> FindNext(ClientPool::Client& client, Time from) {
+std::optional<Time> FindNext(IMediaSource& source, Time from) {
     std::optional<Time> next;
     const Time now = Now();
     if (from >= now) {
         return next;
     }
     for (const TrackKind track : {TrackKind::Video, TrackKind::Audio}) {
-        client.ForEachInterval(static_cast<unsigned int>(track), {from, now}, [&](const Interval& interval) {
+        source.ForEachInterval(track, {from, now}, [&](const Interval& interval) {
             const bool isNext = interval.reason == 0 && interval.span.first > from;
             next = isNext ? std::min(next.value_or(INT64_MAX), interval.span.first) : next;
             return !isNext;
@@ -75,11 +69,11 @@ std::optional<Time> FindNext(ClientPool::Client& client, Time from) {
 }
 
 /// When a track goes on, if `at` is in a gap of it that is too long for a file; nothing if there is data, or if none follows.
-std::optional<Time> FindEndOfGap(ClientPool::Client& client, TrackKind track, Time at) {
+std::optional<Time> FindEndOfGap(IMediaSource& source, TrackKind track, Time at) {
     std::optional<Time> next;
     Time before = INT64_MIN;
     const Span wanted{at - kLongestGap, std::max(at, Now())};
-    client.ForEachInterval(static_cast<unsigned int>(track), wanted, [&](const Interval& interval) {
+    source.ForEachInterval(track, wanted, [&](const Interval& interval) {
         if (interval.reason != 0) {
             return true;
         }
@@ -96,13 +90,13 @@ std::optional<Time> FindEndOfGap(ClientPool::Client& client, TrackKind track, Ti
 }
 
 /// The same of all tracks that are played: that of video where sound goes on together with it.
-std::optional<Time> FindEndOfGap(ClientPool::Client& client, const std::set<TrackKind>& tracks, Time at) {
+std::optional<Time> FindEndOfGap(IMediaSource& source, const std::set<TrackKind>& tracks, Time at) {
     std::optional<Time> next;
     for (const TrackKind track : tracks) { // Video first.
         if (track == TrackKind::Metadata) {
             continue;
         }
-        const auto end = FindEndOfGap(client, track, at);
+        const auto end = FindEndOfGap(source, track, at);
         if (!end) {
             return std::nullopt;
         }
@@ -111,16 +105,8 @@ std::optional<Time> FindEndOfGap(ClientPool::Client& client, const std::set<Trac
     return next;
 }
 
-/// "camera_20261121T130000Z.mp4", by the name of this machine.
-std::string FileName(Time time, Container container) {
-    std::array<char, 64> host{};
-    gethostname(host.data(), host.size() - 1);
-    std::string name = host.data();
-    name.erase(std::remove_if(name.begin(), name.end(),
-                              [](char each) {
-                                  return std::isalnum(static_cast<unsigned char>(each)) == 0 && each != '-';
-                              }),
-               name.end());
+/// "camera_20261121T130000Z.mp4"
+std::string FileName(const std::string& name, Time time, Container container) {
     std::string moment = TimeText(time, Zone::Utc).substr(0, 19) + "Z";
     for (const char mark : {'-', ':'}) {
         moment.erase(std::remove(moment.begin(), moment.end(), mark), moment.end());
@@ -154,14 +140,11 @@ Reply NothingReply(const std::string& reason, const std::optional<Time>& next) {
 /// An answer that is being written, with what it reads from.
 class Media::Job {
 public:
-    Job(Media& media, const Media::Client& client)
-        : client_(media.clients_.Borrow(client)),
-          source_(*client_, [&media] { return media.isStopped_.load(); }) {}
+    explicit Job(const MediaChoice& choice) : source_(choice.open()) {}
 
-    void Begin(const ExportOptions& options) { file_.emplace(source_, output_, options); }
+    void Begin(const ExportOptions& options) { file_.emplace(source_->Records(), output_, options); }
     const calvane_export::PartExport& File() const { return *file_; }
-    ClientPool::Client& Client() { return *client_; }
-    ServiceSource& Source() { return source_; }
+    IMediaSource& Source() { return *source_; }
 
     /// A file for a player may lack what cannot be read; it goes on behind it.
     void WriteTo(IBodySink& sink, bool mustBeWhole) {
@@ -180,19 +163,20 @@ public:
     }
 
 private:
-    ClientPool::Lease client_;
-    ServiceSource source_;
+    const std::unique_ptr<IMediaSource> source_;
     AnswerOutput output_;
     std::optional<calvane_export::PartExport> file_;
 };
 
-Media::Media() : clients_(kMostJobs, kMostJobsOfOne) {}
+MediaChoice Media::Choose(const Client& client, Query& query) {
+    return sources_.Choose(query, client, [this] { return isStopped_.load(); });
+}
 
 Reply Media::Stream(const std::shared_ptr<Job>& job, const ExportOptions& options, bool mustBeWhole) {
     try {
         job->Begin(options);
     } catch (const calvane_export::NothingThere& problem) {
-        return NothingReply(problem.what(), FindNext(job->Client(), options.span.first));
+        return NothingReply(problem.what(), FindNext(job->Source(), options.span.first));
     }
     Reply reply;
     reply.type = TypeOf(options.container);
@@ -203,6 +187,7 @@ Reply Media::Stream(const std::shared_ptr<Job>& job, const ExportOptions& option
 
 Reply Media::AnswerMedia(const Client& client, Query& query) {
     const Time now = Now();
+    const MediaChoice choice = Choose(client, query);
     ExportOptions options;
     options.span.first = query.TakeTime("from", "now", now);
     options.span.last = query.Has("to") ? query.TakeTime("to", "", now) : options.span.first + kDefaultLength;
@@ -212,8 +197,8 @@ Reply Media::AnswerMedia(const Client& client, Query& query) {
     options.fragmented = true;
     options.longestGap = kLongestGap;
     options.fragmentTime = kFragmentTime;
-    const auto job = std::make_shared<Job>(*this, client);
-    if (const auto next = FindEndOfGap(job->Client(), options.tracks, options.span.first)) {
+    const auto job = std::make_shared<Job>(choice);
+    if (const auto next = FindEndOfGap(job->Source(), options.tracks, options.span.first)) {
         if (*next > options.span.last) {
             return NothingReply("There is nothing recorded at " + ToText(options.span.first), *next);
         }
@@ -231,6 +216,7 @@ Reply Media::AnswerMedia(const Client& client, Query& query) {
 
 Reply Media::AnswerExport(const Client& client, Query& query) {
     const Time now = Now();
+    const MediaChoice choice = Choose(client, query);
     ExportOptions options;
     options.span.first = query.TakeTime("from", "", now);
     options.span.last = query.TakeTime("to", "now", now);
@@ -242,22 +228,23 @@ Reply Media::AnswerExport(const Client& client, Query& query) {
         throw std::invalid_argument("gaps: neither keep nor skip: \"" + gaps + "\"");
     }
     options.skipGaps = gaps == "skip";
-    const auto job = std::make_shared<Job>(*this, client);
+    const auto job = std::make_shared<Job>(choice);
     Reply reply = Stream(job, options, true);
     if (reply.write) {
         reply.headers.emplace(
             "Content-Disposition",
-            "attachment; filename=\"" + FileName(job->File().Begin(), options.container) + "\"");
+            "attachment; filename=\"" + FileName(choice.name, job->File().Begin(), options.container) + "\"");
     }
     return reply;
 }
 
 Reply Media::AnswerThumbnail(const Client& client, Query& query) {
+    const MediaChoice choice = Choose(client, query);
     const Time at = query.TakeTime("at", "now", Now());
     const auto width = static_cast<int>(query.TakeNumber("width", 16, 1920, 160));
     query.RequireAllTaken();
-    Job job(*this, client);
-    ServiceSource& source = job.Source();
+    const auto opened = choice.open();
+    calvane_recording::IRecordSource& source = opened->Records();
     auto key = source.FindKeyFrame(TrackKind::Video, at);
     while (key && key->presentationTime > at) {
         key = source.FindKeyFrame(TrackKind::Video, key->time - 1);

@@ -1,11 +1,11 @@
 #pragma once
 
 #include <atomic>
-#include <cstdint>
 #include <memory>
 #include <mutex>
+#include <string>
 
-#include "api/ClientPool.h"
+#include "api/MediaSources.h"
 #include "api/Query.h"
 #include "http/Exchange.h"
 
@@ -17,16 +17,17 @@ namespace calvane_web {
 
 /// The answers that carry recorded media; docs/reference/web-api.md describes them.
 ///
-/// Each reads from the recorder while it is written, at the speed of its reader, so that it holds a few pieces at most. The
-/// recorder has so many streams at once, so that only some are under way at the same time; others wait, and are Busy at last.
+/// Each reads from its source while it is written, at the speed of its reader, so that it holds a few pieces at most. Only some
+/// are under way at the same time, as the sources allow; others wait, and are Busy at last.
 ///
 /// Threads:  any.
-/// Errors:   std::invalid_argument for a bad query, which names the parameter; those of ClientPool. Once an answer has begun
+/// Errors:   std::invalid_argument for a bad query, which names the parameter; those of the sources. Once an answer has begun
 ///           it is cut off.
 /// Lifetime: outlives the answers.
 class Media {
 public:
-    Media();
+    /// `sources` outlive it.
+    explicit Media(IMediaSources& sources) : sources_(sources) {}
 
     /// Who asks; empty for somebody who may be many. No client has all of the answers that are possible at once.
     using Client = std::string;
@@ -40,15 +41,15 @@ public:
     /// Ends the answers under way.
     void Stop() { isStopped_ = true; }
 
-    std::uint64_t Failures() const { return clients_.Failures(); }
-
 private:
     class Job;
     /// A file that is written as long as it is read; 404 when there is nothing for it.
     static Reply Stream(const std::shared_ptr<Job>& job, const calvane_export::ExportOptions& options,
                         bool mustBeWhole);
 
-    ClientPool clients_;
+    MediaChoice Choose(const Client& client, Query& query);
+
+    IMediaSources& sources_;
     std::atomic<bool> isStopped_{false};
     std::mutex decoding_; ///< One picture at a time: each takes some megabytes.
 };

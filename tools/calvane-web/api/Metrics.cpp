@@ -11,27 +11,6 @@ namespace {
 using calvane_recording::kSecond;
 using calvane_recording::Status;
 
-class Exposition {
-public:
-    /// A family, whose samples follow.
-    void Begin(const std::string& name, const char* type, const char* help) {
-        name_ = "calvane_" + name;
-        text_ += "# HELP " + name_ + " " + help + "\n# TYPE " + name_ + " " + type + "\n";
-    }
-    void Add(const std::string& value, const std::string& labels = {}) {
-        text_ += name_ + labels + " " + value + "\n";
-    }
-    void AddOne(const std::string& name, const char* type, const char* help, std::uint64_t value) {
-        Begin(name, type, help);
-        Add(std::to_string(value));
-    }
-    std::string Text() && { return std::move(text_); }
-
-private:
-    std::string name_;
-    std::string text_;
-};
-
 std::string SecondsText(calvane_recording::Time time) {
     return std::to_string(time / kSecond) + "." + std::to_string(kSecond + time % kSecond).substr(1);
 }
@@ -93,7 +72,7 @@ void AddStatus(Exposition& metrics, const Status& status) {
 
 } // namespace
 
-Reply AnswerMetrics(ClientPool& clients, Query& query, const ServerCounts& counts) {
+Reply AnswerMetrics(ClientPool& clients, Query& query, const ServerCounts& counts, std::uint64_t busErrors) {
     query.RequireAllTaken();
     Exposition metrics;
     std::uint64_t isUp = 1;
@@ -103,17 +82,9 @@ Reply AnswerMetrics(ClientPool& clients, Query& query, const ServerCounts& count
         isUp = 0; // That is what is to be told.
     }
     metrics.AddOne("recorder_up", "gauge", "Whether the recorder answers.", isUp);
-    metrics.AddOne("bus_errors_total", "counter", "Questions that the recorder did not answer.",
-                   counts.busErrors);
-    metrics.AddOne("web_connections_total", "counter", "Connections of clients.", counts.connections);
-    metrics.AddOne("web_connections_refused_total", "counter", "Connections beyond the limits.",
-                   counts.refused);
-    metrics.AddOne("web_connections", "gauge", "Connections that are open.", counts.open);
-    Reply reply;
-    reply.type = "text/plain; version=0.0.4; charset=utf-8";
-    reply.headers = {{"Cache-Control", "no-store"}};
-    reply.body = std::move(metrics).Text();
-    return reply;
+    metrics.AddOne("bus_errors_total", "counter", "Questions that the recorder did not answer.", busErrors);
+    metrics.AddServer(counts);
+    return std::move(metrics).Answer();
 }
 
 } // namespace calvane_web

@@ -69,7 +69,7 @@ std::string Pack(const std::string& content) {
 
 } // namespace
 
-PageFiles::PageFiles(const std::string& folder) {
+PageFiles::PageFiles(const std::string& folder, const std::string& home) {
     std::error_code error;
     std::size_t size = 0;
     for (auto each = fs::recursive_directory_iterator(folder, error);
@@ -86,11 +86,11 @@ PageFiles::PageFiles(const std::string& folder) {
         files_["/" + fs::relative(each->path(), folder).generic_string()] =
             std::make_shared<const File>(MakeFile(std::move(content), type->second));
     }
-    if (!Has("/index.html")) {
-        throw std::runtime_error("There is no page in " + folder + ": index.html cannot be read" +
+    if (!Has("/" + home)) {
+        throw std::runtime_error("There is no page in " + folder + ": " + home + " cannot be read" +
                                  (error ? " (" + error.message() + ")" : ""));
     }
-    AddVersion();
+    AddVersion("/" + home);
 }
 
 PageFiles::File PageFiles::MakeFile(std::string content, const std::string& type) {
@@ -99,7 +99,7 @@ PageFiles::File PageFiles::MakeFile(std::string content, const std::string& type
     return {std::move(content), std::move(packed), type, std::move(tag)};
 }
 
-void PageFiles::AddVersion() {
+void PageFiles::AddVersion(const std::string& home) {
     std::string tags;
     for (const auto& [path, file] : files_) {
         tags += path + file->tag;
@@ -116,8 +116,7 @@ void PageFiles::AddVersion() {
     for (std::size_t at = 0; (at = content.find(kFrom, at)) != std::string::npos; at += to.size()) {
         content.replace(at, kFrom.size(), to);
     }
-    files_["/"] = files_["/index.html"] =
-        std::make_shared<const File>(MakeFile(std::move(content), index.type));
+    files_["/"] = files_[home] = std::make_shared<const File>(MakeFile(std::move(content), index.type));
 }
 
 Reply PageFiles::Find(const Request& request) const {
@@ -145,10 +144,14 @@ std::string DefaultPageFolder() {
         return folder;
     }
     std::error_code error;
-    const fs::path installed =
-        fs::read_symlink("/proc/self/exe", error).parent_path() / CALVANE_PAGE_FROM_BIN;
-    return fs::exists(installed / "index.html", error) ? installed.lexically_normal().string()
-                                                       : CALVANE_SOURCE_PAGE;
+    const fs::path programs = fs::read_symlink("/proc/self/exe", error).parent_path();
+    for (const char* const way : {CALVANE_PAGE_FROM_BIN, CALVANE_PAGE_FROM_LIBEXEC}) {
+        const fs::path installed = programs / way;
+        if (fs::exists(installed / "index.html", error)) {
+            return installed.lexically_normal().string();
+        }
+    }
+    return CALVANE_SOURCE_PAGE;
 }
 
 } // namespace calvane_web

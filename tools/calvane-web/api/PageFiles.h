@@ -10,16 +10,17 @@ namespace calvane_web {
 
 /// The files of the page, read once: what is asked for is looked up among them and reaches no path.
 ///
-/// What index.html loads from "v/" it is sent to load from "v-TAG/", where the tag is that of all files together: what lies
+/// What index.html and fleet.html load from "v/" they are sent to load from "v-TAG/", where the tag is that of all files together: what lies
 /// there never changes, so that a browser need not ask again.
 ///
-/// Errors: std::runtime_error that names the folder or file, when it cannot be read, has no index.html, or is larger than a
-///         page should be.
+/// Errors: std::runtime_error that names the folder or file, when it cannot be read, has no such page, or is larger
+///         than a page should be.
 class PageFiles {
 public:
-    explicit PageFiles(const std::string& folder);
+    /// "/" is the file `home`.
+    explicit PageFiles(const std::string& folder, const std::string& home = "index.html");
 
-    /// "/" is index.html. Only for a path that it has.
+    /// Only for a path that it has.
     Reply Find(const Request& request) const;
     bool Has(const std::string& path) const { return files_.count(path) != 0; }
 
@@ -31,7 +32,7 @@ private:
         std::string tag; ///< ETag, of the content.
     };
     static File MakeFile(std::string content, const std::string& type);
-    void AddVersion();
+    void AddVersion(const std::string& home);
 
     std::map<std::string, std::shared_ptr<const File>> files_;
     std::string version_; ///< "/v-TAG/"

@@ -77,11 +77,13 @@ Reply Site::Handle(const Request& request) const {
         reply = ErrorReply(400, problem.what());
     } catch (const Busy& problem) {
         reply = LaterReply(503, problem.what(), kRetrySeconds);
+    } catch (const Unavailable& problem) {
+        reply = LaterReply(503, problem.what(), kRetrySeconds);
     } catch (const RecordingClient::NotRunning& problem) {
         reply = LaterReply(503, problem.what(), kRetrySeconds);
     } catch (const RecordingClient::NoAnswer& problem) {
         reply = LaterReply(503, problem.what(), kRetrySeconds);
-    } catch (const std::runtime_error& problem) { // What the recorder says: there is nothing of the kind.
+    } catch (const std::runtime_error& problem) { // What who was asked says: there is nothing of the kind.
         reply = ErrorReply(404, problem.what());
     }
     reply.headers.emplace("Content-Security-Policy", kContentPolicy);

@@ -1,0 +1,20 @@
+#pragma once
+
+#include <string>
+
+#include "WebServer.h"
+
+namespace calvane_web {
+
+/// What the command line of calvane-web says.
+struct CommandLine {
+    WebOptions web;
+    std::string bus;
+    bool hashPassword = false;
+};
+
+/// Parses the command line, and calls `serve` unless there is something else to do. Returns the exit status; what was wrong is
+/// said on standard error.
+int RunProgram(int argc, char** argv, int (*serve)(const CommandLine& line, char** argv));
+
+} // namespace calvane_web
