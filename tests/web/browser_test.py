@@ -48,21 +48,15 @@ def iso(moment):
     return time.strftime("%Y-%m-%dT%H:%M:%S", time.gmtime(moment)) + f".{int(moment * 1000) % 1000:03}Z"
 
 
-class PageTest(WebTest):
-    """A recording with a gap: the recorder was killed, and started again some seconds later."""
+class Browser:
+    """A browser, for a test case that opens pages in it."""
 
     @classmethod
-    def setUpClass(cls):
-        super().setUpClass()
+    def open_browser(cls):
         cls.downloads = tempfile.mkdtemp(prefix="calvane-downloads-")
         cls.addClassCleanup(shutil.rmtree, cls.downloads)
         cls.browser = open_browser(cls.downloads)
         cls.addClassCleanup(cls.browser.quit)
-        cls.device.stop_recorder(signal.SIGKILL)
-        time.sleep(3)
-        cls.device.start_recorder()
-        wait_until(lambda: len(cls.gaps()) >= 1 and cls.device.seconds_recorded() > 14, "a gap and data behind it", 40)
-        cls.gap = cls.gaps()[0]
 
     def run(self, result=None):
         """What fails is tried once more, and says so: browser, recorder and camera share few processors with other tests."""
@@ -77,24 +71,10 @@ class PageTest(WebTest):
             print(f"{self.id()} is tried once more: {text}", file=sys.stderr)
         super().run(result)
 
-    @classmethod
-    def gaps(cls):
-        try:
-            video = cls.device.ask_json("coverage", "--track", "video")["video"]
-        except (subprocess.CalledProcessError, ValueError):
-            return []
-        return [(time_of(a["last"]), time_of(b["first"])) for a, gap, b in zip(video, video[1:], video[2:])
-                if a["reason"] == b["reason"] == "data" and gap["reason"] == "interrupted"]
-
     def tearDown(self):
         problems = [line["message"] for line in self.browser.get_log("browser")
                     if line["level"] == "SEVERE" and line["source"] != "network"]
         self.assertEqual(problems, [])
-
-    def open(self, place=""):
-        self.browser.get("about:blank")
-        self.browser.get(self.web.url + place)
-        self.wait(lambda: self.text("link") == "Recording", "the page to show the recorder")
 
     def wait(self, condition, what, seconds=15):
         def holds():
@@ -114,6 +94,10 @@ class PageTest(WebTest):
     def keys(self, *keys):
         ActionChains(self.browser).send_keys(*keys).perform()
 
+    def click_at(self, element, x):
+        """So many pixels from the middle."""
+        ActionChains(self.browser).move_to_element_with_offset(element, round(x), 0).click().perform()
+
     def shoot(self, name):
         if SHOTS:
             os.makedirs(SHOTS, exist_ok=True)
@@ -124,6 +108,42 @@ class PageTest(WebTest):
 
     def is_shown(self):
         return self.browser.execute_script("const v = document.querySelector('video'); return v.readyState >= 2 && !v.seeking")
+
+    def packets(self, path):
+        probe = subprocess.run(["ffprobe", "-v", "warning", "-show_entries", "packet=stream_index,size,flags,data_hash",
+                                "-show_data_hash", "md5", "-of", "csv", path], capture_output=True, text=True, check=True)
+        self.assertEqual(probe.stderr, "")
+        packets = sorted(probe.stdout.split())
+        self.assertGreater(len(packets), 60)
+        return packets
+
+
+class PageTest(Browser, WebTest):
+    """A recording with a gap: the recorder was killed, and started again some seconds later."""
+
+    @classmethod
+    def setUpClass(cls):
+        super().setUpClass()
+        cls.open_browser()
+        cls.device.stop_recorder(signal.SIGKILL)
+        time.sleep(3)
+        cls.device.start_recorder()
+        wait_until(lambda: len(cls.gaps()) >= 1 and cls.device.seconds_recorded() > 14, "a gap and data behind it", 40)
+        cls.gap = cls.gaps()[0]
+
+    @classmethod
+    def gaps(cls):
+        try:
+            video = cls.device.ask_json("coverage", "--track", "video")["video"]
+        except (subprocess.CalledProcessError, ValueError):
+            return []
+        return [(time_of(a["last"]), time_of(b["first"])) for a, gap, b in zip(video, video[1:], video[2:])
+                if a["reason"] == b["reason"] == "data" and gap["reason"] == "interrupted"]
+
+    def open(self, place=""):
+        self.browser.get("about:blank")
+        self.browser.get(self.web.url + place)
+        self.wait(lambda: self.text("link") == "Recording", "the page to show the recorder")
 
     def close_other_pages(self):
         for page in self.browser.window_handles[1:]:
@@ -281,14 +301,6 @@ class PageTest(WebTest):
             self.device.ask("export", "--from", iso(begin), "--to", iso(end), ours)
             theirs, = glob.glob(f"{self.downloads}/*.{container}")
             self.assertEqual(self.packets(theirs), self.packets(ours))
-
-    def packets(self, path):
-        probe = subprocess.run(["ffprobe", "-v", "warning", "-show_entries", "packet=stream_index,size,flags,data_hash",
-                                "-show_data_hash", "md5", "-of", "csv", path], capture_output=True, text=True, check=True)
-        self.assertEqual(probe.stderr, "")
-        packets = sorted(probe.stdout.split())
-        self.assertGreater(len(packets), 60)
-        return packets
 
     def test_works_by_keyboard_alone_and_names_its_controls(self):
         self.open_at(self.gap[0] - 3)

@@ -73,12 +73,29 @@ export async function logIn(password) {
   }
 }
 
+/**
+ * Whose media is played, exported and pictured: the recorder's, or that of a device of a fleet. `coverage` are the path and the
+ * parameters that ask where there is video, `spansOf` finds that in the answer.
+ */
+export const source = {
+  path: "/api", parameters: {},
+  coverage: ["/api/coverage", { tracks: "video" }], spansOf: (answer) => answer.tracks.video.spans,
+};
+
 /** Media from a time on: {mime, begin, body}. `mime` is null when the browser is not told what it is. */
 export async function getMedia(from, to, options) {
-  const response = await request("/api/media", { from, to }, options);
+  const response = await request(`${source.path}/media`, { ...source.parameters, from, to }, options);
   return {
     mime: response.headers.get("X-Calvane-Mime"),
     begin: parseTime(response.headers.get("X-Calvane-Begin")),
     body: response.body,
   };
+}
+
+/** When there is video at or after a time and before another one; NaN if there is none. */
+export async function findVideo(from, to, options) {
+  const [path, parameters] = source.coverage;
+  const spans = source.spansOf(await getJson(path, { ...parameters, from, to, buckets: 2000 }, options));
+  const span = spans.find((each) => each.present || each.share > 0);
+  return span ? Math.max(from, parseTime(span.from)) : NaN;
 }

@@ -64,11 +64,13 @@ export class Coverage extends EventTarget {
   #wanted = [];
   #running = 0;
   #now;
+  #mostTiles;
 
-  constructor(tracks, now) {
+  constructor(tracks, now, mostTiles = MAX_TILES) {
     super();
     this.#tracks = tracks;
     this.#now = now;
+    this.#mostTiles = mostTiles;
   }
 
   /** `begins`: the time of the first record of each track, Infinity for a track that has none. */
@@ -221,7 +223,7 @@ export class Coverage extends EventTarget {
   }
 
   #forgetOld() {
-    if (this.#tiles.size > MAX_TILES) {
+    if (this.#tiles.size > this.#mostTiles) {
       const [oldest] = [...this.#tiles].filter(([, tile]) => !tile.isBusy).sort((a, b) => a[1].used - b[1].used);
       this.#tiles.delete(oldest?.[0]);
     }

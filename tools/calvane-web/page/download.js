@@ -1,5 +1,5 @@
 // Fetches an export while telling how far it is, then gives it to the browser to save.
-import { address, request } from "./api.js";
+import { address, request, source } from "./api.js";
 
 /** Above this the browser saves the file itself, since a page would have to hold it in memory. */
 export const LARGEST_HERE = 400e6;
@@ -19,12 +19,12 @@ function nameOf(response) {
 
 /** Leaves it to the browser, which shows its own progress. */
 export function downloadByBrowser(parameters) {
-  save(address("/api/export", parameters), "");
+  save(address(`${source.path}/export`, { ...source.parameters, ...parameters }), "");
 }
 
 /** Calls `onProgress(bytes)`. Throws ApiError for an answer that says why not, and AbortError by `signal`. */
 export async function download(parameters, onProgress, signal) {
-  const response = await request("/api/export", parameters, { signal });
+  const response = await request(`${source.path}/export`, { ...source.parameters, ...parameters }, { signal });
   const reader = response.body.getReader();
   const parts = [];
   let size = 0;

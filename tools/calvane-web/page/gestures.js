@@ -4,8 +4,10 @@ import { moved, pinched, zoomed } from "./scale.js";
 const CLICK = 5; // Pixels that a click may move.
 
 /**
- * Tells `target` what is done to the canvas: view(view), seek(x), hover(x, y) or hover() when the pointer leaves,
- * select(x0, x1), selected(). `target.currentView()` gives the view, `target.isSelecting()` whether a drag selects.
+ * Tells `target` what is done to the canvas: view(view), seek(x, y), hover(x, y) or hover() when the pointer leaves,
+ * select(x0, x1, y0), selected(). `target.currentView()` gives the view, `target.isSelecting()` whether a drag selects. Where
+ * only a part of an element shows time, `target.timeBox()` gives its left border on the page and its width; with
+ * `target.wheelScrolls` the wheel alone does nothing here.
  */
 export class Gestures {
   #canvas;
@@ -29,21 +31,27 @@ export class Gestures {
   }
 
   #place(event) {
-    const box = this.#canvas.getBoundingClientRect();
-    return { x: event.clientX - box.left, y: event.clientY - box.top };
+    return { x: event.clientX - this.#box.left, y: event.clientY - this.#canvas.getBoundingClientRect().top };
+  }
+
+  get #box() {
+    return this.#target.timeBox?.() ?? this.#canvas.getBoundingClientRect();
   }
 
   #onWheel(event) {
+    if (this.#target.wheelScrolls && !event.ctrlKey && !event.shiftKey && Math.abs(event.deltaY) >= Math.abs(event.deltaX)) {
+      return;
+    }
     event.preventDefault();
     const view = this.#target.currentView();
     const unit = event.deltaMode === WheelEvent.DOM_DELTA_LINE ? 30 : 1;
     const sideways = event.shiftKey && !event.deltaX ? event.deltaY : event.deltaX;
     if (Math.abs(sideways) > Math.abs(event.deltaY) || (event.shiftKey && sideways)) {
-      this.#target.view(moved(view, ((view.to - view.from) * sideways * unit) / this.#canvas.clientWidth));
+      this.#target.view(moved(view, ((view.to - view.from) * sideways * unit) / this.#box.width));
       return;
     }
     const speed = event.ctrlKey ? 0.01 : 0.0025; // A pinch on a touch pad comes as ctrl and small steps.
-    this.#target.view(zoomed(view, Math.exp(event.deltaY * unit * speed), this.#place(event).x / this.#canvas.clientWidth));
+    this.#target.view(zoomed(view, Math.exp(event.deltaY * unit * speed), this.#place(event).x / this.#box.width));
   }
 
   #onDown(event) {
@@ -55,7 +63,7 @@ export class Gestures {
     this.#pointers.set(event.pointerId, place);
     const view = this.#target.currentView();
     if (this.#pointers.size === 2) {
-      const width = this.#canvas.clientWidth;
+      const width = this.#box.width;
       const times = [...this.#pointers.values()].map(({ x }) => view.from + ((view.to - view.from) * x) / width);
       this.#drag = { kind: "pinch", times };
     } else {
@@ -82,14 +90,14 @@ export class Gestures {
       this.#target.hover();
     }
     if (this.#drag.kind === "move") {
-      this.#target.view(moved(view, ((view.to - view.from) * (from.x - place.x)) / this.#canvas.clientWidth));
+      this.#target.view(moved(view, ((view.to - view.from) * (from.x - place.x)) / this.#box.width));
     } else if (this.#drag.kind === "select") {
-      this.#target.select(from.x, place.x);
+      this.#target.select(from.x, place.x, from.y);
     }
   }
 
   #pinch() {
-    const shares = [...this.#pointers.values()].map(({ x }) => x / this.#canvas.clientWidth);
+    const shares = [...this.#pointers.values()].map(({ x }) => x / this.#box.width);
     const view = shares.length === 2 && pinched(this.#drag.times, shares);
     if (view) {
       this.#target.view(view);
@@ -103,7 +111,7 @@ export class Gestures {
     if (drag?.kind === "select") {
       this.#target.selected();
     } else if (drag?.kind === "click" && !isCancelled) {
-      this.#target.seek(drag.from.x);
+      this.#target.seek(drag.from.x, drag.from.y);
     }
   }
 }

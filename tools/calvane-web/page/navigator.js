@@ -141,8 +141,8 @@ export class Navigator extends EventTarget {
     this.#timer = setTimeout(() => {
       this.#emit("settled");
       if (!this.#isRestoring) {
-        const { view, cursor, selection, zone } = this.#scene;
-        history.replaceState(null, "", writePlace({ view, cursor, selection, zone, isLive: this.follows }));
+        const { view, cursor, selection, zone, device } = this.#scene;
+        history.replaceState(null, "", writePlace({ view, cursor, selection, zone, device, isLive: this.follows }));
       }
     }, SETTLE);
   }

@@ -56,7 +56,8 @@ export function showGaps(tracks, coverage, scene, onGo) {
   showLegend(new Set([RECORDED, ...all.map(({ reason }) => reason)]));
 }
 
-function showLegend(reasons) {
+/** The colours of these reasons, in words. */
+export function showLegend(reasons) {
   byId("legend").replaceChildren(...[...reasons].sort((a, b) => a - b).map((reason) =>
     make("li", {}, swatch(reasonVariable(reason)), reasonText(reason))));
 }

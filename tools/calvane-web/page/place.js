@@ -1,9 +1,9 @@
-// The view in the page's address, so that it can be kept and sent: #from=...&to=...&t=...&sel=...~...&zone=utc
+// The view in the page's address, so that it can be kept and sent: #from=...&to=...&t=...&sel=...~...&zone=utc&device=...
 import { isoTime, parseTime } from "./time.js";
 
 const short = (time) => isoTime(Math.round(time)).replace(/000Z$/, "Z");
 
-export function writePlace({ view, cursor, selection, zone, isLive }) {
+export function writePlace({ view, cursor, selection, zone, isLive, device }) {
   const place = new URLSearchParams();
   if (!isLive) {
     place.set("from", short(view.from));
@@ -19,6 +19,9 @@ export function writePlace({ view, cursor, selection, zone, isLive }) {
   }
   if (zone === "utc") {
     place.set("zone", "utc");
+  }
+  if (device) {
+    place.set("device", device);
   }
   return "#" + place.toString().replaceAll("%3A", ":").replaceAll("%7E", "~");
 }
@@ -37,6 +40,7 @@ export function readPlace(hash) {
     cursor: time("t"),
     selection: spanOf(from, to),
     zone: place.get("zone") === "utc" ? "utc" : null,
+    device: place.get("device"),
     live: Number(place.get("live")) * 1000 || NaN,
   };
 }

@@ -1,5 +1,5 @@
 // Plays what is recorded from any time on, across gaps, up to what is being recorded.
-import { getJson, getMedia } from "./api.js";
+import { findVideo, getMedia } from "./api.js";
 import { MediaBuffer, canPlay, codecsText } from "./media-buffer.js";
 import { SECOND, parseTime } from "./time.js";
 
@@ -107,6 +107,15 @@ export class Player extends EventTarget {
     }
   }
 
+  /** From now on something else is played: what is loaded is not of it. */
+  forget() {
+    this.#abort.abort();
+    this.#media.close();
+    this.#next = null;
+    this.#target = NaN;
+    this.#clearProblem();
+  }
+
   #start() {
     this.#video.play().catch((error) => {
       if (error.name === "NotAllowedError" && !this.#video.muted) {
@@ -201,12 +210,8 @@ export class Player extends EventTarget {
     return this.#afterPiece(from, piece.begin, signal);
   }
 
-  /** When there is video at or after a time; NaN if there is none. */
-  async #findNext(from, signal) {
-    const to = Math.max(this.#newest(), from + 1);
-    const { tracks } = await getJson("/api/coverage", { tracks: "video", from, to, buckets: 2000 }, { signal });
-    const span = tracks.video.spans.find((each) => each.present || each.share > 0);
-    return span ? Math.max(from, parseTime(span.from)) : NaN;
+  #findNext(from, signal) {
+    return findVideo(from, Math.max(this.#newest(), from + 1), { signal });
   }
 
   /** Makes the buffer ready for a piece; false when it has to wait until what is loaded is played. */

@@ -1,5 +1,5 @@
 // Small pictures of moments, few requests at a time and the latest wish first.
-import { request } from "./api.js";
+import { request, source } from "./api.js";
 import { parseTime } from "./time.js";
 
 const KEPT = 200;
@@ -8,6 +8,7 @@ export class Thumbnails {
   #kept = new Map(); // Of the time asked for: {address, time}, or null where there is no picture.
   #wish = null;
   #isBusy = false;
+  #origin = 0; // Changes with what is pictured.
 
   /** Calls back with {address, time} or null; not at all when there is a later wish. `step`: times this near are one. */
   want(time, step, onPicture) {
@@ -29,26 +30,40 @@ export class Thumbnails {
     const { at, onPicture } = this.#wish;
     const picture = await this.#get(at);
     this.#isBusy = false;
-    if (this.#wish?.at === at) {
+    if (this.#wish?.at === at && picture !== undefined) {
       this.#wish = null;
       onPicture(picture);
     }
     this.#fetch();
   }
 
+  /** Undefined when something else is pictured meanwhile. */
   async #get(at) {
+    const origin = this.#origin;
     try {
-      const response = await request("/api/thumbnail", { at, width: 240 });
+      const response = await request(`${source.path}/thumbnail`, { ...source.parameters, at, width: 240 });
       const time = parseTime(response.headers.get("X-Calvane-Time"));
-      const picture = { address: URL.createObjectURL(await response.blob()), time };
+      const blob = await response.blob();
+      if (origin !== this.#origin) {
+        return undefined;
+      }
+      const picture = { address: URL.createObjectURL(blob), time };
       this.#keep(at, picture);
       return picture;
     } catch (error) {
-      if (error.status === 404) {
+      if (error.status === 404 && origin === this.#origin) {
         this.#keep(at, null);
       }
-      return null;
+      return origin === this.#origin ? null : undefined;
     }
+  }
+
+  /** Pictures of something else are wanted from now on. */
+  forget() {
+    this.#wish = null;
+    this.#kept.forEach((picture) => picture && URL.revokeObjectURL(picture.address));
+    this.#kept.clear();
+    this.#origin += 1;
   }
 
   /** Where there was none, there may be one now. */
