@@ -42,6 +42,9 @@ if(TARGET calvane-recording-media)
   set_target_properties(calvane-recording-media PROPERTIES INSTALL_RPATH "$ORIGIN/${lib_from_libexec}")
   install(TARGETS calvane-recording-media RUNTIME DESTINATION ${calvane_libexec_dir} COMPONENT media)
 endif()
+if(TARGET calvane-web-fleet)
+  list(REMOVE_ITEM programs calvane-web-fleet) # cmake/InstallFleet.cmake
+endif()
 file(GLOB manual_pages CONFIGURE_DEPENDS ${PROJECT_SOURCE_DIR}/packaging/man/*.1)
 set(completions ${CMAKE_INSTALL_DATADIR}/bash-completion/completions)
 foreach(program calvane-web calvane-uplink calvane-fleet) # Of components of their own.

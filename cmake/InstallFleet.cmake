@@ -9,6 +9,11 @@ foreach(component uplink fleet)
   install(FILES ${PROJECT_SOURCE_DIR}/packaging/completions/calvane-recording
     DESTINATION ${completions} RENAME ${program} COMPONENT ${component})
 endforeach()
+if(TARGET calvane-web-fleet) # What calvane-web runs with --fleet.
+  file(RELATIVE_PATH lib_from_libexec ${CMAKE_INSTALL_FULL_LIBEXECDIR}/calvane ${CMAKE_INSTALL_FULL_LIBDIR})
+  set_target_properties(calvane-web-fleet PROPERTIES INSTALL_RPATH "$ORIGIN/${lib_from_libexec}")
+  install(TARGETS calvane-web-fleet RUNTIME DESTINATION ${CMAKE_INSTALL_LIBEXECDIR}/calvane COMPONENT fleet)
+endif()
 calvane_install_unit(uplink calvane-uplink.service)
 install(FILES ${PROJECT_SOURCE_DIR}/packaging/systemd/calvane-uplink.sysusers
   DESTINATION lib/sysusers.d RENAME calvane-uplink.conf COMPONENT uplink)

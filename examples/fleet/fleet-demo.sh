@@ -2,11 +2,17 @@
 # A fleet on this machine: three servers that keep every stream three times, a leaf node as on a vehicle or a site, and four
 # recorders with a generated picture, each with an uplink through the leaf node. It runs for some seconds, or until Ctrl+C, shows
 # what calvane-fleet says, and stops everything. The folder stays. Expects the programs and nats-server in PATH.
-# Usage: fleet-demo.sh [SECONDS [FOLDER [PORT]]]    0 until Ctrl+C; a new folder below /tmp; eight ports from 14222 on
+# Usage: fleet-demo.sh [--web] [SECONDS [FOLDER [PORT]]]    0 until Ctrl+C; a new folder below /tmp; eight ports from 14222 on
+# With --web a page shows the cameras, at the address in CALVANE_DEMO_LISTEN or 127.0.0.1:8080.
 set -euo pipefail
 
 here=$(cd "$(dirname "$0")" && pwd)
 PATH=$PATH:/usr/sbin
+web=
+if [ "${1-}" = --web ]; then
+    web=yes
+    shift
+fi
 seconds=${1-0}
 folder=${2-$(mktemp -d /tmp/calvane-fleet-XXXXXX)}
 port=${3-14222}
@@ -80,6 +86,12 @@ for _ in $(seq 300); do
 done
 echo "Four cameras record and copy through a leaf node into three servers. Ask them:"
 echo "    calvane-fleet --server nats://127.0.0.1:$port --domain hub devices"
+if [ -n "$web" ]; then
+    calvane-web --fleet --listen "${CALVANE_DEMO_LISTEN-127.0.0.1:8080}" \
+        --server "nats://127.0.0.1:$port,nats://127.0.0.1:$((port + 1))" --domain hub &
+    processes+=($!)
+    sleep 1 # It says its address.
+fi
 if [ "$seconds" -eq 0 ]; then
     echo "Ctrl+C ends it."
     wait "${processes[0]}"

@@ -113,7 +113,7 @@ class DescriptionTest(Described, WebTest):
 
     def test_it_has_what_the_server_has(self):
         served = set()
-        for name in ("calvane-web/WebServer.cpp", "calvane-web/RecorderContent.cpp"):
+        for name in ("calvane-web/WebServer.cpp", "calvane-web/RecorderContent.cpp", "calvane-web-fleet/FleetContent.cpp"):
             with open(os.path.join(SOURCE, "tools", name), encoding="utf-8") as file:
                 served |= set(re.findall(r'"(/(?:api/|metrics|healthz)[a-z/]*)"', file.read()))
         self.assertEqual(set(self.description["paths"]), served)

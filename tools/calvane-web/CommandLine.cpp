@@ -6,10 +6,29 @@
 #include "api/Login.h"
 #include "calvane/runtime/CalvaneEnv.h"
 #include "command_line/Complaint.h"
+#include "fleet/ServerOptions.h"
 #include "pipelines/ExitStatus.h"
 
 namespace calvane_web {
 namespace {
+
+void DefineFleet(CLI::App& program, CommandLine& line) {
+    CLI::Option* const fleet = program.add_flag(
+        "--fleet", line.isOfFleet,
+        "Show what the devices of a fleet have copied into its streams, and not this device");
+    line.nats.name = "calvane-web";
+    // --tls-cert and --tls-key are the page's own.
+    CLI::Option* const server = calvane_fleet::AddServerOptions(program, line.nats, "--server-tls");
+    for (const char* const name :
+         {"--domain", "--credentials", "--user-file", "--tls-ca", "--server-tls-cert", "--server-tls-key"}) {
+        program.get_option(name)->needs(fleet);
+    }
+    program.callback([&line, server] {
+        if (line.isOfFleet && server->count() == 0) {
+            throw CLI::RequiredError("--server with --fleet");
+        }
+    });
+}
 
 void Define(CLI::App& program, CommandLine& line) {
     WebOptions& options = line.web;
@@ -35,15 +54,18 @@ void Define(CLI::App& program, CommandLine& line) {
                      "Read a password from standard input, print its hash for the password file, and end");
     program.add_option("--page", options.page, "The page's files; as CALVANE_WEB_PAGE says without it")
         ->type_name("DIR");
+    DefineFleet(program, line);
     program.footer(
         "Answers what calvane-recording answers, and the recorded media, to a browser. It asks the "
-        "recorder's services and needs no right to the card.\n"
+        "recorder's services and needs no right to the card. With --fleet it asks the streams of a fleet, as "
+        "calvane-fleet does.\n"
         "Anything but an address of this machine takes TLS and a password, or --behind-proxy.\n"
         "Exit status: 0 done, 1 failed, 2 bad command line.\n"
         "Examples:\n"
         "  calvane-web\n"
         "  calvane-web --hash-password > password && chmod 600 password\n"
-        "  calvane-web --listen 0.0.0.0:8443 --tls-cert cert.pem --tls-key key.pem --password-file password");
+        "  calvane-web --listen 0.0.0.0:8443 --tls-cert cert.pem --tls-key key.pem --password-file password\n"
+        "  calvane-web --fleet --server nats://hub:4222");
 }
 
 int Run(int argc, char** argv, int (*serve)(const CommandLine&, char**)) {

@@ -3,6 +3,7 @@
 #include <string>
 
 #include "WebServer.h"
+#include "fleet/NatsOptions.h"
 
 namespace calvane_web {
 
@@ -11,6 +12,8 @@ struct CommandLine {
     WebOptions web;
     std::string bus;
     bool hashPassword = false;
+    bool isOfFleet = false;
+    calvane_fleet::NatsOptions nats; ///< With `isOfFleet` it has servers.
 };
 
 /// Parses the command line, and calls `serve` unless there is something else to do. Returns the exit status; what was wrong is

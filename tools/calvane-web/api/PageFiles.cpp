@@ -75,7 +75,8 @@ PageFiles::PageFiles(const std::string& folder, const std::string& home) {
     for (auto each = fs::recursive_directory_iterator(folder, error);
          !error && each != fs::recursive_directory_iterator(); each.increment(error)) {
         const auto type = Types().find(each->path().extension().string());
-        if (!each->is_regular_file() || type == Types().end()) {
+        const bool isOther = each->path().extension() == ".html" && each->path().filename() != home;
+        if (!each->is_regular_file() || type == Types().end() || isOther) {
             continue;
         }
         std::string content = Read(each->path());
@@ -109,7 +110,7 @@ void PageFiles::AddVersion(const std::string& home) {
     for (const auto& [path, file] : files) {
         files_[version_ + path.substr(1)] = file;
     }
-    const File& index = *files.at("/index.html");
+    const File& index = *files.at(home);
     std::string content = index.content;
     constexpr std::string_view kFrom = "=\"v/";
     const std::string to = "=\"" + version_.substr(1);

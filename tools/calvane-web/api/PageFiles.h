@@ -10,14 +10,14 @@ namespace calvane_web {
 
 /// The files of the page, read once: what is asked for is looked up among them and reaches no path.
 ///
-/// What index.html and fleet.html load from "v/" they are sent to load from "v-TAG/", where the tag is that of all files together: what lies
+/// What the home page loads from "v/" it is sent to load from "v-TAG/", where the tag is that of all files together: what lies
 /// there never changes, so that a browser need not ask again.
 ///
 /// Errors: std::runtime_error that names the folder or file, when it cannot be read, has no such page, or is larger
 ///         than a page should be.
 class PageFiles {
 public:
-    /// "/" is the file `home`.
+    /// "/" is the file `home`; other pages of the folder are not served.
     explicit PageFiles(const std::string& folder, const std::string& home = "index.html");
 
     /// Only for a path that it has.

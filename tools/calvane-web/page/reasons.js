@@ -12,16 +12,22 @@ const REASONS = [
   { name: "Erased by space limit", text: "given up for newer data within the limit of space" },
   { name: "Erased, card full", text: "given up for newer data on the full card" },
   { name: "Nothing yet", text: "nothing had been recorded by then" },
+  { name: "Not selected", text: "the device's policy does not copy this" },
+  { name: "Not copied yet", text: "the device still has to copy this" },
 ];
 export const REASON_COUNT = REASONS.length;
 export const RECORDED = 0;
 export const UNKNOWN = 6;
 /** Not of the services: what they know nothing of since it is before the first record. It is no gap. */
-export const NOT_BEGUN = REASONS.length - 1;
+export const NOT_BEGUN = 10;
+/** Of what a device copies into a fleet's streams: these follow one another here and there. */
+const NOT_SELECTED = 11;
+const OF_THE_COPY = 100;
 
 /** The reason that the services give, or that it is unknown here. */
 export function reasonOf(number) {
-  return number < NOT_BEGUN ? number : UNKNOWN;
+  const ofTheCopy = number - OF_THE_COPY + NOT_SELECTED;
+  return number < NOT_BEGUN ? number : ofTheCopy >= NOT_SELECTED && ofTheCopy < REASON_COUNT ? ofTheCopy : UNKNOWN;
 }
 
 export function reasonName(reason) {
