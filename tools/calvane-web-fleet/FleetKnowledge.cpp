@@ -28,7 +28,7 @@ constexpr Span kAlways{0, std::numeric_limits<Time>::max()};
 std::size_t WeightOfNames(const std::vector<std::string>& names) {
     std::size_t weight = 0;
     for (const std::string& name : names) {
-        weight += sizeof name + name.size();
+        weight += sizeof(std::string) + name.size();
     }
     return weight;
 }
