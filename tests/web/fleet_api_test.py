@@ -74,6 +74,10 @@ class FleetApiTest(Described, FleetWebTest):
         server = self.cluster.servers[0]
         self.assertEqual(self.web.get("/healthz").body, b"ok\n")
         server.kill()
+        server.start()
+        wait_until(self.cluster.is_ready, "the servers")
+        self.assertEqual(self.web.get("/healthz").body, b"ok\n")  # Nobody sees that they were away meanwhile.
+        server.kill()
         for path in ("coverage?devices=gate-2&track=audio", "export?device=gate-2&from=-5s"):
             self.assert_error(self.web.get("/api/fleet/" + path), 503, "servers do not answer")
         self.assertEqual(self.web.get("/healthz").status, 503)

@@ -25,7 +25,7 @@ export function bindKeys(actions) {
   make("dt", { textContent: "Drag" }), make("dd", { textContent: "moves the time; with Shift it selects" }));
 }
 
-const LABELS = { " ": "Space", ArrowLeft: "←", ArrowRight: "→", "Shift+ArrowLeft": "Shift ←", "Shift+ArrowRight": "Shift →" };
+const LABELS = { " ": "Space", ArrowLeft: "←", ArrowRight: "→", ArrowUp: "↑", ArrowDown: "↓", "Shift+ArrowLeft": "Shift ←", "Shift+ArrowRight": "Shift →" };
 
 function labelOf(key) {
   return LABELS[key] ?? key;
