@@ -1,4 +1,5 @@
 """The answers of calvane-web --fleet: coverage and media as the cards have them, and errors."""
+import signal
 import unittest
 
 from fleet_harness import FleetWebTest, microseconds
@@ -69,6 +70,15 @@ class FleetApiTest(Described, FleetWebTest):
         web = self.device.start_web("--fleet", "--server", self.cluster.urls, *self.device.password_words("open sesame"))
         for path in ("devices", "coverage?devices=gate-1", "export?device=gate-1&from=-5s", "media?device=gate-1"):
             self.assert_error(web.get("/api/fleet/" + path), 401, "Log in")
+
+    def test_servers_that_stall_are_told_of(self):
+        self.assertEqual(self.web.get("/api/fleet/thumbnail", device="gate-2").status, 200)
+        self.cluster.servers[0].send(signal.SIGSTOP)
+        try:
+            self.assert_error(self.web.get("/api/fleet/export", device="gate-2", **{"from": "-5s"}), 503, "do not answer")
+        finally:
+            self.cluster.servers[0].send(signal.SIGCONT)
+        wait_until(lambda: self.web.get("/api/fleet/thumbnail", device="gate-2").status == 200, "an answer again")
 
     def test_servers_that_go_are_missed_and_those_that_come_back_are_used(self):
         server = self.cluster.servers[0]
