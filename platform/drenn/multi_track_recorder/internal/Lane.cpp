@@ -386,7 +386,7 @@ void Lane::SealLocked() {
     const std::shared_ptr<Segment> segment = writer_->GetSegment();
     segment->length = writer_->SyncedEnd();
     context_.Transact([&](Catalogue::Transaction& transaction) {
-        transaction.AddSegment({segment->key, segment->length, segment->time, false, segment->salt});
+        transaction.AddSegment({segment->key, segment->length, segment->time, false, std::nullopt});
         for (const ExtentRow& extent : extents_) {
             transaction.AddExtent(extent);
         }
