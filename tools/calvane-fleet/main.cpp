@@ -1,14 +1,11 @@
 #include <CLI/CLI.hpp>
 #include <csignal>
-#include <cstdlib>
-#include <functional>
-#include <iostream>
+#include <memory>
 
 #include "FleetCommands.h"
-#include "calvane/runtime/CalvaneEnv.h"
-#include "command_line/Complaint.h"
+#include "command_line/ExitStatus.h"
+#include "command_line/RunProgram.h"
 #include "fleet/ServerOptions.h"
-#include "pipelines/ExitStatus.h"
 #include "pipelines/SignalWatcher.h"
 
 namespace {
@@ -19,8 +16,8 @@ using Command = void (*)(const FleetRun&);
 
 class Program {
 public:
-    Program();
-    int Run(int argc, char** argv);
+    explicit Program(CLI::App& app);
+    int Run();
 
 private:
     CLI::App* AddCommand(const char* name, const char* what, Command command);
@@ -30,13 +27,12 @@ private:
     void AddTracks(CLI::App& command);
     void AddExport();
 
-    CLI::App app_{"Tells what a fleet of devices has recorded, from its streams.", "calvane-fleet"};
+    CLI::App& app_;
     FleetRun run_;
     Command chosen_ = nullptr;
 };
 
-Program::Program() {
-    app_.set_version_flag("--version", std::string("calvane-fleet ") + quarn::calvane::kVersion);
+Program::Program(CLI::App& app) : app_(app) {
     AddServers();
     app_.require_subcommand(1);
     app_.fallthrough();
@@ -113,38 +109,21 @@ void Program::AddExport() {
 #endif
 }
 
-int Program::Run(int argc, char** argv) {
-    try {
-        app_.parse(argc, argv);
-    } catch (const CLI::Success& answer) { // --help and --version
-        return app_.exit(answer);
-    } catch (const CLI::ParseError& error) {
-        std::cerr << calvane_program::Complaint(app_, error) << "\n";
-        return calvane_program::kBadInput;
-    }
+int Program::Run() {
     std::signal(SIGPIPE, SIG_IGN); // It is told as an error of writing.
     calvane_program::SignalWatcher signals;
     signals.Watch([this] { run_.isInterrupted = true; });
-    try {
-        chosen_(run_);
-        return calvane_program::kDone;
-    } catch (const std::invalid_argument& problem) {
-        std::cerr << "calvane-fleet: " << problem.what() << "\n";
-        return calvane_program::kBadInput;
-    } catch (const std::exception& problem) {
-        std::cerr << "calvane-fleet: " << problem.what() << "\n";
-        return calvane_program::kFailedWhileRunning;
-    }
+    chosen_(run_);
+    return calvane_program::kDone;
 }
 
 } // namespace
 
 int main(int argc, char** argv) {
-    try {
-        Program program;
-        return program.Run(argc, argv);
-    } catch (const std::exception& error) {
-        std::cerr << "calvane-fleet: " << error.what() << "\n";
-        return calvane_program::kFailedWhileRunning;
-    }
+    return calvane_program::RunProgram("calvane-fleet",
+                                       "Tells what a fleet of devices has recorded, from its streams.", argc,
+                                       argv, [](CLI::App& app) {
+                                           const auto program = std::make_shared<Program>(app);
+                                           return [program] { return program->Run(); };
+                                       });
 }

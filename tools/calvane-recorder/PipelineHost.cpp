@@ -7,9 +7,9 @@
 #include <optional>
 #include <utility>
 
+#include "command_line/ExitStatus.h"
 #include "pipelines/CheckedDescription.h"
 #include "pipelines/DescribedPipelines.h"
-#include "pipelines/ExitStatus.h"
 #include "quarn/core/Logger.h"
 
 namespace calvane_recorder {

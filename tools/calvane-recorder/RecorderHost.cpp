@@ -13,7 +13,7 @@
 #include "RecordingControl.h"
 #include "UpkeepThread.h"
 #include "calvane/recording/RecordingManager.h"
-#include "pipelines/ExitStatus.h"
+#include "command_line/ExitStatus.h"
 #include "quarn/core/Logger.h"
 
 namespace calvane_recorder {

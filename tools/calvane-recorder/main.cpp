@@ -2,9 +2,9 @@
 #include <cstdlib>
 
 #include "RecorderHost.h"
-#include "calvane/runtime/CalvaneEnv.h"
+#include "command_line/ExitStatus.h"
+#include "command_line/RunProgram.h"
 #include "pipelines/CheckedDescription.h"
-#include "pipelines/ExitStatus.h"
 #include "quarn/core/Logger.h"
 
 namespace {
@@ -14,7 +14,6 @@ using quarn::core::Logger;
 
 struct Options {
     calvane_recorder::HostOptions host;
-    std::string bus;
     std::string settings;
     std::string logLevels = "IniPluginConfig=warning,*=information";
     std::string logFile;
@@ -22,15 +21,11 @@ struct Options {
 };
 
 void Define(CLI::App& program, Options& options) {
-    program.set_version_flag("--version", std::string("calvane-recorder ") + quarn::calvane::kVersion);
     program.add_option("FILE", options.host.file, "The description (INI) of the pipelines that record");
     program.add_option("--root", options.host.root, "Where the card is mounted")
         ->type_name("DIR")
         ->capture_default_str();
-    program
-        .add_option("--bus", options.bus,
-                    "session, system or an address of D-Bus; as DRENN_BUS says without it")
-        ->type_name("BUS");
+    AddBusOption(program);
     program
         .add_option("--settings", options.settings,
                     "The settings database; as DRENN_SETTINGS says without it")
@@ -53,9 +48,6 @@ void Define(CLI::App& program, Options& options) {
 }
 
 void Apply(const Options& options) {
-    if (!options.bus.empty()) {
-        setenv("DRENN_BUS", options.bus.c_str(), 1);
-    }
     if (!options.settings.empty()) {
         setenv("DRENN_SETTINGS", options.settings.c_str(), 1);
     }
@@ -67,18 +59,7 @@ void Apply(const Options& options) {
     }
 }
 
-int RunProgram(int argc, char** argv) {
-    CLI::App program("Records pipelines on the device's card and serves the recording.", "calvane-recorder");
-    Options options;
-    Define(program, options);
-    try {
-        program.parse(argc, argv);
-    } catch (const CLI::Success& answer) { // --help and --version
-        return program.exit(answer);
-    } catch (const CLI::ParseError& error) {
-        PrintError(std::string("calvane-recorder: ") + error.what() + " (see calvane-recorder --help)");
-        return kBadInput;
-    }
+int Record(const Options& options) {
     try {
         calvane_recorder::RecorderHost host(options.host); // First: it makes no thread but sees all signals.
         Apply(options);
@@ -92,10 +73,10 @@ int RunProgram(int argc, char** argv) {
 } // namespace
 
 int main(int argc, char** argv) {
-    try {
-        return RunProgram(argc, argv);
-    } catch (const std::exception& error) {
-        PrintError(std::string("calvane-recorder: ") + error.what());
-        return kFailedWhileRunning;
-    }
+    return RunProgram("calvane-recorder", "Records pipelines on the device's card and serves the recording.",
+                      argc, argv, [](CLI::App& program) {
+                          const auto options = std::make_shared<Options>();
+                          Define(program, *options);
+                          return [options] { return Record(*options); };
+                      });
 }

@@ -1,6 +1,5 @@
 #include <csignal>
-#include <exception>
-#include <iostream>
+#include <memory>
 
 extern "C" {
 #include <libavutil/log.h>
@@ -8,45 +7,52 @@ extern "C" {
 
 #include "Commands.h"
 #include "MediaCommandLine.h"
-#include "calvane/runtime/CalvaneEnv.h"
+#include "calvane/Version.h"
+#include "command_line/ExitStatus.h"
+#include "command_line/RunProgram.h"
 #include "pipelines/SignalWatcher.h"
 
 namespace {
 
 using namespace calvane_recording;
 
-int Run(int argc, char** argv) {
-    CLI::App program("Writes recorded media; calvane-recording runs it.", "calvane-recording");
-    program.set_version_flag("--version", std::string("calvane-recording-media ") + quarn::calvane::kVersion);
-    CommonOptions common;
+struct Program {
     MediaRun run;
     MediaCommand command = MediaCommand::Export;
-    AddCommonOptions(program, common);
-    AddMediaCommands(program, run.options, [&command](MediaCommand chosen) { command = chosen; });
-    return RunProgram(program, common, argc, argv, [&] {
-        run.zone = common.zone;
-        std::signal(SIGPIPE, SIG_IGN); // It is told as an error of writing.
-        av_log_set_level(AV_LOG_ERROR);
-        calvane_program::SignalWatcher signals;
-        signals.Watch([&run] { run.isInterrupted = true; });
-        switch (command) {
-            case MediaCommand::Export:
-                return ExportMovie(run);
-            case MediaCommand::Thumbnails:
-                return WriteThumbnails(run);
-            case MediaCommand::Play:
-                return Play(run);
-        }
-    });
+};
+
+int Run(Program& program) {
+    std::signal(SIGPIPE, SIG_IGN); // It is told as an error of writing.
+    av_log_set_level(AV_LOG_ERROR);
+    MediaRun& run = program.run;
+    calvane_program::SignalWatcher signals;
+    signals.Watch([&run] { run.isInterrupted = true; });
+    switch (program.command) {
+        case MediaCommand::Export:
+            ExportMovie(run);
+            break;
+        case MediaCommand::Thumbnails:
+            WriteThumbnails(run);
+            break;
+        case MediaCommand::Play:
+            Play(run);
+            break;
+    }
+    return calvane_program::kDone;
 }
 
 } // namespace
 
 int main(int argc, char** argv) {
-    try {
-        return Run(argc, argv);
-    } catch (const std::exception& error) {
-        std::cerr << "calvane-recording: " << error.what() << "\n";
-        return 1;
-    }
+    return calvane_program::RunProgram(
+        "calvane-recording", "Writes recorded media; calvane-recording runs it.", argc, argv,
+        [](CLI::App& app) {
+            const auto program = std::make_shared<Program>();
+            app.set_version_flag("--version",
+                                 std::string("calvane-recording-media ") + quarn::calvane::kVersion);
+            AddCommonOptions(app, program->run.zone);
+            AddMediaCommands(app, program->run.options,
+                             [&command = program->command](MediaCommand chosen) { command = chosen; });
+            return [program] { return Run(*program); };
+        });
 }

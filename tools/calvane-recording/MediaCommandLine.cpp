@@ -1,18 +1,11 @@
 #include "MediaCommandLine.h"
 
-#include <cstdlib>
-#include <iostream>
 #include <utility>
 
-#include "command_line/Complaint.h"
+#include "command_line/RunProgram.h"
 
 namespace calvane_recording {
 namespace {
-
-// What the programs tell their caller.
-constexpr int kDone = 0;
-constexpr int kFailed = 1;
-constexpr int kBadCommandLine = 2;
 
 void AddSource(CLI::App& command, MediaOptions& options) {
     command.add_option("--from", options.from, "The begin; of all that is recorded, without it")
@@ -41,13 +34,10 @@ void AddTracks(CLI::App& command, MediaOptions& options) {
 
 } // namespace
 
-void AddCommonOptions(CLI::App& program, CommonOptions& options) {
-    program
-        .add_option("--bus", options.bus,
-                    "session, system or an address of D-Bus; as DRENN_BUS says without it")
-        ->type_name("BUS");
+void AddCommonOptions(CLI::App& program, Zone& zone) {
+    calvane_program::AddBusOption(program);
     program.add_flag_callback(
-        "--local", [&options] { options.zone = Zone::Local; },
+        "--local", [&zone] { zone = Zone::Local; },
         "Print times in local time, and read those without an offset as such");
     program.require_subcommand(1);
     program.fallthrough();
@@ -91,31 +81,6 @@ void AddMediaCommands(CLI::App& program, MediaOptions& options,
     for (const auto& [command, which] : commands) {
         command->callback([onChosen, which = which] { onChosen(which); });
     }
-}
-
-int RunProgram(CLI::App& program, const CommonOptions& options, int argc, char** argv,
-               const std::function<void()>& run) {
-    try {
-        program.parse(argc, argv);
-    } catch (const CLI::Success& answer) { // --help and --version
-        return program.exit(answer);
-    } catch (const CLI::ParseError& error) {
-        std::cerr << calvane_program::Complaint(program, error) << "\n";
-        return kBadCommandLine;
-    }
-    if (!options.bus.empty()) {
-        setenv("DRENN_BUS", options.bus.c_str(), 1);
-    }
-    try {
-        run();
-    } catch (const std::invalid_argument& problem) {
-        std::cerr << "calvane-recording: " << problem.what() << "\n";
-        return kBadCommandLine;
-    } catch (const std::exception& problem) {
-        std::cerr << "calvane-recording: " << problem.what() << "\n";
-        return kFailed;
-    }
-    return kDone;
 }
 
 } // namespace calvane_recording

@@ -9,12 +9,6 @@
 
 namespace calvane_recording {
 
-/// What every command understands.
-struct CommonOptions {
-    Zone zone = Zone::Utc; ///< Of times without an offset.
-    std::string bus;
-};
-
 /// What the commands that write media understand. Times are as they were written.
 struct MediaOptions {
     std::string from = "@0";
@@ -37,13 +31,9 @@ enum class MediaCommand { Export, Thumbnails, Play };
 
 /// The command line is read twice: by calvane-recording, which has the help, and by the program that does it, which is
 /// there where FFmpeg is.
-void AddCommonOptions(CLI::App& program, CommonOptions& options);
+/// Every command understands --bus and --local, which sets the zone of times without an offset.
+void AddCommonOptions(CLI::App& program, Zone& zone);
 void AddMediaCommands(CLI::App& program, MediaOptions& options,
                       const std::function<void(MediaCommand)>& onChosen);
-
-/// What both have in common once their options are declared: parses, selects the bus, runs `run`. Returns the exit
-/// status: 0 done, 1 failed, 2 bad command line.
-int RunProgram(CLI::App& program, const CommonOptions& options, int argc, char** argv,
-               const std::function<void()>& run);
 
 } // namespace calvane_recording

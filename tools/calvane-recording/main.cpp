@@ -1,13 +1,14 @@
 #include <CLI/CLI.hpp>
 #include <cstdlib>
 #include <functional>
-#include <iostream>
+#include <memory>
 
 #include "Commands.h"
 #include "MediaCommandLine.h"
 #include "RecordingClient.h"
-#include "calvane/runtime/CalvaneEnv.h"
+#include "command_line/ExitStatus.h"
 #include "command_line/OtherProgram.h"
+#include "command_line/RunProgram.h"
 
 namespace {
 
@@ -18,8 +19,8 @@ using ClientCommand = void (*)(RecordingClient&, const Options&);
 /// The command line, and what is to be done for it.
 class Program {
 public:
-    Program();
-    int Run(int argc, char** argv);
+    Program(CLI::App& app, char** argv);
+    int Run();
 
 private:
     CLI::App* AddCommand(const char* name, const char* what, ClientCommand command);
@@ -27,18 +28,16 @@ private:
     void AddTrack(CLI::App* command, bool required);
     void AddRetention();
 
-    CLI::App app_{"Tells what the device has recorded.", "calvane-recording"};
-    CommonOptions common_;
+    CLI::App& app_;
+    char** const argv_;
     Options options_;
     MediaOptions media_; // Checked here, and used by the program for media.
-    char** argv_ = nullptr;
     std::string settings_;
     std::function<void()> chosen_;
 };
 
-Program::Program() {
-    app_.set_version_flag("--version", std::string("calvane-recording ") + quarn::calvane::kVersion);
-    AddCommonOptions(app_, common_);
+Program::Program(CLI::App& app, char** argv) : app_(app), argv_(argv) {
+    AddCommonOptions(app_, options_.zone);
     app_.footer(
         "Times are ISO 8601 (2026-11-21T13:00:00Z, with +02:00 for Z, a date or 13:00 alone), in UTC when "
         "they\n"
@@ -141,25 +140,21 @@ void Program::AddRetention() {
     });
 }
 
-int Program::Run(int argc, char** argv) {
-    argv_ = argv;
-    return RunProgram(app_, common_, argc, argv, [this] {
-        options_.zone = common_.zone;
-        options_.file = !settings_.empty();
-        if (options_.file) {
-            setenv("DRENN_SETTINGS", settings_.c_str(), 1);
-        }
-        chosen_();
-    });
+int Program::Run() {
+    options_.file = !settings_.empty();
+    if (options_.file) {
+        setenv("DRENN_SETTINGS", settings_.c_str(), 1);
+    }
+    chosen_();
+    return calvane_program::kDone;
 }
 
 } // namespace
 
 int main(int argc, char** argv) {
-    try {
-        return Program().Run(argc, argv);
-    } catch (const std::exception& error) {
-        std::cerr << "calvane-recording: " << error.what() << "\n";
-        return 1;
-    }
+    return calvane_program::RunProgram("calvane-recording", "Tells what the device has recorded.", argc, argv,
+                                       [argv](CLI::App& app) {
+                                           const auto program = std::make_shared<Program>(app, argv);
+                                           return [program] { return program->Run(); };
+                                       });
 }

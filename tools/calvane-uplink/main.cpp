@@ -1,12 +1,10 @@
 #include <CLI/CLI.hpp>
-#include <cstdlib>
-#include <iostream>
 #include <memory>
+#include <stdexcept>
 
 #include "Uplink.h"
-#include "calvane/runtime/CalvaneEnv.h"
-#include "command_line/Complaint.h"
-#include "pipelines/ExitStatus.h"
+#include "command_line/ExitStatus.h"
+#include "command_line/RunProgram.h"
 #include "pipelines/SignalWatcher.h"
 #include "quarn/core/Logger.h"
 
@@ -16,19 +14,14 @@ using namespace calvane_uplink;
 
 struct Options {
     UplinkOptions uplink;
-    std::string bus;
     std::string logLevels = "*=information";
     bool check = false;
 };
 
 void Define(CLI::App& program, Options& options) {
-    program.set_version_flag("--version", std::string("calvane-uplink ") + quarn::calvane::kVersion);
     program.add_option("FILE", options.uplink.policyFile, "The policy (INI): what is copied, and where to")
         ->capture_default_str();
-    program
-        .add_option("--bus", options.bus,
-                    "session, system or an address of D-Bus; as DRENN_BUS says without it")
-        ->type_name("BUS");
+    calvane_program::AddBusOption(program);
     program
         .add_option("--metrics", options.uplink.metricsFile, "Keep the figures in this file, for Prometheus")
         ->type_name("FILE");
@@ -49,7 +42,11 @@ int Serve(const Options& options) {
     std::unique_ptr<Uplink> uplink;
     // First: it makes no thread but sees all signals.
     calvane_program::SignalWatcher signals([&uplink] { uplink->Reload(); });
-    uplink = std::make_unique<Uplink>(options.uplink);
+    try {
+        uplink = std::make_unique<Uplink>(options.uplink);
+    } catch (const std::exception& problem) {
+        throw std::invalid_argument(problem.what()); // Whatever is wrong with the policy.
+    }
     if (options.check) {
         return calvane_program::kDone;
     }
@@ -59,37 +56,16 @@ int Serve(const Options& options) {
     return calvane_program::kDone;
 }
 
-int RunProgram(int argc, char** argv) {
-    CLI::App program("Copies the recording into the streams of a fleet.", "calvane-uplink");
-    Options options;
-    Define(program, options);
-    try {
-        program.parse(argc, argv);
-    } catch (const CLI::Success& answer) { // --help and --version
-        return program.exit(answer);
-    } catch (const CLI::ParseError& error) {
-        std::cerr << calvane_program::Complaint(program, error) << "\n";
-        return calvane_program::kBadInput;
-    }
-    if (!options.bus.empty()) {
-        setenv("DRENN_BUS", options.bus.c_str(), 1);
-    }
-    quarn::core::Logger::SetLevels(options.logLevels);
-    try {
-        return Serve(options);
-    } catch (const std::exception& problem) {
-        std::cerr << "calvane-uplink: " << problem.what() << "\n";
-        return calvane_program::kBadInput;
-    }
-}
-
 } // namespace
 
 int main(int argc, char** argv) {
-    try {
-        return RunProgram(argc, argv);
-    } catch (const std::exception& error) {
-        std::cerr << "calvane-uplink: " << error.what() << "\n";
-        return calvane_program::kFailedWhileRunning;
-    }
+    return calvane_program::RunProgram("calvane-uplink", "Copies the recording into the streams of a fleet.",
+                                       argc, argv, [](CLI::App& program) {
+                                           const auto options = std::make_shared<Options>();
+                                           Define(program, *options);
+                                           return [options] {
+                                               quarn::core::Logger::SetLevels(options->logLevels);
+                                               return Serve(*options);
+                                           };
+                                       });
 }

@@ -4,10 +4,9 @@
 #include <iostream>
 
 #include "api/Login.h"
-#include "calvane/runtime/CalvaneEnv.h"
-#include "command_line/Complaint.h"
+#include "command_line/ExitStatus.h"
+#include "command_line/RunProgram.h"
 #include "fleet/ServerOptions.h"
-#include "pipelines/ExitStatus.h"
 
 namespace calvane_web {
 namespace {
@@ -32,13 +31,10 @@ void DefineFleet(CLI::App& program, CommandLine& line) {
 
 void Define(CLI::App& program, CommandLine& line) {
     WebOptions& options = line.web;
-    program.set_version_flag("--version", std::string("calvane-web ") + quarn::calvane::kVersion);
     program.add_option("--listen", options.listen, "Where to listen; port 0 for any free one")
         ->type_name("ADDRESS:PORT")
         ->capture_default_str();
-    program
-        .add_option("--bus", line.bus, "session, system or an address of D-Bus; as DRENN_BUS says without it")
-        ->type_name("BUS");
+    calvane_program::AddBusOption(program);
     program
         .add_option("--tls-cert", options.certificateFile,
                     "The certificate, with those that lead to the root (PEM)")
@@ -68,39 +64,23 @@ void Define(CLI::App& program, CommandLine& line) {
         "  calvane-web --fleet --server nats://hub:4222");
 }
 
-int Run(int argc, char** argv, int (*serve)(const CommandLine&, char**)) {
-    CLI::App program("Serves a page that shows what the device has recorded.", "calvane-web");
-    CommandLine line;
-    Define(program, line);
-    try {
-        program.parse(argc, argv);
-    } catch (const CLI::Success& answer) { // --help and --version
-        return program.exit(answer);
-    } catch (const CLI::ParseError& error) {
-        std::cerr << calvane_program::Complaint(program, error) << "\n";
-        return calvane_program::kBadInput;
-    }
-    if (line.hashPassword) {
-        std::string password;
-        std::getline(std::cin, password);
-        std::cout << HashPassword(password) << "\n";
-        return calvane_program::kDone;
-    }
-    return serve(line, argv);
+int PrintHash() {
+    std::string password;
+    std::getline(std::cin, password);
+    std::cout << HashPassword(password) << "\n";
+    return calvane_program::kDone;
 }
 
 } // namespace
 
 int RunProgram(int argc, char** argv, int (*serve)(const CommandLine&, char**)) {
-    try {
-        return Run(argc, argv, serve);
-    } catch (const std::invalid_argument& error) {
-        std::cerr << "calvane-web: " << error.what() << "\n";
-        return calvane_program::kBadInput;
-    } catch (const std::exception& error) {
-        std::cerr << "calvane-web: " << error.what() << "\n";
-        return calvane_program::kFailedWhileRunning;
-    }
+    return calvane_program::RunProgram(
+        "calvane-web", "Serves a page that shows what the device has recorded.", argc, argv,
+        [serve, argv](CLI::App& program) {
+            const auto line = std::make_shared<CommandLine>();
+            Define(program, *line);
+            return [serve, argv, line] { return line->hashPassword ? PrintHash() : serve(*line, argv); };
+        });
 }
 
 } // namespace calvane_web

@@ -10,7 +10,6 @@ namespace calvane_web {
 /// What the command line of calvane-web says.
 struct CommandLine {
     WebOptions web;
-    std::string bus;
     bool hashPassword = false;
     bool isOfFleet = false;
     calvane_fleet::NatsOptions nats; ///< With `isOfFleet` it has servers.

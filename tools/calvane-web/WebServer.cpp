@@ -14,8 +14,8 @@ extern "C" {
 
 #include "api/Login.h"
 #include "api/PageFiles.h"
+#include "command_line/ExitStatus.h"
 #include "http/HttpServer.h"
-#include "pipelines/ExitStatus.h"
 #include "pipelines/SignalWatcher.h"
 
 namespace calvane_web {

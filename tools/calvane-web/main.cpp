@@ -1,5 +1,3 @@
-#include <cstdlib>
-
 #include "CommandLine.h"
 #include "RecorderContent.h"
 #include "command_line/OtherProgram.h"
@@ -11,9 +9,6 @@ using namespace calvane_web;
 int Serve(const CommandLine& line, char** argv) {
     if (line.isOfFleet) { // A program of its own, so that a device does without the client of NATS.
         calvane_program::BecomeProgram("calvane-web-fleet", argv, "--fleet", "the client of NATS", "fleet");
-    }
-    if (!line.bus.empty()) {
-        setenv("DRENN_BUS", line.bus.c_str(), 1);
     }
     return RunWebServer(line.web, [] { return std::make_unique<RecorderContent>(); });
 }

@@ -2,8 +2,8 @@
 
 #include "Commands.h"
 #include "Source.h"
+#include "command_line/ExitStatus.h"
 #include "pipelines/DescribedPipelines.h"
-#include "pipelines/ExitStatus.h"
 #include "quarn/core/LogCapture.h"
 
 namespace calvane_program {

@@ -5,8 +5,8 @@
 #include "Commands.h"
 #include "Source.h"
 #include "calvane/config/PipelineThreads.h"
+#include "command_line/ExitStatus.h"
 #include "pipelines/CheckedDescription.h"
-#include "pipelines/ExitStatus.h"
 
 namespace calvane_program {
 

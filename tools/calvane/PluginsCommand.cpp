@@ -11,8 +11,8 @@
 #include "calvane/graph/PipelinePlugin.h"
 #include "calvane/graph/SettingException.h"
 #include "calvane/testing/SettingsRecorder.h"
+#include "command_line/ExitStatus.h"
 #include "pipelines/CheckedDescription.h"
-#include "pipelines/ExitStatus.h"
 #include "quarn/core/Logger.h"
 #include "quarn/osa/Exception.h"
 

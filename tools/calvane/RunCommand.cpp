@@ -8,8 +8,8 @@
 #include "StatsPrinter.h"
 #include "TraceRecorder.h"
 #include "calvane/runtime/CrashReport.h"
+#include "command_line/ExitStatus.h"
 #include "pipelines/DescribedPipelines.h"
-#include "pipelines/ExitStatus.h"
 #include "pipelines/SignalWatcher.h"
 #include "quarn/core/Logger.h"
 

@@ -1,11 +1,10 @@
 #include <CLI/CLI.hpp>
-#include <iostream>
+#include <memory>
 
 #include "Commands.h"
-#include "calvane/Version.h"
-#include "command_line/Complaint.h"
+#include "command_line/ExitStatus.h"
+#include "command_line/RunProgram.h"
 #include "pipelines/CheckedDescription.h"
-#include "pipelines/ExitStatus.h"
 
 namespace {
 
@@ -110,53 +109,47 @@ int Launch(RunOptions options, const std::vector<std::string>& line, bool ini) {
     return ini ? PrintIni(options.source) : Run(options);
 }
 
-int RunProgram(int argc, char** argv) {
-    CLI::App program("Runs media pipelines that are described in an INI file.", "calvane");
-    program.set_version_flag("--version", std::string("calvane ") + quarn::calvane::kVersion);
-    program.require_subcommand(1);
-    program.footer("Examples:\n  calvane check camera.ini\n  calvane run camera.ini\n  calvane run --help");
-
-    RunOptions runOptions;
-    DefineRun(program, runOptions);
-    RunOptions launchOptions;
+struct Commands {
+    RunOptions run;
+    RunOptions launch;
     std::vector<std::string> line;
     bool ini = false;
-    DefineLaunch(program, launchOptions, line, ini);
     DescriptionSource checked;
     bool build = false;
-    DefineCheck(program, checked, build);
-    PluginsOptions pluginsOptions;
-    DefinePlugins(program, pluginsOptions);
+    PluginsOptions plugins;
     DescriptionSource drawn;
-    DefineGraph(program, drawn);
+};
 
-    try {
-        program.parse(argc, argv);
-    } catch (const CLI::Success& answer) { // --help and --version
-        return program.exit(answer);
-    } catch (const CLI::ParseError& error) {
-        PrintError(Complaint(program, error));
-        return kBadInput;
-    }
+void Define(CLI::App& program, Commands& commands) {
+    program.require_subcommand(1);
+    program.footer("Examples:\n  calvane check camera.ini\n  calvane run camera.ini\n  calvane run --help");
+    DefineRun(program, commands.run);
+    DefineLaunch(program, commands.launch, commands.line, commands.ini);
+    DefineCheck(program, commands.checked, commands.build);
+    DefinePlugins(program, commands.plugins);
+    DefineGraph(program, commands.drawn);
+}
+
+int RunCommand(const CLI::App& program, const Commands& commands) {
     if (program.got_subcommand("run")) {
-        return Run(runOptions);
+        return Run(commands.run);
     }
     if (program.got_subcommand("launch")) {
-        return Launch(launchOptions, line, ini);
+        return Launch(commands.launch, commands.line, commands.ini);
     }
     if (program.got_subcommand("check")) {
-        return Check(checked, build);
+        return Check(commands.checked, commands.build);
     }
-    return program.got_subcommand("graph") ? Graph(drawn) : Plugins(pluginsOptions);
+    return program.got_subcommand("graph") ? Graph(commands.drawn) : Plugins(commands.plugins);
 }
 
 } // namespace
 
 int main(int argc, char** argv) {
-    try {
-        return RunProgram(argc, argv);
-    } catch (const std::exception& error) {
-        PrintError(std::string("calvane: ") + error.what());
-        return kFailedWhileRunning;
-    }
+    return RunProgram("calvane", "Runs media pipelines that are described in an INI file.", argc, argv,
+                      [](CLI::App& program) {
+                          const auto commands = std::make_shared<Commands>();
+                          Define(program, *commands);
+                          return [&program, commands] { return RunCommand(program, *commands); };
+                      });
 }
