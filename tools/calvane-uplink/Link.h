@@ -56,6 +56,8 @@ public:
     /// Whether data of the past may be sent: so much of it is on its way only as the link takes within half a second, since
     /// what is recorded now waits behind it.
     bool HasRoomForBacklog();
+    /// That of the last message that was sent.
+    std::uint64_t LastSequence() const { return last_; }
     /// Whether the message with this sequence is in the stream.
     bool IsStored(std::uint64_t sequence);
     /// Throws what has gone wrong, if something has.

@@ -27,7 +27,7 @@ void Selection::Update(Recorder& recorder, Time from) {
         const auto page = recorder.GetHistoryPage({lookedFrom_, kNever}, seen_);
         for (const calvane_recording::Event& event : page.history.events) {
             if (event.isOfTrack && policy_.events.count(static_cast<TrackKind>(event.track)) != 0) {
-                events_.insert(event.time);
+                spans_.Add(event.time - policy_.before, event.time + policy_.after);
             }
         }
         seen_ = page.next;
@@ -46,8 +46,17 @@ bool Selection::WantsTime(Time at) const {
     if (!policy_.IsAroundEvents()) {
         return true;
     }
-    const auto event = events_.lower_bound(at - policy_.after);
-    return event != events_.end() && *event <= at + policy_.before;
+    return spans_.Has(at) || (topic_ != nullptr && topic_->Has(at));
+}
+
+void Selection::Forget(Time until) {
+    spans_.Forget(until);
+    if (lookedFrom_ != kNever) {
+        lookedFrom_ = std::max(lookedFrom_, until - policy_.after);
+    }
+    if (topic_ != nullptr) {
+        topic_->Forget(until);
+    }
 }
 
 Time Selection::Horizon(Time now) const {

@@ -42,12 +42,13 @@ std::string At(Time time) {
 } // namespace
 
 TrackSender::TrackSender(calvane_fleet::DeviceStream& stream, std::function<bool()> isInterrupted,
-                         TrackKind track, const TrackPolicy& policy, bool newestFirst)
+                         TrackKind track, const TrackPolicy& policy, std::shared_ptr<TopicListener> topic,
+                         bool newestFirst)
     : stream_(stream),
       track_(track),
       newestFirst_(newestFirst),
       recorder_(std::move(isInterrupted)),
-      selection_(policy) {}
+      selection_(policy, std::move(topic)) {}
 
 std::string TrackSender::Subject(std::uint64_t lane) const {
     return calvane_fleet::LaneSubject(stream_.Device(), track_, lane);
@@ -129,6 +130,7 @@ void TrackSender::CloseLanesAt(Time begin) {
 
 TrackSender::Lane& TrackSender::OpenLane(Link& link, Time begin) {
     CloseLanesAt(begin);
+    selection_.LookAgain(); // Where the clock was set back, events are recorded anew, too.
     Lane lane;
     lane.number = ++newestLane_;
     lane.begin = lane.sentUpTo = begin;
@@ -168,6 +170,7 @@ bool TrackSender::SendLive(Link& link, std::size_t budget) {
             return false;
         }
         figures_.cardUpTo = card_.last;
+        ForgetEvents(link);
         if (lanes_.empty()) {
             OpenLane(link, card_.first);
         }
@@ -440,6 +443,18 @@ void TrackSender::SendGap(Link& link, Lane& lane, const Span& span, unsigned int
     link.Send(calvane_fleet::GapSubject(stream_.Device(), track_), head, nullptr, 0);
     lane.gapUpTo = span.last;
     ++figures_.gaps;
+}
+
+/// Of records that the stream has; others are asked about again behind the next connection.
+void TrackSender::ForgetEvents(Link& link) {
+    if (lanes_.empty() || !link.IsStored(doneWith_)) {
+        return;
+    }
+    selection_.Forget(doneUpTo_);
+    const auto oldest = std::min_element(lanes_.begin(), lanes_.end(),
+                                         [](const Lane& a, const Lane& b) { return a.at.time < b.at.time; });
+    doneUpTo_ = oldest->at.time;
+    doneWith_ = link.LastSequence();
 }
 
 TrackFigures TrackSender::GetFigures() const {

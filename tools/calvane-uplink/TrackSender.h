@@ -37,7 +37,7 @@ struct TrackFigures {
 class TrackSender {
 public:
     TrackSender(calvane_fleet::DeviceStream& stream, std::function<bool()> isInterrupted, TrackKind track,
-                const TrackPolicy& policy, bool newestFirst);
+                const TrackPolicy& policy, std::shared_ptr<TopicListener> topic, bool newestFirst);
 
     /// Asks the stream where to go on.
     void Resume();
@@ -45,7 +45,6 @@ public:
     bool SendLive(Link& link, std::size_t budget);
     /// The same of what lies behind.
     bool SendBacklog(Link& link, std::size_t budget);
-    void AddEvent(Time at) { selection_.AddEvent(at); }
     TrackFigures GetFigures() const;
 
 private:
@@ -81,6 +80,7 @@ private:
     Progress SendFromReader(Link& link, Lane& lane, std::size_t budget);
     bool IsBehind(const Lane& lane, const CardRecord& record) const;
     Time FindLiveBegin();
+    void ForgetEvents(Link& link);
     void FindPosition(Link& link, Lane& lane);
     std::optional<Position> FindLastCommon(std::uint64_t lane);
     std::optional<Position> FindLastCommonOfAny(std::uint64_t lane);
@@ -102,6 +102,8 @@ private:
     Span card_;
     std::chrono::steady_clock::time_point lastLook_; // For what is new.
     TrackFigures figures_;
+    Time doneUpTo_ = 0;          // All lanes lay behind this time
+    std::uint64_t doneWith_ = 0; // when this message was the last one.
 };
 
 } // namespace calvane_uplink

@@ -4,14 +4,12 @@
 
 #include <algorithm>
 #include <fstream>
-#include <mutex>
 #include <system_error>
 #include <thread>
 #include <utility>
 #include <vector>
 
 #include "quarn/core/Logger.h"
-#include "quarn/msgbus/MsgBus.h"
 
 namespace calvane_uplink {
 namespace {
@@ -49,17 +47,15 @@ std::filesystem::file_time_type TimeOf(const std::string& file) {
 
 /// What sends through one link.
 struct Uplink::Senders {
-    Senders(NatsConnection& connection, const Policy& policy, const std::function<bool()>& isInterrupted)
+    Senders(NatsConnection& connection, const Policy& policy, const Topics& topics,
+            const std::function<bool()>& isInterrupted)
         : stream(connection, policy.device) {
         for (const auto& [kind, track] : policy.tracks) {
-            tracks.emplace_back(
-                kind, std::make_unique<TrackSender>(stream, isInterrupted, kind, track, policy.newestFirst));
-            if (!track.topic.empty()) {
-                bus.Subscribe(track.topic, [this, number = tracks.size() - 1](const quarn::msgbus::Message&) {
-                    const std::lock_guard<std::mutex> guard(lock);
-                    events.emplace_back(number, calvane_recording::Now());
-                });
-            }
+            const auto topic = topics.find(kind);
+            tracks.emplace_back(kind,
+                                std::make_unique<TrackSender>(stream, isInterrupted, kind, track,
+                                                              topic != topics.end() ? topic->second : nullptr,
+                                                              policy.newestFirst));
         }
         if (policy.history) {
             history.emplace(stream, isInterrupted);
@@ -86,23 +82,9 @@ struct Uplink::Senders {
                         " changes all the time: another uplink sends to it");
     }
 
-    void TakeEvents() {
-        std::vector<std::pair<std::size_t, Time>> taken;
-        {
-            const std::lock_guard<std::mutex> guard(lock);
-            taken.swap(events);
-        }
-        for (const auto& [number, at] : taken) {
-            tracks[number].second->AddEvent(at);
-        }
-    }
-
     DeviceStream stream;
     std::vector<std::pair<TrackKind, std::unique_ptr<TrackSender>>> tracks;
     std::optional<HistorySender> history;
-    std::mutex lock;
-    std::vector<std::pair<std::size_t, Time>> events; // Of the message bus; guarded by lock.
-    quarn::msgbus::MsgBus bus;
 };
 
 Uplink::Uplink(const UplinkOptions& options)
@@ -115,6 +97,7 @@ std::function<bool()> Uplink::Interruption() const {
 }
 
 void Uplink::Run() {
+    ListenToTopics();
     sd_notify(0, "READY=1");
     milliseconds pause = kFirstPause;
     while (!stopping_) {
@@ -127,6 +110,20 @@ void Uplink::Run() {
         }
     }
     sd_notify(0, "STOPPING=1");
+}
+
+/// To those of the policy; what was heard of one that was there before is kept.
+void Uplink::ListenToTopics() {
+    Topics topics;
+    for (const auto& [kind, track] : policy_.tracks) {
+        if (!track.topic.empty()) {
+            const auto old = topics_.find(kind);
+            topics[kind] = old != topics_.end() && old->second->IsFor(track)
+                               ? old->second
+                               : std::make_shared<TopicListener>(track);
+        }
+    }
+    topics_ = std::move(topics);
 }
 
 /// Whether nothing went wrong.
@@ -147,7 +144,7 @@ bool Uplink::TryLink() {
 void Uplink::RunLink() {
     NatsConnection connection(policy_.nats);
     EnsureStream(connection);
-    Senders senders(connection, policy_, Interruption());
+    Senders senders(connection, policy_, topics_, Interruption());
     const StreamState state = senders.Resume();
     Link link(connection, state.lastSequence, state.mostBytes, figures_);
     counted_ = 0;
@@ -191,7 +188,6 @@ void Uplink::SendAll(Link& link, Senders& senders) {
 /// Whether there may be more at once.
 bool Uplink::SendOnce(Link& link, Senders& senders) {
     bool isBusy = false;
-    senders.TakeEvents();
     for (const auto& each : senders.tracks) {
         if (const std::size_t budget = TakeBudget(link, kLiveBudget)) {
             isBusy = each.second->SendLive(link, budget) || isBusy;
@@ -260,6 +256,7 @@ bool Uplink::TakePolicy() {
     policyTime_ = time;
     try {
         policy_ = Policy(options_.policyFile);
+        ListenToTopics();
         Log().Information("Took over the policy %s", options_.policyFile.c_str());
         return true;
     } catch (const std::exception& problem) {

@@ -40,6 +40,7 @@ public:
 
 private:
     struct Senders;
+    using Topics = std::map<TrackKind, std::shared_ptr<TopicListener>>;
 
     bool TryLink();
     void RunLink();
@@ -48,6 +49,7 @@ private:
     std::size_t TakeBudget(const Link& link, std::size_t wanted);
     void EnsureStream(calvane_fleet::NatsConnection& connection) const;
     bool TakePolicy();
+    void ListenToTopics();
     void Report(Link* link, const Senders* senders);
     void ReportState(const std::string& state, const std::string& problem, Link* link);
     void WriteMetrics();
@@ -56,6 +58,7 @@ private:
 
     const UplinkOptions options_;
     Policy policy_;
+    Topics topics_;
     std::filesystem::file_time_type policyTime_;
     std::atomic<bool> stopping_{false};
     std::atomic<bool> reloading_{false};
