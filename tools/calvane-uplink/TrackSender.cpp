@@ -199,8 +199,8 @@ bool TrackSender::SendBacklog(Link& link, std::size_t budget) {
 /// Up to what the card has now, or the lane's end.
 void TrackSender::OpenReader(Lane& lane) {
     selection_.Update(recorder_, lane.at.time);
-    const Time last = std::min(lane.end == kNever ? card_.last : lane.end - 1,
-                               selection_.Horizon(calvane_recording::Now()));
+    const Time last =
+        lane.end == kNever ? LiveEnd() : std::min(lane.end - 1, selection_.Horizon(calvane_recording::Now()));
     if (last > lane.at.time || lane.at.isBehindRecord) {
         lane.reader = recorder_.Open(track_, lane.at, std::max(last, lane.at.time));
     }
@@ -248,19 +248,25 @@ TrackSender::Progress TrackSender::SendFromReader(Link& link, Lane& lane, std::s
 /// Whether the newest lane had better begin anew.
 bool TrackSender::IsBehind(const Lane& lane, const CardRecord& record) const {
     return newestFirst_ && &lane == &lanes_.back() && !lane.isAtLiveEdge && lanes_.size() < kMostLanes &&
-           card_.last - record.time > kMostLag;
+           LiveEnd() - record.time > kMostLag;
 }
 
-/// The last key frame on the card, or the last record.
+/// Up to there can be sent what the card has.
+Time TrackSender::LiveEnd() const {
+    return std::min(card_.last, selection_.Horizon(calvane_recording::Now()));
+}
+
+/// The last key frame that can be sent, or the last record.
 Time TrackSender::FindLiveBegin() {
     card_ = recorder_.GetSpan(track_);
-    Time begin = card_.last;
+    const Time end = LiveEnd();
+    Time begin = end;
     if (track_ != TrackKind::Video) {
         return begin;
     }
     Position from;
-    from.time = card_.last - kKeyFrameLook;
-    const auto reader = recorder_.Open(track_, from, card_.last);
+    from.time = end - kKeyFrameLook;
+    const auto reader = recorder_.Open(track_, from, end);
     while (const auto record = reader->Read()) {
         begin = (record->flags & calvane_fleet::kKeyFrame) != 0 ? record->time : begin;
     }
@@ -360,8 +366,8 @@ void TrackSender::SendRecord(Link& link, Lane& lane, const CardRecord& record) {
         lane.hasSkipped = false;
         lane.isBehindErased = false;
         ++figures_.records;
-        figures_.sentUpTo = std::max(figures_.sentUpTo, record.time);
     }
+    figures_.sentUpTo = std::max(figures_.sentUpTo, record.time);
     // Last, since what fails before is tried again.
     lane.at = {record.time, true, record.same, HashOf(record.payload.data(), record.payload.size())};
 }

@@ -18,7 +18,7 @@ namespace calvane_uplink {
 struct TrackFigures {
     std::uint64_t records = 0;
     std::uint64_t gaps = 0;
-    Time sentUpTo = 0; ///< Time of the newest record that was sent.
+    Time sentUpTo = 0; ///< Time of the newest record that was sent or is not wanted.
     Time cardUpTo = 0; ///< Time of the newest record on the card.
     Time backlog = 0;  ///< Recorded time that older lanes still have to cover.
 };
@@ -79,6 +79,7 @@ private:
     void OpenReader(Lane& lane);
     Progress SendFromReader(Link& link, Lane& lane, std::size_t budget);
     bool IsBehind(const Lane& lane, const CardRecord& record) const;
+    Time LiveEnd() const;
     Time FindLiveBegin();
     void ForgetEvents(Link& link);
     void FindPosition(Link& link, Lane& lane);
