@@ -104,9 +104,8 @@ void Uplink::Run() {
         const std::uint64_t before = figures_.messages;
         const bool hasFailed = !TryLink();
         pause = hasFailed && figures_.messages == before ? std::min(2 * pause, kLongestPause) : kFirstPause;
-        if (hasFailed) {
-            Pause(pause);
-            TakePolicy();
+        if (hasFailed && WaitForPolicy(pause)) {
+            pause = kFirstPause;
         }
     }
     sd_notify(0, "STOPPING=1");
@@ -257,12 +256,24 @@ bool Uplink::TakePolicy() {
     try {
         policy_ = Policy(options_.policyFile);
         ListenToTopics();
+        status_.problem.clear(); // What is still wrong is told again.
         Log().Information("Took over the policy %s", options_.policyFile.c_str());
         return true;
     } catch (const std::exception& problem) {
         Log().Error("The policy is left as it was: %s", problem.what());
         return false;
     }
+}
+
+/// Whether it has changed within that time; if so, at once.
+bool Uplink::WaitForPolicy(milliseconds longest) {
+    for (const auto end = Clock::now() + longest; !stopping_ && Clock::now() < end;) {
+        if (TakePolicy()) {
+            return true;
+        }
+        std::this_thread::sleep_for(kIdlePause);
+    }
+    return false;
 }
 
 void Uplink::Report(Link* link, const Senders* senders) {

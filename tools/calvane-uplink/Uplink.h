@@ -49,6 +49,7 @@ private:
     std::size_t TakeBudget(const Link& link, std::size_t wanted);
     void EnsureStream(calvane_fleet::NatsConnection& connection) const;
     bool TakePolicy();
+    bool WaitForPolicy(std::chrono::milliseconds longest);
     void ListenToTopics();
     void Report(Link* link, const Senders* senders);
     void ReportState(const std::string& state, const std::string& problem, Link* link);

@@ -114,7 +114,11 @@ void Check(natsStatus status, const std::string& what) {
 NatsConnection::NatsConnection(const NatsOptions& options)
     : prefix_(options.domain.empty() ? "$JS.API." : "$JS." + options.domain + ".API.") {
     const OptionsPtr target = Translate(options);
-    Check(natsConnection_Connect(&connection_, target.get()), "Cannot connect to " + Join(options.servers));
+    // A server that wants a certificate only ends the connection.
+    const bool isUnknown = !options.caFile.empty() && options.certificateFile.empty();
+    Check(natsConnection_Connect(&connection_, target.get()),
+          "Cannot connect to " + Join(options.servers) +
+              (isUnknown ? " without a certificate of this device" : ""));
 }
 
 NatsConnection::~NatsConnection() {
