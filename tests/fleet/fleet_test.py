@@ -2,13 +2,18 @@
 import json
 import os
 import random
+import shutil
 import signal
+import ssl
 import subprocess
+import tempfile
 import time
 import unittest
+from concurrent.futures import ThreadPoolExecutor
 
-from fleet_device import FAKE_CLOCK, TRACKS, FleetDevice, compare, fields, harness, microseconds, read_track
-from nats_cluster import SLOWNESS, Cluster, wait_until
+from fleet_device import FAKE_CLOCK, RECORDS, TRACKS, FleetDevice, compare, fields, harness, microseconds, read_track, without_lost
+from nats_cluster import SLOWNESS, Cluster, Proxy, wait_until
+from nats_security import Authority, Operator, base64url
 
 EFFORT = float(os.environ.get("CALVANE_TEST_EFFORT", "1"))
 
@@ -27,23 +32,23 @@ class FleetTest(unittest.TestCase):
         wait_until(lambda: device.seconds_recorded() > 1, "a recording")
         return device
 
-    def differences(self, device, cards):
+    def differences(self, device, cards, prepare=lambda card, stream: stream):
         messages = device.stream_messages()
         found = []
         for track in TRACKS:
             records, problems = read_track(messages, track)
-            found += [f"{track}: {text}" for text in problems + compare(cards[track], records)]
+            found += [f"{track}: {text}" for text in problems + compare(cards[track], prepare(cards[track], records))]
         return found
 
-    def assert_same(self, device, seconds=40):
+    def assert_same(self, device, seconds=40, **options):
         """The recorder has stopped; the stream becomes what its card is."""
         cards = {track: device.card_records(track) for track in TRACKS}
-        self.assertGreater(len(cards["video"]), 50)
+        self.assertGreater(len(cards["video"]), 20)
         last = []
 
         def is_same():
             try:
-                last[:] = self.differences(device, cards)
+                last[:] = self.differences(device, cards, **options)
             except (OSError, LookupError, ConnectionError) as problem:
                 last[:] = [str(problem)]
             return not last
@@ -220,7 +225,199 @@ class TroubleTest(FleetTest):
         device.start_uplink()
         wait_until(lambda: "set back" in device.uplink_log(), "a new lane")
         device.stop_producers()
+        self.assert_same(device, prepare=without_lost)
+
+
+class LinkTest(FleetTest):
+    def test_a_link_that_stalls_loses_data_and_breaks(self):
+        cluster = self.cluster()
+        proxy = Proxy(cluster.servers[0].port)
+        self.addCleanup(proxy.close)
+        device = self.device(cluster)
+        device.set_policy(servers=proxy.url)
+        device.start_uplink()
+        self.wait_for_link(device, proxy)
+        for _ in range(int(5 * EFFORT)):
+            breaks = proxy.breaks
+            proxy.left = random.randrange(1, 100000)  # Nearly always in the middle of a record.
+            wait_until(lambda: proxy.breaks > breaks, "the link breaks")
+        for is_losing in (False, True):
+            self.wait_for_link(device, proxy)
+            proxy.is_losing = is_losing
+            if not is_losing:
+                proxy.flowing.clear()
+            wait_until(lambda: not device.metrics()["connected"], "a link that does not answer")
+            time.sleep(3 * EFFORT)
+            proxy.is_losing = False
+            proxy.flowing.set()  # Now arrives what lay in the link, while another connection goes on.
+        device.stop_producers()
         self.assert_same(device)
+
+    def wait_for_link(self, device, proxy):
+        sent = device.metrics().get("messages_total", 0)
+        wait_until(lambda: device.uplink_log().count("Connected to") > proxy.breaks and
+                   device.metrics().get("messages_total", 0) > sent + 50, "messages")
+
+
+class ManyCamerasTest(FleetTest):
+    def test_twenty_at_once(self):
+        """Few and small records, since all of it runs on one machine."""
+        cluster = self.cluster()
+        description = RECORDS.replace("bytes.max = 40000", "bytes.max = 4000").replace("0000\n[", "000\n[")
+
+        def start(number):
+            device = FleetDevice(cluster, f"camera-{number}", description=description)
+            self.addCleanup(device.close)
+            device.start_uplink()
+            return device
+
+        with ThreadPoolExecutor(5) as pool:
+            devices = list(pool.map(start, range(20)))
+            wait_until(lambda: all(device.metrics().get("messages_total", 0) > 120 * EFFORT for device in devices), "messages",
+                       60 * EFFORT)
+            list(pool.map(FleetDevice.stop_producers, devices))
+            list(pool.map(self.assert_same, devices))
+
+
+class SecurityTest(FleetTest):
+    def test_certificates_and_credentials(self):
+        """Servers that want certificates of both sides and a signed token, and a user with the rights that the guide names."""
+        folder = tempfile.mkdtemp(prefix="calvane-security-")
+        self.addCleanup(shutil.rmtree, folder)
+        authority, stranger = Authority(folder + "/ours"), Authority(folder + "/foreign")
+        operator = Operator(folder + "/operator")
+        certificate, key = authority.sign("server", "DNS:localhost")
+        own = authority.sign("device", "DNS:device")
+        context = ssl.create_default_context(cafile=authority.path("ca.pem"))
+        context.load_cert_chain(*own)
+        signer, token = operator.user("reader")
+        cluster = self.cluster(
+            text=f"{operator.config}\ntls: {{cert_file: \"{certificate}\", key_file: \"{key}\", "
+                 f"ca_file: \"{authority.path('ca.pem')}\", verify: true}}",
+            access=(context, lambda nonce: {"jwt": token, "sig": base64url(signer.sign(nonce.encode()))}))
+        device = self.device(cluster)
+        api = "$JS.API.STREAM"
+        rights = {"pub": {"allow": ["calvane.camera.>", f"{api}.*.calvane_camera", f"{api}.MSG.GET.calvane_camera"]},
+                  "sub": {"allow": ["_INBOX.>"]}}
+        device.write("right.creds", Operator.credentials(*operator.user("device", **rights)))
+        device.write("all.creds", Operator.credentials(signer, token))
+        device.write("foreign.creds", Operator.credentials(*Operator(folder + "/other").user("device")))
+        ours = "tls.ca.file = " + authority.path("ca.pem")
+        certificates = f"tls.certificate.file = {own[0]}\ntls.key.file = {own[1]}"
+        url = f"tls://localhost:{cluster.servers[0].port}"
+        ours, theirs = (f"tls.ca.file = {each.path('ca.pem')}" for each in (authority, stranger))
+        certificates = f"tls.certificate.file = {own[0]}\ntls.key.file = {own[1]}"
+        right, foreign = ("credentials.file = " + name for name in ("right.creds", "foreign.creds"))
+        device.set_policy(right, servers=url)
+        device.start_uplink()
+        wait_until(lambda: "local issuer certificate" in device.uplink_log(), "servers that are not trusted")
+        for words, answer in (((theirs, certificates, right), "local issuer certificate"),
+                              ((ours, right), "without a certificate of this device"),
+                              ((ours, certificates), "Authorization Violation"),
+                              ((ours, certificates, foreign), "Authorization Violation"),
+                              ((ours, certificates, right), "IP address mismatch"),
+                              ((ours, certificates, right), "Connected")):
+            mark = len(device.uplink_log())
+            device.set_policy("\n".join(words), servers=url.replace("localhost", "127.0.0.1") if "mismatch" in answer else url)
+            try:
+                wait_until(lambda: answer in device.uplink_log()[mark:], "an answer", 3)
+            except AssertionError as problem:
+                raise AssertionError(f"{problem}: no {answer} for {words} in\n{device.uplink_log()}") from problem
+        device.stop_producers()
+        self.assert_same(device)
+        said = subprocess.run([os.path.join(harness.BINARIES, "calvane-fleet"), "--server", url, "--credentials", "all.creds", "--tls-ca",
+                               authority.path("ca.pem"), "--tls-cert", own[0], "--tls-key", own[1], "devices"],
+                              check=True, cwd=device.folder, capture_output=True, text=True).stdout
+        self.assertTrue(said.startswith("camera "), said)
+
+
+class PolicyTest(FleetTest):
+    """What is in the stream is what the policy names of the card, and nothing else."""
+
+    def assert_selected(self, device, wants):
+        """`wants` tells for each track whether a record of a time, and whether it is a key frame, is to be in the stream."""
+        cards = {track: device.card_records(track) for track in wants}
+        last = []
+
+        def is_selected():
+            messages = device.stream_messages()
+            last.clear()
+            for track, is_wanted in wants.items():
+                records, problems = read_track(messages, track)
+                wanted = [record for record in cards[track] if is_wanted(record[0], record[1])]
+                last.extend(f"{track}: {text}" for text in problems + compare(wanted, records))
+                self.assertTrue(wanted and len(wanted) < len(cards[track]) or track == "metadata", track)
+            return not last
+        try:
+            wait_until(is_selected, "the stream has what is wanted", 15)
+        except AssertionError as problem:
+            raise AssertionError(f"{problem}: {last}\n{device.uplink_log()[-2000:]}") from problem
+        time.sleep(1)  # Nothing else comes.
+        self.assertTrue(is_selected(), last)
+
+    def test_what_lies_around_events_and_messages(self):
+        cluster = self.cluster()
+        # Metadata ends after five seconds.
+        device = self.device(cluster, description=RECORDS.replace("bytes.min = 12\n", "bytes.min = 12\ncount = 15\n"), groups="""
+[video]
+events = metadata
+before = 1s
+after = 2s
+[audio]
+topic = door
+before = 1500ms
+after = 1s""")
+        device.start_uplink()
+        wait_until(lambda: device.metrics().get("messages_total", 0) > 2, "a connection")
+        knocks = [self.knock(device)]
+        wait_until(lambda: any(not event["present"] for event in device.ask_json("history")["events"]), "the end of metadata")
+        cluster.servers[0].kill()
+        wait_until(lambda: not device.metrics()["connected"], "an outage")
+        knocks.append(self.knock(device))
+        cluster.servers[0].start()
+        time.sleep(3 * SLOWNESS)
+        device.stop_producers()
+        events = [microseconds(event["time"]) for event in device.ask_json("history")["events"] if event.get("track") == "metadata"]
+        self.assertGreater(len(events), 1)
+        self.assert_selected(device, {
+            "video": lambda at, _: any(event - 1000000 <= at <= event + 2000000 for event in events),
+            "audio": lambda at, _: any(knock - 1500000 <= at <= knock + 1000000 for knock in knocks),
+            "metadata": lambda at, _: True})
+        lanes = {message.subject for message in device.stream_messages() if fields(message)[0] == "begin"}
+        self.assertLess(len(lanes), 10, lanes)
+
+    def knock(self, device):
+        """Publishes a message, and returns when it came."""
+        subprocess.run(["busctl", "--address", device.address, "emit", "/com/quarn/MsgBus", "com.quarn.MsgBus1", "Message", "sbay",
+                        "door", "true", "1", "49"], check=True)
+        return time.time() * 1000000
+
+    def test_a_policy_that_changes_while_it_runs(self):
+        cluster = self.cluster()
+        clock = lambda hours: time.strftime("%H:%M", time.gmtime(time.time() + 3600 * hours))
+        later, much_later = clock(1), clock(2)
+        device = self.device(cluster, groups=f"[video]\nframes = key\n[audio]\nhours = {later}-{much_later}\n[metadata]\nenabled = no")
+        device.start_uplink()
+        wait_until(lambda: device.metrics().get("messages_total", 0) > 5, "key frames")
+        time.sleep(2.5)
+        messages = device.stream_messages()
+        self.assertEqual([read_track(messages, track)[0] for track in ("audio", "metadata")], [[], []])
+        video, problems = read_track(messages, "video")
+        self.assertEqual((problems, {record[1] for record in video}), ([], {True}))
+        self.assertLess(device.metrics()["lag_seconds"], 1.5 * SLOWNESS, "what is not wanted is not late")
+        written = os.stat(device.path("uplink.ini")).st_mtime_ns
+        for groups, answer in ((f"[audio]\nhours = {later}\n", "left as it was"), (f"[audio]\nhours = {much_later}-{later}", "Took over")):
+            device.set_policy(groups=groups)
+            os.utime(device.path("uplink.ini"), ns=(written, written))  # Only the signal tells.
+            device.uplink.send_signal(signal.SIGHUP)
+            wait_until(lambda: answer in device.uplink_log(), answer, 3)
+        changed = time.time() * 1000000
+        time.sleep(2)
+        device.stop_producers()
+        first = min(record[0] for record in read_track(device.stream_messages(), "video")[0] if not record[1])
+        self.assertTrue(changed - 2500000 * SLOWNESS < first < changed + 1000000 * SLOWNESS, (first, changed))
+        self.assert_selected(device, {"video": lambda at, is_key: is_key or at >= first, "metadata": lambda at, _: True})
+        self.assertEqual(compare(device.card_records("audio"), read_track(device.stream_messages(), "audio")[0]), [])
 
 
 class ReaderTest(FleetTest):

@@ -2,11 +2,14 @@
 import base64
 import json
 import os
+import select
 import shutil
 import signal
 import socket
+import ssl
 import subprocess
 import tempfile
+import threading
 import time
 
 NATS_SERVER = os.environ.get("CALVANE_NATS_SERVER", "/usr/sbin/nats-server")
@@ -40,14 +43,19 @@ class Message:
 
 
 class Client:
-    """One connection: requests and what JetStream answers, nothing more."""
+    """One connection: requests and what JetStream answers, nothing more. `access` has the TLS context and what signs in."""
 
-    def __init__(self, port, domain=None):
+    def __init__(self, port, domain=None, access=None):
         self.prefix = f"$JS.{domain}.API." if domain else "$JS.API."
         self.socket = socket.create_connection(("127.0.0.1", port), timeout=10 * SLOWNESS)
-        self.file = self.socket.makefile("rb")
-        self.file.readline()
+        self.file = self.socket.makefile("rb", 0)  # Without a buffer, since TLS begins behind the first line.
+        info = json.loads(self.file.readline().split(b" ", 1)[1])
         options = {"verbose": False, "headers": True, "no_responders": True, "user": "camera", "pass": "right"}
+        if access:
+            context, sign_in = access
+            self.socket = context.wrap_socket(self.socket, server_hostname="localhost")
+            options = {**options, **sign_in(info["nonce"])}
+        self.file = self.socket.makefile("rb")
         self.inbox = f"_INBOX.{os.getpid()}.{id(self)}"
         self.number = 0
         self.socket.sendall(f"CONNECT {json.dumps(options)}\r\nSUB {self.inbox}.> 1\r\n".encode())
@@ -145,11 +153,67 @@ class Server:
             self.process = None
 
 
+class Proxy:
+    """A link to a server that stalls, loses what it was given, and breaks in the middle of a message."""
+
+    def __init__(self, port):
+        self.server_port = port
+        self.flowing = threading.Event()
+        self.flowing.set()
+        self.is_losing = False
+        self.left = None  # So many bytes more go to the server, then the link breaks.
+        self.breaks = 0
+        self.listener = socket.create_server(("127.0.0.1", 0))
+        self.url = f"nats://127.0.0.1:{self.listener.getsockname()[1]}"
+        threading.Thread(target=self._accept, daemon=True).start()
+
+    def _accept(self):
+        while True:
+            try:
+                client, _ = self.listener.accept()
+            except OSError:
+                return
+            threading.Thread(target=self._carry, args=(client,), daemon=True).start()
+
+    def _carry(self, client):
+        try:
+            with client, socket.create_connection(("127.0.0.1", self.server_port)) as server:
+                while True:
+                    # The client's data first: what it has sent before it went away arrives, too, however late.
+                    ready = select.select([client, server], [], [])[0]
+                    source = client if client in ready else server
+                    data = source.recv(65536)
+                    self.flowing.wait()
+                    if not data or not self._pass_on(data, source is client, server if source is client else client):
+                        return
+        except OSError:
+            pass
+
+    def _pass_on(self, data, is_up, target):
+        """Whether the link goes on."""
+        if self.is_losing:
+            return True
+        if is_up and self.left is not None:
+            data = data[:self.left]
+            self.left -= len(data)
+        target.sendall(data)
+        if is_up and self.left == 0:
+            self.left, self.breaks = None, self.breaks + 1
+            return False
+        return True
+
+    def close(self):
+        self.flowing.set()
+        self.listener.shutdown(socket.SHUT_RDWR)
+        self.listener.close()
+
+
 class Cluster:
     """Some servers, one of them alone or all of them as a cluster, which lives until close()."""
 
-    def __init__(self, count=3, store="", text="", domain=None):
+    def __init__(self, count=3, store="", text="", domain=None, access=None):
         self.folder = tempfile.mkdtemp(prefix="calvane-nats-")
+        self.access = access
         ports, routes = free_ports(count), free_ports(count)
         self.domain = domain
         self.servers = []
@@ -180,7 +244,7 @@ class Cluster:
         for server in self.servers:
             if server.process:
                 try:
-                    return Client(server.port, self.domain)
+                    return Client(server.port, self.domain, self.access)
                 except OSError:
                     pass
         raise ConnectionError("no server is there")
