@@ -125,31 +125,72 @@ std::optional<StoredMessage> DeviceStream::GetMessage(const json& question) {
     }
 }
 
-std::optional<StoredMessage> FindTime(DeviceStream& stream, const std::string& subject, Time at) {
-    std::optional<StoredMessage> found = stream.GetLast(subject);
-    if (!found || found->head.time < at) {
+namespace {
+
+/// What is known of the place that is looked for: nothing in front of `low` is wanted, and `found` stands at `high` or behind.
+class TimeSearch {
+public:
+    TimeSearch(DeviceStream& stream, const std::string& subject, const MessagePlace& first,
+               const MessagePlace& last, Time at)
+        : stream_(stream),
+          subject_(subject),
+          at_(at),
+          low_(first.sequence),
+          high_(last.sequence),
+          lowTime_(first.time),
+          highTime_(last.time),
+          found_(last.sequence) {}
+
+    std::uint64_t Find() {
+        for (std::uint64_t step = kFirstStep; low_ < high_; step = std::min(step * kFirstStep, kMostStep)) {
+            const bool isBehind = Look(Guess(low_, high_, lowTime_, highTime_, at_));
+            if (low_ < high_) { // So that a good guess is bounded from both sides at once.
+                const std::uint64_t width = std::min(step, (high_ - low_) / 2);
+                Look(isBehind ? high_ - std::max<std::uint64_t>(width, 1) : low_ + width);
+            }
+        }
+        return found_;
+    }
+
+private:
+    /// A message whose neighbours have not been read of late costs the server a block of megabytes, others nearly nothing.
+    static constexpr std::uint64_t kFirstStep = 64;
+    static constexpr std::uint64_t kMostStep = std::uint64_t{1} << 48;
+
+    /// Whether what is looked for stands in front of it.
+    bool Look(std::uint64_t sequence) {
+        const auto next = stream_.GetNext(subject_, sequence);
+        if (next && next->sequence < high_ && next->head.time < at_) {
+            low_ = next->sequence + 1;
+            lowTime_ = next->head.time;
+            return false;
+        }
+        if (next && next->sequence < high_) {
+            highTime_ = next->head.time;
+            found_ = next->sequence;
+        }
+        high_ = sequence; // Nothing of the subject lies between it and the next one.
+        return true;
+    }
+
+    DeviceStream& stream_;
+    const std::string& subject_;
+    const Time at_;
+    std::uint64_t low_;
+    std::uint64_t high_;
+    Time lowTime_;
+    Time highTime_;
+    std::uint64_t found_;
+};
+
+} // namespace
+
+std::optional<std::uint64_t> FindTime(DeviceStream& stream, const std::string& subject,
+                                      const MessagePlace& first, const MessagePlace& last, Time at) {
+    if (last.time < at) {
         return std::nullopt;
     }
-    std::uint64_t low = stream.GetState().firstSequence;
-    std::uint64_t high =
-        found->sequence; // Nothing in front of `low` is wanted, and `found` stands at `high` or behind.
-    Time lowTime = 0;
-    Time highTime = found->head.time;
-    for (bool guess = false; low < high; guess = !guess && lowTime != 0) {
-        const std::uint64_t middle = guess ? Guess(low, high, lowTime, highTime, at) : low + (high - low) / 2;
-        auto next = stream.GetNext(subject, middle);
-        if (!next || next->sequence >= high) {
-            high = middle; // Nothing of the subject lies between.
-        } else if (next->head.time < at) {
-            low = next->sequence + 1;
-            lowTime = next->head.time;
-        } else {
-            highTime = next->head.time;
-            found = std::move(next);
-            high = middle; // None lies between the middle and it.
-        }
-    }
-    return found;
+    return first.time >= at ? first.sequence : TimeSearch(stream, subject, first, last, at).Find();
 }
 
 } // namespace calvane_fleet

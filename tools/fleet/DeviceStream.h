@@ -54,8 +54,14 @@ private:
     const std::string stream_;
 };
 
-/// The first message of a subject whose time is not before `at`, by interpolation and binary search over its
-/// sequences, in which times must not decrease; nothing if there is none.
-std::optional<StoredMessage> FindTime(DeviceStream& stream, const std::string& subject, Time at);
+struct MessagePlace {
+    std::uint64_t sequence = 0;
+    Time time = 0;
+};
+
+/// The sequence of the first message of a subject whose time is not before `at`, from its first to its last one; nothing if
+/// there is none. By interpolation over sequences, in which times must not decrease, in steps that grow.
+std::optional<std::uint64_t> FindTime(DeviceStream& stream, const std::string& subject,
+                                      const MessagePlace& first, const MessagePlace& last, Time at);
 
 } // namespace calvane_fleet

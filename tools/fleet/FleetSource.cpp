@@ -55,11 +55,12 @@ private:
         if (lane_.begin > span_.last || lane_.last < span_.first) {
             return false;
         }
-        const auto first = FindTime(stream_, lane_.subject, std::max(lane_.begin, span_.first));
+        const auto first = FindTime(stream_, lane_.subject, lane_.firstMessage, lane_.lastMessage,
+                                    std::max(lane_.begin, span_.first));
         if (!first) {
             return false;
         }
-        reader_ = std::make_unique<MessageReader>(stream_, lane_.subject, first->sequence);
+        reader_ = std::make_unique<MessageReader>(stream_, lane_.subject, *first);
         number_ = 0;
         return true;
     }
@@ -158,7 +159,9 @@ std::vector<LaneRange> FleetSource::AskLanes(std::optional<TrackKind> track) {
         const auto first = number ? stream_.GetNext(subject, 1) : std::nullopt;
         const auto last = first ? stream_.GetLast(subject) : std::nullopt;
         if (last) {
-            lanes.push_back({*number, subject, first->head.time, kNever, last->head.time,
+            const MessagePlace begin{first->sequence, first->head.time};
+            const MessagePlace end{last->sequence, last->head.time};
+            lanes.push_back({*number, subject, begin, end, begin.time, kNever, end.time,
                              last->head.kind == MessageKind::End, last->head.number});
         }
     }

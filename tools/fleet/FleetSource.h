@@ -24,6 +24,8 @@ constexpr unsigned int kNotCopiedYet = 101;
 struct LaneRange {
     std::uint64_t number = 0;
     std::string subject;
+    MessagePlace firstMessage;
+    MessagePlace lastMessage;
     Time begin = 0;
     Time end = 0;  ///< Not included.
     Time last = 0; ///< Of its last message, or `end` if that is earlier.
