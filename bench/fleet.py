@@ -1,21 +1,27 @@
 #!/usr/bin/env python3
 """Measures the copy of recordings in the streams of a fleet: the uplink's link beside the C client's own asynchronous publishing,
-and how soon the first byte of an export comes from a long stream. Servers on loopback; "theirs" of the latter is the limit."""
+how soon the first byte of an export comes from a long stream, how soon an uplink goes on after a crash, and how far it is behind a
+recorder. Servers on loopback; "theirs" of what has no other to compare with is the limit."""
 import argparse
+import base64
 import os
+import re
+import signal
 import subprocess
 import sys
 import time
+from datetime import datetime
 from statistics import median
 
 from table import print_table
 
 ROOT = os.path.dirname(os.path.dirname(os.path.abspath(__file__)))
 sys.path.insert(1, os.path.join(ROOT, "tests", "fleet"))
-from nats_cluster import Cluster  # noqa: E402
+from fleet_device import FleetDevice, harness  # noqa: E402
+from nats_cluster import Cluster, wait_until  # noqa: E402
 
 BEGIN, INTERVAL = 1795000000.0, 0.02  # Of the records that bench_fleet_publish sends.
-FIRST_BYTE_MS = 50
+FIRST_BYTE_MS, RESUME_MS, LAG_MS = 50, 100, 500
 
 
 class Bench:
@@ -70,6 +76,52 @@ class Bench:
         return median(found) - median(starts)
 
 
+class Uplink:
+    """A recorder of test records and the uplink of it, with a link that has room."""
+
+    def __init__(self, build, cluster):
+        harness.BINARIES = os.path.abspath(os.path.join(build, "bin"))
+        self.device = FleetDevice(cluster, "recorder")
+        self.device.start_uplink()
+        wait_until(lambda: self.device.metrics().get("messages_total", 0) > 100, "messages")
+
+    def resume(self, rounds):
+        """Milliseconds from the start of the program behind a crash to the first message that the stream has of it."""
+        found = []
+        for _ in range(rounds):
+            self.device.stop_uplink(signal.SIGKILL)
+            last = self.last_message()
+            start = time.time()
+            self.device.start_uplink()
+            wait_until(lambda before=last: self.last_message() > before, "a message")
+            with self.device.cluster.client() as client:
+                found.append(1000 * (self.stored(client, last + 1)[0] - start))
+            time.sleep(0.5)
+        return median(found)
+
+    def lag(self, seconds):
+        """Milliseconds from the time of each record of video to its being stored: their median, and the largest."""
+        time.sleep(2)
+        last = self.last_message()
+        time.sleep(seconds)
+        with self.device.cluster.client() as client:
+            lags = [1000 * (stored - recorded) for stored, recorded in
+                    (self.stored(client, sequence) for sequence in range(last + 1, self.last_message())) if recorded]
+        return median(lags), max(lags)
+
+    def last_message(self):
+        with self.device.cluster.client() as client:
+            return client.api(f"STREAM.INFO.{self.device.stream}")["state"]["last_seq"]
+
+    def stored(self, client, sequence):
+        """When a message was stored, and the time of the record of video in it or 0, in seconds."""
+        message = client.api(f"STREAM.MSG.GET.{self.device.stream}", {"seq": sequence})["message"]
+        date, fraction = re.fullmatch(r"(.*?)(\.\d+)?Z", message["time"]).groups()
+        head = base64.b64decode(message["hdrs"]).decode()
+        time_of = re.search(r"Calvane: record .*?\btime=(\d+)", head) if ".video." in message["subject"] else None
+        return datetime.fromisoformat(date + "+00:00").timestamp() + float(fraction or 0), int(time_of[1]) / 1e6 if time_of else 0
+
+
 def main():
     parser = argparse.ArgumentParser(description=__doc__)
     parser.add_argument("--build", required=True)
@@ -92,6 +144,14 @@ def main():
                 bench.publish("link", "long", length, 160)
                 rows.append((f"first byte of an export from {length} messages", bench.first_byte("long", length, rounds),
                              FIRST_BYTE_MS, "ms", 1.0))
+                uplink = Uplink(options.build, cluster)
+                try:
+                    rows.append(("first message behind a crash of the uplink", uplink.resume(rounds), RESUME_MS, "ms", 1.0))
+                    middle, most = uplink.lag(2 if options.smoke else 10)
+                    rows.append(("record of video to its being stored, median", middle, LAG_MS, "ms", 1.0))
+                    rows.append(("record of video to its being stored, largest", most, LAG_MS, "ms", 1.0))
+                finally:
+                    uplink.device.close()
         finally:
             cluster.close()
     print_table(rows)
