@@ -1,6 +1,7 @@
 // Publishes so many records of sound with one size into the stream of a device, and prints how many seconds that took and how many
-// of processors: by the C client's own asynchronous publishing, or through the uplink's link.
-// Usage: bench_fleet_publish client|link SERVER DEVICE MESSAGES BYTES
+// of processors: by the C client's own asynchronous publishing, without or with the conditions that the uplink's link sets, or through
+// that link.
+// Usage: bench_fleet_publish client|conditions|link SERVER DEVICE MESSAGES BYTES
 
 #include <nats/nats.h>
 #include <sys/resource.h>
@@ -35,6 +36,11 @@ MessageHead HeadOf(int number) {
     return head;
 }
 
+/// As long as those of the link.
+std::string IdOf(int number) {
+    return "0123456789012345678901." + std::to_string(number);
+}
+
 void SendByLink(const NatsOptions& options, const std::string& device, int count,
                 const std::vector<char>& data) {
     calvane_fleet::NatsConnection connection(options);
@@ -55,7 +61,7 @@ void SendByLink(const NatsOptions& options, const std::string& device, int count
 }
 
 void SendByClient(const NatsOptions& options, const std::string& device, int count,
-                  const std::vector<char>& data) {
+                  const std::vector<char>& data, bool hasConditions) {
     natsConnection* connection = nullptr;
     Check(natsConnection_ConnectTo(&connection, options.servers[0].c_str()), "connect");
     jsCtx* context = nullptr;
@@ -70,6 +76,13 @@ void SendByClient(const NatsOptions& options, const std::string& device, int cou
         Check(natsMsg_Create(&message, subject.c_str(), nullptr, data.data(), static_cast<int>(data.size())),
               "create");
         natsMsgHeader_Set(message, calvane_fleet::kHeaderName, calvane_fleet::ToText(HeadOf(number)).c_str());
+        if (hasConditions) {
+            natsMsgHeader_Set(message, "Nats-Expected-Last-Sequence", std::to_string(number - 1).c_str());
+            natsMsgHeader_Set(message, "Nats-Msg-Id", IdOf(number).c_str());
+            if (number > 1) {
+                natsMsgHeader_Set(message, "Nats-Expected-Last-Msg-Id", IdOf(number - 1).c_str());
+            }
+        }
         Check(js_PublishMsgAsync(context, &message, nullptr), "publish");
     }
     Check(js_PublishAsyncComplete(context, nullptr), "complete");
@@ -90,7 +103,8 @@ double CpuSeconds() {
 
 int main(int argc, char** argv) {
     if (argc != 6) {
-        std::fprintf(stderr, "usage: bench_fleet_publish client|link SERVER DEVICE MESSAGES BYTES\n");
+        std::fprintf(stderr,
+                     "usage: bench_fleet_publish client|conditions|link SERVER DEVICE MESSAGES BYTES\n");
         return 2;
     }
     try {
@@ -99,8 +113,9 @@ int main(int argc, char** argv) {
         const int count = std::stoi(argv[4]);
         const std::vector<char> data(static_cast<std::size_t>(std::stoul(argv[5])), 'x');
         const auto begin = std::chrono::steady_clock::now();
+        const bool hasConditions = std::strcmp(argv[1], "conditions") == 0;
         std::strcmp(argv[1], "link") == 0 ? SendByLink(options, argv[3], count, data)
-                                          : SendByClient(options, argv[3], count, data);
+                                          : SendByClient(options, argv[3], count, data, hasConditions);
         const std::chrono::duration<double> passed = std::chrono::steady_clock::now() - begin;
         std::printf("%.6f %.6f\n", passed.count(), CpuSeconds());
         return 0;
