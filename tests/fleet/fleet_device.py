@@ -97,6 +97,10 @@ class FleetDevice(harness.Device):
         except FileNotFoundError:
             return {}
 
+    def has_sent_all(self):
+        metrics = self.metrics()
+        return bool(metrics.get("connected")) and not metrics["lag_seconds"] and not metrics["backlog_seconds"]
+
     def uplink_log(self):
         with open(self.path("uplink.log"), encoding="utf-8") as file:
             return file.read()

@@ -47,6 +47,9 @@ class FleetTest(unittest.TestCase):
         last = []
 
         def is_same():
+            if not device.has_sent_all():  # Reading a stream takes a while.
+                last[:] = ["it is behind"]
+                return False
             try:
                 last[:] = self.differences(device, cards, **options)
             except (OSError, LookupError, ConnectionError) as problem:
@@ -244,13 +247,13 @@ class LinkTest(FleetTest):
         device = self.device(cluster)
         device.set_policy(servers=proxy.url)
         device.start_uplink()
-        self.wait_for_link(device, proxy)
+        self.wait_for_link(device)
         for _ in range(int(5 * EFFORT)):
             breaks = proxy.breaks
             proxy.left = random.randrange(1, 100000)  # Nearly always in the middle of a record.
             wait_until(lambda: proxy.breaks > breaks, "the link breaks")
         for is_losing in (False, True):
-            self.wait_for_link(device, proxy)
+            self.wait_for_link(device)
             proxy.is_losing = is_losing
             if not is_losing:
                 proxy.flowing.clear()
@@ -261,10 +264,9 @@ class LinkTest(FleetTest):
         device.stop_producers()
         self.assert_same(device)
 
-    def wait_for_link(self, device, proxy):
+    def wait_for_link(self, device):
         sent = device.metrics().get("messages_total", 0)
-        wait_until(lambda: device.uplink_log().count("Connected to") > proxy.breaks and
-                   device.metrics().get("messages_total", 0) > sent + 50, "messages")
+        wait_until(lambda: device.metrics().get("messages_total", 0) > sent + 50, "messages")
 
 
 class ManyCamerasTest(FleetTest):

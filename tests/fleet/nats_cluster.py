@@ -44,6 +44,7 @@ class Message:
 
 class Client:
     """One connection: requests and what JetStream answers, nothing more. `access` has the TLS context and what signs in."""
+    WINDOW = 64  # Of questions on their way.
 
     def __init__(self, port, domain=None, access=None):
         self.prefix = f"$JS.{domain}.API." if domain else "$JS.API."
@@ -113,19 +114,28 @@ class Client:
             raise LookupError(f"{operation}: {answer['error']}")
         return answer
 
-    def messages(self, stream, subject=">"):
+    def messages(self, stream):
         """All that a stream holds, in its order."""
-        result, sequence = [], 1
-        while True:
-            try:
-                found = self.api(f"STREAM.MSG.GET.{stream}", {"seq": sequence, "next_by_subj": subject})["message"]
-            except LookupError as problem:
-                if "no message found" in str(problem):
-                    return result
-                raise
-            decode = lambda key: base64.b64decode(found.get(key, ""))
-            result.append(Message(found["subject"], found["seq"], decode("hdrs"), decode("data")))
-            sequence = found["seq"] + 1
+        state = self.api(f"STREAM.INFO.{stream}")["state"]
+        found = {}
+        for first in range(state["first_seq"], state["last_seq"] + 1, self.WINDOW):
+            sequences = range(first, min(first + self.WINDOW, state["last_seq"] + 1))
+            for sequence in sequences:
+                self.publish(f"{self.prefix}STREAM.MSG.GET.{stream}", json.dumps({"seq": sequence}).encode(), f"{self.inbox}.get")
+            for _ in sequences:
+                answer_to, data = self.next()
+                assert answer_to.endswith(".get"), answer_to
+                answer = json.loads(data)
+                if "message" in answer:
+                    found[answer["message"]["seq"]] = answer["message"]
+                elif answer["error"]["err_code"] != 10037:  # There is none.
+                    raise LookupError(answer["error"])
+        return [self._decode(found[sequence]) for sequence in sorted(found)]
+
+    @staticmethod
+    def _decode(message):
+        head, data = (base64.b64decode(message.get(key, "")) for key in ("hdrs", "data"))
+        return Message(message["subject"], message["seq"], head, data)
 
 
 class Server:
