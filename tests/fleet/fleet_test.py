@@ -231,7 +231,7 @@ class TroubleTest(FleetTest):
         time.sleep(1.5)
         wait_until(is_close, "live data of the new time")
         device.stop_uplink()
-        device.set_clock(-4)  # and while it does not.
+        device.set_clock(-2)  # and while it does not.
         time.sleep(2)
         device.start_uplink()
         wait_until(lambda: "set back" in device.uplink_log(), "a new lane")
