@@ -19,12 +19,52 @@ from outside import Outside, parse_records
 from power_cuts import Life
 
 UNIT = "calvane-recorder"
+# What cards come with that keeps what it should: how it is made, how it is mounted for the recorder, and what repairs it.
+OTHER_FILE_SYSTEMS = {
+    "f2fs": ("mkfs.f2fs -q -f", "noatime", "fsck.f2fs -a"),
+    "exfat": ("mkfs.exfat", "noatime,uid=calvane,gid=calvane,fmask=0077,dmask=0077", "fsck.exfat -y"),
+}
 NOTHING_IS_SYNCED = "/etc/systemd/system/calvane-recorder.service.d/no-sync.conf"
 
 
 def expect(what, condition):
     if not condition:
         raise Fault(what)
+
+
+class OnDevice:
+    """Reads cards with other file systems on the device itself, whose kernel knows them."""
+
+    def __init__(self, device, kind, folder):
+        self._device, self._kind, self._image = device, kind, folder / "pushed.img"
+
+    def mount(self):
+        _, options, repair = OTHER_FILE_SYSTEMS[self._kind]
+        self._device.shell(f"{repair} /dev/mmcblk0 >/dev/null; mount -t {self._kind} -o {options} /dev/mmcblk0 /media/sd && "
+                           f"{{ test {self._kind} != f2fs || chown calvane: /media/sd; }}; systemctl start {UNIT}")
+
+    def make(self):
+        make, *_ = OTHER_FILE_SYSTEMS[self._kind]
+        self._device.wait_for_shell()
+        self._device.wait_for_recording() # On the card as it was made: before, it may be about to be mounted.
+        self._device.shell(f"systemctl stop {UNIT}; umount /media/sd && {make} /dev/mmcblk0")
+        self.mount()
+
+    def records(self, image):
+        """As Outside.records. The file system is repaired as at any boot."""
+        device = self._device
+        device.shell(f"systemctl stop {UNIT}; umount /media/sd", check=False)
+        device.pull_card()
+        wait_until("the pull is noticed", lambda: "gone" in device.shell("test -e /dev/mmcblk0 || echo gone", check=False))
+        shutil.copyfile(image, self._image)
+        device.push_card(Card(self._image))
+        wait_until("the card is there", lambda: "there" in device.shell("test -e /dev/mmcblk0 && echo there", check=False))
+        self.mount()
+        device.wait_for_recording()
+        records = {track: parse_records(device.shell(f"calvane-recording read --track {track} --list"))
+                   for track in ("video", "audio")}
+        device.shell(f"systemctl stop {UNIT}; calvane-store verify /media/sd")
+        return records
 
 
 class DeviceTest:
@@ -183,6 +223,26 @@ class DeviceTest:
             life.go(20, in_order=False)
             faults = life.check(self._outside, 5, self._options.seed, self._folder / "state.img")
             expect(f"nobody noticed that nothing was synced, with cached = {cached}", faults)
+
+    def test_other_file_systems(self):
+        """Cards with file systems that the package's rule does not mount: what survives a power cut there."""
+        device, faults = self._device, []
+        for kind in OTHER_FILE_SYSTEMS:
+            print(f"  {kind}", flush=True)
+            life = Life(device, self._new_card().path, self._folder / "life", cached=False)
+            try:
+                there = OnDevice(device, kind, self._folder)
+                there.make()
+                life.go(20, in_order=False)
+                device.start(self._new_card(), fresh=False)
+                device.wait_for_recording()
+                found = life.check(there, 4, self._options.seed, self._folder / "state.img")
+                faults += [f"{kind}: {fault}" for fault in found]
+            except Fault as fault:
+                print(f"  {fault}", flush=True)
+                faults.append(f"{kind}: {fault}")
+            device.cut_power()
+        expect("\n".join(faults), not faults)
 
     def test_figures(self):
         """What the process takes, while it records for a while; it must not grow."""
