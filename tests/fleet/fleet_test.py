@@ -114,10 +114,14 @@ class ClusterTest(FleetTest):
         device.start_uplink()
         follower.start()
 
+
+class KillTest(FleetTest):
+    SERVERS = 3
+
     def test_an_uplink_that_is_killed_many_times(self):
         cluster = self.cluster()
         device = self.device(cluster)
-        for _ in range(int(30 * EFFORT)):
+        for _ in range(int((30 if SLOWNESS == 1 else 10) * EFFORT)):
             device.start_uplink()
             time.sleep(random.uniform(0.05, 0.4) * SLOWNESS)
             device.stop_uplink(signal.SIGKILL)

@@ -45,10 +45,11 @@ class Message:
 class Client:
     """One connection: requests and what JetStream answers, nothing more. `access` has the TLS context and what signs in."""
     WINDOW = 64  # Of questions on their way.
+    PATIENCE = 10 * SLOWNESS
 
-    def __init__(self, port, domain=None, access=None):
+    def __init__(self, port, domain=None, access=None, patience=PATIENCE):
         self.prefix = f"$JS.{domain}.API." if domain else "$JS.API."
-        self.socket = socket.create_connection(("127.0.0.1", port), timeout=10 * SLOWNESS)
+        self.socket = socket.create_connection(("127.0.0.1", port), timeout=patience)
         self.file = self.socket.makefile("rb", 0)  # Without a buffer, since TLS begins behind the first line.
         info = json.loads(self.file.readline().split(b" ", 1)[1])
         options = {"verbose": False, "headers": True, "no_responders": True, "user": "camera", "pass": "right"}
@@ -240,7 +241,7 @@ class Cluster:
 
     def is_ready(self):
         try:
-            with self.client() as client:
+            with self.client(patience=1) as client:  # Servers without a leader do not answer.
                 client.api("INFO")
             return True
         except (OSError, LookupError):
@@ -250,11 +251,11 @@ class Cluster:
     def urls(self):
         return ",".join(server.url for server in self.servers)
 
-    def client(self):
+    def client(self, patience=Client.PATIENCE):
         for server in self.servers:
             if server.process:
                 try:
-                    return Client(server.port, self.domain, self.access)
+                    return Client(server.port, self.domain, self.access, patience)
                 except OSError:
                     pass
         raise ConnectionError("no server is there")
@@ -262,7 +263,7 @@ class Cluster:
     def leader(self, stream):
         """The server that leads a stream, None while none does."""
         try:
-            with self.client() as client:
+            with self.client(patience=1) as client:
                 name = client.api(f"STREAM.INFO.{stream}").get("cluster", {}).get("leader")
         except (OSError, LookupError):
             return None
