@@ -81,8 +81,8 @@ void OutputFile::Write(const std::uint8_t* bytes, std::size_t length) {
     }
     if (size_ - writtenOut_ >= kWrittenOut) {
         // Not every file system can; Keep syncs all the same.
-        (void)sync_file_range(descriptor_, static_cast<off_t>(writtenOut_), static_cast<off_t>(size_ - writtenOut_),
-                              SYNC_FILE_RANGE_WRITE);
+        (void)sync_file_range(descriptor_, static_cast<off_t>(writtenOut_),
+                              static_cast<off_t>(size_ - writtenOut_), SYNC_FILE_RANGE_WRITE);
         writtenOut_ = size_;
     }
 }
