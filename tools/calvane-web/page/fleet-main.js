@@ -10,7 +10,7 @@ import { askPassword, offerLogout } from "./login.js";
 import { Navigator } from "./navigator.js";
 import { gapsOf, showLegend } from "./panels.js";
 import { RECORDED, reasonText } from "./reasons.js";
-import { viewAround, zoomed } from "./scale.js";
+import { viewAround } from "./scale.js";
 import { Stage } from "./stage.js";
 import { Thumbnails } from "./thumbnails.js";
 import { emptyScene } from "./timeline.js";
@@ -163,9 +163,7 @@ function setSelecting(isOn) {
 }
 
 function zoom(factor) {
-  const { cursor, view } = scene;
-  const share = (cursor - view.from) / (view.to - view.from);
-  navigator.setView(zoomed(view, factor, share >= 0 && share <= 1 ? share : 0.5));
+  navigator.showSpan(navigator.span * factor);
 }
 
 /** Along the time by a part of the view, or by a frame where that is shorter. */

@@ -11,7 +11,6 @@ import { askPassword, offerLogout } from "./login.js";
 import { Navigator } from "./navigator.js";
 import { Events, gapsOf, showErased, showGaps, showRecorder } from "./panels.js";
 import { reasonText } from "./reasons.js";
-import { zoomed } from "./scale.js";
 import { Stage } from "./stage.js";
 import { Thumbnails } from "./thumbnails.js";
 import { Timeline, emptyScene } from "./timeline.js";
@@ -55,9 +54,7 @@ function setSelecting(isOn) {
 }
 
 function zoom(factor) {
-  const { cursor, view } = scene;
-  const share = (cursor - view.from) / (view.to - view.from);
-  navigator.setView(zoomed(view, factor, share >= 0 && share <= 1 ? share : 0.5));
+  navigator.showSpan(navigator.span * factor);
 }
 
 /** Along the time by a part of the view, or by a frame where that is shorter. */
