@@ -371,6 +371,21 @@ class PolicyTest(FleetTest):
         time.sleep(1)  # Nothing else comes.
         self.assertTrue(is_selected(), last)
 
+    def test_a_policy_that_is_wrong_is_told_of_by_its_line(self):
+        with tempfile.TemporaryDirectory() as folder:
+            file = os.path.join(folder, "uplink.ini")
+
+            def check(line):
+                with open(file, "w", encoding="utf-8") as policy:
+                    policy.write(f"[uplink]\ndevice = gate\n{line}\n")
+                done = subprocess.run([os.path.join(harness.BINARIES, "calvane-uplink"), "--check", file], check=False,
+                                      stderr=subprocess.PIPE, encoding="utf-8")
+                return done.returncode, done.stderr
+            self.assertEqual(check("servers = nats://hub:4222"), (0, ""))
+            status, said = check("servres = nats://hub:4222")
+            self.assertEqual(status, 2)
+            self.assertIn(f'{file}:3: [uplink] unknown key servres (did you mean "servers"?)', said)
+
     def test_what_lies_around_events_and_messages(self):
         cluster = self.cluster()
         # Metadata ends after five seconds.
