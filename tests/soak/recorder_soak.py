@@ -8,7 +8,7 @@ the card is pulled and put back, its settings are corrupted or removed, the bus 
 changes each second, and sixteen clients ask and read without a pause. Each answer is checked: records against what was
 sent, and the order and the form of the rest. It must go on recording, end in order and leave a good store.
 
-Needs root, since it makes a loop device, and libfaketime. Exit status: 0 all was right, 1 something was not, 2 it could
+Needs root, since it makes a loop device. Exit status: 0 all was right, 1 something was not, 2 it could
 not be run."""
 
 import argparse
@@ -121,14 +121,13 @@ class Soak:
                                      stdout=subprocess.PIPE, stderr=subprocess.DEVNULL, text=True)
         self._env["DBUS_SESSION_BUS_ADDRESS"] = self._bus.stdout.readline().strip()
         self._env.pop("DRENN_BUS", None)
-        library = next(pathlib.Path("/usr/lib").glob("*/faketime/libfaketimeMT.so.1"), None)
-        if library is None:
-            raise Unfit("libfaketime is not installed")
-        faked = dict(self._env, LD_PRELOAD=str(library), FAKETIME_TIMESTAMP_FILE=str(self._offset), FAKETIME_NO_CACHE="1",
-                     FAKETIME_DONT_FAKE_MONOTONIC="1", DONT_FAKE_MONOTONIC="1")
+        library = self._binaries.parent / "lib" / "shiftedclock.so"
+        if not library.exists():
+            raise Unfit(f"there is no {library}: the tests are not built")
+        shifted = dict(self._env, LD_PRELOAD=str(library), CALVANE_CLOCK_SHIFT=str(self._offset))
         self._recorder = subprocess.Popen(
             [self._binaries / "calvane-recorder", "--root", self._card.path, "--log", "*=warning", "--log-file",
-             self._folder / "log", self._folder / "recorder.ini"], env=faked, stdout=subprocess.DEVNULL)
+             self._folder / "log", self._folder / "recorder.ini"], env=shifted, stdout=subprocess.DEVNULL)
 
     def end(self):
         """Gives everything back, however it went."""
