@@ -52,7 +52,9 @@ track = audio
 
 
 def run(command):
-    """Seconds on the wall clock, of processor time, and KiB of memory at the most."""
+    """Seconds on the wall clock, of processor time, and KiB of memory at the most. What others have written is on the device
+    before: it would be written while this runs, at this one's cost."""
+    os.sync()
     begin = time.perf_counter()
     with subprocess.Popen(command, stdin=subprocess.DEVNULL, stdout=subprocess.DEVNULL) as process:
         return ended(process, begin)
@@ -122,6 +124,7 @@ class Recorder:
         description = os.path.join(self._folder, "media.ini")
         with open(description, "w", encoding="ascii") as file:
             file.write(DESCRIPTION.format(url=media.path, realtime=0 if seconds is None else 1))
+        os.sync()  # As in run().
         begin, media.recorded = time.perf_counter(), time.time()
         with subprocess.Popen(self.program("calvane-recorder", "--root", card, "--log", "*=warning", description),
                               stdin=subprocess.DEVNULL) as process:
