@@ -35,6 +35,7 @@ struct RecordingStatus {
 
     State state = State::Disabled;
     std::string problem; ///< What is wrong, in words; empty when nothing is.
+    std::string cardId;  ///< The identity of the recording, 32 hexadecimal digits; empty without one.
     // Of the card's file system, in bytes; 0 when it cannot be asked.
     std::uint64_t cardBytes = 0;
     std::uint64_t usableBytes = 0; ///< What can be written before the oldest data is erased.

@@ -11,7 +11,7 @@ import time
 import unittest
 from concurrent.futures import ThreadPoolExecutor
 
-from fleet_device import FAKE_CLOCK, RECORDS, TRACKS, FleetDevice, compare, fields, harness, microseconds, read_track, without_lost
+from fleet_device import RECORDS, TRACKS, FleetDevice, compare, fields, harness, microseconds, read_track, without_lost
 from nats_cluster import SLOWNESS, Cluster, Proxy, wait_until
 from nats_security import Authority, Operator, base64url
 
@@ -223,11 +223,11 @@ class TroubleTest(FleetTest):
         device.stop_producers()
         self.assert_same(device)
 
-    @unittest.skipUnless(FAKE_CLOCK, "libfaketime is not installed")
-    @unittest.skipIf(os.environ.get("CALVANE_SANITIZE"), "a sanitizer's library wants to be loaded before libfaketime")
+
+class ClockAndCardTest(FleetTest):
     def test_a_clock_that_is_set_back(self):
         cluster = self.cluster()
-        device = self.device(cluster, fake_clock=True)
+        device = self.device(cluster, own_clock=True)
         device.start_uplink()
         is_close = lambda: device.metrics().get("messages_total", 0) > 50 and device.metrics()["lag_seconds"] < 1
         wait_until(is_close, "live data")
@@ -238,9 +238,69 @@ class TroubleTest(FleetTest):
         device.set_clock(-2)  # and while it does not.
         time.sleep(2)
         device.start_uplink()
-        wait_until(lambda: "set back" in device.uplink_log(), "a new lane")
+        wait_until(lambda: "What was recorded of video" in device.uplink_log(), "a new lane")
         device.stop_producers()
         self.assert_same(device, prepare=without_lost)
+
+    def test_a_clock_that_is_set_back_before_all(self):
+        """The recorder erases everything, so that there is nothing that card and stream both have."""
+        cluster = self.cluster()
+        device = self.device(cluster, own_clock=True)
+        device.start_uplink()
+        counting = lambda: [time for time, _kind, _data in read_track(device.stream_messages(), "history")[0]]
+        wait_until(lambda: device.metrics().get("messages_total", 0) > 50 and counting(), "records and events")
+        device.stop_uplink()
+        device.set_clock(-3600)
+        time.sleep(2)
+        device.start_uplink()
+        wait_until(lambda: "All of video" in device.uplink_log(), "another lane")
+        device.stop_producers()
+        self.assert_same(device)
+        recorded = [microseconds(event["time"]) for event in device.ask_json("history")["events"]]
+        wait_until(lambda: counting() == recorded, "the history of the new time")
+
+    def test_another_card(self):
+        """What an older one has leaves the stream as it is, and what is recorded on it now follows; but what was dated by a clock
+        that was ahead gives way."""
+        cluster = self.cluster()
+        device = self.device(cluster, own_clock=True)
+        self.change_card(device, "older", -1000)
+        self.change_card(device, "newer", 0)
+        device.start_uplink()
+        device.stop_producers()
+        self.assert_same(device)
+        sent = {track: device.card_records(track) for track in TRACKS}
+        self.change_card(device, "older", 0)
+        device.stop_producers()
+        self.assert_streams(device, lambda track, _stream: sent[track] + [record for record in device.card_records(track)
+                                                                          if record[0] > sent[track][-1][0]])
+        self.change_card(device, "third", -500)
+        device.stop_producers()
+        # Without what had been recorded before the uplink saw it.
+        self.assert_streams(device, lambda track, stream: device.card_records(track)[-max(len(stream), 5):])
+
+    def change_card(self, device, name, clock):
+        device.stop_recorder()
+        device.card = device.path(name)
+        os.makedirs(device.card, exist_ok=True)
+        device.set_clock(clock)
+        device.start_recorder()
+        time.sleep(3 * SLOWNESS)
+
+    def assert_streams(self, device, expect):
+        last = []
+
+        def is_as_expected():
+            messages = device.stream_messages()
+            last[:] = []
+            for track in TRACKS:
+                stream, problems = read_track(messages, track)
+                last.extend(f"{track}: {text}" for text in problems + compare(expect(track, stream), stream))
+            return not last
+        try:
+            wait_until(is_as_expected, "the stream has what it should")
+        except AssertionError as problem:
+            raise AssertionError(f"{problem}: {last}\n{device.uplink_log()[-3000:]}") from problem
 
 
 class LinkTest(FleetTest):

@@ -142,6 +142,8 @@ private:
         const RecordingStatus status = control_.GetFacts().recording;
         return sdbus::Struct<T, T>{status.cardBytes, status.usableBytes};
     }
+    /// Not that of a second ago: who compares it with what the other services say must not take a new card for the old one.
+    std::string CardId() override { return quarn::calvane::GetRecordingStatus().cardId; }
     T BytesPerHour() override { return Sum(control_.GetFacts().bytesPerHour); }
     std::int64_t FullAt() override { return control_.GetFacts().forecast.fullAt; }
     std::string ErasesFirst() override { return NameOf(control_.GetFacts().forecast.erases); }

@@ -271,6 +271,10 @@ Status RecordingClient::GetStatus() {
     });
 }
 
+std::string RecordingClient::GetCardId() {
+    return Ask([&] { return control_->CardId(); });
+}
+
 std::optional<Status::Uplink> RecordingClient::AskUplink() const {
     const auto proxy =
         sdbus::createProxy(*connection_, "com.drenn.recording_uplink", "/com/drenn/recording_uplink");

@@ -147,6 +147,8 @@ public:
     /// At most `limit` events, and no more than 1000. The first page begins at {span.first, 0}.
     HistoryPage GetHistoryPage(const Span& span, const HistoryCursor& from, std::uint32_t limit);
     Status GetStatus();
+    /// The identity of the recording on the card; empty without one.
+    std::string GetCardId();
     Time GetMaximumRetention();
     void SetMaximumRetention(Time limit);
     Space GetMaximumSpace();

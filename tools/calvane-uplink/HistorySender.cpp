@@ -1,5 +1,6 @@
 #include "HistorySender.h"
 
+#include <algorithm>
 #include <limits>
 
 #include "calvane/recording/RecordingManager.h"
@@ -24,6 +25,9 @@ void HistorySender::Resume() {
     time_ = last ? last->head.time : 0;
     same_ = last ? static_cast<std::uint32_t>(last->head.same) : 0;
     text_ = last && last->head.kind == MessageKind::Event ? last->data : "";
+    const auto first = lane_ != 0 ? stream_.GetNext(calvane_fleet::HistorySubject(stream_.Device(), lane_), 1)
+                                  : std::nullopt;
+    card_ = first && first->head.kind == MessageKind::Begin ? first->head.card : 0;
 }
 
 void HistorySender::Send(Link& link) {
@@ -33,22 +37,20 @@ void HistorySender::Send(Link& link) {
     }
     lastLook_ = now;
     HistoryPage page = recorder_.GetHistoryPage({time_, kNever}, {time_, same_});
-    if (page.history.events.empty()) {
-        return;
+    if (!text_.empty() && !BeginsWithSent(page)) {
+        const std::uint64_t card = recorder_.GetCard();
+        // What another card has of the time before would take the place of what was sent.
+        const Time from = card_ != 0 && card_ != card ? std::min(time_ + 1, calvane_recording::Now()) : 0;
+        page = recorder_.GetHistoryPage({from, kNever}, {from, 0});
+        if (!page.history.events.empty() && (from != 0 || page.history.events.front().time <= time_)) {
+            OpenLane(link, page.history.events.front().time, card);
+        }
+    } else if (lane_ == 0 && !page.history.events.empty()) {
+        OpenLane(link, page.history.events.front().time, recorder_.GetCard());
     }
     auto event = page.history.events.begin();
-    if (!text_.empty()) {
-        if (event->time == time_ && ToText(*event) == text_) {
-            ++event; // It is the one that was sent.
-        } else {
-            page = recorder_.GetHistoryPage({0, kNever}, {0, 0});
-            event = page.history.events.begin();
-            if (event->time <= time_) {
-                OpenLane(link, event->time);
-            }
-        }
-    } else if (lane_ == 0) {
-        OpenLane(link, event->time);
+    if (BeginsWithSent(page)) {
+        ++event;
     }
     while (true) {
         for (; event != page.history.events.end(); ++event) {
@@ -62,12 +64,21 @@ void HistorySender::Send(Link& link) {
     }
 }
 
-void HistorySender::OpenLane(Link& link, Time begin) {
+/// With the event that was sent last.
+bool HistorySender::BeginsWithSent(const HistoryPage& page) const {
+    const auto& events = page.history.events;
+    return !text_.empty() && !events.empty() && events.front().time == time_ &&
+           ToText(events.front()) == text_;
+}
+
+void HistorySender::OpenLane(Link& link, Time begin, std::uint64_t card) {
     ++lane_;
+    card_ = card;
     text_.clear();
     MessageHead head;
     head.kind = MessageKind::Begin;
     head.time = begin;
+    head.card = card;
     link.Send(calvane_fleet::HistorySubject(stream_.Device(), lane_), head, nullptr, 0);
 }
 

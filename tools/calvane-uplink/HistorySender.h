@@ -10,7 +10,8 @@
 namespace calvane_uplink {
 
 /// Copies the events of the recorder's history into the stream of the device. When the card's history is another one than what
-/// was sent, all that the card has is sent again in a lane of its own, which counts from its begin on.
+/// was sent, all that the card has is sent again in a lane of its own, which counts from its begin on; of another card, what lies
+/// behind that.
 ///
 /// Threads:  one.
 /// Errors:   NatsError, which ends this; RecorderError, after which it goes on with the next call.
@@ -25,13 +26,15 @@ public:
     void Send(Link& link);
 
 private:
-    void OpenLane(Link& link, Time begin);
+    void OpenLane(Link& link, Time begin, std::uint64_t card);
+    bool BeginsWithSent(const calvane_recording::HistoryPage& page) const;
     void SendEvent(Link& link, const calvane_recording::Event& event);
     static std::string ToText(const calvane_recording::Event& event);
 
     calvane_fleet::DeviceStream& stream_;
     Recorder recorder_;
     std::uint64_t lane_ = 0;
+    std::uint64_t card_ = 0; // That of the lane; 0: not known.
     Time time_ = 0;          // Of the last event that was sent.
     std::uint32_t same_ = 0; // Events of that time in front of it.
     std::string text_;       // Empty: none was sent in the lane.

@@ -126,6 +126,15 @@ calvane_recording::HistoryPage Recorder::GetHistoryPage(const Span& span,
     return Ask([&](RecordingClient& client) { return client.GetHistoryPage(span, from, kEventsOfPage); });
 }
 
+std::uint64_t Recorder::GetCard() {
+    constexpr std::size_t kDigits = 15;
+    const std::string id = Ask([](RecordingClient& client) { return client.GetCardId(); });
+    if (id.empty()) {
+        throw RecorderError("There is no card");
+    }
+    return std::stoull(id.substr(0, kDigits), nullptr, 16);
+}
+
 bool Recorder::Has(TrackKind track, const Position& record) {
     try {
         const auto reader = Open(track, record, record.time);

@@ -87,6 +87,8 @@ public:
     std::vector<calvane_recording::Interval> GetCoverage(TrackKind track, const Span& span);
     calvane_recording::HistoryPage GetHistoryPage(const Span& span,
                                                   const calvane_recording::HistoryCursor& from);
+    /// The first 60 bits of the identity of what is recorded on the card. RecorderError without a card.
+    std::uint64_t GetCard();
     /// Whether the card has this very record.
     bool Has(TrackKind track, const Position& record);
 

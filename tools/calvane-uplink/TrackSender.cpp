@@ -70,6 +70,7 @@ void TrackSender::Resume() {
     }
     if (auto live = LoadLane(newestLane_, kNever)) {
         figures_.sentUpTo = live->sentUpTo;
+        live->card = first && first->head.kind == MessageKind::Begin ? first->head.card : 0;
         lanes_.push_back(std::move(*live));
     }
     const auto gap = stream_.GetLast(calvane_fleet::GapSubject(stream_.Device(), track_));
@@ -128,17 +129,19 @@ void TrackSender::CloseLanesAt(Time begin) {
     lanes_.remove_if([begin](const Lane& lane) { return lane.begin >= begin || lane.at.time >= begin; });
 }
 
-TrackSender::Lane& TrackSender::OpenLane(Link& link, Time begin) {
+TrackSender::Lane& TrackSender::OpenLane(Link& link, Time begin, std::uint64_t card) {
     CloseLanesAt(begin);
     selection_.LookAgain(); // Where the clock was set back, events are recorded anew, too.
     Lane lane;
     lane.number = ++newestLane_;
     lane.begin = lane.sentUpTo = begin;
     lane.end = kNever;
+    lane.card = card;
     lane.at.time = begin - 1;
     MessageHead head;
     head.kind = MessageKind::Begin;
     head.time = begin;
+    head.card = card;
     for (const Lane& open : lanes_) {
         head.open.push_back({open.number, open.end});
     }
@@ -172,7 +175,7 @@ bool TrackSender::SendLive(Link& link, std::size_t budget) {
         figures_.cardUpTo = card_.last;
         ForgetEvents(link);
         if (lanes_.empty()) {
-            OpenLane(link, card_.first);
+            OpenLane(link, card_.first, recorder_.GetCard());
         }
         const Lane& live = lanes_.back();
         if (live.at.isBehindRecord && card_.last == live.at.time) {
@@ -232,7 +235,7 @@ TrackSender::Progress TrackSender::SendFromReader(Link& link, Lane& lane, std::s
             break;
         }
         if (isFirst && IsBehind(lane, *record)) {
-            OpenLane(link, FindLiveBegin()).isAtLiveEdge = true;
+            OpenLane(link, FindLiveBegin(), recorder_.GetCard()).isAtLiveEdge = true;
             return Progress::More;
         }
         SendRecord(link, lane, *record);
@@ -275,27 +278,35 @@ Time TrackSender::FindLiveBegin() {
 
 /// The record behind which the lane goes on is not on the card. It was erased for its age or for space; or the recorder was
 /// killed before it was safe; or the clock was set back, and the recorder has erased what was later; or the card is another
-/// one.
+/// one. What the card and the stream both have tells, and where they have nothing in common, the card's identity.
 void TrackSender::FindPosition(Link& link, Lane& lane) {
     lastLook_ = std::chrono::steady_clock::now() + kLostPause;
+    const std::uint64_t card = recorder_.GetCard();
     card_ = recorder_.GetSpan(track_);
     const Time lost = lane.at.time;
-    if (card_.IsEmpty()) {
+    if (card_.IsEmpty() || card != recorder_.GetCard()) {
         return;
     }
-    if (card_.first > lost) {
+    const bool isLive = &lane == &lanes_.back();
+    const bool isOther = lane.card != 0 && lane.card != card;
+    if (card_.first > lost && !(isLive && isOther)) {
         lane.at.isBehindRecord = false;
         lane.isBehindErased = true;
         return;
     }
     link.WaitUntilStored(); // What was sent is looked for in the stream.
     const auto common = FindLastCommonOfAny(lane.number);
+    if (!common && !isLive) {
+        lane.at.isBehindRecord = false; // What the lane lacks is on another card, or gone.
+        return;
+    }
+    if (!common && lane.card != card) {
+        GoOnOnOtherCard(link, lost, card);
+        return;
+    }
     if (!common) {
-        if (card_.last > lost) {
-            Log().Warning("The card has nothing of what was sent of %s; going on behind %s", NameOf(track_),
-                          At(lost).c_str());
-            lane.at.isBehindRecord = false;
-        }
+        Log().Information("All of %s was recorded anew, since the clock was set back", NameOf(track_));
+        OpenLane(link, card_.first, card);
         return;
     }
     const auto next = recorder_.Open(track_, *common, card_.last)->Read();
@@ -308,7 +319,23 @@ void TrackSender::FindPosition(Link& link, Lane& lane) {
     }
     Log().Information("What was recorded of %s from %s on was recorded anew, since the clock was set back",
                       NameOf(track_), At(next->time).c_str());
-    OpenLane(link, common->time + 1);
+    OpenLane(link, common->time + 1, card);
+}
+
+/// What another card has of the time before `lost` would take the place of what the stream has of it, so it stays there. If the
+/// clock is behind that time, what was sent behind the clock was dated by one that was ahead, and gives way.
+void TrackSender::GoOnOnOtherCard(Link& link, Time lost, std::uint64_t card) {
+    const bool isAhead = calvane_recording::Now() < lost;
+    if (card_.last <= lost && !isAhead) {
+        return; // Until it has something.
+    }
+    const Time begin = isAhead ? FindLiveBegin() : std::max(card_.first, lost + 1);
+    if (card_.first < begin) {
+        Log().Warning(
+            "What another card has of %s from %s to %s is not sent, since the stream has another card's",
+            NameOf(track_), At(card_.first).c_str(), At(begin).c_str());
+    }
+    OpenLane(link, begin, card);
 }
 
 /// The last record of a lane or of those before it that the card has, too.

@@ -28,7 +28,8 @@ struct TrackFigures {
 /// A track is copied in lanes, each a subject whose times never decrease. The newest lane follows what is recorded now. When
 /// it has fallen behind and the newest data is to come first, another one is opened at the end of the card, and the older
 /// one goes on up to there when there is room; when the clock was set back and the recorder has erased what lies behind, the
-/// new lane takes the place of what the older ones have from there on. Where to go on is asked from the stream alone: the last
+/// new lane takes the place of what the older ones have from there on. The newest lane is of one card: another card begins
+/// another one, behind what was sent, so that what an older card has never takes the place of that. Where to go on is asked from the stream alone: the last
 /// message of each lane that is not complete.
 ///
 /// Threads:  one.
@@ -51,7 +52,8 @@ private:
     struct Lane {
         std::uint64_t number = 0;
         Time begin = 0;
-        Time end = 0; ///< Not included.
+        Time end = 0;           ///< Not included.
+        std::uint64_t card = 0; ///< That has its records; 0: not known.
         Position at;
         Time sentUpTo = 0; ///< The time of the last record, or the lane's begin.
         std::uint64_t records = 0;
@@ -72,7 +74,7 @@ private:
 
     std::optional<Lane> LoadLane(std::uint64_t number, Time end);
     void TakeInfo(Lane& lane) const;
-    Lane& OpenLane(Link& link, Time begin);
+    Lane& OpenLane(Link& link, Time begin, std::uint64_t card);
     void CloseLanesAt(Time begin);
     void EndLane(Link& link, Lane& lane);
     Progress SendSome(Link& link, Lane& lane, std::size_t budget);
@@ -83,6 +85,7 @@ private:
     Time FindLiveBegin();
     void ForgetEvents(Link& link);
     void FindPosition(Link& link, Lane& lane);
+    void GoOnOnOtherCard(Link& link, Time lost, std::uint64_t card);
     std::optional<Position> FindLastCommon(std::uint64_t lane);
     std::optional<Position> FindLastCommonOfAny(std::uint64_t lane);
     void SendRecord(Link& link, Lane& lane, const CardRecord& record);

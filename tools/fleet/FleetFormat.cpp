@@ -72,6 +72,8 @@ void Set(MessageHead& head, const std::string& key, const std::string& value, co
         head.reason = static_cast<unsigned int>(number);
     } else if (key == "lane") {
         head.lane = count;
+    } else if (key == "card") {
+        head.card = count;
     } // Others are of a later version.
 }
 
@@ -90,6 +92,7 @@ std::string ToText(const MessageHead& head) {
     Put(text, "last=", head.last);
     Put(text, "reason=", head.reason);
     Put(text, "lane=", head.lane);
+    Put(text, "card=", head.card);
     const char* before = " open=";
     for (const OpenLane& each : head.open) {
         text += before + std::to_string(each.lane) + "<" + std::to_string(each.end);

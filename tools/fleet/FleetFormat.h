@@ -46,6 +46,7 @@ struct MessageHead {
     Time last = 0;                ///< Of a gap: its end, as `time` is its begin.
     unsigned int reason = 0;      ///< Of a gap.
     std::uint64_t lane = 0;       ///< Of a gap: the lane that has it.
+    std::uint64_t card = 0;       ///< Of a lane's begin: the card that its records are on; 0: not known.
     std::vector<OpenLane> open;   ///< Of a lane's begin.
 
     /// Whether a record ends with a message of so many bytes.

@@ -50,6 +50,10 @@ void MultiTrackRecorder::eraseOldest(TrackClass trackClass, std::uint64_t most) 
     store_->EraseOldest(trackClass == TrackClass::Sparse, most);
 }
 
+std::string MultiTrackRecorder::getIdentity() const {
+    return store_->GetIdentity();
+}
+
 StoreState MultiTrackRecorder::getState() const {
     return store_->GetState();
 }

@@ -70,6 +70,8 @@ public:
     /// Not with the lock of a track held: std::logic_error.
     void eraseOldest(TrackClass trackClass, std::uint64_t most);
 
+    /// 32 hexadecimal digits that were chosen at random when the store was made, and stay with its card.
+    std::string getIdentity() const;
     StoreState getState() const;
     /// What was found damaged when the store was opened, and what is known to be damaged since earlier: a line for each
     /// file and place. What is damaged is kept, and the records around it can be read.

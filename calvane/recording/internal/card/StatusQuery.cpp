@@ -67,6 +67,7 @@ RecordingStatus lookAtRecording(const StorageLocation& location, DisabledReason 
         status.problem = WhyDisabled(reason);
         return status;
     }
+    status.cardId = session->card().store().getIdentity();
     for (const track_type type : {VIDEO_TRACK, AUDIO_TRACK, METADATA_TRACK}) {
         status.tracks[static_cast<std::size_t>(type)] = session->queries().getTrackStatus(type);
     }

@@ -49,6 +49,7 @@ public:
     std::uint64_t GetBytes(bool sparse) const;
     void EraseOldest(bool sparse, std::uint64_t most); ///< MultiTrackRecorder::eraseOldest.
 
+    std::string GetIdentity() const { return ToText(context_->id); }
     StoreState GetState() const { return context_->GetState(); }
     /// What was found damaged when the store was opened, and what is known to be damaged since earlier.
     std::vector<std::string> GetDamage() const { return tables_->GetDamage(); }
