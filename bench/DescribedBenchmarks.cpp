@@ -22,13 +22,14 @@ using quarn::calvane::Source;
 
 namespace {
 
-constexpr unsigned int kPoolBlocks = 5;
+constexpr int kPoolBlocks = 5;
 
 /// Makes as many buffers as its setting "buffers" says, then is out of data.
 class CountedSource : public PoolSource {
 public:
     explicit CountedSource(const IPluginConfiguration& config)
-        : PoolSource(kPoolBlocks), left_(config.GetIntOrDefault("buffers", 0)) {}
+        : PoolSource(static_cast<unsigned int>(config.GetIntOrDefault("blocks", kPoolBlocks))),
+          left_(config.GetIntOrDefault("buffers", 0)) {}
     bool OnGenerateBuffer(quarn::osa::TimeStruct& next) override {
         return left_-- > 0 && PoolSource::OnGenerateBuffer(next);
     }
@@ -108,15 +109,9 @@ void Metered(benchmark::State& state) {
 }
 BENCHMARK(Metered)->Arg(10);
 
-// As many pipelines as the argument says at once, each with a thread of its own, from start to end.
-void Concurrent(benchmark::State& state) {
-    constexpr int64_t kBuffers = 1'000'000; // Of all pipelines together.
-    Descriptions descriptions;
-    for (int64_t i = 0; i != state.range(0); ++i) {
-        descriptions.AddLine({"BenchCountedSource", "BenchPassThrough", "BenchDeletingSink"},
-                             "buffers = " + std::to_string(kBuffers / state.range(0)) + "\n");
-    }
-    const quarn::core::IniFile ini = descriptions.Parse();
+constexpr int64_t kBuffers = 1'000'000; // Of all pipelines together.
+
+void RunFromStartToEnd(benchmark::State& state, const quarn::core::IniFile& ini) {
     for ([[maybe_unused]] auto _ : state) {
         state.PauseTiming();
         auto manager = std::make_unique<PipelineManager>();
@@ -131,7 +126,37 @@ void Concurrent(benchmark::State& state) {
     }
     state.SetItemsProcessed(state.iterations() * kBuffers);
 }
+
+// As many pipelines as the argument says at once, each with a thread of its own, from start to end.
+void Concurrent(benchmark::State& state) {
+    Descriptions descriptions;
+    for (int64_t i = 0; i != state.range(0); ++i) {
+        descriptions.AddLine({"BenchCountedSource", "BenchPassThrough", "BenchDeletingSink"},
+                             "buffers = " + std::to_string(kBuffers / state.range(0)) + "\n");
+    }
+    RunFromStartToEnd(state, descriptions.Parse());
+}
 BENCHMARK(Concurrent)->Arg(1)->Arg(10)->Arg(50)->UseRealTime();
+
+// One queue, and as many threads in front of it as the argument says, with 200 buffers on the way.
+void QueueFedBy(benchmark::State& state) {
+    constexpr int64_t kOnTheWay = 200;
+    std::string names;
+    std::string groups;
+    for (int64_t i = 0; i != state.range(0); ++i) {
+        const std::string name = "feed" + std::to_string(i);
+        names += (i == 0 ? "" : ",") + name;
+        groups += "[" + name + "]\nt.pipeline.head = source-" + name + "\n[source-" + name +
+                  "]\nt.plugin.type = BenchCountedSource\nt.pipeline.next = queue\nbuffers = " +
+                  std::to_string(kBuffers / state.range(0)) +
+                  "\nblocks = " + std::to_string(kOnTheWay / state.range(0)) + "\n";
+    }
+    RunFromStartToEnd(
+        state, quarn::core::IniFile::FromText("[calvane]\nt.pipelines = " + names + "\n" + groups +
+                                              "[queue]\nt.plugin.type = QueuePlugin\nt.pipeline.next = sink\n"
+                                              "[sink]\nt.plugin.type = BenchDeletingSink\n"));
+}
+BENCHMARK(QueueFedBy)->Arg(4)->UseRealTime();
 
 // From the text of a description to pipelines that could be started.
 void StartUp(benchmark::State& state) {

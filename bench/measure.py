@@ -42,16 +42,17 @@ class Figures(dict):
         raise Failure(self.failures.get(name.removesuffix(" cpu"), f"there is no benchmark {name}"))
 
 
-def bench_figures(program, names, seconds, repetitions=1):
+def bench_figures(program, names, seconds, repetitions=1, prefix=()):
     """Runs benchmarks. Returns nanoseconds by name (with " cpu": processor time), and by name all of the rest.
 
     With repetitions they take turns, so that a machine that slows down for a while slows them all, and a time is
-    the median of them. When the program dies, each benchmark is run by itself, so that one costs only its own
-    figures."""
+    the median of them. `prefix`: words of a command that starts the program. When the program dies, each benchmark
+    is run by itself, so that one costs only its own figures."""
     options = [f"--benchmark_min_time={seconds}"] if seconds else []
     if repetitions > 1:
         options += [f"--benchmark_repetitions={repetitions}", "--benchmark_enable_random_interleaving=true"]
     times, facts = Figures(), Figures()
+    program = [*prefix, program]
     try:
         runs = _bench_runs(program, names, options)
     except Failure:
@@ -77,7 +78,7 @@ def bench_figures(program, names, seconds, repetitions=1):
 
 
 def _bench_output(program, names, options):
-    ran = subprocess.run([program, f"--benchmark_filter={names}", *options], stdout=subprocess.PIPE,
+    ran = subprocess.run([*program, f"--benchmark_filter={names}", *options], stdout=subprocess.PIPE,
                          stderr=subprocess.PIPE, check=False, encoding="utf-8")
     if ran.returncode != 0:
         said = ran.stderr.strip().splitlines() or ["nothing on standard error"]

@@ -14,6 +14,7 @@ import gstreamer
 from files import FileRows
 from growth import GrowthRows
 from measure import Failure, OthersWatch, Samples, add_extent, bench_figures, elapsed
+from queues import QueueRows
 from table import print_table
 
 GST_LINES = {
@@ -63,7 +64,7 @@ def path_rows(bench, rounds, extent, with_gst):
                        "smoke": (0.001, (1000, 3000))}[extent]
     samples = Samples()
     for _ in range(rounds):
-        ours, facts = bench_figures(bench, "^(PassThrough/1?0$|Generate|FanOut/3|Queue)", seconds)
+        ours, facts = bench_figures(bench, "^(PassThrough/1?0$|Generate|FanOut/3|QueueHandOff)", seconds)
         theirs = gst_round(counts) if with_gst else None
         for what, our_figure, their_figure, _limit in PATH_ROWS:
             samples.add(what, lambda o=our_figure, t=their_figure: (o(ours), t(theirs) if theirs else None))
@@ -106,6 +107,7 @@ def main():
 
     with OthersWatch() as others:
         rows, facts = path_rows(bench, rounds, options.extent, with_gst)
+        rows += QueueRows(bench, with_gst, options.extent).measure(min(rounds, 5))
         rows += GrowthRows(bench, calvane, with_gst, options.extent).measure(min(rounds, 5))
         rows += FileRows(calvane, gstreamer.GST if with_gst else None, options.extent).measure(rounds)
         rows += fact_rows(bench, facts)
