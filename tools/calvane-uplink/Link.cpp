@@ -14,6 +14,7 @@ constexpr std::size_t kRoomForHeaders = 512;
 constexpr std::size_t kLeastPayload = 1024;
 constexpr std::size_t kLeastBacklog = std::size_t{256} * 1024;
 constexpr double kBacklogSeconds = 0.5;
+constexpr double kFlightSeconds = 0.5;
 constexpr auto kMeasureEvery = std::chrono::milliseconds(200);
 constexpr auto kLook = std::chrono::milliseconds(100);
 
@@ -82,22 +83,33 @@ std::uint64_t Link::Send(const std::string& subject, const MessageHead& head, co
 
 /// A full link is let drain by a quarter, so that not every acknowledgement wakes the sender.
 void Link::WaitForRoom(std::unique_lock<std::mutex>& guard, std::size_t size) {
-    if (inFlight_.empty() || (inFlight_.size() < kMostMessages && bytesInFlight_ + size <= kMostBytes)) {
+    if (inFlight_.empty() || (inFlight_.size() < kMostMessages && bytesInFlight_ + size <= MostBytes())) {
         return;
     }
     isWaiting_ = true;
-    while (inFlight_.size() > kMostMessages / 4 * 3 || bytesInFlight_ > kMostBytes / 4 * 3) {
+    while (!HasDrained()) {
         changed_.wait_for(guard, kLook);
         CheckState();
     }
     isWaiting_ = false;
 }
 
+/// Under the lock. Servers that replicate acknowledge late: as much as a fast link takes meanwhile may be on its way.
+std::size_t Link::MostBytes() const {
+    const auto onTheWay = static_cast<std::size_t>(figures_.bytesPerSecond * kFlightSeconds);
+    return std::clamp(onTheWay, kMostBytes / 4, kMostBytes);
+}
+
+/// Under the lock.
+bool Link::HasDrained() const {
+    return inFlight_.size() <= kMostMessages / 4 * 3 && bytesInFlight_ <= MostBytes() / 4 * 3;
+}
+
 bool Link::HasRoomForBacklog() {
     const std::lock_guard<std::mutex> guard(lock_);
     CheckState();
     const auto room = static_cast<std::size_t>(figures_.bytesPerSecond * kBacklogSeconds);
-    return bytesInFlight_ < std::clamp(room, kLeastBacklog, kMostBytes) && inFlight_.size() < kMostMessages;
+    return bytesInFlight_ < std::clamp(room, kLeastBacklog, MostBytes()) && inFlight_.size() < kMostMessages;
 }
 
 bool Link::IsStored(std::uint64_t sequence) {
@@ -162,8 +174,7 @@ void Link::TakeAck(const std::string& text) {
     ++figures_.messages;
     figures_.bytes += bytes;
     MeasureRate(bytes);
-    if (inFlight_.empty() ||
-        (isWaiting_ && inFlight_.size() <= kMostMessages / 4 * 3 && bytesInFlight_ <= kMostBytes / 4 * 3)) {
+    if (inFlight_.empty() || (isWaiting_ && HasDrained())) {
         changed_.notify_all();
     }
 }

@@ -33,8 +33,8 @@ struct LinkFigures {
 /// Memory:   what was sent and not acknowledged lies in the buffers of the sockets and the client, kMostBytes of it.
 class Link {
 public:
-    /// In flight at most.
-    static constexpr std::size_t kMostBytes = std::size_t{8} * 1024 * 1024;
+    /// In flight at most: a quarter of it, and on a fast link more, as much as that takes within half a second.
+    static constexpr std::size_t kMostBytes = std::size_t{32} * 1024 * 1024;
     static constexpr std::size_t kMostMessages = 1024;
     /// An acknowledgement that takes longer is none.
     static constexpr std::chrono::milliseconds kAckTimeout{5000};
@@ -76,6 +76,8 @@ private:
     void TakeAck(const std::string& text);
     void Fail(const std::string& reason);
     void CheckState();
+    std::size_t MostBytes() const;
+    bool HasDrained() const;
     void WaitForRoom(std::unique_lock<std::mutex>& guard, std::size_t size);
     void MeasureRate(std::size_t bytes);
 
