@@ -17,7 +17,7 @@ import time
 from measure import Failure, OthersWatch, Samples, add_extent
 from table import print_table
 
-KIB = 1024
+KIB, GIB = 1024, 1 << 30
 FFMPEG = ["ffmpeg", "-nostdin", "-v", "error", "-y"]
 # 1080p30 at 8 Mbit/s and AAC, as a camera sends it; and as many pictures of a day as one in 200 ms.
 CAMERA = ["-f", "lavfi", "-i", "testsrc2=size=1920x1080:rate=30", "-f", "lavfi", "-i",
@@ -51,10 +51,16 @@ track = audio
 """
 
 
-def run(command):
-    """Seconds on the wall clock, of processor time, and KiB of memory at the most. What others have written is on the device
-    before: it would be written while this runs, at this one's cost."""
+def settle():
+    """What others have written is on the device before the next one runs: it would be written at that one's cost. So would be
+    memory that the host of a virtual machine has yet to provide, several times as slow as memory that was used just now."""
     os.sync()
+    subprocess.run([sys.executable, "-c", f"bytes(b'1' * {GIB})"], check=True)  # Not here: a child's memory begins with ours.
+
+
+def run(command):
+    """Seconds on the wall clock, of processor time, and KiB of memory at the most."""
+    settle()
     begin = time.perf_counter()
     with subprocess.Popen(command, stdin=subprocess.DEVNULL, stdout=subprocess.DEVNULL) as process:
         return ended(process, begin)
@@ -124,7 +130,7 @@ class Recorder:
         description = os.path.join(self._folder, "media.ini")
         with open(description, "w", encoding="ascii") as file:
             file.write(DESCRIPTION.format(url=media.path, realtime=0 if seconds is None else 1))
-        os.sync()  # As in run().
+        settle()
         begin, media.recorded = time.perf_counter(), time.time()
         with subprocess.Popen(self.program("calvane-recorder", "--root", card, "--log", "*=warning", description),
                               stdin=subprocess.DEVNULL) as process:
