@@ -224,9 +224,10 @@ class SafetyTest(WebTest):
         self.assertIn("--behind-proxy", refused("--listen", "0.0.0.0:0"))
         open_file = self.device.write("open", "$y$j9T$x$y\n", 0o644)
         self.assertIn("Others may read", refused("--listen", "127.0.0.1:0", "--password-file", open_file))
-        self.assertIn("--hash-password", refused("--password-file", self.device.write("plain", "secret\n")))
+        self.assertIn("--hash-password", refused("--listen", "127.0.0.1:0", "--password-file",
+                                                 self.device.write("plain", "secret\n")))
         self.assertIn("camera.local", refused("--listen", "camera.local:80"))
-        self.assertIn("go together", refused("--tls-cert", "x"))
+        self.assertIn("go together", refused("--listen", "127.0.0.1:0", "--tls-cert", "x"))
         self.assertIn("/nowhere", refused("--page", "/nowhere", "--listen", "127.0.0.1:0"))
 
 
