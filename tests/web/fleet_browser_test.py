@@ -1,6 +1,7 @@
 #!/usr/bin/env python3
 """The page of calvane-web --fleet in a real browser."""
 import glob
+import os
 import unittest
 
 from browser_test import Browser, By, Keys, iso, time_of
@@ -67,9 +68,13 @@ class FleetPageTest(Browser, FleetWebTest):
         self.keys(Keys.ARROW_UP)
         self.browser.execute_script(f"location.hash = '#sel={iso(begin + 1)}~{iso(begin + 3)}&zone=utc'")
         self.wait(lambda: "2 s" in self.text("export-about"), "the selection")
+        for earlier in glob.glob(f"{self.downloads}/*"):  # Of a try before this one.
+            os.remove(earlier)
         self.keys("e")
         self.wait(lambda: self.text("export-result").startswith("Saved gate-1_"), "the export's end")
-        theirs, = glob.glob(f"{self.downloads}/gate-1_*.mp4")
+        exported = f"{self.downloads}/gate-1_*.mp4"
+        self.wait(lambda: glob.glob(exported), "the file, which the browser writes behind the page")
+        theirs, = glob.glob(exported)
         ours = self.device.path("ours.mp4")
         self.device.ask("export", "--from", iso(begin + 1), "--to", iso(begin + 3), ours)
         self.assertEqual(self.packets(theirs), self.packets(ours))
