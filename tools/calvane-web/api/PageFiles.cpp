@@ -146,13 +146,10 @@ std::string DefaultPageFolder() {
     }
     std::error_code error;
     const fs::path programs = fs::read_symlink("/proc/self/exe", error).parent_path();
-    for (const char* const way : {CALVANE_PAGE_FROM_BIN, CALVANE_PAGE_FROM_LIBEXEC}) {
-        const fs::path installed = programs / way;
-        if (fs::exists(installed / "index.html", error)) {
-            return installed.lexically_normal().string();
-        }
-    }
-    return CALVANE_SOURCE_PAGE;
+    const fs::path fromLibexec = programs / CALVANE_PAGE_FROM_LIBEXEC;
+    const fs::path folder =
+        fs::exists(fromLibexec / "index.html", error) ? fromLibexec : programs / CALVANE_PAGE_FROM_BIN;
+    return folder.lexically_normal().string();
 }
 
 } // namespace calvane_web
