@@ -43,12 +43,13 @@ int Serve(const Options& options) {
     // First: it makes no thread but sees all signals.
     calvane_program::SignalWatcher signals([&uplink] { uplink->Reload(); });
     try {
+        if (options.check) {
+            const calvane_uplink::Policy policy(options.uplink.policyFile); // No bus and no server is needed.
+            return calvane_program::kDone;
+        }
         uplink = std::make_unique<Uplink>(options.uplink);
     } catch (const std::exception& problem) {
         throw std::invalid_argument(problem.what()); // Whatever is wrong with the policy.
-    }
-    if (options.check) {
-        return calvane_program::kDone;
     }
     signals.Watch([&uplink] { uplink->Stop(); });
     uplink->Run();
