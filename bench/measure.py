@@ -2,6 +2,7 @@
 import json
 import os
 import subprocess
+import sys
 import time
 from statistics import median
 
@@ -25,6 +26,25 @@ def elapsed(command):
     if process.returncode != 0:
         raise Failure(f"{' '.join(command)[:100]} ended with status {process.returncode}")
     return wall, usage.ru_utime + usage.ru_stime
+
+
+def settle():
+    """What others have written is on the device before the next one runs: it would be written at that one's cost. So would be
+    memory that the host of a virtual machine has yet to provide, several times as slow as memory that was used just now."""
+    os.sync()
+    subprocess.run([sys.executable, "-c", f"bytes(b'1' * {1 << 30})"], check=True)  # Not here: a child's memory begins with ours.
+
+
+def forget_cache():
+    """Empties the page cache, and settles. False when that is not allowed."""
+    os.sync()
+    try:
+        with open("/proc/sys/vm/drop_caches", "w", encoding="ascii") as caches:
+            caches.write("3\n")
+    except OSError:
+        return False
+    settle()
+    return True
 
 
 class Failure(Exception):

@@ -14,10 +14,10 @@ import sys
 import tempfile
 import time
 
-from measure import Failure, OthersWatch, Samples, add_extent
+from measure import Failure, OthersWatch, Samples, add_extent, forget_cache, settle
 from table import print_table
 
-KIB, GIB = 1024, 1 << 30
+KIB = 1024
 FFMPEG = ["ffmpeg", "-nostdin", "-v", "error", "-y"]
 # 1080p30 at 8 Mbit/s and AAC, as a camera sends it; and as many pictures of a day as one in 200 ms.
 CAMERA = ["-f", "lavfi", "-i", "testsrc2=size=1920x1080:rate=30", "-f", "lavfi", "-i",
@@ -51,13 +51,6 @@ track = audio
 """
 
 
-def settle():
-    """What others have written is on the device before the next one runs: it would be written at that one's cost. So would be
-    memory that the host of a virtual machine has yet to provide, several times as slow as memory that was used just now."""
-    os.sync()
-    subprocess.run([sys.executable, "-c", f"bytes(b'1' * {GIB})"], check=True)  # Not here: a child's memory begins with ours.
-
-
 def run(command):
     """Seconds on the wall clock, of processor time, and KiB of memory at the most."""
     settle()
@@ -82,12 +75,6 @@ def own_memory(process):
 
 def bytes_below(folder):
     return sum(os.path.getsize(os.path.join(here, name)) for here, _folders, names in os.walk(folder) for name in names)
-
-
-def forget_cache():
-    os.sync()
-    with open("/proc/sys/vm/drop_caches", "w", encoding="ascii") as caches:
-        caches.write("3\n")
 
 
 def warm_up(program):

@@ -14,7 +14,7 @@ import tempfile
 from statistics import median
 from typing import NamedTuple
 
-from measure import OthersWatch, add_extent
+from measure import OthersWatch, add_extent, forget_cache
 
 SECONDS_OF_SEGMENT = 7  # At 2.4 MB/s.
 DEVICE = "Bench,1"
@@ -23,17 +23,6 @@ DEVICE = "Bench,1"
 def run(*command):
     return subprocess.run(command, check=True, stdin=subprocess.DEVNULL, stdout=subprocess.PIPE,
                           encoding="utf-8").stdout.strip()
-
-
-def forget_cache():
-    """False when that is not allowed."""
-    os.sync()
-    try:
-        with open("/proc/sys/vm/drop_caches", "w", encoding="ascii") as caches:
-            caches.write("3\n")
-    except OSError:
-        return False
-    return True
 
 
 class Programs:

@@ -14,7 +14,7 @@ import sys
 import tempfile
 from statistics import median
 
-from measure import OthersWatch, add_extent
+from measure import OthersWatch, add_extent, forget_cache, settle
 
 MIB = 1024 * 1024
 NAMES = {"raw": "raw append", "store": "this store", "sqlite": "SQLite blobs", "lmdb": "LMDB", "rocksdb": "RocksDB",
@@ -64,12 +64,6 @@ class Device:
         return figures[6] * 512, figures[15]
 
 
-def forget_cache():
-    os.sync()
-    with open("/proc/sys/vm/drop_caches", "w", encoding="ascii") as caches:
-        caches.write("3\n")
-
-
 class Candidates:
     def __init__(self, program, device, seconds):
         self._program, self._device, self._seconds = program, device, str(seconds)
@@ -91,6 +85,7 @@ class Candidates:
     def _append(self, name):
         """On a fresh file system."""
         self._device.renew()
+        settle()
         bytes_before, flushes_before = self._device.counters()
         append = self._bench("append", name, self._seconds)
         run("sync", "--file-system", self._device.folder)

@@ -86,6 +86,9 @@ public:
     /// The times of the records next to `t`, in front of it and behind it, or twice that of a record at `t`. Nothing where
     /// there is none on one side, or where it takes a closer look: one cannot be read or is hidden.
     std::optional<std::pair<Ptime, Ptime>> findAround(const Ptime& t) const;
+    /// The times of two records around `t` that the store knows without reading, at most the length of a segment apart: the
+    /// first one is earlier than `t`, the second one is not. Nothing where it knows none on one side, or one is hidden.
+    std::optional<std::pair<Ptime, Ptime>> findKnownAround(const Ptime& t) const;
     /// The info map that holds at `t`, and the times of the first and the last record that it holds for.
     void getTrackInfoAt(const Ptime& t, std::map<std::string, std::string>& info, Ptime& rangeStart,
                         Ptime& rangeEnd);
@@ -135,8 +138,7 @@ private:
         std::int64_t lowTicks;
         std::int64_t highTicks;
     };
-    /// A record that a search came across.
-    struct Seen {
+    struct Place {
         std::int64_t ticks;
         unsigned int index;
     };
@@ -148,12 +150,13 @@ private:
     unsigned int firstOfItsTime(unsigned int index) const;
     Bracket findNeighbours(std::int64_t wanted, unsigned int size) const;
     Bracket beginNear(std::int64_t wanted, unsigned int size) const;
-    Bracket bracketOf(std::int64_t wanted, unsigned int size, const std::optional<Seen>& low,
-                      const std::optional<Seen>& high) const;
+    std::pair<std::optional<Place>, std::optional<Place>> findKnown(std::int64_t wanted) const;
+    Bracket bracketOf(std::int64_t wanted, unsigned int size, const std::optional<Place>& low,
+                      const std::optional<Place>& high) const;
     void narrow(Bracket& bracket) const;
     bool lookAt(Bracket& bracket, double place) const;
-    std::vector<Seen>::iterator firstSeenNotBefore(std::int64_t ticks) const;
-    void noteSeen(unsigned int index, std::int64_t ticks) const;
+    std::vector<Place>::iterator firstSeenNotBefore(std::int64_t ticks) const;
+    void noteSeen(const Bracket& found) const;
     bool adoptTrack(drenn::multi_track_recorder::Recording& recording);
     void reportErased(unsigned int first, unsigned int last) const;
     ITrackOwner& owner() const;
@@ -169,7 +172,7 @@ private:
     boost::signals2::connection _eraseRangeConnection;
     // By time. Only where searches begin to look: what they find is checked, since records are erased and lost. Guarded by
     // the track's lock.
-    mutable std::vector<Seen> _seen;
+    mutable std::vector<Place> _seen;
     mutable std::set<std::string> _passedOver; // What the log has been told. Guarded by the track's lock.
     unsigned int _hidden = 0;                  // So many of the oldest records. Guarded by the track's lock.
     std::uint64_t _erasings = 0;               // Likewise.

@@ -11,16 +11,19 @@
 #include "calvane/recording/RecordingTrack.h"
 #include "calvane/recording/internal/InfoMap.h"
 #include "calvane/recording/internal/RecordingLog.h"
+#include "calvane/recording/internal/RecordingRules.h"
 #include "calvane/recording/internal/StoredRecord.h"
 #include "calvane/recording/internal/TrackLock.h"
 
 namespace quarn::calvane {
 
 using boost::posix_time::ptime;
+using StoreTrack = drenn::multi_track_recorder::Track;
 
 namespace {
 
 constexpr unsigned int kMostSeen = 8192; // 128 KiB.
+const double kLargestGap = static_cast<double>(kLargestRecordGap.ticks());
 constexpr unsigned int kLookedAtOneByOne = 64;
 constexpr std::size_t kMostSaid = 3;
 constexpr unsigned int kFewestForRate = 64;
@@ -36,6 +39,12 @@ double distance(std::int64_t from, std::int64_t to) {
 /// Records per tick; 0 when there are too few to tell, or no time between them.
 double rateOf(unsigned int records, std::int64_t from, std::int64_t to) {
     return records < kFewestForRate || to <= from ? 0 : records / distance(from, to);
+}
+
+std::int64_t ticksOf(const StoreTrack::LeadingBytes& leading) {
+    RecordHeader header;
+    std::memcpy(&header, leading.data(), sizeof header);
+    return header.ticks;
 }
 
 /// The first of `count` places where reading works; `count` if there is none. Damage is mostly small, or a whole file:
@@ -200,7 +209,8 @@ RecordingTrack::Bracket RecordingTrack::findNeighbours(std::int64_t wanted, unsi
     // If they are next to each other and both were read, it does not matter where the search began.
     const bool isLowTrue = bracket.low != begun.low || readHeader(bracket.low).ticks < wanted;
     const bool isHighTrue = bracket.high != begun.high || wanted <= readHeader(bracket.high).ticks;
-    if (bracket.low < bracket.high && isLowTrue && isHighTrue) {
+    if (isLowTrue && isHighTrue) {
+        noteSeen(bracket);
         return bracket;
     }
     _seen.clear(); // Records were erased since, or lost with the card.
@@ -211,47 +221,42 @@ RecordingTrack::Bracket RecordingTrack::findNeighbours(std::int64_t wanted, unsi
     return bracket;
 }
 
-/// Between the nearest records whose times need no read: those that searches came across, and those that the store knows.
+/// Between the nearest records whose times need no read: those that searches ended with, and those that the store knows.
 RecordingTrack::Bracket RecordingTrack::beginNear(std::int64_t wanted, unsigned int size) const {
-    const auto toSeen = [](const drenn::multi_track_recorder::Track::KnownRecord& known) {
-        RecordHeader header;
-        std::memcpy(&header, known.leading.data(), sizeof header);
-        return Seen{header.ticks, known.index};
-    };
-    std::optional<Seen> low;
-    std::optional<Seen> high;
+    auto [low, high] = findKnown(wanted);
     const auto next = firstSeenNotBefore(wanted);
-    if (next != _seen.begin() && std::prev(next)->index < size) {
+    if (next != _seen.begin() && std::prev(next)->index < size && (!low || low->index < std::prev(next)->index)) {
         low = *std::prev(next);
     }
-    if (next != _seen.end() && next->index < size) {
+    if (next != _seen.end() && next->index < size && (!high || next->index < high->index)) {
         high = *next;
-    }
-    const auto known = _track->findKnown([&](const auto& leading) {
-        return toSeen({0, leading}).ticks < wanted;
-    });
-    if (known.first && (!low || low->index < known.first->index)) {
-        low = toSeen(*known.first);
-    }
-    if (known.second && (!high || known.second->index < high->index)) {
-        high = toSeen(*known.second);
     }
     const bool isInOrder = !low || !high || low->index < high->index;
     return isInOrder ? bracketOf(wanted, size, low, high)
                      : bracketOf(wanted, size, std::nullopt, std::nullopt);
 }
 
+/// The records next to the wanted time, in front of it and behind it, of those that the store knows without a read.
+std::pair<std::optional<RecordingTrack::Place>, std::optional<RecordingTrack::Place>>
+RecordingTrack::findKnown(std::int64_t wanted) const {
+    const auto toPlace = [](const std::optional<StoreTrack::KnownRecord>& known) {
+        return known ? std::make_optional(Place{ticksOf(known->leading), known->index}) : std::nullopt;
+    };
+    const auto [low, high] = _track->findKnown([&](const StoreTrack::LeadingBytes& leading) {
+        return ticksOf(leading) < wanted;
+    });
+    return {toPlace(low), toPlace(high)};
+}
+
 /// Between these two, or the first and the last record.
 RecordingTrack::Bracket RecordingTrack::bracketOf(std::int64_t wanted, unsigned int size,
-                                                  const std::optional<Seen>& low,
-                                                  const std::optional<Seen>& high) const {
-    const Seen first = low ? *low : Seen{readHeader(0).ticks, 0};
-    noteSeen(first.index, first.ticks);
+                                                  const std::optional<Place>& low,
+                                                  const std::optional<Place>& high) const {
+    const Place first = low ? *low : Place{readHeader(0).ticks, 0};
     if (wanted <= first.ticks) {
         return {wanted, first.index, first.index, first.ticks, first.ticks};
     }
-    const Seen last = high ? *high : Seen{readHeader(size - 1).ticks, size - 1};
-    noteSeen(last.index, last.ticks);
+    const Place last = high ? *high : Place{readHeader(size - 1).ticks, size - 1};
     if (last.ticks < wanted) {
         return {wanted, last.index, last.index, last.ticks, last.ticks};
     }
@@ -269,8 +274,7 @@ void RecordingTrack::narrow(Bracket& bracket) const {
     const double place = bracket.low + distance(bracket.lowTicks, bracket.wanted) *
                                            (bracket.high - bracket.low) /
                                            distance(bracket.lowTicks, bracket.highTicks);
-    lookAt(bracket, place + kLeastMargin);
-    lookAt(bracket, place - kLeastMargin);
+    lookAt(bracket, place);
     unsigned int margin = kLeastMargin;
     double rate = rateOf(bracket.high - bracket.low, bracket.lowTicks, bracket.highTicks);
     while (bracket.high > bracket.low + 1) {
@@ -292,45 +296,61 @@ void RecordingTrack::narrow(Bracket& bracket) const {
     }
 }
 
-/// Narrows the bracket down to the record at a place. False, without a look, when that is not inside.
+/// Narrows the bracket down to the record at a place, or by those that are read with it. False, without a look, when that is
+/// not inside.
 bool RecordingTrack::lookAt(Bracket& bracket, double place) const {
     if (!(place >= bracket.low + 1.0 && place <= bracket.high - 1.0)) {
         return false;
     }
-    const auto index = static_cast<unsigned int>(place);
-    const std::int64_t ticks = readHeader(index).ticks;
-    noteSeen(index, ticks);
-    if (ticks < bracket.wanted) {
-        bracket.low = index;
-        bracket.lowTicks = ticks;
-    } else {
-        bracket.high = index;
-        bracket.highTicks = ticks;
+    const auto isBefore = [&](const StoreTrack::Leading& leading) {
+        return recordHeaderOf(leading).ticks < bracket.wanted;
+    };
+    const auto [before, behind] = _track->findNear(static_cast<unsigned int>(place), isBefore);
+    const bool isLower = before && bracket.low < before->index;
+    const bool isHigher = behind && behind->index < bracket.high;
+    if (isLower) {
+        bracket.low = before->index;
+        bracket.lowTicks = ticksOf(before->leading);
+    }
+    if (isHigher) {
+        bracket.high = behind->index;
+        bracket.highTicks = ticksOf(behind->leading);
+    }
+    if ((!isLower && !isHigher) || bracket.low >= bracket.high) {
+        throw std::runtime_error("Times of records are not in order");
     }
     return true;
 }
 
-std::vector<RecordingTrack::Seen>::iterator RecordingTrack::firstSeenNotBefore(std::int64_t ticks) const {
+std::vector<RecordingTrack::Place>::iterator RecordingTrack::firstSeenNotBefore(std::int64_t ticks) const {
     return std::lower_bound(_seen.begin(), _seen.end(), ticks,
-                            [](const Seen& seen, std::int64_t value) { return seen.ticks < value; });
+                            [](const Place& seen, std::int64_t value) { return seen.ticks < value; });
 }
 
-/// Keeps it unless there is another one near. When there are too many, which lie close since the track was short, it
-/// begins anew.
-void RecordingTrack::noteSeen(unsigned int index, std::int64_t ticks) const {
-    const unsigned int apart = _track->size() / (kMostSeen / 2);
-    const auto next = firstSeenNotBefore(ticks);
-    const bool isFarFromNext = next == _seen.end() || next->index > std::uint64_t{index} + apart;
-    const bool isFarFromLast = next == _seen.begin() || index > std::uint64_t{std::prev(next)->index} + apart;
-    if (!isFarFromNext || !isFarFromLast) {
+/// Keeps what a search ended with: the record in front, unless there is another one near, and both ends of a gap, which take
+/// the longest to find. When there are too many, which lie close since the track was short, it begins anew.
+void RecordingTrack::noteSeen(const Bracket& found) const {
+    const std::uint64_t apart = _track->size() / (kMostSeen / 2);
+    const auto next = firstSeenNotBefore(found.lowTicks);
+    const bool isNear = (next != _seen.end() && next->index <= found.low + apart) ||
+                        (next != _seen.begin() && found.low <= std::prev(next)->index + apart);
+    const bool isGap = distance(found.lowTicks, found.highTicks) > kLargestGap;
+    if (isNear && !isGap) {
         return;
     }
-    if (_seen.size() >= kMostSeen) {
+    if (_seen.size() + 2 > kMostSeen) {
         _seen.clear();
-        _seen.push_back({ticks, index});
-        return;
     }
-    _seen.insert(next, {ticks, index});
+    const auto note = [this](const Place& place) {
+        const auto behind = firstSeenNotBefore(place.ticks);
+        if (behind == _seen.end() || behind->ticks != place.ticks) {
+            _seen.insert(behind, place);
+        }
+    };
+    note({found.lowTicks, found.low});
+    if (isGap) {
+        note({found.highTicks, found.high});
+    }
 }
 
 /// Within the lock: the first of the records of the same time.
@@ -380,6 +400,18 @@ std::optional<RecordingTrack::Bracket> RecordingTrack::findReadableNeighbours(co
     } catch (const std::exception&) { // A record cannot be read.
         return std::nullopt;
     }
+}
+
+std::optional<std::pair<ptime, ptime>> RecordingTrack::findKnownAround(const ptime& t) const {
+    const TrackLock lock(*_track);
+    if (t.is_special()) {
+        return std::nullopt;
+    }
+    const auto [low, high] = findKnown(ticksFromTime(t));
+    if (!low || !high || low->index < _hidden) {
+        return std::nullopt;
+    }
+    return std::pair{timeFromTicks(low->ticks), timeFromTicks(high->ticks)};
 }
 
 std::optional<std::pair<ptime, ptime>> RecordingTrack::findAround(const ptime& t) const {

@@ -173,7 +173,25 @@ TEST(Trust, HintsAreKeptAndNotTrusted) {
             }
             EXPECT_TRUE(!before || found[before->index] < wanted) << wanted;
             EXPECT_TRUE(!behind || found[behind->index] >= wanted) << wanted;
+            for (unsigned int index = 0; index != OnlyTrack(store)->size(); ++index) {
+                const auto [last, next] = OnlyTrack(store)->findNear(
+                    index, [&](const Track::Leading& leading) { return numberOf(leading.bytes) < wanted; });
+                EXPECT_TRUE(last || next) << index;
+                EXPECT_TRUE(!last || !next || last->index + 1 == next->index) << index;
+                EXPECT_TRUE(next || last->index >= index) << index;
+                EXPECT_TRUE(last || next->index <= index) << index;
+                for (const auto& record : {last, next}) {
+                    EXPECT_TRUE(!record || TextAt(*OnlyTrack(store), record->index) ==
+                                               NumberText(numberOf(record->leading)))
+                        << index;
+                }
+                EXPECT_TRUE(!last || numberOf(last->leading) < wanted) << index;
+                EXPECT_TRUE(!next || numberOf(next->leading) >= wanted) << index;
+            }
         }
+        EXPECT_THROW(
+            OnlyTrack(store)->findNear(OnlyTrack(store)->size(), [](const auto&) { return true; }),
+            std::out_of_range);
         return found;
     };
     {

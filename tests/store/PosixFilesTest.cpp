@@ -182,6 +182,12 @@ TEST_F(PosixFiles, NameWhatTheyCannotDo) {
     for (const OpenMode mode : {OpenMode::Read, OpenMode::ReadWrite, OpenMode::Create}) {
         EXPECT_THAT(ThrownText<FileError>([&] { files.Open(folder.Path("link"), mode); }), HasSubstr("link"));
     }
+    const auto held = files.OpenFolder(folder.Path());
+    EXPECT_EQ(held->Open("renamed", OpenMode::Read)->Size(), 2U);
+    EXPECT_THAT(ThrownText<FileError>([&] { held->Open("link", OpenMode::Read); }),
+                HasSubstr(folder.Path("link")));
+    std::filesystem::create_directory_symlink(folder.Path(), folder.Path("folder"));
+    EXPECT_THROW(files.OpenFolder(folder.Path("folder")), FileError);
     EXPECT_TRUE(files.Exists(folder.Path("link")));
     ASSERT_EQ(mkfifo(folder.Path("fifo").c_str(), 0600), 0);
     EXPECT_THAT(ThrownText<FileError>([&] { files.Open(folder.Path("fifo"), OpenMode::ReadWrite); }),

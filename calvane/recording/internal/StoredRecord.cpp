@@ -40,7 +40,10 @@ bool splitRecord(const BlobRecord& record, const unsigned char*& data, unsigned 
 }
 
 RecordHeader readRecordHeader(const Track& track, unsigned int index) {
-    const Track::Leading leading = track.getLeading(index);
+    return recordHeaderOf(track.getLeading(index));
+}
+
+RecordHeader recordHeaderOf(const Track::Leading& leading) {
     RecordHeader header;
     parseHeader({leading.bytes.data(), leading.firstBlobBytes}, header);
     return header;

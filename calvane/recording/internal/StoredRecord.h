@@ -19,6 +19,8 @@ bool splitRecord(const drenn::multi_track_recorder::BlobRecord& record, const un
 /// Only the header, which costs less than a whole record. Throws std::runtime_error "Parse error in recorded data" unless
 /// there is one; what the store throws.
 RecordHeader readRecordHeader(const drenn::multi_track_recorder::Track& track, unsigned int index);
+/// The same, of how a record begins.
+RecordHeader recordHeaderOf(const drenn::multi_track_recorder::Track::Leading& leading);
 
 /// A whole record of a track, read.
 ///

@@ -72,6 +72,11 @@ Track::KnownRecords Track::findKnown(const std::function<bool(const LeadingBytes
     return impl_->FindKnown(isBefore);
 }
 
+Track::KnownRecords Track::findNear(unsigned int index,
+                                    const std::function<bool(const Leading&)>& isBefore) const {
+    return impl_->FindNear(index, isBefore);
+}
+
 void Track::lock() const {
     impl_->Lock();
 }

@@ -11,7 +11,6 @@ namespace {
 
 constexpr std::size_t kMostOpen = 128;
 constexpr std::size_t kMostKept = 1U << 18U; // Of one record, by each thread that reads.
-constexpr std::size_t kEntriesTogether = 64; // 3 KiB; a read of one costs nearly the same.
 constexpr std::size_t kMostParts = 16;       // 48 KiB of each open segment.
 constexpr std::size_t kMostCost = 1U << 18U; // In blocks of a directory, which take 24 bytes each: 6 MiB.
 constexpr std::size_t kCostOfOne = 16;       // What a directory takes beside its blocks.
@@ -89,12 +88,12 @@ BlockRef SegmentReader::BlockOf(std::uint32_t track, std::uint64_t serial) const
 }
 
 RecordEntry SegmentReader::Entry(std::uint32_t track, std::uint64_t serial) const {
-    return EntryOf(BlockOf(track, serial), serial);
+    return Entry(*PartOf(track, serial), serial);
 }
 
 void SegmentReader::Read(std::uint32_t track, std::uint64_t serial, BlobRecord& record) const {
     const BlockRef block = BlockOf(track, serial);
-    const RecordEntry entry = EntryOf(block, serial);
+    const RecordEntry entry = Entry(*PartOf(block, serial), serial);
     const std::uint32_t wanted = BlobsToRead(entry.blobs, record.getBlobLimit());
     if (wanted == 0) {
         return;
@@ -124,35 +123,50 @@ void SegmentReader::Read(std::uint32_t track, std::uint64_t serial, BlobRecord& 
     }
 }
 
+std::shared_ptr<const IndexPart> SegmentReader::PartOf(std::uint32_t track, std::uint64_t serial) const {
+    return PartOf(BlockOf(track, serial), serial);
+}
+
 /// The blocks in the directory are durable, so what their indexes hold does not change any more.
-RecordEntry SegmentReader::EntryOf(const BlockRef& block, std::uint64_t serial) const {
-    const std::uint64_t place = serial - block.firstSerial;
-    const std::uint64_t begin = place / kEntriesTogether * kEntriesTogether;
+std::shared_ptr<const IndexPart> SegmentReader::PartOf(const BlockRef& block, std::uint64_t serial) const {
+    const std::uint64_t begin =
+        (serial - block.firstSerial) / IndexPart::kMostEntries * IndexPart::kMostEntries;
     const std::uint64_t offset = std::uint64_t{block.offset} + kBlockHeaderBytes + begin * kEntryBytes;
     const std::size_t slot = offset / kEntryBytes * 0x9E3779B1U % kMostParts;
-    const auto decode = [&](const Bytes& entries) {
-        const std::size_t at = static_cast<std::size_t>(place - begin) * kEntryBytes;
-        return at + kEntryBytes <= entries.size() ? DecodeEntry(&entries[at], directory_->Salt(), serial)
-                                                  : std::nullopt;
-    };
     {
         const std::lock_guard<std::mutex> lock(mutex_);
-        if (!parts_.empty() && parts_[slot].offset == offset) {
-            if (const auto entry = decode(parts_[slot].entries)) {
-                return *entry;
-            }
+        if (!parts_.empty() && parts_[slot] != nullptr && parts_[slot]->offset == offset &&
+            Decode(*parts_[slot], serial)) {
+            return parts_[slot];
         }
     }
-    Bytes entries(static_cast<std::size_t>(std::min<std::uint64_t>(kEntriesTogether, block.count - begin)) *
-                  kEntryBytes);
-    entries.resize(file_->Read(offset, entries.data(), entries.size()));
-    const auto entry = decode(entries);
-    if (!entry) {
-        Fail(block.track, serial, "its entry is cut off or fails its checksum");
-    }
+    const auto part = std::make_shared<IndexPart>();
+    const std::uint64_t count = std::min<std::uint64_t>(IndexPart::kMostEntries, block.count - begin);
+    const std::size_t bytes =
+        file_->Read(offset, part->entries.data(), static_cast<std::size_t>(count) * kEntryBytes);
+    part->track = block.track;
+    part->offset = offset;
+    part->range.first = block.firstSerial + begin;
+    part->range.end = part->range.first + bytes / kEntryBytes;
+    (void)Entry(*part, serial);
     const std::lock_guard<std::mutex> lock(mutex_);
     parts_.resize(kMostParts);
-    parts_[slot] = {offset, std::move(entries)};
+    parts_[slot] = part;
+    return part;
+}
+
+std::optional<RecordEntry> SegmentReader::Decode(const IndexPart& part, std::uint64_t serial) const {
+    return serial >= part.range.end
+               ? std::nullopt
+               : DecodeEntry(&part.entries[static_cast<std::size_t>(serial - part.range.first) * kEntryBytes],
+                             directory_->Salt(), serial);
+}
+
+RecordEntry SegmentReader::Entry(const IndexPart& part, std::uint64_t serial) const {
+    const auto entry = Decode(part, serial);
+    if (!entry) {
+        Fail(part.track, serial, "its entry is cut off or fails its checksum");
+    }
     return *entry;
 }
 
@@ -163,6 +177,8 @@ void SegmentReader::Fail(std::uint32_t track, std::uint64_t serial, const std::s
 
 std::shared_ptr<SegmentReader> SegmentCache::Get(const Segment& segment) {
     std::shared_ptr<SegmentDirectory> directory;
+    std::shared_ptr<const IFolder> folder;
+    std::uint64_t drops = 0;
     {
         const std::lock_guard<std::mutex> lock(mutex_);
         const auto place = places_.find(segment.key);
@@ -173,14 +189,24 @@ std::shared_ptr<SegmentReader> SegmentCache::Get(const Segment& segment) {
             }
             directory = place->second->directory;
         }
+        folder = folder_;
+        drops = drops_;
     }
     // Not under the lock: the device may be slow, and others read what is open.
-    auto reader = Open(segment, std::move(directory));
-    Insert(segment, reader, false);
+    if (folder == nullptr) {
+        folder = files_.OpenFolder(segment.path.substr(0, segment.path.rfind('/')));
+    }
+    auto reader = Open(*folder, segment, std::move(directory));
+    const std::lock_guard<std::mutex> lock(mutex_);
+    if (drops == drops_) { // Otherwise it is of a card that is away.
+        folder_ = std::move(folder);
+        Insert(segment, reader, false);
+    }
     return reader;
 }
 
 void SegmentCache::Pin(const Segment& segment, std::shared_ptr<SegmentReader> reader) {
+    const std::lock_guard<std::mutex> lock(mutex_);
     Insert(segment, std::move(reader), true);
 }
 
@@ -192,7 +218,7 @@ void SegmentCache::Unpin(const Segment& segment) {
         slot.isPinned = false;
         slot.cost = kCostOfOne + slot.directory->Blocks();
         cost_ += slot.cost;
-        slot.open = open_.insert(open_.begin(), slot.key);
+        slot.open = open_.insert(open_.begin(), place->second);
         Shrink();
     }
 }
@@ -207,6 +233,8 @@ void SegmentCache::Drop(SegmentKey key) {
 
 void SegmentCache::DropAll() {
     const std::lock_guard<std::mutex> lock(mutex_);
+    ++drops_;
+    folder_.reset();
     slots_.clear();
     places_.clear();
     open_.clear();
@@ -214,20 +242,24 @@ void SegmentCache::DropAll() {
 }
 
 void SegmentCache::Insert(const Segment& segment, std::shared_ptr<SegmentReader> reader, bool isPinned) {
-    const std::lock_guard<std::mutex> lock(mutex_);
-    const auto place = places_.find(segment.key);
-    if (place != places_.end()) {
-        if (!isPinned && place->second->reader != nullptr) {
-            return; // Another thread has opened it meanwhile.
-        }
+    auto place = places_.find(segment.key);
+    if (place != places_.end() && isPinned) {
         Remove(place->second);
+        place = places_.end();
     }
-    const std::size_t cost = isPinned ? 0 : kCostOfOne + reader->Directory()->Blocks();
-    slots_.push_front({segment.key, reader->Directory(), std::move(reader), isPinned, cost, {}});
-    places_[segment.key] = slots_.begin();
-    cost_ += cost;
-    if (!isPinned) {
-        slots_.front().open = open_.insert(open_.begin(), segment.key);
+    if (place == places_.end()) {
+        const std::size_t cost = isPinned ? 0 : kCostOfOne + reader->Directory()->Blocks();
+        slots_.push_front({segment.key, reader->Directory(), nullptr, isPinned, cost, {}});
+        place = places_.emplace(segment.key, slots_.begin()).first;
+        cost_ += cost;
+    }
+    const auto slot = place->second;
+    if (slot->reader != nullptr) {
+        return; // Another thread has opened it meanwhile.
+    }
+    slot->reader = std::move(reader);
+    if (slot->IsCounted()) {
+        slot->open = open_.insert(open_.begin(), slot);
     }
     Shrink();
 }
@@ -251,7 +283,7 @@ void SegmentCache::Remove(Slots::iterator slot) {
 /// Closes, and then forgets, those that were not used for longest.
 void SegmentCache::Shrink() {
     while (open_.size() > kMostOpen) {
-        places_.at(open_.back())->reader.reset();
+        open_.back()->reader.reset();
         open_.pop_back();
     }
     for (auto slot = slots_.end(); cost_ > kMostCost && slot != std::next(slots_.begin());) {
@@ -264,9 +296,10 @@ void SegmentCache::Shrink() {
     }
 }
 
-std::shared_ptr<SegmentReader> SegmentCache::Open(const Segment& segment,
+std::shared_ptr<SegmentReader> SegmentCache::Open(const IFolder& folder, const Segment& segment,
                                                   std::shared_ptr<SegmentDirectory> directory) const {
-    const std::shared_ptr<const IFile> file = files_.Open(segment.path, OpenMode::Read);
+    const std::shared_ptr<const IFile> file =
+        folder.Open(segment.path.substr(segment.path.rfind('/') + 1), OpenMode::Read);
     if (directory == nullptr) {
         directory = ReadDirectory(segment, *file);
     }

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <array>
 #include <atomic>
 #include <list>
 #include <map>
@@ -7,6 +8,7 @@
 #include <mutex>
 #include <optional>
 #include <string>
+#include <unordered_map>
 #include <vector>
 
 #include "drenn/multi_track_recorder/BlobRecord.h"
@@ -36,7 +38,17 @@ private:
     std::map<std::uint32_t, std::vector<BlockRef>> blocks_; ///< Of each track, in the order of serials.
 };
 
-/// Reads records of one segment. Keeps some parts of its index, each with the entries of records that lie together.
+/// The entries of some records that lie together in the index of a block, as they are on the device.
+struct IndexPart {
+    static constexpr std::size_t kMostEntries = 64; ///< 3 KiB; reading one costs nearly the same.
+
+    std::uint32_t track;
+    std::uint64_t offset; ///< In the segment.
+    SerialRange range;    ///< The records.
+    std::array<unsigned char, kMostEntries * kEntryBytes> entries;
+};
+
+/// Reads records of one segment. Keeps some parts of its index.
 ///
 /// Threads: any.
 /// Errors:  std::runtime_error that names the file and the record for what is missing or fails its checksum.
@@ -48,23 +60,22 @@ public:
     const std::shared_ptr<SegmentDirectory>& Directory() const { return directory_; }
     RecordEntry Entry(std::uint32_t track, std::uint64_t serial) const;
     void Read(std::uint32_t track, std::uint64_t serial, BlobRecord& record) const;
+    /// The part with the entry of this record, which was checked.
+    std::shared_ptr<const IndexPart> PartOf(std::uint32_t track, std::uint64_t serial) const;
+    /// Of a record in the part.
+    RecordEntry Entry(const IndexPart& part, std::uint64_t serial) const;
 
 private:
-    /// Some entries of a block; checked when one is taken out.
-    struct IndexPart {
-        std::uint64_t offset = 0; ///< In the segment; 0: nothing.
-        Bytes entries;
-    };
-
     BlockRef BlockOf(std::uint32_t track, std::uint64_t serial) const;
-    RecordEntry EntryOf(const BlockRef& block, std::uint64_t serial) const;
+    std::shared_ptr<const IndexPart> PartOf(const BlockRef& block, std::uint64_t serial) const;
+    std::optional<RecordEntry> Decode(const IndexPart& part, std::uint64_t serial) const;
     [[noreturn]] void Fail(std::uint32_t track, std::uint64_t serial, const std::string& reason) const;
 
     const std::shared_ptr<const IFile> file_;
     const std::string path_;
     const std::shared_ptr<SegmentDirectory> directory_;
     mutable std::mutex mutex_;
-    mutable std::vector<IndexPart> parts_; ///< Each in the place that its offset tells.
+    mutable std::vector<std::shared_ptr<const IndexPart>> parts_; ///< Each in the place that its offset tells.
 };
 
 /// A segment, as the tables in memory know it.
@@ -105,19 +116,25 @@ public:
     void DropAll();
 
 private:
+    struct Slot;
+    using Slots = std::list<Slot>;
     struct Slot {
         SegmentKey key;
         std::shared_ptr<SegmentDirectory> directory;
         std::shared_ptr<SegmentReader> reader; ///< Null: closed.
         bool isPinned;
         std::size_t cost;
-        std::list<SegmentKey>::iterator open; ///< Of one that is open and not pinned.
+        std::list<Slots::iterator>::iterator open; ///< Of one that is open and not pinned.
 
         bool IsCounted() const { return reader != nullptr && !isPinned; }
     };
-    using Slots = std::list<Slot>;
+    struct Hash {
+        std::size_t operator()(const SegmentKey& key) const {
+            return std::hash<std::uint64_t>()(std::uint64_t{key.lane} << 32U | key.sequence);
+        }
+    };
 
-    std::shared_ptr<SegmentReader> Open(const Segment& segment,
+    std::shared_ptr<SegmentReader> Open(const IFolder& folder, const Segment& segment,
                                         std::shared_ptr<SegmentDirectory> directory) const;
     std::shared_ptr<SegmentDirectory> ReadDirectory(const Segment& segment, const IFile& file) const;
     void Insert(const Segment& segment, std::shared_ptr<SegmentReader> reader, bool isPinned);
@@ -128,9 +145,11 @@ private:
     IFileSystem& files_;
     const StoreId store_;
     std::mutex mutex_;
+    std::shared_ptr<const IFolder> folder_; ///< Null: closed.
+    std::uint64_t drops_ = 0;               ///< How often everything was let go of.
     Slots slots_; ///< Used last in front.
-    std::map<SegmentKey, Slots::iterator> places_;
-    std::list<SegmentKey> open_; ///< Those that are open and not pinned, likewise.
+    std::unordered_map<SegmentKey, Slots::iterator, Hash> places_;
+    std::list<Slots::iterator> open_; ///< Those that are open and not pinned, likewise.
     std::size_t cost_ = 0;       ///< Of slots that are not pinned.
 };
 

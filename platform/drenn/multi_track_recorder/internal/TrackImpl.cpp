@@ -23,6 +23,10 @@ std::uint64_t BytesOf(const BlobRecord& record) {
     return bytes;
 }
 
+Track::Leading LeadingOf(const RecordEntry& entry) {
+    return {entry.firstBytes, entry.blobs == 0 ? 0 : entry.firstBlobBytes};
+}
+
 } // namespace
 
 TrackImpl::TrackImpl(StoreContext& context, Lane& lane, std::shared_ptr<TrackContent> content,
@@ -278,7 +282,7 @@ Track::Leading TrackImpl::GetLeading(std::uint32_t index) const {
     const RecordEntry entry = place.block != nullptr
                                   ? place.block->Entry(serial)
                                   : context_.cache.Get(*place.segment)->Entry(content_->id, serial);
-    return {entry.firstBytes, entry.blobs == 0 ? 0 : entry.firstBlobBytes};
+    return LeadingOf(entry);
 }
 
 Track::KnownRecords TrackImpl::FindKnown(const std::function<bool(const LeadingBytes&)>& isBefore) const {
@@ -286,6 +290,38 @@ Track::KnownRecords TrackImpl::FindKnown(const std::function<bool(const LeadingB
     RequireAttached();
     const std::lock_guard<std::mutex> lock(content_->mutex);
     return content_->FindKnown(isBefore);
+}
+
+Track::KnownRecords TrackImpl::FindNear(
+    std::uint32_t index, const std::function<bool(const Track::Leading&)>& isBefore) const {
+    const Guard guard(*this);
+    RequireAttached();
+    context_.RequireCard();
+    const std::uint64_t serial = SerialAt(index);
+    const Place place = PlaceOf(serial);
+    const auto reader = place.block == nullptr ? context_.cache.Get(*place.segment) : nullptr;
+    const auto part = reader == nullptr ? nullptr : reader->PartOf(content_->id, serial);
+    const SerialRange range =
+        part == nullptr ? SerialRange{place.block->FirstSerial(), place.block->EndSerial()} : part->range;
+    const std::lock_guard<std::mutex> lock(content_->mutex);
+    Track::KnownRecords found;
+    std::uint64_t low = content_->survivors.IndexOf(range.first);
+    std::uint64_t high = content_->survivors.IndexOf(range.end);
+    while (low != high) {
+        const std::uint64_t middle = low + (high - low) / 2;
+        const std::uint64_t at = content_->survivors.SerialAt(middle);
+        const Track::Leading leading =
+            LeadingOf(part == nullptr ? place.block->Entry(at) : reader->Entry(*part, at));
+        const Track::KnownRecord known{static_cast<unsigned int>(middle), leading.bytes};
+        if (isBefore(leading)) {
+            found.first = known;
+            low = middle + 1;
+        } else {
+            found.second = known;
+            high = middle;
+        }
+    }
+    return found;
 }
 
 void TrackImpl::Raise(std::uint32_t first, std::uint32_t last) const {

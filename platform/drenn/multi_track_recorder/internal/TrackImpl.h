@@ -38,6 +38,8 @@ public:
     void SetInfo(const std::string& text);
     Track::Leading GetLeading(std::uint32_t index) const;
     Track::KnownRecords FindKnown(const std::function<bool(const LeadingBytes&)>& isBefore) const;
+    Track::KnownRecords FindNear(std::uint32_t index,
+                                 const std::function<bool(const Track::Leading&)>& isBefore) const;
     void EraseRange(std::uint32_t first, std::uint32_t last);
     boost::signals2::connection ConnectToEraseRangeSignal(const Track::EraseRangeSignal::slot_type& slot);
 

@@ -29,6 +29,23 @@ public:
     virtual ~IFile() = default;
 };
 
+enum class OpenMode {
+    Read,
+    ReadWrite,
+    Create,   ///< Reads and writes; made when absent.
+    CreateNew ///< Reads and writes; an error when it is there.
+};
+
+/// A folder that is held open: files in it are opened without looking for it again.
+///
+/// Threads: any.
+/// Errors:  FileError.
+class IFolder {
+public:
+    virtual std::unique_ptr<IFile> Open(const std::string& name, OpenMode mode) const = 0;
+    virtual ~IFolder() = default;
+};
+
 /// Keeps others out of a folder for as long as it lives.
 class IFolderLock {
 public:
@@ -39,13 +56,6 @@ public:
 struct Space {
     std::uint64_t usable; ///< Used, plus what this writer may still take.
     std::uint64_t free;   ///< What this writer may still take.
-};
-
-enum class OpenMode {
-    Read,
-    ReadWrite,
-    Create,   ///< Reads and writes; made when absent.
-    CreateNew ///< Reads and writes; an error when it is there.
 };
 
 /// All that the store does with files goes through here, the catalogue's included, so that tests can watch it,
@@ -59,6 +69,8 @@ enum class OpenMode {
 class IFileSystem {
 public:
     virtual std::unique_ptr<IFile> Open(const std::string& path, OpenMode mode) = 0;
+    /// The file system outlives it.
+    virtual std::unique_ptr<IFolder> OpenFolder(const std::string& path);
     /// Locks the folder itself, which nobody can delete from under its lock as they could a lock file; nothing when
     /// another process, or another lock of this one, has it.
     virtual std::unique_ptr<IFolderLock> TryLockFolder(const std::string& path) = 0;

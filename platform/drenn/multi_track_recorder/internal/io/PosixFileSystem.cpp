@@ -83,16 +83,15 @@ int FlagsOf(OpenMode mode) {
 class PosixFile : public IFile {
 public:
     // Opening a FIFO does not wait; what is no regular file is refused before anything is read or written.
-    PosixFile(const std::string& path, OpenMode mode)
-        : path_(path),
-          descriptor_(Folder(FolderOf(path)).Number(), NameOf(path), path,
-                      FlagsOf(mode) | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY) {
+    PosixFile(const Folder& folder, const std::string& name, std::string path, OpenMode mode)
+        : path_(std::move(path)),
+          descriptor_(folder.Number(), name, path_, FlagsOf(mode) | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY) {
         struct stat status {};
         if (fstat(descriptor_.Number(), &status) != 0) {
-            Fail("look at", path);
+            Fail("look at", path_);
         }
         if (!S_ISREG(status.st_mode)) {
-            throw FileError("open what is no regular file,", path, EINVAL);
+            throw FileError("open what is no regular file,", path_, EINVAL);
         }
     }
 
@@ -180,6 +179,19 @@ private:
     const Descriptor descriptor_;
 };
 
+class PosixFolder : public IFolder {
+public:
+    explicit PosixFolder(const std::string& path) : path_(path), folder_(path) {}
+
+    std::unique_ptr<IFile> Open(const std::string& name, OpenMode mode) const override {
+        return std::make_unique<PosixFile>(folder_, name, path_ + '/' + name, mode);
+    }
+
+private:
+    const std::string path_;
+    const Folder folder_;
+};
+
 class PosixFolderLock : public IFolderLock {
 public:
     explicit PosixFolderLock(const std::string& path) : folder_(path) {}
@@ -193,7 +205,11 @@ private:
 class PosixFiles : public IFileSystem {
 public:
     std::unique_ptr<IFile> Open(const std::string& path, OpenMode mode) override {
-        return std::make_unique<PosixFile>(path, mode);
+        return std::make_unique<PosixFile>(Folder(FolderOf(path)), NameOf(path), path, mode);
+    }
+
+    std::unique_ptr<IFolder> OpenFolder(const std::string& path) override {
+        return std::make_unique<PosixFolder>(path);
     }
 
     std::unique_ptr<IFolderLock> TryLockFolder(const std::string& path) override {
