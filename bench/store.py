@@ -74,12 +74,10 @@ class Candidates:
     def measure(self, names, rounds):
         """All figures of each candidate."""
         samples = {name: [] for name in names}
-        for round_number in range(rounds):
+        for _ in range(rounds):
             for name in names:
-                samples[name].append(self._append(name))
-                if round_number + 1 == rounds:
-                    samples[name][-1].update(self._read(name))
-        return {name: {key: median(each[key] for each in runs if key in each) for key in runs[-1]}
+                samples[name].append({**self._append(name), **self._read(name)})
+        return {name: {key: median(each[key] for each in runs) for key in runs[-1]}
                 for name, runs in samples.items()}
 
     def _append(self, name):
