@@ -132,8 +132,9 @@ def print_targets(figures, openings):
     store, raw, sqlite = (figures[name] for name in ("store", "raw", "sqlite"))
     print("\n| target | measured | wanted | met |\n|---|---:|---:|---|")
     target("append; of raw", store["MB/s"] / raw["MB/s"], 0.9, at_least=True)
-    target("device bytes per payload byte", store["bytes"], 1.07)
-    target("flushes; of raw", store["flushes"] / raw["flushes"], 1.25)
+    target("device bytes per payload byte", store["bytes"], 1.03)
+    target("flushes; of raw", store["flushes"] / raw["flushes"], 1.1)
+    target("read all; of raw", store["read"] / raw["read"], 0.8, at_least=True)
     target("header warm; times faster than SQLite", sqlite["warm"] / store["warm"], 3, at_least=True)
     target("header cold; times faster than SQLite", sqlite["cold"] / store["cold"], 3, at_least=True)
     for row in openings:

@@ -125,9 +125,8 @@ void FileSource::Open(const std::string& fileName) {
     if (fileName.empty()) {
         ErrorInSetting(kFileNameKey, std::string("You must provide a valid ") + kFileNameKey + " setting");
     }
-    stream_ = std::make_unique<std::ifstream>();
-    stream_->rdbuf()->pubsetbuf(nullptr, 0); // Blocks go straight from the file into the buffers.
-    stream_->open(fileName, std::ios_base::in | std::ios_base::binary);
+    // Blocks of 8 KiB and more go straight from the file into the buffers; of smaller ones the stream reads several at once.
+    stream_ = std::make_unique<std::ifstream>(fileName, std::ios_base::in | std::ios_base::binary);
     if (!*stream_ || IsFolder(fileName)) {
         stream_.reset();
         ErrorInSetting(kFileNameKey, "Failed to open file " + fileName);
