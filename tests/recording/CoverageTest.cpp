@@ -280,6 +280,24 @@ TEST_F(Coverage, WhatIsTooOldIsHiddenAtOnceAndErasedInBatches) {
     EXPECT_THAT(TimesOf(AUDIO_TRACK), ElementsAre(2.9));
 }
 
+TEST_F(Coverage, WhatIsHiddenIsNotTakenFromWhatTheStoreKnows) {
+    RecordingManager::setMaxRetentionTime(boost::posix_time::seconds(100));
+    Report(VIDEO_TRACK, 1, true);
+    const std::string payload(200000, 'x'); // So that there are several segments.
+    for (int i = 0; i < 250; ++i) {
+        const double time = 1 + 0.02 * i;
+        Advance(time);
+        ASSERT_TRUE(TrackOf(VIDEO_TRACK).writeRecord(At(time), 0, payload.data(), payload.size()));
+    }
+    ProcessAt(10);
+    ASSERT_TRUE(TrackOf(VIDEO_TRACK).findKnownAround(At(2)));
+    EXPECT_EQ(StateAt(2), "1100");
+    SetClock(105);
+    EXPECT_EQ(StateAt(2), "0000");
+    EXPECT_FALSE(TrackOf(VIDEO_TRACK).findKnownAround(At(2)));
+    EXPECT_EQ(StateAt(5.5), "1100");
+}
+
 TEST_F(Coverage, AttributesComeWithTheRangeThatTheyHoldFor) {
     unsigned out[8] = {};
     double rate = 0;
