@@ -225,7 +225,8 @@ RecordingTrack::Bracket RecordingTrack::findNeighbours(std::int64_t wanted, unsi
 RecordingTrack::Bracket RecordingTrack::beginNear(std::int64_t wanted, unsigned int size) const {
     auto [low, high] = findKnown(wanted);
     const auto next = firstSeenNotBefore(wanted);
-    if (next != _seen.begin() && std::prev(next)->index < size && (!low || low->index < std::prev(next)->index)) {
+    if (next != _seen.begin() && std::prev(next)->index < size &&
+        (!low || low->index < std::prev(next)->index)) {
         low = *std::prev(next);
     }
     if (next != _seen.end() && next->index < size && (!high || next->index < high->index)) {
@@ -242,9 +243,8 @@ RecordingTrack::findKnown(std::int64_t wanted) const {
     const auto toPlace = [](const std::optional<StoreTrack::KnownRecord>& known) {
         return known ? std::make_optional(Place{ticksOf(known->leading), known->index}) : std::nullopt;
     };
-    const auto [low, high] = _track->findKnown([&](const StoreTrack::LeadingBytes& leading) {
-        return ticksOf(leading) < wanted;
-    });
+    const auto [low, high] =
+        _track->findKnown([&](const StoreTrack::LeadingBytes& leading) { return ticksOf(leading) < wanted; });
     return {toPlace(low), toPlace(high)};
 }
 

@@ -189,9 +189,8 @@ TEST(Trust, HintsAreKeptAndNotTrusted) {
                 EXPECT_TRUE(!next || numberOf(next->leading) >= wanted) << index;
             }
         }
-        EXPECT_THROW(
-            OnlyTrack(store)->findNear(OnlyTrack(store)->size(), [](const auto&) { return true; }),
-            std::out_of_range);
+        EXPECT_THROW(OnlyTrack(store)->findNear(OnlyTrack(store)->size(), [](const auto&) { return true; }),
+                     std::out_of_range);
         return found;
     };
     {

@@ -75,7 +75,8 @@ private:
     const std::string path_;
     const std::shared_ptr<SegmentDirectory> directory_;
     mutable std::mutex mutex_;
-    mutable std::vector<std::shared_ptr<const IndexPart>> parts_; ///< Each in the place that its offset tells.
+    mutable std::vector<std::shared_ptr<const IndexPart>>
+        parts_; ///< Each in the place that its offset tells.
 };
 
 /// A segment, as the tables in memory know it.
@@ -147,10 +148,10 @@ private:
     std::mutex mutex_;
     std::shared_ptr<const IFolder> folder_; ///< Null: closed.
     std::uint64_t drops_ = 0;               ///< How often everything was let go of.
-    Slots slots_; ///< Used last in front.
+    Slots slots_;                           ///< Used last in front.
     std::unordered_map<SegmentKey, Slots::iterator, Hash> places_;
     std::list<Slots::iterator> open_; ///< Those that are open and not pinned, likewise.
-    std::size_t cost_ = 0;       ///< Of slots that are not pinned.
+    std::size_t cost_ = 0;            ///< Of slots that are not pinned.
 };
 
 } // namespace drenn::multi_track_recorder

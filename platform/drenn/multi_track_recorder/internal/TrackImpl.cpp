@@ -292,8 +292,8 @@ Track::KnownRecords TrackImpl::FindKnown(const std::function<bool(const LeadingB
     return content_->FindKnown(isBefore);
 }
 
-Track::KnownRecords TrackImpl::FindNear(
-    std::uint32_t index, const std::function<bool(const Track::Leading&)>& isBefore) const {
+Track::KnownRecords TrackImpl::FindNear(std::uint32_t index,
+                                        const std::function<bool(const Track::Leading&)>& isBefore) const {
     const Guard guard(*this);
     RequireAttached();
     context_.RequireCard();
