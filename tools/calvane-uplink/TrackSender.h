@@ -2,6 +2,7 @@
 
 #include <cstdint>
 #include <functional>
+#include <limits>
 #include <list>
 #include <memory>
 #include <optional>
@@ -49,6 +50,10 @@ public:
     TrackFigures GetFigures() const;
 
 private:
+    static constexpr Time kNever = std::numeric_limits<Time>::max();
+    /// As long as there are so many, the newest lane catches up by itself.
+    static constexpr std::size_t kMostLanes = 16;
+
     struct Lane {
         std::uint64_t number = 0;
         Time begin = 0;
