@@ -173,10 +173,11 @@ def read_track(messages, track):
 
 def without_lost(card, stream):
     """A stream's records less those that were sent just before the recorder lost them, which lie in a hole of the card. So does
-    what it erased when the clock was set back, if less had been sent than the time of what came next."""
+    what it erased when the clock was set back, if less had been sent than the time of what came next: each track's first
+    record of the new time erases what the others have behind it."""
     known, times = set(card), [record[0] for record in card]
     lost = [record for record in stream if record not in known]
-    are_few = len({bisect.bisect(times, record[0]) for record in lost}) <= 2  # Holes.
+    are_few = len({bisect.bisect(times, record[0]) for record in lost}) <= len(TRACKS)  # Holes.
     return [record for record in stream if record in known] if are_few else stream
 
 

@@ -2,6 +2,7 @@
 import json
 import os
 import random
+import re
 import shutil
 import signal
 import ssl
@@ -230,15 +231,42 @@ class ClockAndCardTest(FleetTest):
         device = self.device(cluster, own_clock=True)
         device.start_uplink()
         is_close = lambda: device.metrics().get("messages_total", 0) > 50 and device.metrics()["lag_seconds"] < 1
+        anew = lambda: len(re.findall("of video .*was recorded anew", device.uplink_log()))
         wait_until(is_close, "live data")
+        time.sleep(2)
         device.set_clock(-1)  # While it sends,
         time.sleep(1.5)
         wait_until(is_close, "live data of the new time")
-        device.stop_uplink()
-        device.set_clock(-2)  # and while it does not.
-        time.sleep(2)
+        hours = "-".join(time.strftime("%H:%M", time.gmtime(time.time() + 3600 * hours)) for hours in (6, 7))
+        device.set_policy(groups="".join(f"[{track}]\nhours = {hours}\n" for track in TRACKS))
+        wait_until(lambda: "Took over" in device.uplink_log(), "the policy")
+        device.set_clock(-2)  # while there is nothing to send,
+        wait_until(lambda: anew() == 2, "another new lane")
+        device.stop_uplink(signal.SIGKILL)
+        device.set_clock(-4)  # and while it does not run, by more than the pause.
+        time.sleep(1)
+        device.set_policy()
         device.start_uplink()
+        wait_until(lambda: anew() == 3, "a third one")
+        device.stop_producers()
+        self.assert_same(device, prepare=without_lost)
+
+    def test_a_clock_that_is_set_back_in_the_middle_of_what_is_read(self):
+        """The recorder is past the place again before the uplink, which has sent some of what was erased, reads on."""
+        cluster = self.cluster()
+        device = self.device(cluster, own_clock=True, uplink="order = oldest\nrate.limit = 500k")
+        time.sleep(4)
+        device.start_uplink()
+        wait_until(lambda: device.metrics().get("messages_total", 0) > 300, "messages")
+        device.uplink.send_signal(signal.SIGSTOP)
+        self.addCleanup(device.uplink.send_signal, signal.SIGCONT)
+        sent = read_track(device.stream_messages(), "video")[0][-1][0] / 1000000
+        device.set_clock(int(sent - time.time()) - 2)
+        wait_until(lambda: microseconds(device.ask_json("tracks")["video"]["last"]) / 1000000 > sent + 3,
+                   "new records behind what was sent")
+        device.uplink.send_signal(signal.SIGCONT)
         wait_until(lambda: "What was recorded of video" in device.uplink_log(), "a new lane")
+        device.set_policy()
         device.stop_producers()
         self.assert_same(device, prepare=without_lost)
 

@@ -59,8 +59,9 @@ void TrackSender::CloseLanesAt(Time begin) {
     lanes_.remove_if([begin](const Lane& lane) { return lane.begin >= begin || lane.at.time >= begin; });
 }
 
-TrackSender::Lane& TrackSender::OpenLane(Link& link, Time begin, std::uint64_t card) {
+TrackSender::Lane& TrackSender::OpenLane(Time begin, std::uint64_t card) {
     CloseLanesAt(begin);
+    lastLook_ = {};
     selection_.LookAgain(); // Where the clock was set back, events are recorded anew, too.
     Lane lane;
     lane.number = ++newestLane_;
@@ -68,16 +69,26 @@ TrackSender::Lane& TrackSender::OpenLane(Link& link, Time begin, std::uint64_t c
     lane.end = kNever;
     lane.card = card;
     lane.at.time = begin - 1;
-    MessageHead head;
-    head.kind = MessageKind::Begin;
-    head.time = begin;
-    head.card = card;
-    for (const Lane& open : lanes_) {
-        head.open.push_back({open.number, open.end});
-    }
-    link.Send(Subject(lane.number), head, nullptr, 0);
     lanes_.push_back(std::move(lane));
     return lanes_.back();
+}
+
+/// Of all lanes that have none yet, up to this one.
+void TrackSender::SendBegins(Link& link, const Lane& last) {
+    MessageHead head;
+    head.kind = MessageKind::Begin;
+    for (Lane& lane : lanes_) {
+        if (!lane.hasBegun) {
+            head.time = lane.begin;
+            head.card = lane.card;
+            link.Send(Subject(lane.number), head, nullptr, 0);
+            lane.hasBegun = true;
+        }
+        if (&lane == &last) {
+            return;
+        }
+        head.open.push_back({lane.number, lane.end});
+    }
 }
 
 void TrackSender::EndLane(Link& link, Lane& lane) {
@@ -105,7 +116,7 @@ bool TrackSender::SendLive(Link& link, std::size_t budget) {
         figures_.cardUpTo = card_.last;
         ForgetEvents(link);
         if (lanes_.empty()) {
-            OpenLane(link, card_.first, recorder_.GetCard());
+            OpenLane(card_.first, recorder_.GetCard());
         }
         const Lane& live = lanes_.back();
         if (live.at.isBehindRecord && card_.last == live.at.time) {
@@ -119,14 +130,23 @@ bool TrackSender::SendBacklog(Link& link, std::size_t budget) {
     if (lanes_.size() < 2) {
         return false;
     }
-    const auto newest = std::max_element(lanes_.begin(), std::prev(lanes_.end()),
-                                         [](const Lane& a, const Lane& b) { return a.begin < b.begin; });
-    const Progress progress = SendSome(link, *newest, budget);
-    if (progress == Progress::AllSent) {
-        EndLane(link, *newest);
-        lanes_.erase(newest);
+    const auto live = std::prev(lanes_.end());
+    auto newest = live;
+    for (auto lane = lanes_.begin(); lane != live;) {
+        if (lane->isAllSent && live->hasBegun) { // Until then it tells where to go on.
+            EndLane(link, *lane);
+            lane = lanes_.erase(lane);
+            continue;
+        }
+        newest = !lane->isAllSent && (newest == live || lane->begin > newest->begin) ? lane : newest;
+        ++lane;
     }
-    return progress != Progress::Waiting && lanes_.size() > 1;
+    if (newest == live) {
+        return false;
+    }
+    const Progress progress = SendSome(link, *newest, budget);
+    newest->isAllSent = progress == Progress::AllSent;
+    return progress != Progress::Waiting;
 }
 
 /// Up to what the card has now, or the lane's end.
@@ -165,8 +185,11 @@ TrackSender::Progress TrackSender::SendFromReader(Link& link, Lane& lane, std::s
             break;
         }
         if (isFirst && IsBehind(lane, *record)) {
-            OpenLane(link, FindLiveBegin(), recorder_.GetCard()).isAtLiveEdge = true;
+            OpenLane(FindLiveBegin(), recorder_.GetCard()).isAtLiveEdge = true;
             return Progress::More;
+        }
+        if (record->isBehindErased && lane.at.isBehindRecord && !recorder_.Has(track_, lane.at)) {
+            throw CardReader::PositionLost(); // Else what is recorded anew would follow what was erased.
         }
         SendRecord(link, lane, *record);
         sent += record->payload.size() + 1;
@@ -210,14 +233,16 @@ Time TrackSender::FindLiveBegin() {
 /// killed before it was safe; or the clock was set back, and the recorder has erased what was later; or the card is another
 /// one. What the card and the stream both have tells, and where they have nothing in common, the card's identity.
 void TrackSender::FindPosition(Link& link, Lane& lane) {
-    lastLook_ = std::chrono::steady_clock::now() + kLostPause;
+    const bool isLive = &lane == &lanes_.back();
+    if (isLive) {
+        lastLook_ = std::chrono::steady_clock::now() + kLostPause;
+    }
     const std::uint64_t card = recorder_.GetCard();
     card_ = recorder_.GetSpan(track_);
     const Time lost = lane.at.time;
     if (card_.IsEmpty() || card != recorder_.GetCard()) {
         return;
     }
-    const bool isLive = &lane == &lanes_.back();
     const bool isOther = lane.card != 0 && lane.card != card;
     if (card_.first > lost && !(isLive && isOther)) {
         lane.at.isBehindRecord = false;
@@ -231,12 +256,12 @@ void TrackSender::FindPosition(Link& link, Lane& lane) {
         return;
     }
     if (!common && lane.card != card) {
-        GoOnOnOtherCard(link, lost, card);
+        GoOnOnOtherCard(lost, card);
         return;
     }
     if (!common) {
         Log().Information("All of %s was recorded anew, since the clock was set back", NameOf(track_));
-        OpenLane(link, card_.first, card);
+        OpenLane(card_.first, card);
         return;
     }
     const auto next = recorder_.Open(track_, *common, card_.last)->Read();
@@ -249,12 +274,12 @@ void TrackSender::FindPosition(Link& link, Lane& lane) {
     }
     Log().Information("What was recorded of %s from %s on was recorded anew, since the clock was set back",
                       NameOf(track_), At(next->time).c_str());
-    OpenLane(link, common->time + 1, card);
+    OpenLane(common->time + 1, card).at = *common;
 }
 
 /// What another card has of the time before `lost` would take the place of what the stream has of it, so it stays there. If the
 /// clock is behind that time, what was sent behind the clock was dated by one that was ahead, and gives way.
-void TrackSender::GoOnOnOtherCard(Link& link, Time lost, std::uint64_t card) {
+void TrackSender::GoOnOnOtherCard(Time lost, std::uint64_t card) {
     const bool isAhead = calvane_recording::Now() < lost;
     if (card_.last <= lost && !isAhead) {
         return; // Until it has something.
@@ -265,13 +290,14 @@ void TrackSender::GoOnOnOtherCard(Link& link, Time lost, std::uint64_t card) {
             "What another card has of %s from %s to %s is not sent, since the stream has another card's",
             NameOf(track_), At(card_.first).c_str(), At(begin).c_str());
     }
-    OpenLane(link, begin, card);
+    OpenLane(begin, card);
 }
 
 void TrackSender::SendRecord(Link& link, Lane& lane, const CardRecord& record) {
     const bool isInTime = selection_.WantsTime(record.time);
     lane.hasSkipped = lane.hasSkipped || !isInTime;
     if (isInTime && selection_.WantsFrame(record)) {
+        SendBegins(link, lane);
         SendGaps(link, lane, record);
         SendInfo(link, lane, record);
         MessageHead head;
@@ -387,7 +413,8 @@ TrackFigures TrackSender::GetFigures() const {
     TrackFigures figures = figures_;
     figures.backlog = 0;
     for (const Lane& lane : lanes_) {
-        figures.backlog += lane.end == kNever ? 0 : std::max<Time>(0, lane.end - lane.at.time);
+        figures.backlog +=
+            lane.end == kNever || lane.isAllSent ? 0 : std::max<Time>(0, lane.end - lane.at.time);
     }
     return figures;
 }

@@ -30,8 +30,9 @@ struct TrackFigures {
 /// it has fallen behind and the newest data is to come first, another one is opened at the end of the card, and the older
 /// one goes on up to there when there is room; when the clock was set back and the recorder has erased what lies behind, the
 /// new lane takes the place of what the older ones have from there on. The newest lane is of one card: another card begins
-/// another one, behind what was sent, so that what an older card has never takes the place of that. Where to go on is asked from the stream alone: the last
-/// message of each lane that is not complete.
+/// another one, behind what was sent, so that what an older card has never takes the place of that. Where to go on is asked
+/// from the stream alone: the last message of each lane that is not complete. So a lane begins in the stream with its first
+/// record: without one nothing would tell that the clock was set back since.
 ///
 /// Threads:  one.
 /// Errors:   NatsError, which ends this; RecorderError, after which it goes on with the next call.
@@ -62,6 +63,8 @@ private:
         Position at;
         Time sentUpTo = 0; ///< The time of the last record, or the lane's begin.
         std::uint64_t records = 0;
+        bool hasBegun = false;       ///< In the stream.
+        bool isAllSent = false;      ///< Up to its end.
         bool hasSkipped = false;     ///< Records that the policy does not want, since then.
         Time gapUpTo = 0;            ///< Up to there gaps were told.
         Time partTime = 0;           ///< The record behind the position, if the stream has a part of it,
@@ -79,7 +82,8 @@ private:
 
     std::optional<Lane> LoadLane(std::uint64_t number, Time end);
     void TakeInfo(Lane& lane) const;
-    Lane& OpenLane(Link& link, Time begin, std::uint64_t card);
+    Lane& OpenLane(Time begin, std::uint64_t card);
+    void SendBegins(Link& link, const Lane& last);
     void CloseLanesAt(Time begin);
     void EndLane(Link& link, Lane& lane);
     Progress SendSome(Link& link, Lane& lane, std::size_t budget);
@@ -90,7 +94,7 @@ private:
     Time FindLiveBegin();
     void ForgetEvents(Link& link);
     void FindPosition(Link& link, Lane& lane);
-    void GoOnOnOtherCard(Link& link, Time lost, std::uint64_t card);
+    void GoOnOnOtherCard(Time lost, std::uint64_t card);
     std::optional<Position> FindLastCommon(std::uint64_t lane);
     std::optional<Position> FindLastCommonOfAny(std::uint64_t lane);
     void SendRecord(Link& link, Lane& lane, const CardRecord& record);

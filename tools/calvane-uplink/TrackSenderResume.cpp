@@ -43,6 +43,7 @@ std::optional<TrackSender::Lane> TrackSender::LoadLane(std::uint64_t number, Tim
         return std::nullopt;
     }
     const MessageHead& head = last->head;
+    lane.hasBegun = true;
     lane.begin = lane.sentUpTo = head.time;
     lane.records = head.number;
     lane.info = head.info;
