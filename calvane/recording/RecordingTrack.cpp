@@ -221,6 +221,7 @@ void RecordingTrack::notifyRecordingDataPresentChange(const ptime& t, bool prese
 void RecordingTrack::onEraseRangeSignal(unsigned int first, unsigned int last) {
     ++_erasings;
     _hidden = last <= _hidden ? _hidden - (last - first) : std::min(first, _hidden);
+    forgetSeen(first, last);
     if (_trackType == kHistoryTrack) {
         return;
     }

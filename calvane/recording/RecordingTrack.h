@@ -86,8 +86,8 @@ public:
     /// The times of the records next to `t`, in front of it and behind it, or twice that of a record at `t`. Nothing where
     /// there is none on one side, or where it takes a closer look: one cannot be read or is hidden.
     std::optional<std::pair<Ptime, Ptime>> findAround(const Ptime& t) const;
-    /// The times of two records around `t` that the store knows without reading, at most the length of a segment apart: the
-    /// first one is earlier than `t`, the second one is not. Nothing where it knows none on one side, or one is hidden.
+    /// The times of two records around `t` that the store knows without reading, from its catalogue: the first one is earlier
+    /// than `t`, the second one is not. Nothing where it knows none on one side, or one is hidden.
     std::optional<std::pair<Ptime, Ptime>> findKnownAround(const Ptime& t) const;
     /// The info map that holds at `t`, and the times of the first and the last record that it holds for.
     void getTrackInfoAt(const Ptime& t, std::map<std::string, std::string>& info, Ptime& rangeStart,
@@ -157,6 +157,7 @@ private:
     bool lookAt(Bracket& bracket, double place) const;
     std::vector<Place>::iterator firstSeenNotBefore(std::int64_t ticks) const;
     void noteSeen(const Bracket& found) const;
+    void forgetSeen(unsigned int first, unsigned int last);
     bool adoptTrack(drenn::multi_track_recorder::Recording& recording);
     void reportErased(unsigned int first, unsigned int last) const;
     ITrackOwner& owner() const;

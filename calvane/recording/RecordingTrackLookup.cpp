@@ -205,15 +205,18 @@ RecordingTrack::Bracket RecordingTrack::findNeighbours(std::int64_t wanted, unsi
         return bracket;
     }
     const Bracket begun = bracket;
-    narrow(bracket);
-    // If they are next to each other and both were read, it does not matter where the search began.
-    const bool isLowTrue = bracket.low != begun.low || readHeader(bracket.low).ticks < wanted;
-    const bool isHighTrue = bracket.high != begun.high || wanted <= readHeader(bracket.high).ticks;
-    if (isLowTrue && isHighTrue) {
-        noteSeen(bracket);
-        return bracket;
+    try {
+        narrow(bracket);
+        // If they are next to each other and both were read, it does not matter where the search began.
+        const bool isLowTrue = bracket.low != begun.low || readHeader(bracket.low).ticks < wanted;
+        const bool isHighTrue = bracket.high != begun.high || wanted <= readHeader(bracket.high).ticks;
+        if (isLowTrue && isHighTrue) {
+            noteSeen(bracket);
+            return bracket;
+        }
+    } catch (const std::runtime_error&) { // The next attempt tells whether it is the records' fault.
     }
-    _seen.clear(); // Records were erased since, or lost with the card.
+    _seen.clear(); // Records were lost with the card.
     bracket = bracketOf(wanted, size, std::nullopt, std::nullopt);
     if (bracket.low != bracket.high) {
         narrow(bracket);
@@ -350,6 +353,15 @@ void RecordingTrack::noteSeen(const Bracket& found) const {
     note({found.lowTicks, found.low});
     if (isGap) {
         note({found.highTicks, found.high});
+    }
+}
+
+/// Within the lock.
+void RecordingTrack::forgetSeen(unsigned int first, unsigned int last) {
+    const auto isErased = [&](const Place& seen) { return first <= seen.index && seen.index < last; };
+    _seen.erase(std::remove_if(_seen.begin(), _seen.end(), isErased), _seen.end());
+    for (Place& seen : _seen) {
+        seen.index -= seen.index < last ? 0 : last - first;
     }
 }
 

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cstring>
+#include <fstream>
 #include <random>
 
 #include "recording/RecorderFixture.h"
@@ -145,6 +146,34 @@ TEST_F(Track, LookUpsAgreeWithALookAtEveryRecordWhateverIsAppendedAndErased) {
             }
         }
     }
+}
+
+TEST_F(Track, LookUpsTakeNoMoreReadsBehindAnErasure) {
+    const auto readCalls = [] {
+        std::ifstream file("/proc/self/io");
+        for (std::string word; file >> word;) {
+            if (word == "syscr:" && file >> word) {
+                return std::stol(word);
+            }
+        }
+        throw std::runtime_error("/proc/self/io tells nothing of reads");
+    };
+    constexpr unsigned kRecords = 4000;
+    for (unsigned i = 0; i < kRecords; ++i) {
+        Write(VIDEO_TRACK, {1000.0 + i});
+    }
+    const auto readsOfLookUps = [&](unsigned erased) {
+        const long before = readCalls();
+        for (unsigned i = 200; i < kRecords - 1; i += 10) {
+            EXPECT_EQ(Strict(1000.5 + i), i - erased);
+        }
+        return readCalls() - before;
+    };
+    TrackOf(VIDEO_TRACK).getTrack()->eraseRange(0, 50);
+    readsOfLookUps(50); // After which there is something to remember.
+    const long reads = readsOfLookUps(50);
+    TrackOf(VIDEO_TRACK).getTrack()->eraseRange(0, 50);
+    EXPECT_LE(readsOfLookUps(100), reads + reads / 4);
 }
 
 TEST_F(Track, AnUnsetClockIsRefusedAndOneThatGoesBackErases) {
