@@ -33,10 +33,11 @@ InputRecord Input::Get(unsigned track, std::uint32_t index) const {
     record.index = index;
     std::memcpy(record.header, &index, sizeof index);
     std::memcpy(record.header + 8, &random, sizeof random);
-    const std::size_t bytes = track == 0   ? kLeastVideo + random % (kMostVideo - kLeastVideo)
-                              : track == 1 ? 320
-                                           : 200;
+    const std::size_t bytes =
+        track == 0   ? kLeastVideo + static_cast<std::size_t>(random % (kMostVideo - kLeastVideo))
+        : track == 1 ? 320
+                     : 200;
     record.bodyBytes = bytes - InputRecord::kHeaderBytes;
-    record.body = &pool_[(random >> 20U) % (kPoolBytes - kMostVideo)];
+    record.body = &pool_[static_cast<std::size_t>((random >> 20U) % (kPoolBytes - kMostVideo))];
     return record;
 }

@@ -1,6 +1,3 @@
-#define XXH_INLINE_ALL
-#include <xxhash.h>
-
 #include <algorithm>
 
 #include "drenn/multi_track_recorder/internal/format/SegmentFormat.h"
@@ -43,10 +40,6 @@ std::string ToText(const StoreId& id) {
         text += kDigits[byte & 15U];
     }
     return text;
-}
-
-std::uint64_t ChecksumOf(const void* bytes, std::size_t length, std::uint64_t seed) {
-    return XXH3_64bits_withSeed(bytes, length, seed);
 }
 
 Bytes Encode(const SegmentHeader& header) {
