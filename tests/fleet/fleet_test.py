@@ -242,8 +242,9 @@ class ClockAndCardTest(FleetTest):
         wait_until(lambda: "Took over" in device.uplink_log(), "the policy")
         device.set_clock(-2)  # while there is nothing to send,
         wait_until(lambda: anew() == 2, "another new lane")
+        time.sleep(0.5 * SLOWNESS)
         device.stop_uplink(signal.SIGKILL)
-        device.set_clock(-4)  # and while it does not run, by more than the pause.
+        device.set_clock(-4 - SLOWNESS)  # and while it does not run, by more than the pause.
         time.sleep(1)
         device.set_policy()
         device.start_uplink()
