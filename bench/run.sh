@@ -6,6 +6,7 @@
 #        run.sh media [--quick] [--rounds N]    recording and exporting media; as root, to empty the page cache
 #        run.sh web [--quick]                   the page's server, and the page in a browser
 #        run.sh fleet [--quick]                 the copy of recordings in the streams of a fleet
+#        run.sh arm [--quick]                   instructions on x86-64 and on 32-bit ARM, which build/armhf has
 #        run.sh middleware [ARGS]               services, settings, logging; ARGS go to Google Benchmark
 #        run.sh smoke                           each of them once, as little as possible: whether they still run; as root
 # CALVANE_BENCH_BUILD: the folder of the build, build/bench when not set
@@ -26,6 +27,11 @@ if [[ ${1-} == smoke ]]; then
     "$0" media --smoke
     "$0" web --smoke
     "$0" fleet --smoke
+    if [[ -x build/armhf/bin/calvane_paths ]]; then
+        "$0" arm --smoke
+    else
+        echo "bench: instructions are not counted: there is no build/armhf" >&2
+    fi
     exec "$0" middleware --benchmark_repetitions=1 --benchmark_report_aggregates_only=false --benchmark_min_time=0.001
 fi
 if [[ ${1-} == middleware ]]; then
@@ -54,8 +60,8 @@ if [[ ${1-} == fleet ]]; then
     fi
     exec python3 -B bench/fleet.py --build "$build" "$@"
 fi
-if [[ ${1-} == recorder || ${1-} == media ]]; then
-    script=$1
+if [[ ${1-} == recorder || ${1-} == media || ${1-} == arm ]]; then
+    script=${1/arm/instructions}
     shift
     exec dbus-run-session -- python3 -B "bench/$script.py" --build "$build" "$@"
 fi

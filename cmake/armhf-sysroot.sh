@@ -1,11 +1,12 @@
 #!/usr/bin/env bash
 # Makes the sysroot of the armhf build: Debian 12's armhf packages, extracted and not installed. The mirror is the
-# one that this machine's own apt uses. Usage: armhf-sysroot.sh FOLDER
+# one that this machine's own apt uses. The last two are what ./dev bench arm compares with. Usage: armhf-sysroot.sh FOLDER
 set -euo pipefail
 
 readonly PACKAGES=libc6-dev,libstdc++-12-dev,libspdlog-dev,libcli11-dev,nlohmann-json3-dev,libgtest-dev,libgmock-dev,\
 libboost-dev,libsqlite3-dev,libxxhash-dev,libsdbus-c++-dev,libsystemd-dev,libelf-dev,libnats-dev,\
-libavcodec-dev,libavdevice-dev,libavformat-dev,libavutil-dev,libswscale-dev,libcpp-httplib-dev,libssl-dev,zlib1g-dev
+libavcodec-dev,libavdevice-dev,libavformat-dev,libavutil-dev,libswscale-dev,libcpp-httplib-dev,libssl-dev,zlib1g-dev,\
+coreutils,gstreamer1.0-tools
 folder=$1
 stamp=$folder/made-by
 this=$(cksum <"${BASH_SOURCE[0]}")

@@ -105,3 +105,16 @@ void MeasureCalls(const std::string& card, std::uint32_t count) {
     std::printf("{\"summary\": %.9f, \"plain summary\": %.9f, \"state\": %.9f, \"plain state\": %.9f}\n",
                 MedianOf(summary), MedianOf(plainSummary), MedianOf(state), MedianOf(plainState));
 }
+
+void MeasureAsking(const std::string& card, std::uint32_t count, const std::string& name) {
+    const Recorder recorder(card);
+    const PlainService service;
+    Client asked(name);
+    const Span span = Client("recording_information").Summary();
+    const std::int64_t first = std::int64_t{std::get<0>(span)} * 1000000 + std::get<1>(span);
+    const std::int64_t last = std::int64_t{std::get<2>(span)} * 1000000 + std::get<3>(span);
+    for (const std::int64_t time : RandomTimes(last - first, count)) {
+        asked.StateAt(first + time);
+    }
+    std::printf("{}\n");
+}

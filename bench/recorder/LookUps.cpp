@@ -2,6 +2,7 @@
 
 #include <sqlite3.h>
 
+#include <algorithm>
 #include <cstdio>
 #include <stdexcept>
 
@@ -11,6 +12,7 @@
 namespace {
 
 constexpr std::uint32_t kFirst = 20; ///< That count as cold, when the page cache was empty.
+constexpr std::size_t kChecked = 1000;
 
 /// Looks all of them up, and again.
 template <typename LookUp>
@@ -94,9 +96,9 @@ void MeasureLookUps(const std::string& card, std::uint32_t count) {
         return audio.getTrackIndex(first + boost::posix_time::microseconds(time));
     };
     Measure(times, audio.getTrack()->size(), lookUp);
-    for (const std::int64_t time : times) {
-        const unsigned int index = lookUp(time);
-        const Ptime t = first + boost::posix_time::microseconds(time);
+    for (std::size_t i = 0; i < std::min(kChecked, times.size()); ++i) {
+        const unsigned int index = lookUp(times[i]);
+        const Ptime t = first + boost::posix_time::microseconds(times[i]);
         if (t < audio.getTimestampAtIndex(index) || !(t < audio.getTimestampAtIndex(index + 1))) {
             throw std::runtime_error("record " + std::to_string(index) +
                                      " is not the one that was looked for");

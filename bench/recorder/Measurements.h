@@ -48,6 +48,8 @@ void MeasureLookUps(const std::string& card, std::uint32_t count);
 void FillTable(const std::string& card, const std::string& file);
 void MeasureTable(const std::string& file, std::uint32_t count);
 void MeasureCalls(const std::string& card, std::uint32_t count);
+/// Nothing but getRecordingState, of one service, "recording_information" or "plain": for counting instructions.
+void MeasureAsking(const std::string& card, std::uint32_t count, const std::string& name);
 /// What recording in real time takes of a processor.
 void MeasureRecording(const std::string& card, std::uint32_t seconds);
 /// The same records into one file.

@@ -59,6 +59,8 @@ void Run(const std::vector<std::string>& words) {
         MeasureTable(words[1], number(2));
     } else if (is("calls", 3)) {
         MeasureCalls(words[1], number(2));
+    } else if (is("ask", 4)) {
+        MeasureAsking(words[1], number(2), words[3]);
     } else if (is("record", 3)) {
         MeasureRecording(words[1], number(2));
     } else if (is("raw", 3)) {
@@ -74,7 +76,8 @@ void Run(const std::vector<std::string>& words) {
     } else {
         throw std::runtime_error(
             "usage: calvane_recorder_bench lookup CARD COUNT | fill-table CARD FILE | table FILE COUNT | "
-            "calls CARD COUNT | record CARD SECONDS | raw FILE SECONDS | start CARD | "
+            "calls CARD COUNT | ask CARD COUNT SERVICE | record CARD SECONDS | raw FILE SECONDS | start CARD "
+            "| "
             "retention CARD SECONDS LIMIT | coverage CARD SECONDS ASKED | commits FOLDER COUNT");
     }
 }
