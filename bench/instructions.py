@@ -47,7 +47,7 @@ class Machine:
         environment = {**os.environ, "GST_REGISTRY": os.path.join(folder, "registry" + self._emulator[0]),
                        "GST_REGISTRY_FORK": "no",
                        "GST_PLUGIN_SYSTEM_PATH": ":".join(glob.glob(os.path.join(self._root, "usr/lib/*/gstreamer-1.0")))}
-        # On one processor, where no thread counts turns while it waits for another one.
+        # On one processor, where no thread spins while it waits for another one.
         prefix = ["taskset", "--cpu-list", str(self._processor), *self._emulator, "-plugin", f"{self._plugin},out={figure}"]
         ran = subprocess.run([*prefix, *command], check=False, env=environment, stdin=subprocess.DEVNULL,
                              stdout=subprocess.DEVNULL, stderr=subprocess.PIPE, encoding="utf-8")

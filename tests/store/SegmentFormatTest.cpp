@@ -55,7 +55,6 @@ Bytes MakeSegment(std::uint64_t& length) {
     return segment;
 }
 
-// What is written is what docs/reference/segment-format.md says, and stays readable.
 // Whatever instructions the processor has for it: cards go from device to device.
 TEST(SegmentFormat, ChecksumsAreTheSameOnAllProcessors) {
     Bytes bytes(5000);
@@ -72,6 +71,7 @@ TEST(SegmentFormat, ChecksumsAreTheSameOnAllProcessors) {
     }
 }
 
+// What is written is what docs/reference/segment-format.md says, and stays readable.
 TEST(SegmentFormat, IsThatOfTheGoldenFile) {
     std::uint64_t length = 0;
     const Bytes made = MakeSegment(length);

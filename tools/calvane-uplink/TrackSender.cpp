@@ -145,7 +145,9 @@ bool TrackSender::SendBacklog(Link& link, std::size_t budget) {
         return false;
     }
     const Progress progress = SendSome(link, *newest, budget);
-    newest->isAllSent = progress == Progress::AllSent;
+    if (progress == Progress::AllSent) { // Else it may be closed, for another one that takes its place.
+        newest->isAllSent = true;
+    }
     return progress != Progress::Waiting;
 }
 
