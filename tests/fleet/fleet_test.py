@@ -252,6 +252,20 @@ class ClockAndCardTest(FleetTest):
         device.stop_producers()
         self.assert_same(device, prepare=without_lost)
 
+    def test_a_clock_that_is_set_back_many_times(self):
+        """What the uplink has just found on the card is erased before it reads on there."""
+        cluster = self.cluster()
+        device = self.device(cluster, own_clock=True)
+        device.start_uplink()
+        wait_until(lambda: device.metrics().get("messages_total", 0) > 50, "messages")
+        steps = 8
+        for step in range(steps):
+            device.set_clock(-step)
+            time.sleep(random.uniform(0.2, 1))
+        time.sleep(1)
+        device.stop_producers()
+        self.assert_same(device, prepare=lambda card, stream: without_lost(card, stream, steps))
+
     def test_a_clock_that_is_set_back_in_the_middle_of_what_is_read(self):
         """The recorder is past the place again before the uplink, which has sent some of what was erased, reads on."""
         cluster = self.cluster()

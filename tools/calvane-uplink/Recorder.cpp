@@ -22,7 +22,9 @@ std::uint64_t HashOf(const void* data, std::size_t size) {
 }
 
 CardReader::CardReader(int descriptor, const Position& from, std::function<bool()> isInterrupted)
-    : reader_(descriptor, std::move(isInterrupted)), from_(from), hasFound_(!from.isBehindRecord) {}
+    : reader_(descriptor, std::move(isInterrupted)),
+      from_(from),
+      hasFound_(!from.isBehindRecord && from.next == 0) {}
 
 calvane_recording::Frame CardReader::ReadFrame() {
     try {
@@ -73,6 +75,12 @@ bool CardReader::IsNew(const CardRecord& record) {
     same_ = record.time == lastTime_ ? same_ + 1 : 0;
     lastTime_ = record.time;
     if (hasFound_) {
+        return true;
+    }
+    if (!from_.isBehindRecord) {
+        hasFound_ = record.time == from_.time + 1 &&
+                    HashOf(record.payload.data(), record.payload.size()) == from_.next;
+        CheckPosition();
         return true;
     }
     if (record.time == from_.time && same_ < from_.same) {

@@ -34,12 +34,13 @@ struct CardRecord {
     bool isBehindErased = false; ///< What lay in front of it was erased before it could be read.
 };
 
-/// A place in a track: behind a record, which is known by its content, too, or in front of all of a time.
+/// A place in a track: behind a record, or behind all of a time. A record is known by its content, too.
 struct Position {
     Time time = 0;
     bool isBehindRecord = false;
     std::uint64_t same = 0; ///< Of the record.
     std::uint64_t hash = 0; ///< 0: not known.
+    std::uint64_t next = 0; ///< Hash of the record a microsecond later; 0: not known. Not behind a record.
 };
 
 /// Of a record's payload.
@@ -51,8 +52,11 @@ std::uint64_t HashOf(const void* data, std::size_t size);
 /// Errors:  RecorderError; Interrupted.
 class CardReader {
 public:
-    /// The record at which the position lies is not on the card, or not the same one.
-    class PositionLost : public std::exception {};
+    /// The record at which the position lies, or the one behind it, is not on the card, or not the same one.
+    class PositionLost : public std::runtime_error {
+    public:
+        PositionLost() : std::runtime_error("The record at which to go on is not on the card") {}
+    };
 
     CardReader(int descriptor, const Position& from, std::function<bool()> isInterrupted);
 

@@ -35,6 +35,13 @@ std::string At(Time time) {
     return calvane_recording::TimeText(time, calvane_recording::Zone::Utc);
 }
 
+/// Should another record be found there later on, the clock was set back meanwhile.
+Position InFrontOf(const CardRecord& record) {
+    Position at{record.time - 1};
+    at.next = HashOf(record.payload.data(), record.payload.size());
+    return at;
+}
+
 } // namespace
 
 TrackSender::TrackSender(calvane_fleet::DeviceStream& stream, std::function<bool()> isInterrupted,
@@ -59,7 +66,15 @@ void TrackSender::CloseLanesAt(Time begin) {
     lanes_.remove_if([begin](const Lane& lane) { return lane.begin >= begin || lane.at.time >= begin; });
 }
 
-TrackSender::Lane& TrackSender::OpenLane(Time begin, std::uint64_t card) {
+/// In front of the card's first record behind a time, if there is one.
+std::optional<Position> TrackSender::FindNext(Time behind) {
+    const auto next = recorder_.Open(track_, {behind}, card_.last)->Read();
+    return next ? std::optional(InFrontOf(*next)) : std::nullopt;
+}
+
+/// Right behind a position.
+TrackSender::Lane& TrackSender::OpenLane(const Position& at, std::uint64_t card) {
+    const Time begin = at.time + 1;
     CloseLanesAt(begin);
     lastLook_ = {};
     selection_.LookAgain(); // Where the clock was set back, events are recorded anew, too.
@@ -68,7 +83,7 @@ TrackSender::Lane& TrackSender::OpenLane(Time begin, std::uint64_t card) {
     lane.begin = lane.sentUpTo = begin;
     lane.end = kNever;
     lane.card = card;
-    lane.at.time = begin - 1;
+    lane.at = at;
     lanes_.push_back(std::move(lane));
     return lanes_.back();
 }
@@ -116,7 +131,12 @@ bool TrackSender::SendLive(Link& link, std::size_t budget) {
         figures_.cardUpTo = card_.last;
         ForgetEvents(link);
         if (lanes_.empty()) {
-            OpenLane(card_.first, recorder_.GetCard());
+            const std::uint64_t card = recorder_.GetCard();
+            const auto begin = FindNext(-1);
+            if (!begin) {
+                return false;
+            }
+            OpenLane(*begin, card);
         }
         const Lane& live = lanes_.back();
         if (live.at.isBehindRecord && card_.last == live.at.time) {
@@ -156,6 +176,10 @@ void TrackSender::OpenReader(Lane& lane) {
     selection_.Update(recorder_, lane.at.time);
     const Time last =
         lane.end == kNever ? LiveEnd() : std::min(lane.end - 1, selection_.Horizon(calvane_recording::Now()));
+    // There was a record behind it.
+    if (lane.end == kNever && !lane.at.isBehindRecord && card_.last <= lane.at.time) {
+        throw CardReader::PositionLost();
+    }
     if (last > lane.at.time || lane.at.isBehindRecord) {
         lane.reader = recorder_.Open(track_, lane.at, std::max(last, lane.at.time));
     }
@@ -187,8 +211,11 @@ TrackSender::Progress TrackSender::SendFromReader(Link& link, Lane& lane, std::s
             break;
         }
         if (isFirst && IsBehind(lane, *record)) {
-            OpenLane(FindLiveBegin(), recorder_.GetCard()).isAtLiveEdge = true;
-            return Progress::More;
+            const std::uint64_t card = recorder_.GetCard();
+            if (const auto begin = FindLiveBegin()) {
+                OpenLane(*begin, card).isAtLiveEdge = true;
+                return Progress::More;
+            }
         }
         if (record->isBehindErased && lane.at.isBehindRecord && !recorder_.Has(track_, lane.at)) {
             throw CardReader::PositionLost(); // Else what is recorded anew would follow what was erased.
@@ -214,19 +241,19 @@ Time TrackSender::LiveEnd() const {
     return std::min(card_.last, selection_.Horizon(calvane_recording::Now()));
 }
 
-/// The last key frame that can be sent, or the last record.
-Time TrackSender::FindLiveBegin() {
+/// In front of the last key frame that can be sent, or of the last record.
+std::optional<Position> TrackSender::FindLiveBegin() {
     card_ = recorder_.GetSpan(track_);
     const Time end = LiveEnd();
-    Time begin = end;
-    if (track_ != TrackKind::Video) {
-        return begin;
-    }
-    Position from;
-    from.time = end - kKeyFrameLook;
-    const auto reader = recorder_.Open(track_, from, end);
+    std::optional<Position> begin;
+    bool isAtKeyFrame = false;
+    const auto reader = recorder_.Open(track_, {end - kKeyFrameLook}, end);
     while (const auto record = reader->Read()) {
-        begin = (record->flags & calvane_fleet::kKeyFrame) != 0 ? record->time : begin;
+        const bool isKeyFrame = track_ == TrackKind::Video && (record->flags & calvane_fleet::kKeyFrame) != 0;
+        if (isKeyFrame || !isAtKeyFrame) {
+            begin = InFrontOf(*record);
+        }
+        isAtKeyFrame = isAtKeyFrame || isKeyFrame;
     }
     return begin;
 }
@@ -247,7 +274,7 @@ void TrackSender::FindPosition(Link& link, Lane& lane) {
     }
     const bool isOther = lane.card != 0 && lane.card != card;
     if (card_.first > lost && !(isLive && isOther)) {
-        lane.at.isBehindRecord = false;
+        lane.at = {lost};
         lane.isBehindErased = true;
         return;
     }
@@ -262,21 +289,28 @@ void TrackSender::FindPosition(Link& link, Lane& lane) {
         return;
     }
     if (!common) {
-        Log().Information("All of %s was recorded anew, since the clock was set back", NameOf(track_));
-        OpenLane(card_.first, card);
+        if (const auto begin = FindNext(-1)) {
+            Log().Information("All of %s was recorded anew, since the clock was set back", NameOf(track_));
+            OpenLane(*begin, card);
+        }
         return;
     }
-    const auto next = recorder_.Open(track_, *common, card_.last)->Read();
+    std::optional<CardRecord> next;
+    try {
+        next = recorder_.Open(track_, *common, card_.last)->Read();
+    } catch (const CardReader::PositionLost&) {
+        return; // It has just been erased as well, by the first record that another track has of the new time. Later again.
+    }
     if (!next) {
         return; // Nothing was recorded since then. What comes decides.
     }
     if (next->time > lost) {
-        lane.at.isBehindRecord = false; // What was lost in a last second is in the stream alone.
+        lane.at = InFrontOf(*next); // What was lost in a last second is in the stream alone.
         return;
     }
     Log().Information("What was recorded of %s from %s on was recorded anew, since the clock was set back",
                       NameOf(track_), At(next->time).c_str());
-    OpenLane(common->time + 1, card).at = *common;
+    OpenLane(*common, card);
 }
 
 /// What another card has of the time before `lost` would take the place of what the stream has of it, so it stays there. If the
@@ -286,13 +320,16 @@ void TrackSender::GoOnOnOtherCard(Time lost, std::uint64_t card) {
     if (card_.last <= lost && !isAhead) {
         return; // Until it has something.
     }
-    const Time begin = isAhead ? FindLiveBegin() : std::max(card_.first, lost + 1);
-    if (card_.first < begin) {
+    const auto begin = isAhead ? FindLiveBegin() : FindNext(lost);
+    if (!begin) {
+        return;
+    }
+    if (card_.first <= begin->time) {
         Log().Warning(
             "What another card has of %s from %s to %s is not sent, since the stream has another card's",
-            NameOf(track_), At(card_.first).c_str(), At(begin).c_str());
+            NameOf(track_), At(card_.first).c_str(), At(begin->time + 1).c_str());
     }
-    OpenLane(begin, card);
+    OpenLane(*begin, card);
 }
 
 void TrackSender::SendRecord(Link& link, Lane& lane, const CardRecord& record) {

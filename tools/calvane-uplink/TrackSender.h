@@ -82,7 +82,8 @@ private:
 
     std::optional<Lane> LoadLane(std::uint64_t number, Time end);
     void TakeInfo(Lane& lane) const;
-    Lane& OpenLane(Time begin, std::uint64_t card);
+    Lane& OpenLane(const Position& at, std::uint64_t card);
+    std::optional<Position> FindNext(Time behind);
     void SendBegins(Link& link, const Lane& last);
     void CloseLanesAt(Time begin);
     void EndLane(Link& link, Lane& lane);
@@ -91,7 +92,7 @@ private:
     Progress SendFromReader(Link& link, Lane& lane, std::size_t budget);
     bool IsBehind(const Lane& lane, const CardRecord& record) const;
     Time LiveEnd() const;
-    Time FindLiveBegin();
+    std::optional<Position> FindLiveBegin();
     void ForgetEvents(Link& link);
     void FindPosition(Link& link, Lane& lane);
     void GoOnOnOtherCard(Time lost, std::uint64_t card);
