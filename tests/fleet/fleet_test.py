@@ -312,11 +312,17 @@ class ClockAndCardTest(FleetTest):
         device.start_uplink()
         device.stop_producers()
         self.assert_same(device)
-        sent = {track: device.card_records(track) for track in TRACKS}
-        self.change_card(device, "older", 0)
-        device.stop_producers()
-        self.assert_streams(device, lambda track, _stream: sent[track] + [record for record in device.card_records(track)
-                                                                          if record[0] > sent[track][-1][0]])
+        device.stop_uplink()
+        self.change_card(device, "newer", 0)  # There is more on it then that has not been sent.
+        device.stop_recorder()
+        for name in ("older", "newer"):
+            sent = {track: read_track(device.stream_messages(), track)[0] for track in TRACKS}
+            self.change_card(device, name, 0)
+            if not device.uplink:
+                device.start_uplink()
+            device.stop_producers()
+            self.assert_streams(device, lambda track, _stream: sent[track] + [record for record in device.card_records(track)
+                                                                              if record[0] > sent[track][-1][0]])
         self.change_card(device, "third", -500)
         device.stop_producers()
         # Without what had been recorded before the uplink saw it.

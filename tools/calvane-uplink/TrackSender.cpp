@@ -246,12 +246,14 @@ std::optional<Position> TrackSender::FindLiveBegin() {
     card_ = recorder_.GetSpan(track_);
     const Time end = LiveEnd();
     std::optional<Position> begin;
+    Position next; // In front of all records of a time.
     bool isAtKeyFrame = false;
-    const auto reader = recorder_.Open(track_, {end - kKeyFrameLook}, end);
+    const auto reader = recorder_.Open(track_, {std::max<Time>(end - kKeyFrameLook, -1)}, end);
     while (const auto record = reader->Read()) {
+        next = record->same == 0 ? InFrontOf(*record) : next;
         const bool isKeyFrame = track_ == TrackKind::Video && (record->flags & calvane_fleet::kKeyFrame) != 0;
         if (isKeyFrame || !isAtKeyFrame) {
-            begin = InFrontOf(*record);
+            begin = next;
         }
         isAtKeyFrame = isAtKeyFrame || isKeyFrame;
     }
@@ -273,15 +275,19 @@ void TrackSender::FindPosition(Link& link, Lane& lane) {
         return;
     }
     const bool isOther = lane.card != 0 && lane.card != card;
-    if (card_.first > lost && !(isLive && isOther)) {
+    if (isLive && isOther) {
+        GoOnOnOtherCard(lost, card);
+        return;
+    }
+    if (card_.first > lost) {
         lane.at = {lost};
         lane.isBehindErased = true;
         return;
     }
     link.WaitUntilStored(); // What was sent is looked for in the stream.
-    const auto common = FindLastCommonOfAny(lane.number);
+    const auto common = isOther ? std::nullopt : FindLastCommonOfAny(lane.number);
     if (!common && !isLive) {
-        lane.at.isBehindRecord = false; // What the lane lacks is on another card, or gone.
+        lane.at = {lost}; // What the lane lacks is on another card, or gone.
         return;
     }
     if (!common && lane.card != card) {

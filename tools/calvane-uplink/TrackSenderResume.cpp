@@ -23,7 +23,6 @@ void TrackSender::Resume() {
     }
     if (auto live = LoadLane(newestLane_, kNever)) {
         figures_.sentUpTo = live->sentUpTo;
-        live->card = first && first->head.kind == MessageKind::Begin ? first->head.card : 0;
         lanes_.push_back(std::move(*live));
     }
     const auto gap = stream_.GetLast(calvane_fleet::GapSubject(stream_.Device(), track_));
@@ -43,6 +42,8 @@ std::optional<TrackSender::Lane> TrackSender::LoadLane(std::uint64_t number, Tim
         return std::nullopt;
     }
     const MessageHead& head = last->head;
+    const auto first = stream_.GetNext(Subject(number), 1);
+    lane.card = first && first->head.kind == MessageKind::Begin ? first->head.card : 0;
     lane.hasBegun = true;
     lane.begin = lane.sentUpTo = head.time;
     lane.records = head.number;
