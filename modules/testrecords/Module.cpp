@@ -42,4 +42,11 @@ unit = records
 default = 0
 range = 0 to 2147483647
 summary = end after so many; 0: never
+
+[setting same]
+kind = integer
+unit = records
+default = 1
+range = 1 to 2147483647
+summary = so many have the same time
 )");

@@ -42,6 +42,7 @@ TestRecordSource::TestRecordSource(CalvaneEnv* env, const IPluginConfiguration& 
           ReadSetting(config, "bytes.max", static_cast<int>(leastBytes_), static_cast<int>(leastBytes_))),
       rateMilliHz_(ReadSetting(config, "rate.millihz", 25000, 0)),
       count_(ReadSetting(config, "count", 0, 0)),
+      same_(ReadSetting(config, "same", 1, 1)),
       allocator_(env->GetDefaultAllocator(AllocatorProps::kAddressable)) {
     source->SetFormat(MakeFormat(config.GetStringOrDefault("track", "video")));
 }
@@ -94,7 +95,10 @@ bool TestRecordSource::OnGenerateBuffer(TimeStruct& next) {
     if (number_ % 30 == 0) {
         record->GetMetadata().SetValue("KeyFrame", 1);
     }
-    record->SetTimestamp(NowInUtc());
+    if (number_ % same_ == 0) {
+        time_ = NowInUtc();
+    }
+    record->SetTimestamp(time_);
     ++number_;
     source->PushBuffer(record.release());
     return true;

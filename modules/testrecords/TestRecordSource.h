@@ -21,7 +21,8 @@ namespace testrecords {
 ///
 /// Settings: "track" (video): video, audio or metadata, whose format is announced with typical properties;
 ///           "bytes.min" and "bytes.max" (1000, bytes.min): the length, which varies between the two; "rate.millihz"
-///           (25000): records in 1000 seconds, 0 for as many as possible; "count" (0): so many and no more.
+///           (25000): records in 1000 seconds, 0 for as many as possible; "count" (0): so many and no more; "same" (1): so
+///           many have the same time, that of the first of them.
 class TestRecordSource : public quarn::calvane::BasicSourcePlugin {
 public:
     TestRecordSource(quarn::calvane::CalvaneEnv* env, const quarn::calvane::IPluginConfiguration& config);
@@ -37,8 +38,10 @@ private:
     const unsigned int mostBytes_;
     const unsigned int rateMilliHz_;
     const unsigned int count_;
+    const unsigned int same_;
     quarn::core::IMemoryAllocator* const allocator_; // The environment's.
     std::uint64_t number_ = 0;                       // Of the next record.
+    quarn::osa::TimeStruct time_;
 };
 
 } // namespace testrecords

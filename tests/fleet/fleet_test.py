@@ -187,6 +187,21 @@ class OutageTest(FleetTest):
         with open(f"/proc/{device.uplink.pid}/status", encoding="ascii") as status:
             return 1024 * next(int(line.split()[1]) for line in status if line.startswith("RssAnon"))
 
+    def test_records_of_the_same_time(self):
+        """None of them is left out or sent twice where a new lane begins with them."""
+        cluster = self.cluster()
+        device = self.device(cluster, description=RECORDS.replace("[audio.source]\n", "[audio.source]\nsame = 3\n"))
+        device.start_uplink()
+        for _ in range(3):
+            wait_until(lambda: device.metrics().get("connected") and device.metrics()["lag_seconds"] < 1, "live data")
+            cluster.servers[0].kill()
+            time.sleep(2.5)
+            cluster.servers[0].start()
+        device.stop_producers()
+        self.assert_same(device)
+        begins = [message for message in device.stream_messages() if ".audio." in message.subject and fields(message)[0] == "begin"]
+        self.assertTrue(2 <= len(begins) <= 4, begins)
+
 
 class TroubleTest(FleetTest):
     def test_refused_credentials_small_messages_and_a_deleted_stream(self):
