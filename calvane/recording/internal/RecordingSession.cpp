@@ -115,13 +115,13 @@ void RecordingSession::onStoreState(StoreState state) {
 }
 
 void RecordingSession::onCardBack() {
-    CALVANE_RECORDING_LOG(DRENN_CORE_LOG_NOTICE, "The card is back; recording goes on");
     try {
         _history.repairAfterCard();
     } catch (const std::exception& error) { // It may have gone again, and will be repaired when it is back.
         CALVANE_RECORDING_LOG(DRENN_CORE_LOG_WARNING,
                               "The history was not repaired after the card was away: %s", error.what());
     }
+    CALVANE_RECORDING_LOG(DRENN_CORE_LOG_NOTICE, "The card is back; recording goes on");
 }
 
 } // namespace quarn::calvane
