@@ -101,6 +101,7 @@ void RecordingSession::onStoreState(StoreState state) {
             CALVANE_RECORDING_LOG(DRENN_CORE_LOG_ERROR,
                                   "The card cannot be written to any more; nothing is recorded, and what is "
                                   "on it can be read. Replace it, or check it with calvane-store");
+            _history.goOn(); // It is repaired if the card can be written to again.
             return;
         case StoreState::NoCard:
         case StoreState::OtherCard:
@@ -121,6 +122,7 @@ void RecordingSession::onCardBack() {
         CALVANE_RECORDING_LOG(DRENN_CORE_LOG_WARNING,
                               "The history was not repaired after the card was away: %s", error.what());
     }
+    _history.goOn();
     CALVANE_RECORDING_LOG(DRENN_CORE_LOG_NOTICE, "The card is back; recording goes on");
 }
 

@@ -71,13 +71,24 @@ void RecordingHistory::writeQueue() {
     const ptime now = RecordingClock::now();
     {
         const std::lock_guard<std::mutex> lock(_mutex);
-        if (_card.isAway() && _cardLostAt.is_special()) {
-            return; // The store is about to say so, and what is queued can be written when the card is back.
+        if (mustWait()) {
+            return;
         }
         redateFutureEvents(now);
     }
     while (writeOldestQueued(now - kHoldTime)) {
     }
+}
+
+/// The store is about to say that the card has gone, or that it is back: what is queued can be written when the card is back, and
+/// behind what was queued when it went. With _mutex held.
+bool RecordingHistory::mustWait() const {
+    return _card.isAway() ? _cardLostAt.is_special() : _isHeld;
+}
+
+void RecordingHistory::goOn() {
+    const std::lock_guard<std::mutex> lock(_mutex);
+    _isHeld = false;
 }
 
 /// False when none is that old. It stays in the queue while it is being written: until it is in the track, others are to
@@ -88,7 +99,7 @@ bool RecordingHistory::writeOldestQueued(const ptime& cutoff) {
     {
         const std::lock_guard<std::mutex> lock(_mutex);
         entry = _queue.begin();
-        if (entry == _queue.end() || cutoff < entry->first) {
+        if (entry == _queue.end() || cutoff < entry->first || mustWait()) {
             return false;
         }
         event = entry->second;
@@ -226,6 +237,7 @@ bool RecordingHistory::wasClosedCleanly() const {
 void RecordingHistory::noteCardLost() {
     const std::lock_guard<std::mutex> writing(_writeMutex);
     const std::lock_guard<std::mutex> lock(_mutex);
+    _isHeld = true;
     if (!_cardLostAt.is_special()) {
         return;
     }

@@ -42,11 +42,13 @@ public:
     void writeQueue();
     /// Appends a record at once.
     void write(const Ptime& t, const std::string& info);
-    /// The card has gone: from here on events are lost, until it is back.
+    /// The card has gone: from here on events are lost, until it is back and this goes on.
     void noteCardLost();
     /// Events of the time without the card are lost. What had come before ended when the card went; what is present now
     /// has begun again. Throws what the store throws when the card goes again; then it is to be called when it is back.
     void repairAfterCard();
+    /// The card is back, and the history repaired if it could be: what is queued is written again.
+    void goOn();
 
     bool isPresent(track_type type) const;
     Unwritten unwrittenOf(track_type type) const;
@@ -58,6 +60,7 @@ private:
     bool wasClosedCleanly() const;
     std::set<track_type> tracksLeftOpen() const;
     void queueLocked(const Ptime& t, track_type type, bool present, CoverageReason reason);
+    bool mustWait() const;
     void redateFutureEvents(const Ptime& now);
     bool writeOldestQueued(const Ptime& cutoff);
     void writeQueued(const HistoryEvent& event);
@@ -73,6 +76,7 @@ private:
     Queue _queue;
     std::set<track_type> _present; // As last reported.
     Ptime _cardLostAt;             // Not-a-date-time while it is there. Changed with _writeMutex held, too.
+    bool _isHeld = false;          // From the loss of the card to goOn().
     Queue _queueAtLoss;
     std::set<track_type> _presentAtLoss;
 };
