@@ -24,6 +24,8 @@ constexpr unsigned int kErasedForAge = 3;
 constexpr unsigned int kUnknown = 6;
 constexpr auto kLostPause = std::chrono::seconds(1);
 constexpr auto kLookEvery = std::chrono::milliseconds(150);
+/// Where the card's last record is of the time that was sent last, another one of that time may have come.
+constexpr auto kLookForSameTimeEvery = std::chrono::seconds(1);
 
 quarn::core::Logger& Log() {
     static quarn::core::Logger& logger = *quarn::core::Logger::GetLogger("Uplink");
@@ -139,9 +141,10 @@ bool TrackSender::SendLive(Link& link, std::size_t budget) {
             OpenLane(*begin, card);
         }
         const Lane& live = lanes_.back();
-        if (live.at.isBehindRecord && card_.last == live.at.time) {
+        if (live.at.isBehindRecord && card_.last == live.at.time && now - lastRead_ < kLookForSameTimeEvery) {
             return false;
         }
+        lastRead_ = now;
     }
     return SendSome(link, lanes_.back(), budget) == Progress::More;
 }

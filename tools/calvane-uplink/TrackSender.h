@@ -115,6 +115,7 @@ private:
     std::uint64_t newestLane_ = 0;
     Span card_;
     std::chrono::steady_clock::time_point lastLook_; // For what is new.
+    std::chrono::steady_clock::time_point lastRead_; // Of what is new.
     TrackFigures figures_;
     Time doneUpTo_ = 0;          // All lanes lay behind this time
     std::uint64_t doneWith_ = 0; // when this message was the last one.
