@@ -142,12 +142,21 @@ private:
         std::int64_t ticks;
         unsigned int index;
     };
+    /// A record that can be read.
+    struct Stamp {
+        unsigned int index;
+        Ptime time;
+    };
 
     void requireNothingBehind(const Ptime& t) const;
     unsigned int interpolateFirstIndexNotBefore(const Ptime& t, unsigned int size) const;
     unsigned int halveFirstIndexNotBefore(const Ptime& t, unsigned int size) const;
     std::optional<Bracket> findReadableNeighbours(const Ptime& t) const;
-    unsigned int firstOfItsTime(unsigned int index) const;
+    std::optional<Stamp> findFirstReadable(unsigned int index) const;
+    std::optional<Stamp> findLastReadable(unsigned int end) const;
+    template <typename ToIndex>
+    std::optional<Stamp> findReadable(unsigned int count, const ToIndex& toIndex) const;
+    unsigned int firstOfItsTime(unsigned int index, const Ptime& time) const;
     Bracket findNeighbours(std::int64_t wanted, unsigned int size) const;
     Bracket beginNear(std::int64_t wanted, unsigned int size) const;
     std::pair<std::optional<Place>, std::optional<Place>> findKnown(std::int64_t wanted) const;

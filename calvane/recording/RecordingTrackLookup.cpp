@@ -24,8 +24,6 @@ namespace {
 
 constexpr unsigned int kMostSeen = 8192; // 128 KiB.
 const double kLargestGap = static_cast<double>(kLargestRecordGap.ticks());
-constexpr unsigned int kLookedAtOneByOne = 64;
-constexpr std::size_t kMostSaid = 3;
 constexpr unsigned int kFewestForRate = 64;
 constexpr unsigned int kLeastMargin = 4;
 constexpr unsigned int kMarginGrowth = 8;
@@ -47,106 +45,7 @@ std::int64_t ticksOf(const StoreTrack::LeadingBytes& leading) {
     return header.ticks;
 }
 
-/// The first of `count` places where reading works; `count` if there is none. Damage is mostly small, or a whole file:
-/// the first places are looked at one by one, then the steps double.
-template <typename IsReadable>
-unsigned int firstReadable(unsigned int count, const IsReadable& isReadable) {
-    const unsigned int near = std::min(count, kLookedAtOneByOne);
-    for (unsigned int place = 0; place < near; ++place) {
-        if (isReadable(place)) {
-            return place;
-        }
-    }
-    unsigned int low = near - 1;
-    for (unsigned int step = 1; low + 1 < count; step *= 2) {
-        unsigned int high = count - low - 1 > step ? low + step : count - 1;
-        if (!isReadable(high)) {
-            low = high;
-            continue;
-        }
-        while (high - low > 1) {
-            const unsigned int middle = low + (high - low) / 2;
-            (isReadable(middle) ? high : low) = middle;
-        }
-        return high;
-    }
-    return count;
-}
-
 } // namespace
-
-ptime RecordingTrack::getTimestampAtIndex(unsigned int index) const {
-    const TrackLock lock(*_track);
-    CALVANE_RECORDING_LOG(DRENN_CORE_LOG_DEBUG, "Getting recording header from track[%u] out of %u", index,
-                          _track->size());
-    try {
-        return timeFromTicks(readHeader(index).ticks);
-    } catch (const std::exception& error) {
-        CALVANE_RECORDING_LOG(DRENN_CORE_LOG_DEBUG, "Error reading data header: %s", error.what());
-        throw;
-    } catch (...) {
-        CALVANE_RECORDING_LOG(DRENN_CORE_LOG_DEBUG, "Unknown error reading data header");
-        throw;
-    }
-}
-
-RecordHeader RecordingTrack::readHeader(unsigned int index) const {
-    const TrackLock lock(*_track);
-    return readRecordHeader(*_track, index);
-}
-
-bool RecordingTrack::timestampLessThan(unsigned int index, const ptime& t) const {
-    const TrackLock lock(*_track);
-    return getTimestampAtIndex(index) < t;
-}
-
-std::optional<ptime> RecordingTrack::findTimestamp(unsigned int index) const {
-    const TrackLock lock(*_track);
-    try {
-        return timeFromTicks(readHeader(index).ticks);
-    } catch (const std::exception& error) {
-        notePassedOver(index, error.what());
-        return std::nullopt;
-    }
-}
-
-void RecordingTrack::notePassedOver(unsigned int index, const char* problem) const {
-    const TrackLock lock(*_track);
-    if (_passedOver.size() < kMostSaid && _passedOver.insert(problem).second) {
-        CALVANE_RECORDING_LOG(DRENN_CORE_LOG_WARNING,
-                              "Record %u of the track of type %d cannot be read and is passed over: %s",
-                              index, _trackType, problem);
-    }
-}
-
-unsigned int RecordingTrack::getFirstReadableIndex(unsigned int index) const {
-    const TrackLock lock(*_track);
-    const unsigned int size = _track->size();
-    return index >= size ? size : index + firstReadable(size - index, [&](unsigned int place) {
-                                      return findTimestamp(index + place).has_value();
-                                  });
-}
-
-std::optional<unsigned int> RecordingTrack::findLastReadableIndex(unsigned int end) const {
-    const TrackLock lock(*_track);
-    const unsigned int count = std::min(end, _track->size());
-    const unsigned int place = count == 0 ? 0 : firstReadable(count, [&](unsigned int back) {
-        return findTimestamp(count - 1 - back).has_value();
-    });
-    return place == count ? std::nullopt : std::make_optional(count - 1 - place);
-}
-
-bool RecordingTrack::getRecordingTimePeriod(ptime& first, ptime& last) const {
-    const TrackLock lock(*_track);
-    const std::optional<unsigned int> newest = findLastReadableIndex(_track->size());
-    if (!newest || *newest < _hidden) {
-        return false;
-    }
-    const ptime firstTime = getTimestampAtIndex(std::min(getFirstReadableIndex(_hidden), *newest));
-    last = getTimestampAtIndex(*newest);
-    first = firstTime;
-    return true;
-}
 
 unsigned int RecordingTrack::getFirstIndexNotBefore(const ptime& t) const {
     const TrackLock lock(*_track);
@@ -366,8 +265,7 @@ void RecordingTrack::forgetSeen(unsigned int first, unsigned int last) {
 }
 
 /// Within the lock: the first of the records of the same time.
-unsigned int RecordingTrack::firstOfItsTime(unsigned int index) const {
-    const ptime time = getTimestampAtIndex(index);
+unsigned int RecordingTrack::firstOfItsTime(unsigned int index, const ptime& time) const {
     while (index > _hidden && findTimestamp(index - 1) == time) {
         --index;
     }
@@ -392,7 +290,7 @@ unsigned int RecordingTrack::getTrackIndexForcedIntoBounds(const ptime& t) const
             throw std::out_of_range("No data");
         }
         if (isThere) {
-            index = index == size ? *previous : firstOfItsTime(*previous);
+            index = index == size ? *previous : firstOfItsTime(*previous, getTimestampAtIndex(*previous));
         }
     }
     CALVANE_RECORDING_LOG(DRENN_CORE_LOG_DEBUG, "Returning index %u", index);
@@ -441,8 +339,9 @@ unsigned int RecordingTrack::getTrackIndex(const ptime& t) const {
     if (const std::optional<Bracket> found = findReadableNeighbours(t)) {
         CALVANE_RECORDING_LOG(DRENN_CORE_LOG_DEBUG, "Looking up index for timestamp %s (out of %u)",
                               textOf(t).c_str(), _track->size());
-        const unsigned int index =
-            found->highTicks == found->wanted ? found->high : firstOfItsTime(found->low);
+        const unsigned int index = found->highTicks == found->wanted
+                                       ? found->high
+                                       : firstOfItsTime(found->low, timeFromTicks(found->lowTicks));
         CALVANE_RECORDING_LOG(DRENN_CORE_LOG_DEBUG, "Returning index %u", index);
         return index;
     }

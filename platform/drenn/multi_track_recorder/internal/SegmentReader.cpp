@@ -88,12 +88,12 @@ BlockRef SegmentReader::BlockOf(std::uint32_t track, std::uint64_t serial) const
 }
 
 RecordEntry SegmentReader::Entry(std::uint32_t track, std::uint64_t serial) const {
-    return Entry(*PartOf(track, serial), serial);
+    return PartOf(track, serial).entry;
 }
 
 void SegmentReader::Read(std::uint32_t track, std::uint64_t serial, BlobRecord& record) const {
     const BlockRef block = BlockOf(track, serial);
-    const RecordEntry entry = Entry(*PartOf(block, serial), serial);
+    const RecordEntry entry = PartOf(block, serial).entry;
     const std::uint32_t wanted = BlobsToRead(entry.blobs, record.getBlobLimit());
     if (wanted == 0) {
         return;
@@ -123,24 +123,25 @@ void SegmentReader::Read(std::uint32_t track, std::uint64_t serial, BlobRecord& 
     }
 }
 
-std::shared_ptr<const IndexPart> SegmentReader::PartOf(std::uint32_t track, std::uint64_t serial) const {
+SegmentReader::Found SegmentReader::PartOf(std::uint32_t track, std::uint64_t serial) const {
     return PartOf(BlockOf(track, serial), serial);
 }
 
 /// The blocks in the directory are durable, so what their indexes hold does not change any more.
-std::shared_ptr<const IndexPart> SegmentReader::PartOf(const BlockRef& block, std::uint64_t serial) const {
+SegmentReader::Found SegmentReader::PartOf(const BlockRef& block, std::uint64_t serial) const {
     const std::uint64_t begin =
         (serial - block.firstSerial) / IndexPart::kMostEntries * IndexPart::kMostEntries;
     const std::uint64_t offset = std::uint64_t{block.offset} + kBlockHeaderBytes + begin * kEntryBytes;
     const std::size_t slot = offset / kEntryBytes * 0x9E3779B1U % kMostParts;
     {
         const std::lock_guard<std::mutex> lock(mutex_);
-        if (!parts_.empty() && parts_[slot] != nullptr && parts_[slot]->offset == offset &&
-            Decode(*parts_[slot], serial)) {
-            return parts_[slot];
+        if (!parts_.empty() && parts_[slot] != nullptr && parts_[slot]->offset == offset) {
+            if (const auto entry = Decode(*parts_[slot], serial)) {
+                return {parts_[slot], *entry};
+            }
         }
     }
-    const auto part = std::make_shared<IndexPart>();
+    const std::shared_ptr<IndexPart> part(new IndexPart); // Not cleared: it is read into.
     const std::uint64_t count = std::min<std::uint64_t>(IndexPart::kMostEntries, block.count - begin);
     const std::size_t bytes =
         file_->Read(offset, part->entries.data(), static_cast<std::size_t>(count) * kEntryBytes);
@@ -148,11 +149,11 @@ std::shared_ptr<const IndexPart> SegmentReader::PartOf(const BlockRef& block, st
     part->offset = offset;
     part->range.first = block.firstSerial + begin;
     part->range.end = part->range.first + bytes / kEntryBytes;
-    (void)Entry(*part, serial);
+    const RecordEntry entry = Entry(*part, serial);
     const std::lock_guard<std::mutex> lock(mutex_);
     parts_.resize(kMostParts);
     parts_[slot] = part;
-    return part;
+    return {part, entry};
 }
 
 std::optional<RecordEntry> SegmentReader::Decode(const IndexPart& part, std::uint64_t serial) const {

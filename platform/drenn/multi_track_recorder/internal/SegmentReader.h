@@ -60,14 +60,18 @@ public:
     const std::shared_ptr<SegmentDirectory>& Directory() const { return directory_; }
     RecordEntry Entry(std::uint32_t track, std::uint64_t serial) const;
     void Read(std::uint32_t track, std::uint64_t serial, BlobRecord& record) const;
-    /// The part with the entry of this record, which was checked.
-    std::shared_ptr<const IndexPart> PartOf(std::uint32_t track, std::uint64_t serial) const;
+    struct Found {
+        std::shared_ptr<const IndexPart> part;
+        RecordEntry entry;
+    };
+    /// The part with the entry of this record, and that.
+    Found PartOf(std::uint32_t track, std::uint64_t serial) const;
     /// Of a record in the part.
     RecordEntry Entry(const IndexPart& part, std::uint64_t serial) const;
 
 private:
     BlockRef BlockOf(std::uint32_t track, std::uint64_t serial) const;
-    std::shared_ptr<const IndexPart> PartOf(const BlockRef& block, std::uint64_t serial) const;
+    Found PartOf(const BlockRef& block, std::uint64_t serial) const;
     std::optional<RecordEntry> Decode(const IndexPart& part, std::uint64_t serial) const;
     [[noreturn]] void Fail(std::uint32_t track, std::uint64_t serial, const std::string& reason) const;
 

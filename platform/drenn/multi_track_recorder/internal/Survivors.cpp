@@ -12,15 +12,22 @@ std::uint64_t Survivors::SerialAt(std::uint64_t index) const {
     return run.serial + (index - run.index);
 }
 
-std::uint64_t Survivors::IndexOf(std::uint64_t serial) const {
+/// The last run that does not begin behind the serial; null without one.
+const Survivors::Run* Survivors::RunBefore(std::uint64_t serial) const {
     const auto behind =
         std::upper_bound(runs_.begin(), runs_.end(), serial,
                          [](std::uint64_t value, const Run& run) { return value < run.serial; });
-    if (behind == runs_.begin()) {
-        return 0;
-    }
-    const Run& run = *std::prev(behind);
-    return run.index + std::min(serial - run.serial, run.count);
+    return behind == runs_.begin() ? nullptr : &*std::prev(behind);
+}
+
+std::uint64_t Survivors::IndexOf(std::uint64_t serial) const {
+    const Run* const run = RunBefore(serial);
+    return run == nullptr ? 0 : run->index + std::min(serial - run->serial, run->count);
+}
+
+bool Survivors::Has(std::uint64_t serial) const {
+    const Run* const run = RunBefore(serial);
+    return run != nullptr && serial - run->serial < run->count;
 }
 
 void Survivors::Append(SerialRange range) {

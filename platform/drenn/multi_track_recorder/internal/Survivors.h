@@ -15,6 +15,7 @@ public:
     std::uint64_t SerialAt(std::uint64_t index) const;
     /// How many records before `serial` survive.
     std::uint64_t IndexOf(std::uint64_t serial) const;
+    bool Has(std::uint64_t serial) const;
     std::uint64_t CountIn(SerialRange range) const { return IndexOf(range.end) - IndexOf(range.first); }
 
     /// Behind all others.
@@ -33,6 +34,8 @@ private:
             return a.serial == b.serial && a.count == b.count;
         }
     };
+    const Run* RunBefore(std::uint64_t serial) const;
+
     std::vector<Run> runs_;
 };
 

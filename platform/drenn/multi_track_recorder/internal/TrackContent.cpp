@@ -42,7 +42,7 @@ std::shared_ptr<Segment> TrackContent::FindSegment(std::uint64_t serial) const {
 Track::KnownRecords TrackContent::FindKnown(const std::function<bool(const LeadingBytes&)>& isBefore) const {
     // What was erased need not be in order with the rest: the clock may have been set back behind it.
     const auto isKnown = [this](const Extent& extent) {
-        return extent.leading && survivors.CountIn({extent.range.first, extent.range.first + 1}) == 1;
+        return extent.leading && survivors.Has(extent.range.first);
     };
     auto low = extents.begin(); // Known ones in front of here are before,
     auto high = extents.end();  // and known ones from here on are not.

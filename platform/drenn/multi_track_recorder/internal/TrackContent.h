@@ -50,7 +50,7 @@ struct TrackContent {
     std::optional<SerialRange>
         marked; ///< Being erased: the marker is durable, the transaction is yet to come.
     Survivors survivors;
-    std::deque<Extent> extents;                        ///< Durable records.
+    std::vector<Extent> extents;                       ///< Durable records.
     std::deque<std::shared_ptr<PendingBlock>> pending; ///< Not yet durable, in the order of appending.
     std::vector<InfoText> infos;
 

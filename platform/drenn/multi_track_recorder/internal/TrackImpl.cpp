@@ -300,7 +300,7 @@ Track::KnownRecords TrackImpl::FindNear(std::uint32_t index,
     const std::uint64_t serial = SerialAt(index);
     const Place place = PlaceOf(serial);
     const auto reader = place.block == nullptr ? context_.cache.Get(*place.segment) : nullptr;
-    const auto part = reader == nullptr ? nullptr : reader->PartOf(content_->id, serial);
+    const auto part = reader == nullptr ? nullptr : reader->PartOf(content_->id, serial).part;
     const SerialRange range =
         part == nullptr ? SerialRange{place.block->FirstSerial(), place.block->EndSerial()} : part->range;
     const std::lock_guard<std::mutex> lock(content_->mutex);

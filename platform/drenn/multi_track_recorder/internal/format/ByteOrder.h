@@ -1,5 +1,7 @@
 #pragma once
 
+#include <endian.h>
+
 #include <cstdint>
 #include <cstring>
 #include <string>
@@ -15,8 +17,14 @@ public:
     explicit ByteWriter(Bytes& bytes) : bytes_(bytes) {}
 
     void U8(std::uint8_t value) { bytes_.push_back(value); }
-    void U32(std::uint32_t value) { Number(value, 4); }
-    void U64(std::uint64_t value) { Number(value, 8); }
+    void U32(std::uint32_t value) {
+        value = htole32(value);
+        Raw(&value, sizeof value);
+    }
+    void U64(std::uint64_t value) {
+        value = htole64(value);
+        Raw(&value, sizeof value);
+    }
     void Raw(const void* bytes, std::size_t length) {
         const auto* const first = static_cast<const unsigned char*>(bytes);
         bytes_.insert(bytes_.end(), first, first + length);
@@ -28,12 +36,6 @@ public:
     }
 
 private:
-    void Number(std::uint64_t value, unsigned bytes) {
-        for (unsigned i = 0; i < bytes; ++i) {
-            bytes_.push_back(static_cast<unsigned char>(value >> (8 * i)));
-        }
-    }
-
     Bytes& bytes_;
 };
 
@@ -42,9 +44,9 @@ class ByteReader {
 public:
     ByteReader(const unsigned char* bytes, std::size_t length) : next_(bytes), left_(length) {}
 
-    std::uint8_t U8() { return static_cast<std::uint8_t>(Number(1)); }
-    std::uint32_t U32() { return static_cast<std::uint32_t>(Number(4)); }
-    std::uint64_t U64() { return Number(8); }
+    std::uint8_t U8() { return Number<std::uint8_t>(); }
+    std::uint32_t U32() { return le32toh(Number<std::uint32_t>()); }
+    std::uint64_t U64() { return le64toh(Number<std::uint64_t>()); }
     void Raw(void* bytes, std::size_t length) {
         if (Take(length)) {
             std::memcpy(bytes, next_ - length, length);
@@ -68,13 +70,10 @@ private:
         left_ -= length;
         return true;
     }
-    std::uint64_t Number(unsigned bytes) {
-        std::uint64_t value = 0;
-        if (Take(bytes)) {
-            for (unsigned i = 0; i < bytes; ++i) {
-                value |= std::uint64_t{next_[static_cast<int>(i) - static_cast<int>(bytes)]} << (8 * i);
-            }
-        }
+    template <typename T>
+    T Number() {
+        T value = 0;
+        Raw(&value, sizeof value);
         return value;
     }
 
