@@ -122,6 +122,26 @@ TEST(DeviceTrouble, AStoreWithoutTrustInItsCatalogueIsReadOnly) {
     EXPECT_EQ(store.GetState(), StoreState::ReadOnly);
 }
 
+// The next sync of the log would succeed, and say that what comes behind the lost part of it is durable.
+TEST(DeviceTrouble, ALogThatIsNotSyncedWhenItIsBroughtIntoTheCatalogueIsToldOf) {
+    const quarn::core::LogCapture log(quarn::core::LogLevel::Off);
+    SimFileSystem disk;
+    Store store(disk, Workload::SmallStore());
+    const auto track = store.NewRecording()->newTrack();
+    disk.SetFault([failed = false](const std::string& operation, const std::string& path) mutable {
+        const bool fails = !failed && operation == "sync" && path.find("catalogue-wal") != std::string::npos;
+        failed = failed || fails;
+        return fails ? EIO : 0;
+    });
+    const auto recordOn = [&] {
+        for (unsigned int i = 0; i != 200; ++i) { // A segment each; nothing syncs the log but bringing it in.
+            AppendText(*track, std::string(20000, 'x'));
+            store.Commit();
+        }
+    };
+    EXPECT_THAT(ThrownText<std::runtime_error>(recordOn), HasSubstr("its device failed"));
+}
+
 TEST(DeviceTrouble, WhatIsHeldBackLetsTheStoreErase) {
     const quarn::core::LogCapture log(quarn::core::LogLevel::Off);
     constexpr std::uint64_t kCapacity = std::uint64_t{16} * 1024 * 1024;

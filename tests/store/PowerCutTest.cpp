@@ -6,9 +6,13 @@
 #include <set>
 #include <unordered_set>
 
+#include "drenn/multi_track_recorder/internal/io/Catalogue.h"
+#include "drenn/multi_track_recorder/internal/io/SqliteVfs.h"
+#include "drenn/multi_track_recorder/internal/recovery/Opening.h"
 #include "drenn/multi_track_recorder/internal/recovery/StoreVerifier.h"
 #include "quarn/core/LogCapture.h"
 #include "support/Effort.h"
+#include "support/TestStore.h"
 #include "support/store/Workload.h"
 
 using namespace drenn::multi_track_recorder;
@@ -189,6 +193,28 @@ TEST(PowerCut, LosesNothingThatWasDurableAndBringsNothingBack) {
         }
     }
     std::cout << distinct << " different states of the disk were opened\n";
+}
+
+// Opening reads through what is not sealed for certain. That is to stay one segment, however long the store lives.
+TEST(PowerCut, LeavesOneSegmentToBeReadThrough) {
+    SimFileSystem disk;
+    const StoreOptions options = Workload::SmallStore();
+    Store store(disk, options);
+    const auto track = store.NewRecording()->newTrack();
+    std::size_t segments = 0;
+    for (unsigned int second = 0; second != 60; ++second) {
+        for (unsigned int i = 0; i != 10; ++i) {
+            AppendText(*track, std::string(300, 'x'));
+        }
+        store.Sync();
+        SimFileSystem left(PowerCuts(disk.GetTrace()).Durable());
+        const SqliteVfs vfs(left, SqliteVfs::Access::ReadOnly);
+        Catalogue catalogue(options.database + "/catalogue", vfs.Name(), Catalogue::Mode::ReadOnly);
+        const std::size_t sealed = catalogue.Load().segments.size();
+        segments = ListSegments(left, options.storage).size();
+        EXPECT_EQ(segments - sealed, 1U) << "second " << second;
+    }
+    EXPECT_GT(segments, 4U);
 }
 
 // The test of the test: of each kind there is a sync that is missed when it alone is left out.

@@ -385,7 +385,7 @@ void Lane::SealLocked() {
     }
     const std::shared_ptr<Segment> segment = writer_->GetSegment();
     segment->length = writer_->SyncedEnd();
-    context_.Transact([&](Catalogue::Transaction& transaction) {
+    const auto seal = [&](Catalogue::Transaction& transaction) {
         transaction.AddSegment({segment->key, segment->length, segment->time, false, std::nullopt});
         for (const ExtentRow& extent : extents_) {
             transaction.AddExtent(extent);
@@ -405,7 +405,9 @@ void Lane::SealLocked() {
         transaction.Commit();
         segment->isSealed = true;
         Add(segment);
-    });
+    };
+    // If a power cut takes it back, opening reads the segment through.
+    context_.Transact(seal, Catalogue::Durability::WithSyncLog);
     if (!writer_->IsBroken()) {
         try {
             writer_->WriteFooter();

@@ -10,6 +10,7 @@ namespace {
 constexpr std::uint64_t kReserveBytes = 1ULL << 20U;
 constexpr std::uint64_t kMostHeadroom = 8ULL << 20U;
 constexpr std::uint64_t kMostMemory = 32ULL << 20U;
+constexpr std::uint64_t kLargeCard = 256ULL << 20U;
 constexpr std::size_t kMostRemoved = 16;
 
 } // namespace
@@ -18,7 +19,9 @@ Ring::Ring(StoreContext& context, StoreTables& tables) : context_(context), tabl
 
 void Ring::Attach() {
     hasAside_ = !ListAside(context_.files, context_.folders).empty();
-    LookAtSpace();
+    if (LookAtSpace().usable >= kLargeCard) {
+        context_.GetCatalogue()->LengthenLog();
+    }
 }
 
 void Ring::Detach() {

@@ -123,6 +123,9 @@ void Store::SyncLanes() {
                 syncs.emplace_back([&lane] { lane.EndSync(); });
             }
         });
+        if (context_->BeginSyncCatalogue()) {
+            syncs.emplace_back([this] { context_->SyncCatalogue(); });
+        }
     } catch (const std::exception&) {
         failure = std::current_exception();
     }

@@ -28,10 +28,11 @@ void StoreContext::SetCatalogue(std::shared_ptr<Catalogue> catalogue) {
     catalogue_ = std::move(catalogue);
 }
 
-void StoreContext::Transact(const std::function<void(Catalogue::Transaction&)>& change) {
+void StoreContext::Transact(const std::function<void(Catalogue::Transaction&)>& change,
+                            Catalogue::Durability durability) {
     const auto once = [&] {
         const std::shared_ptr<Catalogue> catalogue = GetCatalogue();
-        Catalogue::Transaction transaction(*catalogue);
+        Catalogue::Transaction transaction(*catalogue, durability);
         change(transaction);
     };
     RequireGood();
@@ -49,6 +50,25 @@ void StoreContext::Transact(const std::function<void(Catalogue::Transaction&)>& 
         if (!error.IsOutOfSpace()) {
             BecomeReadOnly(error.what());
         }
+        throw;
+    }
+}
+
+bool StoreContext::BeginSyncCatalogue() {
+    bool needsSync = false;
+    WithCatalogue([&needsSync](Catalogue& catalogue) { needsSync = catalogue.BeginSyncLog(); });
+    return needsSync;
+}
+
+void StoreContext::SyncCatalogue() {
+    WithCatalogue([](Catalogue& catalogue) { catalogue.SyncLog(); });
+}
+
+void StoreContext::WithCatalogue(const std::function<void(Catalogue&)>& action) {
+    try {
+        action(*GetCatalogue());
+    } catch (const FileError& error) {
+        BecomeReadOnly(error.what());
         throw;
     }
 }

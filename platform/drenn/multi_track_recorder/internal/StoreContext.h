@@ -45,7 +45,12 @@ public:
     void SetCatalogue(std::shared_ptr<Catalogue> catalogue);
     /// One transaction, and what has to change in memory with it, which `change` does behind the commit. When
     /// there is no room, the reserve is given up for it.
-    void Transact(const std::function<void(Catalogue::Transaction&)>& change);
+    void Transact(const std::function<void(Catalogue::Transaction&)>& change,
+                  Catalogue::Durability durability = Catalogue::Durability::AtOnce);
+    /// Makes transactions durable that wait for it, as Catalogue::BeginSyncLog and SyncLog do. A failure makes the store
+    /// read-only.
+    bool BeginSyncCatalogue();
+    void SyncCatalogue();
 
     StoreState GetState() const { return state_; }
     /// Throws unless the store can be changed, or, for reading, unless the card is there.
@@ -62,6 +67,8 @@ public:
     void SetLowestTime(std::uint64_t time);
 
 private:
+    void WithCatalogue(const std::function<void(Catalogue&)>& action);
+
     mutable std::mutex catalogueMutex_;
     std::shared_ptr<Catalogue> catalogue_;
     std::atomic<StoreState> state_{StoreState::Good};

@@ -14,7 +14,7 @@ namespace {
 // turns into SIGBUS.
 constexpr char kPragmas[] =
     "PRAGMA locking_mode=EXCLUSIVE; PRAGMA journal_mode=WAL; PRAGMA synchronous=FULL; PRAGMA mmap_size=0;"
-    "PRAGMA cache_size=-512; PRAGMA foreign_keys=OFF; PRAGMA wal_autocheckpoint=64; PRAGMA "
+    "PRAGMA cache_size=-512; PRAGMA foreign_keys=OFF; PRAGMA "
     "journal_size_limit=262144; PRAGMA temp_store=MEMORY; PRAGMA cell_size_check=ON;";
 constexpr char kReadPragmas[] =
     "PRAGMA locking_mode=EXCLUSIVE; PRAGMA mmap_size=0; PRAGMA temp_store=MEMORY; PRAGMA cell_size_check=ON;";
@@ -45,6 +45,7 @@ constexpr char kTables[] =
     "CREATE TABLE infos(track INTEGER, from_serial INTEGER, text BLOB NOT NULL,"
     " PRIMARY KEY(track, from_serial));";
 
+constexpr int kLogPages = 64; // 1/4 MiB.
 constexpr std::size_t kSaltBytes = 8;
 constexpr std::size_t kHintBytes = 28; // Track, serial, leading bytes.
 
@@ -95,6 +96,7 @@ Catalogue::Catalogue(const std::string& path, const char* vfs, Mode mode)
     }
     database_.ReserveInPages(SqliteVfs::kReservedBytes); // Before the first page is made.
     database_.Execute(mode == Mode::Build ? kBuildPragmas : kPragmas);
+    database_.SetLogPages(kLogPages);
     if (HasTable("store")) {
         Upgrade();
     }
@@ -273,7 +275,33 @@ Statement& Catalogue::Prepared(const char* sql) {
     return *statements_.back().second;
 }
 
-Catalogue::Transaction::Transaction(Catalogue& catalogue) : catalogue_(catalogue), lock_(catalogue.mutex_) {
+bool Catalogue::BeginSyncLog() {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    if (needsSyncLog_) {
+        database_.WriteOutLog();
+    }
+    return needsSyncLog_;
+}
+
+void Catalogue::LengthenLog() {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    database_.SetLogPages(3 * kLogPages);
+    database_.Execute("PRAGMA journal_size_limit=524288");
+}
+
+void Catalogue::SyncLog() {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    if (needsSyncLog_) {
+        database_.SyncLog();
+        needsSyncLog_ = false;
+    }
+}
+
+Catalogue::Transaction::Transaction(Catalogue& catalogue, Durability durability)
+    : catalogue_(catalogue), durability_(durability), lock_(catalogue.mutex_) {
+    // Each time: it cannot be changed within a transaction, and no transaction depends on how the last one ended.
+    catalogue_.database_.Execute(durability == Durability::AtOnce ? "PRAGMA synchronous=FULL"
+                                                                  : "PRAGMA synchronous=NORMAL");
     catalogue_.database_.Execute("BEGIN IMMEDIATE");
 }
 
@@ -473,6 +501,7 @@ void Catalogue::Transaction::ReserveTracks(std::uint32_t last) {
 void Catalogue::Transaction::Commit() {
     catalogue_.database_.Execute("COMMIT");
     committed_ = true;
+    catalogue_.needsSyncLog_ = durability_ == Durability::WithSyncLog;
 }
 
 } // namespace drenn::multi_track_recorder

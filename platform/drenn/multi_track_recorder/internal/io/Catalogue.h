@@ -119,10 +119,22 @@ public:
     /// SQLite's own check; lines that say what is wrong.
     std::vector<std::string> Check();
 
-    /// Durable after Commit; without, nothing has happened.
+    enum class Durability {
+        AtOnce,
+        /// With SyncLog, or the next transaction that is durable at once. Until then a power cut may take it back, as a
+        /// whole and with all behind it.
+        WithSyncLog
+    };
+    /// Whether a transaction waits for SyncLog. If so, begins what that ends: see IFile::WriteOut.
+    bool BeginSyncLog();
+    void SyncLog();
+    /// Brings the log into the database when it has 3/4 MiB instead of 1/4 MiB: that takes several flushes of the device.
+    void LengthenLog();
+
+    /// Durable after Commit, or as told; without Commit, nothing has happened.
     class Transaction {
     public:
-        explicit Transaction(Catalogue& catalogue);
+        explicit Transaction(Catalogue& catalogue, Durability durability = Durability::AtOnce);
         ~Transaction();
         Transaction(const Transaction&) = delete;
         Transaction& operator=(const Transaction&) = delete;
@@ -155,6 +167,7 @@ public:
     private:
         Statement& operator()(const char* sql);
         Catalogue& catalogue_;
+        const Durability durability_;
         const std::unique_lock<std::mutex> lock_;
         bool committed_ = false;
     };
@@ -166,6 +179,7 @@ private:
     void Upgrade();
 
     std::mutex mutex_;
+    bool needsSyncLog_ = false;
     Database database_;
     std::vector<std::pair<const char*, std::unique_ptr<Statement>>> statements_;
 };

@@ -4,6 +4,7 @@
 
 #include "drenn/multi_track_recorder/internal/io/Database.h"
 #include "drenn/multi_track_recorder/internal/io/FileError.h"
+#include "drenn/multi_track_recorder/internal/io/SqliteVfs.h"
 
 namespace drenn::multi_track_recorder {
 namespace {
@@ -117,6 +118,37 @@ std::uint64_t Database::LastInsertId() const {
 
 bool Database::InTransaction() const {
     return sqlite3_get_autocommit(database_) == 0;
+}
+
+void Database::SetLogPages(int pages) {
+    logPages_ = pages;
+    sqlite3_wal_hook(database_, &OnLogWritten, this);
+}
+
+/// In place of SQLite's own, which tells nobody of an error.
+int Database::OnLogWritten(void* self, sqlite3* database, const char* name, int pages) {
+    if (pages < static_cast<const Database*>(self)->logPages_) {
+        return SQLITE_OK;
+    }
+    const int result = sqlite3_wal_checkpoint_v2(database, name, SQLITE_CHECKPOINT_PASSIVE, nullptr, nullptr);
+    return (result & 0xFF) == SQLITE_FULL ? SQLITE_OK : result;
+}
+
+void Database::SyncLog() {
+    OnLog([](sqlite3_file* log) { return log->pMethods->xSync(log, SQLITE_SYNC_NORMAL); });
+}
+
+void Database::WriteOutLog() {
+    OnLog([](sqlite3_file* log) { return log->pMethods->xFileControl(log, SqliteVfs::kWriteOut, nullptr); });
+}
+
+void Database::OnLog(int (*operation)(sqlite3_file*)) {
+    sqlite3_file* log = nullptr;
+    Check(sqlite3_file_control(database_, "main", SQLITE_FCNTL_JOURNAL_POINTER, &log));
+    const int result = log == nullptr || log->pMethods == nullptr ? SQLITE_OK : operation(log);
+    if (result != SQLITE_OK) {
+        throw FileError("sync the log of the catalogue", path_, ErrnoOf(result));
+    }
 }
 
 void Database::Check(int result) const {

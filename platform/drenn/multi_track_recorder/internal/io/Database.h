@@ -7,6 +7,7 @@
 #include "drenn/multi_track_recorder/internal/format/ByteOrder.h"
 
 struct sqlite3;
+struct sqlite3_file;
 struct sqlite3_stmt;
 
 namespace drenn::multi_track_recorder {
@@ -60,14 +61,23 @@ public:
     void Execute(const std::string& sql);
     std::uint64_t LastInsertId() const;
     bool InTransaction() const;
+    /// Brings the log into the database when a transaction has made it so long. If that fails for other reasons than want of
+    /// room, so does what made the transaction, which is in the log all the same.
+    void SetLogPages(int pages);
+    /// Makes durable what has been written to the log, and what begins that: see IFile::WriteOut.
+    void SyncLog();
+    void WriteOutLog();
     const std::string& Path() const { return path_; }
 
 private:
     friend class Statement;
     void Check(int result) const;
+    void OnLog(int (*operation)(sqlite3_file*));
+    static int OnLogWritten(void* self, sqlite3* database, const char* name, int pages);
 
     const std::string path_;
     sqlite3* database_ = nullptr;
+    int logPages_ = 0;
 };
 
 } // namespace drenn::multi_track_recorder

@@ -196,8 +196,14 @@ int CheckReservedLock(sqlite3_file*, int* reserved) {
     return SQLITE_OK;
 }
 
-int FileControl(sqlite3_file*, int, void*) {
-    return SQLITE_NOTFOUND;
+int FileControl(sqlite3_file* file, int operation, void*) {
+    if (operation != SqliteVfs::kWriteOut) {
+        return SQLITE_NOTFOUND;
+    }
+    return Guard(SQLITE_IOERR_FSYNC, [file] {
+        Of(file).file->WriteOut();
+        return SQLITE_OK;
+    });
 }
 
 int SectorSize(sqlite3_file*) {

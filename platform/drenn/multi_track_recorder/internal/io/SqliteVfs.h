@@ -23,6 +23,8 @@ public:
     static constexpr int kReservedBytes = 8;
     /// The user_version of a database whose pages carry checksums.
     static constexpr unsigned int kChecksummedVersion = 2;
+    /// What to call a file's xFileControl with for IFile::WriteOut. Numbers up to 100 are SQLite's own.
+    static constexpr int kWriteOut = 101;
 
     explicit SqliteVfs(IFileSystem& files, Access access = Access::ReadWrite);
     ~SqliteVfs();

@@ -2,6 +2,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <random>
+#include <set>
 #include <stdexcept>
 
 #include "drenn/multi_track_recorder/internal/io/FileError.h"
@@ -36,9 +37,13 @@ std::string ParentOf(const std::string& path) {
 }
 
 void MakeFolders(IFileSystem& files, const StoreFolders& folders) {
+    std::set<std::string> parents; // Mostly one.
     for (const std::string& folder : {folders.storage, folders.database}) {
         files.MakeFolder(folder);
-        files.SyncFolder(ParentOf(folder));
+        parents.insert(ParentOf(folder));
+    }
+    for (const std::string& parent : parents) {
+        files.SyncFolder(parent);
     }
 }
 

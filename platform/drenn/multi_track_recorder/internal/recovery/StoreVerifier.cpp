@@ -419,15 +419,14 @@ private:
                 texts_[row.track][row.from] = catalogue_.GetInfo(row.track, row.from);
             }
         }
-        InfoTexts& known = texts_;
         for (const auto& [info, text] : infos_) {
             if (!text.isSealed) { // The catalogue gets it with the next opening.
-                known[info.first][info.second] = text.text;
+                texts_[info.first][info.second] = text.text;
             }
         }
-        for (const MissingInfo& missing : MissInfos(scan, known)) {
+        for (const MissingInfo& missing : MissInfos(scan, texts_)) {
             const auto track = tracks_.find(missing.track);
-            const auto texts = known[missing.track];
+            const auto texts = texts_[missing.track];
             const auto behind = texts.upper_bound(missing.from);
             const std::string line = PathOf(key) + ": the info text of " + TrackName(missing.track) +
                                      " from record " + std::to_string(missing.from) + " on is missing";
@@ -436,6 +435,7 @@ private:
             }
             if (behind != texts.begin() && std::prev(behind)->second.empty()) {
                 report_.notes.push_back(line);
+                infos_[{missing.track, std::prev(behind)->first}].isNearDamage = true;
             } else {
                 Wrong(11, line);
             }
