@@ -8,6 +8,7 @@
 #        run.sh fleet [--quick]                 the copy of recordings in the streams of a fleet
 #        run.sh arm [--quick]                   instructions on x86-64 and on 32-bit ARM, which build/armhf has
 #        run.sh middleware [ARGS]               services, settings, logging; ARGS go to Google Benchmark
+#        run.sh whole [--quick] [--runs N]      the first three, several times; the medians, beside their limits; as root
 #        run.sh smoke                           each of them once, as little as possible: whether they still run; as root
 # CALVANE_BENCH_BUILD: the folder of the build, build/bench when not set
 set -euo pipefail
@@ -66,8 +67,8 @@ if [[ ${1-} == recorder || ${1-} == media || ${1-} == arm ]]; then
     exec dbus-run-session -- python3 -B "bench/$script.py" --build "$build" "$@"
 fi
 script=side_by_side
-if [[ ${1-} == store ]]; then
-    script=store
+if [[ ${1-} == store || ${1-} == whole ]]; then
+    script=$1
     shift
 fi
 exec python3 -B "bench/$script.py" --build "$build" "$@"

@@ -15,6 +15,7 @@ import tempfile
 from statistics import median
 
 from measure import OthersWatch, add_extent, forget_cache, settle
+from table import limited, write_limited
 
 MIB = 1024 * 1024
 NAMES = {"raw": "raw append", "store": "this store", "sqlite": "SQLite blobs", "lmdb": "LMDB", "rocksdb": "RocksDB",
@@ -124,9 +125,9 @@ def print_candidates(figures):
 
 
 def target(what, figure, limit, at_least=False):
-    met = figure >= limit if at_least else figure <= limit
     digits = 3 if limit < 2 else 1
-    print(f"| {what} | {figure:.{digits}f} | {'at least' if at_least else 'at most'} {limit} | {'yes' if met else 'NO'} |")
+    print(f"| {what} | {figure:.{digits}f} | {'at least' if at_least else 'at most'} {limit} |"
+          f" {limited(what, figure, limit, at_least)} |")
 
 
 def print_targets(figures, openings):
@@ -205,6 +206,7 @@ def main():
             print_openings(openings)
         if {"raw", "store", "sqlite"} <= figures.keys():
             print_targets(figures, openings)
+        write_limited(options.limited, others)
 
 
 if __name__ == "__main__":

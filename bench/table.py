@@ -1,5 +1,22 @@
 """The table of a benchmark."""
+import json
+
 from measure import Failure
+
+_limited = {}
+
+
+def limited(what, figure, limit, at_least=False):
+    """Keeps a figure that has a limit. Returns "yes" if it is met, otherwise "NO"."""
+    _limited[what] = (figure, limit, at_least)
+    return "yes" if (figure >= limit if at_least else figure <= limit) else "NO"
+
+
+def write_limited(path, others):
+    """What was kept, and which share of the machine others used, for whole.py; nothing without a path."""
+    if path:
+        with open(path, "w", encoding="utf-8") as file:
+            json.dump({"others": others.share, "figures": _limited}, file)
 
 
 def decimals(figure):
@@ -16,6 +33,6 @@ def print_table(rows):
         show = lambda figure: "-" if figure is None else f"{figure:.{decimals(figure)}f} {unit}".strip()
         # A difference below zero, or within noise of it, has no ratio.
         ratio = ours / theirs if theirs is not None and theirs > 0 else None
-        met = "-" if limit is None or ratio is None else "yes" if ratio <= limit else "NO"
+        met = "-" if limit is None or ratio is None else limited(what, ratio, limit)
         print(f"| {what} | {show(ours)} | {show(theirs)} | {'-' if ratio is None else f'{ratio:.2f}'} |"
               f" {'-' if limit is None else f'{limit} x'} | {met} |")

@@ -55,10 +55,9 @@ public:
         const auto* const bytes = static_cast<const unsigned char*>(value.mv_data);
         out.assign(bytes, bytes + InputRecord::kHeaderBytes);
     }
-    void Read(const InputRecord& wanted, Content& out) override {
+    void Read(const InputRecord& wanted, std::vector<Span>& out) override {
         const MDB_val value = Get(wanted.track, wanted.index);
-        const auto* const bytes = static_cast<const unsigned char*>(value.mv_data);
-        out.assign(bytes, bytes + value.mv_size);
+        out = {{static_cast<const unsigned char*>(value.mv_data), value.mv_size}};
     }
 
 private:

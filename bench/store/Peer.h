@@ -20,6 +20,10 @@ struct InputRecord {
 };
 
 using Content = std::vector<unsigned char>;
+struct Span {
+    const unsigned char* data;
+    std::size_t size;
+};
 
 /// Something that keeps records: the store, or what it is set beside.
 ///
@@ -32,8 +36,9 @@ public:
     virtual void Commit() = 0;
     /// The first 16 bytes of a record.
     virtual void ReadHeader(unsigned track, std::uint32_t index, Content& out) = 0;
-    /// All of a record. `wanted` tells its size, for who keeps no sizes.
-    virtual void Read(const InputRecord& wanted, Content& out) = 0;
+    /// All of a record, where it lies until the next call: nobody copies it for the sake of this interface. `wanted` tells its
+    /// size, for who keeps no sizes.
+    virtual void Read(const InputRecord& wanted, std::vector<Span>& out) = 0;
     virtual ~Peer() = default;
 };
 

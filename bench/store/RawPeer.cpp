@@ -40,16 +40,18 @@ public:
     void ReadHeader(unsigned, std::uint32_t, Content&) override {
         throw std::runtime_error("a raw file has no index");
     }
-    void Read(const InputRecord& wanted, Content& out) override {
-        out.resize(wanted.Bytes());
-        if (read(file_, out.data(), out.size()) != static_cast<ssize_t>(out.size())) {
+    void Read(const InputRecord& wanted, std::vector<Span>& out) override {
+        record_.resize(wanted.Bytes());
+        if (read(file_, record_.data(), record_.size()) != static_cast<ssize_t>(record_.size())) {
             Fail("read");
         }
+        out = {{record_.data(), record_.size()}};
     }
 
 private:
     const int file_;
     Content pending_;
+    Content record_;
 };
 
 } // namespace

@@ -54,9 +54,9 @@ public:
         Get(track, index);
         out.assign(value_.data(), value_.data() + InputRecord::kHeaderBytes);
     }
-    void Read(const InputRecord& wanted, Content& out) override {
+    void Read(const InputRecord& wanted, std::vector<Span>& out) override {
         Get(wanted.track, wanted.index);
-        out.assign(value_.data(), value_.data() + value_.size());
+        out = {{reinterpret_cast<const unsigned char*>(value_.data()), value_.size()}};
     }
 
 private:

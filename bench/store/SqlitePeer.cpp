@@ -54,10 +54,11 @@ public:
         Run("BEGIN");
     }
     void ReadHeader(unsigned track, std::uint32_t index, Content& out) override {
-        Select(header_[track], index, 1, out);
+        const Span header = Select(header_[track], index, 1).front();
+        out.assign(header.data, header.data + header.size);
     }
-    void Read(const InputRecord& wanted, Content& out) override {
-        Select(record_[wanted.track], wanted.index, 2, out);
+    void Read(const InputRecord& wanted, std::vector<Span>& out) override {
+        out = Select(record_[wanted.track], wanted.index, 2);
     }
 
 private:
@@ -75,18 +76,20 @@ private:
         Check(sqlite3_prepare_v3(database_, sql.c_str(), -1, SQLITE_PREPARE_PERSISTENT, &statement, nullptr));
         return statement;
     }
-    void Select(sqlite3_stmt* statement, std::uint32_t index, int columns, Content& out) {
+    /// The columns of the row, which stay until the statement is used again.
+    const std::vector<Span>& Select(sqlite3_stmt* statement, std::uint32_t index, int columns) {
+        Check(sqlite3_reset(statement));
         Check(sqlite3_bind_int64(statement, 1, index));
         if (sqlite3_step(statement) != SQLITE_ROW) {
             Fail();
         }
-        out.clear();
+        row_.clear();
         for (int column = 0; column < columns; ++column) {
             const auto* const bytes =
                 static_cast<const unsigned char*>(sqlite3_column_blob(statement, column));
-            out.insert(out.end(), bytes, bytes + sqlite3_column_bytes(statement, column));
+            row_.push_back({bytes, static_cast<std::size_t>(sqlite3_column_bytes(statement, column))});
         }
-        Check(sqlite3_reset(statement));
+        return row_;
     }
 
     using Statements = std::array<sqlite3_stmt*, Input::kTracks>;
@@ -94,6 +97,7 @@ private:
     Statements insert_{};
     Statements header_{};
     Statements record_{};
+    std::vector<Span> row_;
 };
 
 } // namespace

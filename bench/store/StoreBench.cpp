@@ -51,11 +51,21 @@ void Require(bool isSo, const InputRecord& record) {
     }
 }
 
-void RequireSame(const InputRecord& record, const Content& content) {
-    Require(content.size() == record.Bytes() &&
-                std::memcmp(content.data(), record.header, InputRecord::kHeaderBytes) == 0 &&
-                std::memcmp(content.data() + InputRecord::kHeaderBytes, record.body, record.bodyBytes) == 0,
-            record);
+void RequireSame(const InputRecord& record, const std::vector<Span>& content) {
+    std::size_t place = 0;
+    for (Span part : content) {
+        while (part.size > 0) {
+            const bool isHeader = place < InputRecord::kHeaderBytes;
+            const std::size_t end = isHeader ? InputRecord::kHeaderBytes : record.Bytes();
+            const std::size_t length = std::min(part.size, end - place);
+            const unsigned char* const wanted =
+                isHeader ? record.header + place : record.body + (place - InputRecord::kHeaderBytes);
+            Require(length > 0 && std::memcmp(part.data, wanted, length) == 0, record);
+            part = {part.data + length, part.size - length};
+            place += length;
+        }
+    }
+    Require(place == record.Bytes(), record);
 }
 
 /// Replays seconds of the input as fast as it goes, with a commit for each.
@@ -111,14 +121,14 @@ void MeasureLookups(const std::string& name, const std::string& folder, std::uin
 void MeasureRead(const std::string& name, const std::string& folder, std::uint32_t seconds) {
     const Input input;
     auto peer = MakePeer(name, folder, false);
-    Content content;
+    std::vector<Span> content;
     std::uint64_t payload = 0;
     const auto begin = Clock::now();
     for (std::uint32_t second = 0; second < seconds; ++second) {
         input.ForSecond(second, [&](const InputRecord& record) {
             peer->Read(record, content);
             RequireSame(record, content);
-            payload += content.size();
+            payload += record.Bytes();
         });
     }
     std::printf("{\"payload\": %llu, \"seconds\": %f}\n", static_cast<unsigned long long>(payload),

@@ -42,17 +42,17 @@ public:
         const auto& first = record.blobs().at(0);
         out.assign(first.data(), first.data() + first.size());
     }
-    void Read(const InputRecord& wanted, Content& out) override {
-        BlobRecord record;
+    void Read(const InputRecord& wanted, std::vector<Span>& out) override {
         tracks_[wanted.track]->seekg(wanted.index);
-        *tracks_[wanted.track] >> record;
+        *tracks_[wanted.track] >> record_;
         out.clear();
-        for (const auto& blob : record.blobs()) {
-            out.insert(out.end(), blob.data(), blob.data() + blob.size());
+        for (const auto& blob : record_.blobs()) {
+            out.push_back({blob.data(), blob.size()});
         }
     }
 
 private:
+    BlobRecord record_;
     Store store_;
     std::vector<boost::shared_ptr<Track>> tracks_;
 };
