@@ -107,9 +107,13 @@ RecordingTrack::Bracket RecordingTrack::findNeighbours(std::int64_t wanted, unsi
     try {
         narrow(bracket);
         // If they are next to each other and both were read, it does not matter where the search began.
-        const bool isLowTrue = bracket.low != begun.low || readHeader(bracket.low).ticks < wanted;
-        const bool isHighTrue = bracket.high != begun.high || wanted <= readHeader(bracket.high).ticks;
-        if (isLowTrue && isHighTrue) {
+        if (bracket.low == begun.low) {
+            bracket.lowTicks = readHeader(bracket.low).ticks;
+        }
+        if (bracket.high == begun.high) {
+            bracket.highTicks = readHeader(bracket.high).ticks;
+        }
+        if (bracket.lowTicks < wanted && wanted <= bracket.highTicks) {
             noteSeen(bracket);
             return bracket;
         }

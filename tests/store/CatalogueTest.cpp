@@ -325,6 +325,7 @@ TEST(Trust, VerifyNoticesEveryFaultThatIsPlanted) {
         {"INSERT INTO erased VALUES(2, 50, 52)", "Invariant 10"},
         {"UPDATE tracks SET first_serial=5 WHERE id=1", "Invariant 10"},
         {"UPDATE infos SET text=x'41' WHERE from_serial=30", "is another one in the catalogue"},
+        {"UPDATE infos SET text=x'' WHERE from_serial=30", "is another one in the catalogue"},
         {"DELETE FROM infos WHERE from_serial=60", "Invariant 11"},
         {"INSERT INTO infos VALUES(1, 9999, x'')", "Invariant 11"},
         {"INSERT INTO infos VALUES(77, 0, x'')", "Invariant 11"},
@@ -334,6 +335,33 @@ TEST(Trust, VerifyNoticesEveryFaultThatIsPlanted) {
         Execute(disk, sql);
         EXPECT_THAT(VerifyStore(disk, kStorage, kDatabase), Contains(HasSubstr(expected))) << sql;
     }
+}
+
+// A later sync of it would succeed, and what comes behind the lost part would be taken for durable.
+TEST(Trust, ALogThatCouldNotBeSyncedIsNotReliedOn) {
+    SimFileSystem disk;
+    const SqliteVfs vfs(disk);
+    const std::string path = std::string(kDatabase) + "/catalogue";
+    {
+        Catalogue catalogue(path, vfs.Name(), Catalogue::Mode::OpenOrMake);
+        {
+            Catalogue::Transaction making(catalogue);
+            making.Make(StoreId{1});
+            making.Commit();
+        }
+        disk.SetFault([failed = false](const std::string& operation, const std::string&) mutable {
+            return operation == "sync" && !std::exchange(failed, true) ? EIO : 0;
+        });
+        {
+            Catalogue::Transaction later(catalogue, Catalogue::Durability::WithSyncLog);
+            later.AddRecording();
+            later.Commit();
+        }
+        EXPECT_TRUE(catalogue.BeginSyncLog());
+        EXPECT_THROW(catalogue.SyncLog(), FileError);
+        EXPECT_THROW(Catalogue::Transaction{catalogue}, FileError);
+    }
+    EXPECT_TRUE(disk.Exists(path + "-wal")); // To be read when the catalogue is opened anew.
 }
 
 TEST(Trust, VerifyComparesFootersWithTheirSegments) {

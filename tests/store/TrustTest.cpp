@@ -233,6 +233,13 @@ TEST(Trust, AFileWhoseSyncFailedIsNotTrustedBeyondTheLastGoodOne) {
         store.Sync();
         EXPECT_TRUE(hasFailed);
         EXPECT_FALSE(isUsedAgain) << error;
+        // The device got half of it.
+        DiskImage torn = PowerCuts(disk.GetTrace()).Durable();
+        const DiskImage all = disk.GetImage();
+        Change(torn, failed) = *all.files.at(all.names.at(failed));
+        Change(torn, failed).back() ^= 1U;
+        SimFileSystem half(torn);
+        EXPECT_EQ(TextAt(*OnlyTrack(Store(half, Workload::SmallStore())), 1), "second");
         AppendText(*track, "third");
         store.Sync();
         SimFileSystem left(

@@ -406,8 +406,10 @@ void Lane::SealLocked() {
         segment->isSealed = true;
         Add(segment);
     };
-    // If a power cut takes it back, opening reads the segment through.
-    context_.Transact(seal, Catalogue::Durability::WithSyncLog);
+    // If a power cut takes it back, opening reads the segment through. Behind the last good sync of one that is broken there may
+    // be half of what the next one has as a whole, so that must not happen to it.
+    context_.Transact(
+        seal, writer_->IsBroken() ? Catalogue::Durability::AtOnce : Catalogue::Durability::WithSyncLog);
     if (!writer_->IsBroken()) {
         try {
             writer_->WriteFooter();

@@ -121,9 +121,7 @@ public:
 
     enum class Durability {
         AtOnce,
-        /// With SyncLog, or the next transaction that is durable at once. Until then a power cut may take it back, as a
-        /// whole and with all behind it.
-        WithSyncLog
+        WithSyncLog ///< Until then a power cut may take it back as a whole.
     };
     /// Whether a transaction waits for SyncLog. If so, begins what that ends: see IFile::WriteOut.
     bool BeginSyncLog();
@@ -175,11 +173,14 @@ public:
 private:
     Statement& Prepared(const char* sql);
     bool HasTable(const char* name);
+    template <typename Step>
+    void OnLog(const Step& step);
     void LoadHints(CatalogueContent& content);
     void Upgrade();
 
     std::mutex mutex_;
     bool needsSyncLog_ = false;
+    bool isBroken_ = false;
     Database database_;
     std::vector<std::pair<const char*, std::unique_ptr<Statement>>> statements_;
 };

@@ -134,6 +134,10 @@ int Database::OnLogWritten(void* self, sqlite3* database, const char* name, int 
     return (result & 0xFF) == SQLITE_FULL ? SQLITE_OK : result;
 }
 
+void Database::KeepLog() {
+    sqlite3_db_config(database_, SQLITE_DBCONFIG_NO_CKPT_ON_CLOSE, 1, nullptr);
+}
+
 void Database::SyncLog() {
     OnLog([](sqlite3_file* log) { return log->pMethods->xSync(log, SQLITE_SYNC_NORMAL); });
 }

@@ -64,6 +64,8 @@ public:
     /// Brings the log into the database when a transaction has made it so long. If that fails for other reasons than want of
     /// room, so does what made the transaction, which is in the log all the same.
     void SetLogPages(int pages);
+    /// Closing does not bring the log into the database.
+    void KeepLog();
     /// Makes durable what has been written to the log, and what begins that: see IFile::WriteOut.
     void SyncLog();
     void WriteOutLog();

@@ -227,7 +227,7 @@ std::vector<MissingInfo> MissInfos(const SegmentScan& scan, const InfoTexts& kno
             });
             same->end = block.readable.back().end;
         } else if (!isKnown) {
-            missing.push_back({header.track, header.firstSerial, block.readable.back().end});
+            missing.push_back({header.track, header.firstSerial, block.readable.back().end, header.infoTag});
         }
         last = isKnown ? 0 : header.infoTag;
     }

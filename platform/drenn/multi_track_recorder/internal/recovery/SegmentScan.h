@@ -61,6 +61,7 @@ struct MissingInfo {
     std::uint32_t track;
     std::uint64_t from; ///< The first of these records.
     std::uint64_t end;
+    std::uint32_t tag;
 };
 std::vector<MissingInfo> MissInfos(const SegmentScan& scan, const InfoTexts& known);
 

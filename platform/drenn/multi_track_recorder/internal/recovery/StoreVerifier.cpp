@@ -435,7 +435,8 @@ private:
             }
             if (behind != texts.begin() && std::prev(behind)->second.empty()) {
                 report_.notes.push_back(line);
-                infos_[{missing.track, std::prev(behind)->first}].isNearDamage = true;
+                InfoOfBlock& info = infos_[{missing.track, std::prev(behind)->first}];
+                info.isNearDamage |= InfoTag(std::prev(behind)->first, info.text) != missing.tag;
             } else {
                 Wrong(11, line);
             }
