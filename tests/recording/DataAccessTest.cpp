@@ -82,7 +82,7 @@ protected:
                     text += "damaged ";
                     last = -1;
                 }
-                EXPECT_EQ(std::atof(frame.payload.data()), time);
+                EXPECT_EQ(std::stod(std::string(frame.payload.begin(), frame.payload.end())), time);
                 if (last < 0 || time != last + 1) {
                     closeRun();
                     text += Number(time) + "..";
