@@ -9,14 +9,12 @@ from statistics import median
 
 
 def add_extent(parser, quick):
-    """The options --quick, which means `quick`, and --smoke, after which the parsed options have an `extent`; and --limited,
-    for table.write_limited."""
+    """The options --quick, which means `quick`, and --smoke; the parsed options then have an `extent`."""
     parser.set_defaults(extent="full")
     group = parser.add_mutually_exclusive_group()
     group.add_argument("--quick", action="store_const", const="quick", dest="extent", help=quick)
     group.add_argument("--smoke", action="store_const", const="smoke", dest="extent",
                        help="everything once and as little of it as possible; the figures mean nothing")
-    parser.add_argument("--limited", metavar="FILE", help="write the figures that have limits there, too")
 
 
 def elapsed(command):

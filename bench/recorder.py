@@ -15,7 +15,7 @@ from statistics import median
 from typing import NamedTuple
 
 from measure import OthersWatch, add_extent, forget_cache
-from table import limited, write_limited
+from table import add_limited, limited, write_limited
 
 SECONDS_OF_SEGMENT = 7  # At 2.4 MB/s.
 DEVICE = "Bench,1"
@@ -227,6 +227,7 @@ def main():
     parser = argparse.ArgumentParser(prog="recorder.py", description=__doc__.splitlines()[0])
     parser.add_argument("--build", default="build/bench", help="folder of the build")
     add_extent(parser, "fewer rounds; the figures are rougher")
+    add_limited(parser)
     parser.add_argument("--rounds", type=int, help="how often to measure (5; quick: 3)")
     options = parser.parse_args()
     extent = EXTENTS[options.extent]
@@ -238,7 +239,7 @@ def main():
     print(f"{platform.system()} {platform.release()} {platform.machine()}, {os.cpu_count()} processors, medians of "
           f"{rounds} rounds; other programs used {others.share:.0%} of the machine meanwhile")
     print_table(samples, cards, starts)
-    write_limited(options.limited, others)
+    write_limited(options, others)
 
 
 if __name__ == "__main__":

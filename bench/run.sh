@@ -22,9 +22,7 @@ for program in calvane_bench calvane calvane_store_bench calvane_middleware_benc
     fi
 done
 if [[ ${1-} == smoke ]]; then
-    "$0" --smoke
-    "$0" store --smoke
-    "$0" recorder --smoke
+    "$0" whole --smoke
     "$0" media --smoke
     "$0" web --smoke
     "$0" fleet --smoke

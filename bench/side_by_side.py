@@ -15,7 +15,7 @@ from files import FileRows
 from growth import GrowthRows
 from measure import Failure, OthersWatch, Samples, add_extent, bench_figures, elapsed
 from queues import QueueRows
-from table import print_table, write_limited
+from table import add_limited, print_table, write_limited
 
 GST_LINES = {
     "base": gstreamer.identities(0),
@@ -92,6 +92,7 @@ def main():
     parser = argparse.ArgumentParser(description=__doc__.splitlines()[0])
     parser.add_argument("--build", default="build/bench", help="folder of the build")
     add_extent(parser, "under three minutes; the figures are rougher")
+    add_limited(parser)
     parser.add_argument("--rounds", type=int, help="how often to measure (9; quick: 3)")
     options = parser.parse_args()
     rounds = options.rounds or {"full": 9, "quick": 3, "smoke": 1}[options.extent]
@@ -114,7 +115,7 @@ def main():
     print(f"{platform.system()} {platform.release()} {platform.machine()}, {os.cpu_count()} processors, "
           f"medians of {rounds} rounds; other programs used {others.share:.0%} of the machine meanwhile")
     print_table(rows)
-    write_limited(options.limited, others)
+    write_limited(options, others)
     return 1 if any(isinstance(ours, Failure) for _what, ours, *_rest in rows) else 0
 
 

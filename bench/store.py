@@ -15,7 +15,7 @@ import tempfile
 from statistics import median
 
 from measure import OthersWatch, add_extent, forget_cache, settle
-from table import limited, write_limited
+from table import add_limited, limited, write_limited
 
 MIB = 1024 * 1024
 NAMES = {"raw": "raw append", "store": "this store", "sqlite": "SQLite blobs", "lmdb": "LMDB", "rocksdb": "RocksDB",
@@ -169,6 +169,7 @@ def main():
     parser = argparse.ArgumentParser(prog="store.py", description=__doc__.splitlines()[0])
     parser.add_argument("--build", default="build/bench", help="folder of the build")
     add_extent(parser, "300 MB instead of 600, and at most 10 million records")
+    add_limited(parser)
     parser.add_argument("--rounds", type=int, help="how often to append (5; quick: 3)")
     parser.add_argument("--only", help="candidates, with commas between them")
     parser.add_argument("--no-opening", action="store_true", help="leave out the large stores")
@@ -206,7 +207,7 @@ def main():
             print_openings(openings)
         if {"raw", "store", "sqlite"} <= figures.keys():
             print_targets(figures, openings)
-        write_limited(options.limited, others)
+        write_limited(options, others)
 
 
 if __name__ == "__main__":

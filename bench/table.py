@@ -12,10 +12,15 @@ def limited(what, figure, limit, at_least=False):
     return "yes" if (figure >= limit if at_least else figure <= limit) else "NO"
 
 
-def write_limited(path, others):
-    """What was kept, and which share of the machine others used, for whole.py; nothing without a path."""
-    if path:
-        with open(path, "w", encoding="utf-8") as file:
+def add_limited(parser):
+    """The option for write_limited."""
+    parser.add_argument("--limited", metavar="FILE", help="write the figures that have limits there, too")
+
+
+def write_limited(options, others):
+    """What was kept, and which share of the machine others used, for whole.py; nothing without the option."""
+    if options.limited:
+        with open(options.limited, "w", encoding="utf-8") as file:
             json.dump({"others": others.share, "figures": _limited}, file)
 
 

@@ -11,8 +11,10 @@ import sys
 import tempfile
 from statistics import median
 
-SCRIPTS = {"framework": (), "recorder": ("dbus-run-session", "--"), "store": ()}
-FILES = {"framework": "side_by_side.py", "recorder": "recorder.py", "store": "store.py"}
+from measure import add_extent
+
+SCRIPTS = {"framework": "side_by_side.py", "recorder": "recorder.py", "store": "store.py"}
+PREFIXES = {"recorder": ("dbus-run-session", "--")}
 QUIET = 0.05  # Of the machine, to others.
 
 
@@ -20,10 +22,14 @@ def run(name, number, options, folder):
     """What the script wrote of its limits. Its tables go to a file of their own."""
     limited = os.path.join(folder, "limited.json")
     tables = os.path.join(options.out, f"{number}-{name}.txt")
-    script = os.path.join(os.path.dirname(os.path.abspath(__file__)), FILES[name])
+    script = os.path.join(os.path.dirname(os.path.abspath(__file__)), SCRIPTS[name])
+    command = [*PREFIXES.get(name, ()), sys.executable, "-B", script, "--build", options.build, "--limited", limited]
+    if options.extent != "full":
+        command.append("--" + options.extent)
     with open(tables, "w", encoding="utf-8") as out:
-        subprocess.run([*SCRIPTS[name], sys.executable, "-B", script, "--build", options.build, "--limited", limited,
-                        *(["--quick"] if options.quick else [])], stdin=subprocess.DEVNULL, stdout=out, check=True)
+        status = subprocess.run(command, stdin=subprocess.DEVNULL, stdout=out, check=False).returncode
+    if status != 0:
+        sys.exit(f"bench: measuring the {name} ended with status {status}; {tables} has what it said")
     with open(limited, encoding="utf-8") as file:
         return json.load(file)
 
@@ -31,9 +37,9 @@ def run(name, number, options, folder):
 def measure(options):
     """For each run the share of others, and all figures with their limits."""
     runs = []
+    most = 2 * options.runs if options.extent != "smoke" else options.runs
     with tempfile.TemporaryDirectory() as folder:
-        while len(runs) < options.runs or (2 * sum(others <= QUIET for others, _ in runs) <= options.runs and
-                                           len(runs) < 2 * options.runs):
+        while len(runs) < options.runs or (len(runs) < most and 2 * count_quiet(runs) <= options.runs):
             results = [run(name, len(runs) + 1, options, folder) for name in SCRIPTS]
             runs.append((max(result["others"] for result in results),
                          {what: figure for result in results for what, figure in result["figures"].items()}))
@@ -41,6 +47,10 @@ def measure(options):
             met = sum(is_met(*figure) for figure in figures.values())
             print(f"Run {len(runs)}: others used {others:.0%} of the machine; {met} of {len(figures)} limits are met", flush=True)
     return runs
+
+
+def count_quiet(runs):
+    return sum(others <= QUIET for others, _figures in runs)
 
 
 def is_met(figure, limit, at_least):
@@ -59,15 +69,15 @@ def print_runs(runs):
 def main():
     parser = argparse.ArgumentParser(prog="whole.py", description=__doc__.splitlines()[0])
     parser.add_argument("--build", default="build/bench", help="folder of the build")
-    parser.add_argument("--runs", type=int, default=5, help="how many (5)")
-    parser.add_argument("--quick", action="store_true", help="fewer rounds in each run")
+    add_extent(parser, "fewer rounds in each run")
+    parser.add_argument("--runs", type=int, help="how many (5; smoke: 1)")
     parser.add_argument("--out", help="folder for the tables of each run (runs/ in that of the build)")
     options = parser.parse_args()
+    options.runs = options.runs or (1 if options.extent == "smoke" else 5)
     options.out = options.out or os.path.join(options.build, "runs")
     os.makedirs(options.out, exist_ok=True)
     runs = measure(options)
-    quiet = sum(others <= QUIET for others, _ in runs)
-    print(f"\n{len(runs)} runs, {quiet} of them with others below {QUIET:.0%} of the machine; tables are in {options.out}")
+    print(f"\n{len(runs)} runs, {count_quiet(runs)} of them with others below {QUIET:.0%} of the machine; tables are in {options.out}")
     print_runs(runs)
 
 
