@@ -219,6 +219,39 @@ TEST_F(Lifecycle, AnUnreadableLastHistoryRecordNamesTheCommandThatPutsItRight) {
     }
 }
 
+void AwaitLine(const LogCapture& capture, const std::string& line) {
+    for (int i = 0; i < 300 && !capture.Contains(line); ++i) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(50));
+    }
+    ASSERT_TRUE(capture.Contains(line)) << line;
+}
+
+// Other records are then in the places that searches remember.
+TEST_F(Lifecycle, LookUpsBelieveNothingOfRecordsThatWereLostWithTheCard) {
+    RecordingManager::init();
+    Write(VIDEO_TRACK, {1, 2, 3, 4, 5});
+    RecordingManager::deinit();
+    std::filesystem::copy(folder.Path("card"), folder.Path("earlier"),
+                          std::filesystem::copy_options::recursive);
+    RecordingManager::init();
+    Write(VIDEO_TRACK, {6, 7, 8, 9, 10});
+    Restart(); // So that nothing is in memory.
+    for (unsigned i = 0; i < 9; ++i) {
+        EXPECT_EQ(TrackOf(VIDEO_TRACK).getTrackIndex(At(i + 1.5)), i);
+    }
+    const LogCapture capture(LogLevel::Debug);
+    std::filesystem::rename(folder.Path("card/data"), folder.Path("away"));
+    AwaitLine(capture, "The card is away; nothing is recorded until it is back");
+    std::filesystem::remove_all(folder.Path("card/database"));
+    std::filesystem::rename(folder.Path("earlier/database"), folder.Path("card/database"));
+    std::filesystem::rename(folder.Path("earlier/data"), folder.Path("card/data"));
+    AwaitLine(capture, "The card is back; recording goes on");
+    Write(VIDEO_TRACK, {50, 60, 70, 80, 90});
+    ASSERT_THAT(TimesOf(VIDEO_TRACK), ElementsAre(1, 2, 3, 4, 5, 50, 60, 70, 80, 90));
+    EXPECT_EQ(TrackOf(VIDEO_TRACK).getTrackIndex(At(7.5)), 4U);
+    EXPECT_EQ(TrackOf(VIDEO_TRACK).getTrackIndex(At(55)), 5U);
+}
+
 TEST_F(Lifecycle, AfterTheCardWasAwayTheHistoryTellsSo) {
     RecordingManager::init();
     Write(VIDEO_TRACK, {1, 2});
@@ -228,14 +261,8 @@ TEST_F(Lifecycle, AfterTheCardWasAwayTheHistoryTellsSo) {
     ProcessAt(10);
     Recorder().getCoverage(VIDEO_TRACK, At(1), At(2));
     const LogCapture capture(LogLevel::Debug);
-    const auto waitFor = [&](const std::string& line) {
-        for (int i = 0; i < 300 && !capture.Contains(line); ++i) {
-            std::this_thread::sleep_for(std::chrono::milliseconds(50));
-        }
-        ASSERT_TRUE(capture.Contains(line)) << line;
-    };
     std::filesystem::rename(folder.Path("card/data"), folder.Path("away"));
-    waitFor("The card is away; nothing is recorded until it is back");
+    AwaitLine(capture, "The card is away; nothing is recorded until it is back");
     EXPECT_THROW(TrackOf(VIDEO_TRACK).writeRecord(At(11), 0, "x", 1), std::runtime_error);
     // A clock that is set back meanwhile erases nothing: what cannot be read now comes back with the card.
     EXPECT_THROW(TrackOf(VIDEO_TRACK).writeRecord(At(3), 0, "x", 1), std::runtime_error);
@@ -255,7 +282,7 @@ TEST_F(Lifecycle, AfterTheCardWasAwayTheHistoryTellsSo) {
     // The store has the card, and the history may still have to be repaired: nothing gets in front of that.
     Report(AUDIO_TRACK, 18.4, true);
     ProcessAt(20);
-    waitFor("The card is back; recording goes on");
+    AwaitLine(capture, "The card is back; recording goes on");
     ProcessAt(30);
     EXPECT_THAT(History(),
                 ElementsAre("1 video on", "1 recording on", "1 audio on", "9.5 metadata on", "10 video off 2",
