@@ -180,7 +180,7 @@ private:
 
     std::mutex mutex_;
     bool needsSyncLog_ = false;
-    bool isBroken_ = false;
+    bool isBroken_ = false; ///< The log could not be synced.
     Database database_;
     std::vector<std::pair<const char*, std::unique_ptr<Statement>>> statements_;
 };
