@@ -107,6 +107,23 @@ TEST_F(Coverage, RecordsContradictAHistoryThatLostEventsToTheClock) {
     EXPECT_EQ(StateAt(30), "0000");
 }
 
+TEST_F(Coverage, RecordsBehindAnEndDoNotReachUpToTheNextBeginning) {
+    Report(VIDEO_TRACK, 1, true);
+    Write(VIDEO_TRACK, {1, 2});
+    Report(VIDEO_TRACK, 2, false);
+    Write(VIDEO_TRACK, {4, 5});
+    Report(VIDEO_TRACK, 8, true);
+    Write(VIDEO_TRACK, {8.5, 9});
+    ProcessAt(10);
+    EXPECT_THAT(RecorderTest::Coverage(VIDEO_TRACK, 1, 9),
+                ElementsAre("1..2 data", "2..4 stopped", "4..5 data", "5..8 stopped", "8..9 data"));
+    const std::vector<std::pair<double, std::string>> states{
+        {1.5, "1100"}, {3, "0000"}, {4.5, "1100"}, {6, "0000"}, {8.5, "1100"}};
+    for (const auto& [time, state] : states) {
+        EXPECT_EQ(StateAt(time), state) << time;
+    }
+}
+
 TEST_F(Coverage, WhatTheHistoryCallsPresentIsHeldAgainstTheRecords) {
     Report(AUDIO_TRACK, 100, true);
     Report(AUDIO_TRACK, 7300, false);
