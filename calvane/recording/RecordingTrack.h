@@ -83,12 +83,19 @@ public:
     /// readable: of damaged records between an earlier and a later one it is the first. Not-a-date-time is later than
     /// everything.
     unsigned int getFirstIndexNotBefore(const Ptime& t) const;
-    /// The times of the records next to `t`, in front of it and behind it, or twice that of a record at `t`. Nothing where
-    /// there is none on one side, or where it takes a closer look: one cannot be read or is hidden.
-    std::optional<std::pair<Ptime, Ptime>> findAround(const Ptime& t) const;
-    /// The times of two records around `t` that the store knows without reading, from its catalogue: the first one is earlier
-    /// than `t`, the second one is not. Nothing where it knows none on one side, or one is hidden.
-    std::optional<std::pair<Ptime, Ptime>> findKnownAround(const Ptime& t) const;
+    /// The times of two records around a time.
+    struct Surroundings {
+        Ptime before;
+        Ptime behind;
+        /// From `before` to `behind` no record is further from the next one.
+        boost::posix_time::time_duration step;
+    };
+    /// Of the records next to `t`, in front of it and behind it, or twice that of a record at `t`. Nothing where there is none
+    /// on one side, or where it takes a closer look: one cannot be read or is hidden.
+    std::optional<Surroundings> findAround(const Ptime& t) const;
+    /// Of two records around `t` that the store knows without reading, from its catalogue: the first one is earlier than `t`,
+    /// the second one is not. Nothing where it knows none on one side, or one is hidden.
+    std::optional<Surroundings> findKnownAround(const Ptime& t) const;
     /// The info map that holds at `t`, and the times of the first and the last record that it holds for.
     void getTrackInfoAt(const Ptime& t, std::map<std::string, std::string>& info, Ptime& rangeStart,
                         Ptime& rangeEnd);
@@ -159,7 +166,6 @@ private:
     unsigned int firstOfItsTime(unsigned int index, const Ptime& time) const;
     Bracket findNeighbours(std::int64_t wanted, unsigned int size) const;
     Bracket beginNear(std::int64_t wanted, unsigned int size) const;
-    std::pair<std::optional<Place>, std::optional<Place>> findKnown(std::int64_t wanted) const;
     Bracket bracketOf(std::int64_t wanted, unsigned int size, const std::optional<Place>& low,
                       const std::optional<Place>& high) const;
     void narrow(Bracket& bracket) const;

@@ -1,6 +1,7 @@
 // Finding records by time.
 
 #include <algorithm>
+#include <cstddef>
 #include <cstring>
 #include <iterator>
 #include <limits>
@@ -43,6 +44,14 @@ std::int64_t ticksOf(const StoreTrack::LeadingBytes& leading) {
     RecordHeader header;
     std::memcpy(&header, leading.data(), sizeof header);
     return header.ticks;
+}
+
+static_assert(offsetof(RecordHeader, ticks) == 8, "it is what the store tells the steps of");
+
+/// The records next to the wanted time, in front of it and behind it, of those that the store knows without a read.
+StoreTrack::KnownRecords findKnown(const StoreTrack& track, std::int64_t wanted) {
+    return track.findKnown(
+        [wanted](const StoreTrack::LeadingBytes& leading) { return ticksOf(leading) < wanted; });
 }
 
 } // namespace
@@ -129,7 +138,12 @@ RecordingTrack::Bracket RecordingTrack::findNeighbours(std::int64_t wanted, unsi
 
 /// Between the nearest records whose times need no read: those that searches ended with, and those that the store knows.
 RecordingTrack::Bracket RecordingTrack::beginNear(std::int64_t wanted, unsigned int size) const {
-    auto [low, high] = findKnown(wanted);
+    const auto toPlace = [](const std::optional<StoreTrack::KnownRecord>& known) {
+        return known ? std::make_optional(Place{ticksOf(known->leading), known->index}) : std::nullopt;
+    };
+    const auto known = findKnown(*_track, wanted);
+    std::optional<Place> low = toPlace(known.before);
+    std::optional<Place> high = toPlace(known.behind);
     const auto next = firstSeenNotBefore(wanted);
     if (next != _seen.begin() && std::prev(next)->index < size &&
         (!low || low->index < std::prev(next)->index)) {
@@ -141,17 +155,6 @@ RecordingTrack::Bracket RecordingTrack::beginNear(std::int64_t wanted, unsigned 
     const bool isInOrder = !low || !high || low->index < high->index;
     return isInOrder ? bracketOf(wanted, size, low, high)
                      : bracketOf(wanted, size, std::nullopt, std::nullopt);
-}
-
-/// The records next to the wanted time, in front of it and behind it, of those that the store knows without a read.
-std::pair<std::optional<RecordingTrack::Place>, std::optional<RecordingTrack::Place>>
-RecordingTrack::findKnown(std::int64_t wanted) const {
-    const auto toPlace = [](const std::optional<StoreTrack::KnownRecord>& known) {
-        return known ? std::make_optional(Place{ticksOf(known->leading), known->index}) : std::nullopt;
-    };
-    const auto [low, high] =
-        _track->findKnown([&](const StoreTrack::LeadingBytes& leading) { return ticksOf(leading) < wanted; });
-    return {toPlace(low), toPlace(high)};
 }
 
 /// Between these two, or the first and the last record.
@@ -211,16 +214,16 @@ bool RecordingTrack::lookAt(Bracket& bracket, double place) const {
     const auto isBefore = [&](const StoreTrack::Leading& leading) {
         return recordHeaderOf(leading).ticks < bracket.wanted;
     };
-    const auto [before, behind] = _track->findNear(static_cast<unsigned int>(place), isBefore);
-    const bool isLower = before && bracket.low < before->index;
-    const bool isHigher = behind && behind->index < bracket.high;
+    const auto near = _track->findNear(static_cast<unsigned int>(place), isBefore);
+    const bool isLower = near.before && bracket.low < near.before->index;
+    const bool isHigher = near.behind && near.behind->index < bracket.high;
     if (isLower) {
-        bracket.low = before->index;
-        bracket.lowTicks = ticksOf(before->leading);
+        bracket.low = near.before->index;
+        bracket.lowTicks = ticksOf(near.before->leading);
     }
     if (isHigher) {
-        bracket.high = behind->index;
-        bracket.highTicks = ticksOf(behind->leading);
+        bracket.high = near.behind->index;
+        bracket.highTicks = ticksOf(near.behind->leading);
     }
     if ((!isLower && !isHigher) || bracket.low >= bracket.high) {
         throw std::runtime_error("Times of records are not in order");
@@ -316,26 +319,31 @@ std::optional<RecordingTrack::Bracket> RecordingTrack::findReadableNeighbours(co
     }
 }
 
-std::optional<std::pair<ptime, ptime>> RecordingTrack::findKnownAround(const ptime& t) const {
+std::optional<RecordingTrack::Surroundings> RecordingTrack::findKnownAround(const ptime& t) const {
     const TrackLock lock(*_track);
     if (t.is_special()) {
         return std::nullopt;
     }
-    const auto [low, high] = findKnown(ticksFromTime(t));
-    if (!low || !high || low->index < _hidden) {
+    const auto known = findKnown(*_track, ticksFromTime(t));
+    if (!known.before || !known.behind || known.before->index < _hidden) {
         return std::nullopt;
     }
-    return std::pair{timeFromTicks(low->ticks), timeFromTicks(high->ticks)};
+    const ptime before = timeFromTicks(ticksOf(known.before->leading));
+    const ptime behind = timeFromTicks(ticksOf(known.behind->leading));
+    const auto apart = static_cast<std::uint64_t>((behind - before).ticks());
+    const auto step = static_cast<std::int64_t>(std::min(apart, known.step.value_or(apart)));
+    return Surroundings{before, behind, boost::posix_time::microseconds(step)};
 }
 
-std::optional<std::pair<ptime, ptime>> RecordingTrack::findAround(const ptime& t) const {
+std::optional<RecordingTrack::Surroundings> RecordingTrack::findAround(const ptime& t) const {
     const TrackLock lock(*_track);
     const std::optional<Bracket> found = findReadableNeighbours(t);
     if (!found) {
         return std::nullopt;
     }
     const ptime behind = timeFromTicks(found->highTicks);
-    return std::pair{behind == t ? t : timeFromTicks(found->lowTicks), behind};
+    const ptime before = behind == t ? t : timeFromTicks(found->lowTicks);
+    return Surroundings{before, behind, behind - before};
 }
 
 unsigned int RecordingTrack::getTrackIndex(const ptime& t) const {

@@ -2,6 +2,7 @@
 
 #include <sdbus-c++/sdbus-c++.h>
 
+#include <functional>
 #include <mutex>
 
 #include "calvane/services/RecordingInformationImpl.h"
@@ -25,6 +26,15 @@ protected:
         EXPECT_EQ(Information().getRecordingState(sec, usec, &out[0], &out[1], &out[2], &out[3]), 0U);
         return std::to_string(out[0]) + std::to_string(out[1]) + std::to_string(out[2]) +
                std::to_string(out[3]);
+    }
+    /// Video, at these times by number; the store knows a record of each segment without reading it.
+    static void WriteSeveralSegments(const std::function<double(int)>& timeOf) {
+        const std::string payload(200000, 'x');
+        for (int i = 0; i < 250; ++i) {
+            const double time = timeOf(i);
+            Advance(time);
+            ASSERT_TRUE(TrackOf(VIDEO_TRACK).writeRecord(At(time), 0, payload.data(), payload.size()));
+        }
     }
 };
 
@@ -297,15 +307,29 @@ TEST_F(Coverage, WhatIsTooOldIsHiddenAtOnceAndErasedInBatches) {
     EXPECT_THAT(TimesOf(AUDIO_TRACK), ElementsAre(2.9));
 }
 
+TEST_F(Coverage, AGapWithinASegmentIsNoDataAndOtherwiseNothingIsRead) {
+    Report(VIDEO_TRACK, 1, true);
+    WriteSeveralSegments([](int number) { return number < 50 ? 1 + 5 * number : 1001 + 5 * number; });
+    ProcessAt(3000);
+    const auto stepAt = [this](double time) {
+        const auto known = TrackOf(VIDEO_TRACK).findKnownAround(At(time));
+        return known ? known->step : boost::posix_time::time_duration();
+    };
+    EXPECT_EQ(stepAt(100), boost::posix_time::seconds(1005));
+    EXPECT_EQ(StateAt(100), "1100");
+    EXPECT_EQ(StateAt(500), "0000");
+    EXPECT_EQ(stepAt(1500), boost::posix_time::seconds(5));
+    EXPECT_EQ(StateAt(1500), "1100");
+    // What was erased is a gap, too.
+    TrackOf(VIDEO_TRACK).getTrack()->eraseRange(90, 130);
+    EXPECT_GT(stepAt(1500), boost::posix_time::seconds(100));
+    EXPECT_EQ(StateAt(1500), "0000");
+}
+
 TEST_F(Coverage, WhatIsHiddenIsNotTakenFromWhatTheStoreKnows) {
     RecordingManager::setMaxRetentionTime(boost::posix_time::seconds(100));
     Report(VIDEO_TRACK, 1, true);
-    const std::string payload(200000, 'x'); // So that there are several segments.
-    for (int i = 0; i < 250; ++i) {
-        const double time = 1 + 0.02 * i;
-        Advance(time);
-        ASSERT_TRUE(TrackOf(VIDEO_TRACK).writeRecord(At(time), 0, payload.data(), payload.size()));
-    }
+    WriteSeveralSegments([](int number) { return 1 + 0.02 * number; });
     ProcessAt(10);
     ASSERT_TRUE(TrackOf(VIDEO_TRACK).findKnownAround(At(2)));
     EXPECT_EQ(StateAt(2), "1100");

@@ -163,7 +163,7 @@ TEST(Trust, HintsAreKeptAndNotTrusted) {
     const auto look = [&](const Store& store) {
         std::map<unsigned int, unsigned int> found;
         for (unsigned int wanted = 0; wanted <= kRecords; ++wanted) {
-            const auto [before, behind] = OnlyTrack(store)->findKnown(
+            const auto [before, behind, step] = OnlyTrack(store)->findKnown(
                 [&](const Track::LeadingBytes& leading) { return numberOf(leading) < wanted; });
             for (const auto& record : {before, behind}) {
                 if (record) {
@@ -174,7 +174,7 @@ TEST(Trust, HintsAreKeptAndNotTrusted) {
             EXPECT_TRUE(!before || found[before->index] < wanted) << wanted;
             EXPECT_TRUE(!behind || found[behind->index] >= wanted) << wanted;
             for (unsigned int index = 0; index != OnlyTrack(store)->size(); ++index) {
-                const auto [last, next] = OnlyTrack(store)->findNear(
+                const auto [last, next, none] = OnlyTrack(store)->findNear(
                     index, [&](const Track::Leading& leading) { return numberOf(leading.bytes) < wanted; });
                 EXPECT_TRUE(last || next) << index;
                 EXPECT_TRUE(!last || !next || last->index + 1 == next->index) << index;
@@ -223,6 +223,79 @@ TEST(Trust, HintsAreKeptAndNotTrusted) {
     Execute(disk, "DROP TABLE hints"); // As an earlier version made it.
     EXPECT_EQ(OpenedTwice(disk.GetImage()), kRecords - 1);
     EXPECT_THAT(VerifyStore(disk, kStorage, kDatabase), IsEmpty());
+}
+
+// What saves reading the records between two that are known: how far one is from the next at most.
+TEST(Trust, StepsBetweenKnownRecordsAreThoseOfAllRecords) {
+    const quarn::core::LogCapture log(quarn::core::LogLevel::Off);
+    SimFileSystem disk;
+    StoreOptions options = Workload::SmallStore();
+    options.segmentBytes = 8192;
+    constexpr unsigned int kCount = 200;
+    constexpr unsigned int kErased = 100;
+    constexpr unsigned int kFallen = 150;
+    std::vector<std::uint64_t> numbers;
+    for (unsigned int i = 0; i != kCount; ++i) {
+        numbers.push_back(i == kFallen ? numbers.back() - 500 : 1000 * i + i * 7919 % 997);
+    }
+    /// By the record in front of it, how far apart records are, or nothing.
+    using Steps = std::map<std::uint64_t, std::optional<std::uint64_t>>;
+    const auto find = [&](const Store& store) {
+        Steps steps;
+        for (std::uint64_t wanted = 1; wanted != kCount; ++wanted) {
+            const auto orderOf = [](const Track::LeadingBytes& leading) {
+                return ByteReader(leading.data(), 8).U64();
+            };
+            const auto known = OnlyTrack(store)->findKnown(
+                [&](const Track::LeadingBytes& leading) { return orderOf(leading) < wanted; });
+            if (known.before && known.behind) {
+                const std::uint64_t first = orderOf(known.before->leading);
+                const std::uint64_t last = orderOf(known.behind->leading);
+                std::uint64_t largest = 0;
+                for (std::uint64_t i = first; i != last; ++i) {
+                    largest = std::max(largest, numbers[i + 1] - numbers[i]);
+                }
+                const bool isWhole = last - first == known.behind->index - known.before->index;
+                EXPECT_TRUE(isWhole ? !known.step || known.step == largest : !known.step) << wanted;
+                steps[first] = known.step;
+            }
+        }
+        return steps;
+    };
+    const auto countUnknown = [](const Steps& steps) {
+        return std::count_if(steps.begin(), steps.end(), [](const auto& each) { return !each.second; });
+    };
+    Steps steps;
+    {
+        Store store(disk, options);
+        const auto track = store.NewRecording()->newTrack();
+        for (unsigned int i = 0; i != kCount; ++i) {
+            Bytes record;
+            ByteWriter writer(record);
+            writer.U64(i);
+            writer.U64(numbers[i]);
+            record.resize(400);
+            AppendText(*track, std::string(record.begin(), record.end()));
+            if (i % 3 == 2) {
+                store.Sync();
+            }
+        }
+        steps = find(store);
+        ASSERT_GT(steps.size(), 20U);
+        EXPECT_EQ(countUnknown(steps), 0);
+        track->eraseRange(kErased, kErased + 1);
+        steps = find(store);
+        EXPECT_EQ(countUnknown(steps), 1);
+    }
+    {
+        const Store again(disk, options);
+        EXPECT_EQ(find(again), steps);
+    }
+    Execute(disk, "UPDATE hints SET leading=substr(leading, 1, 28)"); // As an earlier version made them.
+    const Store earlier(disk, options);
+    const Steps unknown = find(earlier);
+    EXPECT_EQ(unknown.size(), steps.size());
+    EXPECT_EQ(countUnknown(unknown), static_cast<std::ptrdiff_t>(steps.size()));
 }
 
 TEST(Trust, OneRowAloneRemovesNoSegment) {

@@ -69,10 +69,10 @@ std::optional<RecordHeader> ReadNextHeader(const Track& track, unsigned int& beg
 
 /// The first record whose time is not before `at`; the size if there is none.
 unsigned int FirstNotBefore(const Track& track, Time at) {
-    const auto [before, behind] =
+    const auto known =
         track.findKnown([at](const Track::LeadingBytes& leading) { return TimeOf(HeaderOf(leading)) < at; });
-    unsigned int low = before ? before->index + 1 : 0;
-    unsigned int high = behind ? behind->index : track.size();
+    unsigned int low = known.before ? known.before->index + 1 : 0;
+    unsigned int high = known.behind ? known.behind->index : track.size();
     while (low != high) {
         const unsigned int middle = low + (high - low) / 2;
         unsigned int readable = middle;

@@ -97,11 +97,18 @@ public:
         unsigned int index;
         LeadingBytes leading;
     };
-    using KnownRecords = std::pair<std::optional<KnownRecord>, std::optional<KnownRecord>>;
+    /// The last known record for which what is searched for lies behind it, and the first one for which it does not;
+    /// nothing where there is none.
+    struct KnownRecords {
+        std::optional<KnownRecord> before;
+        std::optional<KnownRecord> behind;
+        /// From one to the other no record is further from the next one than this, in terms of the number that bytes 8 to
+        /// 15 of each are, lowest first. Nothing where that is not known; only of findKnown.
+        std::optional<std::uint64_t> step;
+    };
     /// Where to begin a search through records that are ordered by their first bytes, without reading any: the first
-    /// record of each segment is known, unless it was erased. Of those, the last one for which `isBefore` is true,
-    /// and the first one for which it is not; nothing where there is none. `isBefore` is called with locks held, and
-    /// must not call the store.
+    /// record of each segment is known, unless it was erased. `isBefore` is called with locks held, and must not call
+    /// the store.
     KnownRecords findKnown(const std::function<bool(const LeadingBytes&)>& isBefore) const;
     /// Goes on with such a search: the same, of the records that are read together with that at `index`, which costs hardly
     /// more than reading its first bytes alone. If both are there, they are next to each other. `isBefore` is called with locks

@@ -48,14 +48,14 @@ CoveragePage CoverageQuery::run(const ptime& from, const ptime& to, std::size_t 
 /// Whether records in front of this time and behind it are both of the stretch, and so near that they belong together
 /// whatever is usual. Then there is data, and most questions about one time need no closer look, or not even a read.
 bool CoverageQuery::isBetweenRecords(const Stretch& stretch, const ptime& t) const {
-    const auto isBetween = [&](const std::optional<std::pair<ptime, ptime>>& around) {
-        if (!around || around->second - around->first > kLargestRecordGap) {
+    const auto isBetween = [&](const std::optional<RecordingTrack::Surroundings>& around) {
+        if (!around || around->step > kLargestRecordGap) {
             return false;
         }
         // A record at the very time of an absent event is the last one of what ended then.
-        const bool isBegun = stretch.begin.is_special() || stretch.begin < around->first ||
-                             (stretch.begin == around->first && stretch.said == Said::Present);
-        return isBegun && (stretch.end.is_special() || around->second <= stretch.end);
+        const bool isBegun = stretch.begin.is_special() || stretch.begin < around->before ||
+                             (stretch.begin == around->before && stretch.said == Said::Present);
+        return isBegun && (stretch.end.is_special() || around->behind <= stretch.end);
     };
     return isBetween(_track.findKnownAround(t)) || isBetween(_track.findAround(t));
 }

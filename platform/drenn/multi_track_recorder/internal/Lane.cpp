@@ -348,9 +348,10 @@ void Lane::Publish(const SegmentWriter::Placed& placed) {
         });
         if (before != extents_.end()) {
             before->count += block.Count();
+            before->hint->Add(block.Hint());
         } else {
             extents_.push_back({block.Track(), writer_->GetSegment()->key, block.FirstSerial(), block.Count(),
-                                block.Leading()});
+                                block.Hint()});
         }
     }
     std::shared_ptr<TrackContent> track;
@@ -367,7 +368,7 @@ void Lane::Publish(const SegmentWriter::Placed& placed) {
         return;
     }
     if (block.Kind() == BlockKind::Records) {
-        track->AddExtent(writer_->GetSegment(), {block.FirstSerial(), block.EndSerial()}, block.Leading());
+        track->AddExtent(writer_->GetSegment(), {block.FirstSerial(), block.EndSerial()}, block.Hint());
     } else if (block.Kind() == BlockKind::Info) {
         const std::string text(block.Body().begin(), block.Body().end());
         infos_.emplace_back(track,

@@ -118,6 +118,11 @@ void PendingBlock::Append(const BlobRecord& record) {
     entry.payloadBytes = static_cast<std::uint32_t>(bytes);
     entry.blobs = static_cast<std::uint32_t>(record.blobs().size());
     entry.payloadChecksum = ChecksumOf(payload, bytes, PayloadSeed(track_, EndSerial()));
+    if (records_.empty()) {
+        hint_ = HintOf(entry.firstBytes);
+    } else {
+        hint_.Add(HintOf(entry.firstBytes));
+    }
     records_.push_back({entry, payload});
     payloadBytes_ += bytes;
 }

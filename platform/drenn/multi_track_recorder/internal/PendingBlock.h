@@ -47,8 +47,8 @@ public:
     std::uint64_t EndSerial() const { return firstSerial_ + records_.size(); }
     std::uint32_t Count() const { return static_cast<std::uint32_t>(records_.size()); }
     const Bytes& Body() const { return body_; }
-    /// Of the first record. Of a block of records, with one.
-    const LeadingBytes& Leading() const { return records_.front().entry.firstBytes; }
+    /// Of a block of records, with one.
+    const RecordsHint& Hint() const { return hint_; }
     /// As they are in a segment.
     std::uint64_t Length() const;
 
@@ -76,6 +76,7 @@ private:
     const std::uint64_t firstSerial_;
     const std::uint32_t infoTag_ = 0;
     std::vector<Record> records_;
+    RecordsHint hint_;
     std::vector<Chunk> chunks_;
     std::uint64_t payloadBytes_ = 0;
     const Bytes body_;

@@ -143,7 +143,7 @@ void StoreBuilder::AddExtents() {
                                          " has records in " + context_.folders.PathOf(row.segment) +
                                          ", which it does not have");
             }
-            track.AddExtent(segment->second, range, row.leading);
+            track.AddExtent(segment->second, range, row.hint);
             track.survivors.Append(range);
         });
     }

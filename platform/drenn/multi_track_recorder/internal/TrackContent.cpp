@@ -42,14 +42,14 @@ std::shared_ptr<Segment> TrackContent::FindSegment(std::uint64_t serial) const {
 Track::KnownRecords TrackContent::FindKnown(const std::function<bool(const LeadingBytes&)>& isBefore) const {
     // What was erased need not be in order with the rest: the clock may have been set back behind it.
     const auto isKnown = [this](const Extent& extent) {
-        return extent.leading && survivors.Has(extent.range.first);
+        return extent.hint && survivors.Has(extent.range.first);
     };
     auto low = extents.begin(); // Known ones in front of here are before,
     auto high = extents.end();  // and known ones from here on are not.
     while (low != high) {
         const auto middle = low + (high - low) / 2;
         const auto known = std::find_if(middle, high, isKnown);
-        if (known != high && isBefore(*known->leading)) {
+        if (known != high && isBefore(known->hint->leading)) {
             low = std::next(known);
         } else {
             high = middle;
@@ -57,16 +57,23 @@ Track::KnownRecords TrackContent::FindKnown(const std::function<bool(const Leadi
     }
     const auto toRecord = [this](const Extent& extent) {
         return Track::KnownRecord{static_cast<unsigned int>(survivors.IndexOf(extent.range.first)),
-                                  *extent.leading};
+                                  extent.hint->leading};
     };
     Track::KnownRecords found;
     const auto before = std::find_if(std::make_reverse_iterator(low), extents.rend(), isKnown);
     if (before != extents.rend()) {
-        found.first = toRecord(*before);
+        found.before = toRecord(*before);
     }
     const auto behind = std::find_if(low, extents.end(), isKnown);
     if (behind != extents.end()) {
-        found.second = toRecord(*behind);
+        found.behind = toRecord(*behind);
+    }
+    // Only where none was erased or lost between the two.
+    if (found.before && found.behind && before->range.end == behind->range.first &&
+        found.behind->index - found.before->index == before->range.end - before->range.first) {
+        RecordsHint hint = *before->hint;
+        hint.Add(HintOf(behind->hint->leading));
+        found.step = hint.step == kUnknownStep ? std::nullopt : std::make_optional(hint.step);
     }
     return found;
 }
@@ -97,12 +104,15 @@ std::uint64_t TrackContent::FirstUnwritten() const {
 }
 
 void TrackContent::AddExtent(const std::shared_ptr<Segment>& segment, SerialRange range,
-                             const std::optional<LeadingBytes>& leading) {
+                             const std::optional<RecordsHint>& hint) {
     segment->survivors += range.end - range.first;
     if (!extents.empty() && extents.back().segment == segment && extents.back().range.end == range.first) {
         extents.back().range.end = range.end;
+        if (extents.back().hint) {
+            extents.back().hint->Add(hint.value_or(RecordsHint{}));
+        }
     } else {
-        extents.push_back({range, segment, leading});
+        extents.push_back({range, segment, hint});
     }
 }
 

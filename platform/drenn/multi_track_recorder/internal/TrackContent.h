@@ -19,7 +19,7 @@ namespace drenn::multi_track_recorder {
 struct Extent {
     SerialRange range;
     std::shared_ptr<Segment> segment;
-    std::optional<LeadingBytes> leading; ///< Of the first one, where it is known.
+    std::optional<RecordsHint> hint; ///< Where it is known.
 };
 
 /// An info text, for the records from here on.
@@ -70,7 +70,7 @@ struct TrackContent {
     std::uint64_t FirstUnwritten() const;
     /// Adds durable records. Under `mutex`.
     void AddExtent(const std::shared_ptr<Segment>& segment, SerialRange range,
-                   const std::optional<LeadingBytes>& leading);
+                   const std::optional<RecordsHint>& hint);
     /// These records do not survive. Under `mutex`.
     void Forget(SerialRange range);
     /// What the catalogue says is erased. Under `mutex`.

@@ -314,10 +314,10 @@ Track::KnownRecords TrackImpl::FindNear(std::uint32_t index,
             LeadingOf(part == nullptr ? place.block->Entry(at) : reader->Entry(*part, at));
         const Track::KnownRecord known{static_cast<unsigned int>(middle), leading.bytes};
         if (isBefore(leading)) {
-            found.first = known;
+            found.before = known;
             low = middle + 1;
         } else {
-            found.second = known;
+            found.behind = known;
             high = middle;
         }
     }

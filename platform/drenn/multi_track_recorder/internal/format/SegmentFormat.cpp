@@ -42,6 +42,19 @@ std::string ToText(const StoreId& id) {
     return text;
 }
 
+std::uint64_t NumberOf(const LeadingBytes& leading) {
+    return ByteReader(leading.data() + leading.size() / 2, leading.size() / 2).U64();
+}
+
+RecordsHint HintOf(const LeadingBytes& leading) {
+    return {leading, NumberOf(leading), 0};
+}
+
+void RecordsHint::Add(const RecordsHint& next) {
+    step = std::max({step, next.step, NumberOf(next.leading) - last}); // One that falls is a very large step.
+    last = next.last;
+}
+
 Bytes Encode(const SegmentHeader& header) {
     Bytes out;
     ByteWriter writer(out);

@@ -28,6 +28,20 @@ constexpr std::uint64_t kTextElsewhere = 1ULL << 63U;
 using StoreId = std::array<unsigned char, 16>;
 /// The first bytes of a record's first blob; zeros behind a shorter one.
 using LeadingBytes = std::array<unsigned char, kInlineBytes>;
+/// Of records that rise, such as by time, the second half of their first bytes is the number by which they do.
+std::uint64_t NumberOf(const LeadingBytes& leading);
+constexpr std::uint64_t kUnknownStep = ~0ULL;
+
+/// What is kept in memory and in the catalogue of records that follow one another, so that they need not be read.
+struct RecordsHint {
+    LeadingBytes leading{};            ///< Of the first one.
+    std::uint64_t last = 0;            ///< The number of the last one.
+    std::uint64_t step = kUnknownStep; ///< The largest from the number of one to that of the next.
+
+    void Add(const RecordsHint& next);
+};
+/// The hint of a single record.
+RecordsHint HintOf(const LeadingBytes& leading);
 std::string ToText(const StoreId& id);
 
 /// XXH3, 64 bits.

@@ -295,10 +295,14 @@ void Catalogue::Transaction::AddHint(SegmentKey segment, std::uint64_t salt,
     Bytes leading;
     ByteWriter writer(leading);
     for (const ExtentRow& extent : extents) {
-        if (extent.leading) {
+        if (extent.hint) {
             writer.U32(extent.track);
             writer.U64(extent.firstSerial);
-            writer.Raw(extent.leading->data(), extent.leading->size());
+            writer.Raw(extent.hint->leading.data(), extent.hint->leading.size());
+            writer.U32(extent.track | kStepOfTrack);
+            writer.U64(extent.firstSerial);
+            writer.U64(extent.hint->last);
+            writer.U64(extent.hint->step);
         }
     }
     catalogue_.database_.Execute(kHintTable); // An earlier version had none.

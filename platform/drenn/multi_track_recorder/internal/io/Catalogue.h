@@ -28,6 +28,10 @@ inline std::uint32_t LaneOf(std::uint32_t recording, bool sparse) {
     return recording * 2 + (sparse ? 1 : 0);
 }
 
+/// In a hint, an entry whose track has this bit tells the last number and the step of the records that the entry before
+/// begins. Earlier versions find no such track, and pass it over.
+constexpr std::uint32_t kStepOfTrack = 1U << 31U;
+
 struct SegmentRow {
     SegmentKey key;
     std::uint64_t length = 0; ///< Valid bytes; what is behind them is the footer.
@@ -40,7 +44,7 @@ struct ExtentRow {
     SegmentKey segment;
     std::uint64_t firstSerial;
     std::uint64_t count;
-    std::optional<LeadingBytes> leading; ///< Of the first record, where a hint tells.
+    std::optional<RecordsHint> hint;
 };
 struct InfoRow {
     std::uint32_t track;

@@ -10,10 +10,20 @@ namespace drenn::multi_track_recorder {
 namespace {
 
 constexpr std::size_t kSaltBytes = 8;
-constexpr std::size_t kHintBytes = 28; // Track, serial, leading bytes.
+constexpr std::size_t kHintBytes = 28; // Track, serial, leading bytes or number and step.
 
 std::uint32_t Small(const Statement& row, int column) {
     return static_cast<std::uint32_t>(row.Number(column));
+}
+
+void Take(const LeadingBytes& bytes, bool isStep, std::optional<RecordsHint>& hint) {
+    if (!isStep) {
+        hint = RecordsHint{bytes};
+    } else if (hint) {
+        ByteReader reader(bytes.data(), bytes.size());
+        hint->last = reader.U64();
+        hint->step = reader.U64();
+    }
 }
 
 /// What no store can have, whatever happened to it: numbers like these would overflow, or loop for ever. Nothing if
@@ -131,7 +141,8 @@ void Catalogue::LoadHints(CatalogueContent& content) {
         }
         ByteReader entries(reinterpret_cast<const unsigned char*>(leading.data()), leading.size());
         while (entries.Left() >= kHintBytes) {
-            const std::uint32_t track = entries.U32();
+            const std::uint32_t tag = entries.U32();
+            const std::uint32_t track = tag & ~kStepOfTrack;
             const std::uint64_t serial = entries.U64();
             LeadingBytes bytes{};
             entries.Raw(bytes.data(), bytes.size());
@@ -139,7 +150,7 @@ void Catalogue::LoadHints(CatalogueContent& content) {
                 return !(each.segment == key) || (each.track == track && each.firstSerial == serial);
             });
             if (first != content.extents.end() && first->segment == key) {
-                first->leading = bytes;
+                Take(bytes, tag != track, first->hint);
             }
         }
     }
