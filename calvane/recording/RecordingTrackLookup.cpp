@@ -46,7 +46,8 @@ std::int64_t ticksOf(const StoreTrack::LeadingBytes& leading) {
     return header.ticks;
 }
 
-static_assert(offsetof(RecordHeader, ticks) == 8, "it is what the store tells the steps of");
+static_assert(offsetof(RecordHeader, ticks) == 8 && __BYTE_ORDER__ == __ORDER_LITTLE_ENDIAN__,
+              "it is what the store tells the steps of");
 
 /// The records next to the wanted time, in front of it and behind it, of those that the store knows without a read.
 StoreTrack::KnownRecords findKnown(const StoreTrack& track, std::int64_t wanted) {
@@ -331,7 +332,9 @@ std::optional<RecordingTrack::Surroundings> RecordingTrack::findKnownAround(cons
     const ptime before = timeFromTicks(ticksOf(known.before->leading));
     const ptime behind = timeFromTicks(ticksOf(known.behind->leading));
     const auto apart = static_cast<std::uint64_t>((behind - before).ticks());
-    const auto step = static_cast<std::int64_t>(std::min(apart, known.step.value_or(apart)));
+    // Of what cannot be read, where some was met, nobody but the reads tells.
+    const std::uint64_t most = _passedOver.empty() ? known.step.value_or(apart) : apart;
+    const auto step = static_cast<std::int64_t>(std::min(apart, most));
     return Surroundings{before, behind, boost::posix_time::microseconds(step)};
 }
 

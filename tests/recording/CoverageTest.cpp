@@ -2,7 +2,6 @@
 
 #include <sdbus-c++/sdbus-c++.h>
 
-#include <functional>
 #include <mutex>
 
 #include "calvane/services/RecordingInformationImpl.h"
@@ -26,15 +25,6 @@ protected:
         EXPECT_EQ(Information().getRecordingState(sec, usec, &out[0], &out[1], &out[2], &out[3]), 0U);
         return std::to_string(out[0]) + std::to_string(out[1]) + std::to_string(out[2]) +
                std::to_string(out[3]);
-    }
-    /// Video, at these times by number; the store knows a record of each segment without reading it.
-    static void WriteSeveralSegments(const std::function<double(int)>& timeOf) {
-        const std::string payload(200000, 'x');
-        for (int i = 0; i < 250; ++i) {
-            const double time = timeOf(i);
-            Advance(time);
-            ASSERT_TRUE(TrackOf(VIDEO_TRACK).writeRecord(At(time), 0, payload.data(), payload.size()));
-        }
     }
 };
 

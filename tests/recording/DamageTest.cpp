@@ -1,5 +1,6 @@
 // What a damaged card leaves readable.
 
+#include <algorithm>
 #include <cstring>
 #include <filesystem>
 #include <fstream>
@@ -72,6 +73,18 @@ TEST_F(Damage, QueriesAndRetentionPassOverRecordsThatCannotBeRead) {
     Write(VIDEO_TRACK, {32});
     Recorder().eraseDataFrom(At(17));
     EXPECT_EQ(SizeOf(VIDEO_TRACK), 4U);
+}
+
+TEST_F(Damage, WhatTheStoreKnowsTellsNothingOnceRecordsCannotBeRead) {
+    // One for each second, but 40, 49, 58, 67.
+    WriteSeveralSegments([](int number) { return 1 + number + 8 * std::clamp(number - 39, 0, 3); });
+    const LogCapture capture(LogLevel::Off);
+    RestartDamaged({49, 58});
+    // Nobody has tried to read it.
+    EXPECT_THAT(Coverage(VIDEO_TRACK, 55, 55), ElementsAre("55..55 data"));
+    EXPECT_THAT(Coverage(VIDEO_TRACK, 30, 80), ElementsAre("30..40 data", "40..67 unknown", "67..80 data"));
+    EXPECT_THAT(Coverage(VIDEO_TRACK, 55, 55), ElementsAre("55..55 unknown"));
+    EXPECT_THAT(Coverage(VIDEO_TRACK, 70, 70), ElementsAre("70..70 data"));
 }
 
 TEST_F(Damage, StartingNeedsOnlyTheNewestEventThatCanBeRead) {

@@ -6,6 +6,7 @@
 #include <boost/date_time/posix_time/posix_time.hpp>
 #include <cmath>
 #include <cstdlib>
+#include <functional>
 #include <initializer_list>
 #include <sstream>
 #include <string>
@@ -83,6 +84,15 @@ protected:
         for (const double time : times) {
             Advance(time);
             ASSERT_TRUE(TrackOf(type).writeRecord(At(time), flags, "data", 4));
+        }
+    }
+    /// Video, at these times by number; the store knows a record of each segment without reading it.
+    static void WriteSeveralSegments(const std::function<double(int)>& timeOf) {
+        const std::string payload(200000, 'x');
+        for (int i = 0; i < 250; ++i) {
+            const double time = timeOf(i);
+            Advance(time);
+            ASSERT_TRUE(TrackOf(VIDEO_TRACK).writeRecord(At(time), 0, payload.data(), payload.size()));
         }
     }
     static void Report(track_type type, double time, bool present,

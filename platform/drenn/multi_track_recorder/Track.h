@@ -103,7 +103,8 @@ public:
         std::optional<KnownRecord> before;
         std::optional<KnownRecord> behind;
         /// From one to the other no record is further from the next one than this, in terms of the number that bytes 8 to
-        /// 15 of each are, lowest first. Nothing where that is not known; only of findKnown.
+        /// 15 of each are, lowest first; more than half the range of numbers where one falls. Nothing where that is not
+        /// known; only of findKnown.
         std::optional<std::uint64_t> step;
     };
     /// Where to begin a search through records that are ordered by their first bytes, without reading any: the first

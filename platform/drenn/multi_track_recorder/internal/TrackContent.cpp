@@ -68,9 +68,9 @@ Track::KnownRecords TrackContent::FindKnown(const std::function<bool(const Leadi
     if (behind != extents.end()) {
         found.behind = toRecord(*behind);
     }
-    // Only where none was erased or lost between the two.
-    if (found.before && found.behind && before->range.end == behind->range.first &&
-        found.behind->index - found.before->index == before->range.end - before->range.first) {
+    // Only where these are all between the two.
+    if (found.before && found.behind && before.base() == behind &&
+        survivors.CountIn(before->range) == before->range.end - before->range.first) {
         RecordsHint hint = *before->hint;
         hint.Add(HintOf(behind->hint->leading));
         found.step = hint.step == kUnknownStep ? std::nullopt : std::make_optional(hint.step);
@@ -108,8 +108,10 @@ void TrackContent::AddExtent(const std::shared_ptr<Segment>& segment, SerialRang
     segment->survivors += range.end - range.first;
     if (!extents.empty() && extents.back().segment == segment && extents.back().range.end == range.first) {
         extents.back().range.end = range.end;
-        if (extents.back().hint) {
-            extents.back().hint->Add(hint.value_or(RecordsHint{}));
+        if (extents.back().hint && hint) {
+            extents.back().hint->Add(*hint);
+        } else if (extents.back().hint) {
+            extents.back().hint->step = kUnknownStep;
         }
     } else {
         extents.push_back({range, segment, hint});

@@ -43,7 +43,7 @@ std::string ToText(const StoreId& id) {
 }
 
 std::uint64_t NumberOf(const LeadingBytes& leading) {
-    return ByteReader(leading.data() + leading.size() / 2, leading.size() / 2).U64();
+    return ByteReader(leading.data() + 8, 8).U64();
 }
 
 RecordsHint HintOf(const LeadingBytes& leading) {
