@@ -2,7 +2,7 @@
 """Runs the benchmarks of the framework, the recorder and the store several times, and says which limits they meet.
 
 What counts is the median of all runs, of which more than half are to be quiet: while others use the machine, runs are
-added."""
+added. An interrupt ends it with the runs that are whole."""
 import argparse
 import json
 import os
@@ -34,9 +34,8 @@ def run(name, number, options, folder):
         return json.load(file)
 
 
-def measure(options):
-    """For each run the share of others, and all figures with their limits."""
-    runs = []
+def measure(options, runs):
+    """Adds for each run the share of others, and all figures with their limits."""
     most = 2 * options.runs if options.extent != "smoke" else options.runs
     with tempfile.TemporaryDirectory() as folder:
         while len(runs) < options.runs or (len(runs) < most and 2 * count_quiet(runs) <= options.runs):
@@ -46,7 +45,6 @@ def measure(options):
             others, figures = runs[-1]
             met = sum(is_met(*figure) for figure in figures.values())
             print(f"Run {len(runs)}: others used {others:.0%} of the machine; {met} of {len(figures)} limits are met", flush=True)
-    return runs
 
 
 def count_quiet(runs):
@@ -76,7 +74,12 @@ def main():
     options.runs = options.runs or (1 if options.extent == "smoke" else 5)
     options.out = options.out or os.path.join(options.build, "runs")
     os.makedirs(options.out, exist_ok=True)
-    runs = measure(options)
+    runs = []
+    try:
+        measure(options, runs)
+    except KeyboardInterrupt:
+        if not runs:
+            raise
     print(f"\n{len(runs)} runs, {count_quiet(runs)} of them with others below {QUIET:.0%} of the machine; tables are in {options.out}")
     print_runs(runs)
 
