@@ -47,7 +47,7 @@ std::int64_t ticksOf(const StoreTrack::LeadingBytes& leading) {
 }
 
 static_assert(offsetof(RecordHeader, ticks) == 8 && __BYTE_ORDER__ == __ORDER_LITTLE_ENDIAN__,
-              "it is what the store tells the steps of");
+              "the store measures steps in bytes 8 to 15, lowest first");
 
 /// The records next to the wanted time, in front of it and behind it, of those that the store knows without a read.
 StoreTrack::KnownRecords findKnown(const StoreTrack& track, std::int64_t wanted) {
@@ -332,7 +332,7 @@ std::optional<RecordingTrack::Surroundings> RecordingTrack::findKnownAround(cons
     const ptime before = timeFromTicks(ticksOf(known.before->leading));
     const ptime behind = timeFromTicks(ticksOf(known.behind->leading));
     const auto apart = static_cast<std::uint64_t>((behind - before).ticks());
-    // Of what cannot be read, where some was met, nobody but the reads tells.
+    // Once a record could not be read, only reading tells where others cannot be read, either.
     const std::uint64_t most = _passedOver.empty() ? known.step.value_or(apart) : apart;
     const auto step = static_cast<std::int64_t>(std::min(apart, most));
     return Surroundings{before, behind, boost::posix_time::microseconds(step)};

@@ -291,6 +291,16 @@ TEST(Trust, StepsBetweenKnownRecordsAreThoseOfAllRecords) {
         const Store again(disk, options);
         EXPECT_EQ(find(again), steps);
     }
+    Execute(
+        disk,
+        "UPDATE hints SET leading=x'00' WHERE sequence=5"); // Then nothing tells of what is between its neighbours.
+    {
+        const Store again(disk, options);
+        const Steps fewer = find(again);
+        EXPECT_EQ(fewer.size(), steps.size() - 1);
+        EXPECT_EQ(countUnknown(fewer), 2);
+        steps = fewer;
+    }
     Execute(disk, "UPDATE hints SET leading=substr(leading, 1, 28)"); // As an earlier version made them.
     const Store earlier(disk, options);
     const Steps unknown = find(earlier);

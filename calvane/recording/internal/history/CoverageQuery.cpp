@@ -49,7 +49,7 @@ CoveragePage CoverageQuery::run(const ptime& from, const ptime& to, std::size_t 
 /// whatever is usual. Then there is data, and most questions about one time need no closer look, or not even a read.
 bool CoverageQuery::isBetweenRecords(const Stretch& stretch, const ptime& t) const {
     const auto isBetween = [&](const std::optional<RecordingTrack::Surroundings>& around) {
-        if (!around || !(around->step <= kLargestRecordGap)) { // Which a special one is not, either.
+        if (!around || !(around->step <= kLargestRecordGap)) { // Special durations are not, either.
             return false;
         }
         // A record at the very time of an absent event is the last one of what ended then.
