@@ -298,8 +298,8 @@ TEST_F(Coverage, WhatIsTooOldIsHiddenAtOnceAndErasedInBatches) {
 }
 
 TEST_F(Coverage, AGapWithinASegmentIsNoDataAndOtherwiseNothingIsRead) {
-    Report(VIDEO_TRACK, 1, true);
     WriteSeveralSegments([](int number) { return number < 50 ? 1 + 5 * number : 1001 + 5 * number; });
+    Report(VIDEO_TRACK, 1, true);
     ProcessAt(3000);
     const auto stepAt = [this](double time) {
         const auto known = TrackOf(VIDEO_TRACK).findKnownAround(At(time));
@@ -318,8 +318,8 @@ TEST_F(Coverage, AGapWithinASegmentIsNoDataAndOtherwiseNothingIsRead) {
 
 TEST_F(Coverage, WhatIsHiddenIsNotTakenFromWhatTheStoreKnows) {
     RecordingManager::setMaxRetentionTime(boost::posix_time::seconds(100));
-    Report(VIDEO_TRACK, 1, true);
     WriteSeveralSegments([](int number) { return 1 + 0.02 * number; });
+    Report(VIDEO_TRACK, 1, true);
     ProcessAt(10);
     ASSERT_TRUE(TrackOf(VIDEO_TRACK).findKnownAround(At(2)));
     EXPECT_EQ(StateAt(2), "1100");

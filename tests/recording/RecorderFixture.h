@@ -86,13 +86,14 @@ protected:
             ASSERT_TRUE(TrackOf(type).writeRecord(At(time), flags, "data", 4));
         }
     }
-    /// Video, at these times by number; the store knows a record of each segment without reading it.
+    /// Video, 250 records at these times by number. Each restart begins a segment, and the store knows the first record
+    /// of each without reading it.
     static void WriteSeveralSegments(const std::function<double(int)>& timeOf) {
-        const std::string payload(200000, 'x');
         for (int i = 0; i < 250; ++i) {
-            const double time = timeOf(i);
-            Advance(time);
-            ASSERT_TRUE(TrackOf(VIDEO_TRACK).writeRecord(At(time), 0, payload.data(), payload.size()));
+            Write(VIDEO_TRACK, {timeOf(i)});
+            if (i == 80 || i == 160 || i == 249) {
+                Restart();
+            }
         }
     }
     static void Report(track_type type, double time, bool present,
