@@ -249,10 +249,10 @@ TEST(Trust, StepsBetweenKnownRecordsAreThoseOfAllRecords) {
             const auto known = OnlyTrack(store)->findKnown(
                 [&](const Track::LeadingBytes& leading) { return orderOf(leading) < wanted; });
             if (known.before && known.behind) {
-                const std::uint64_t first = orderOf(known.before->leading);
-                const std::uint64_t last = orderOf(known.behind->leading);
+                const auto first = static_cast<std::size_t>(orderOf(known.before->leading));
+                const auto last = static_cast<std::size_t>(orderOf(known.behind->leading));
                 std::uint64_t largest = 0;
-                for (std::uint64_t i = first; i != last; ++i) {
+                for (std::size_t i = first; i != last; ++i) {
                     largest = std::max(largest, numbers[i + 1] - numbers[i]);
                 }
                 const bool isWhole = last - first == known.behind->index - known.before->index;
