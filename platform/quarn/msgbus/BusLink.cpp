@@ -315,8 +315,10 @@ void BusLink::DoPosted() {
 void BusLink::Wait(int descriptor, short events, int milliseconds) const {
     std::array<pollfd, 2> waits{{{wake_, POLLIN, 0}, {descriptor, events, 0}}};
     poll(waits.data(), waits.size(), milliseconds);
-    eventfd_t count = 0;
-    eventfd_read(wake_, &count);
+    if (waits[0].revents != 0) {
+        eventfd_t count = 0;
+        eventfd_read(wake_, &count);
+    }
 }
 
 } // namespace quarn::msgbus
