@@ -4,17 +4,26 @@
 #include <unistd.h>
 
 #include <atomic>
-#include <boost/date_time/posix_time/posix_time.hpp>
 #include <ctime>
+
+#include "calvane/recording/RecordingTime.h"
 
 namespace quarn::calvane {
 namespace {
 
+std::int64_t microsecondsOf(clockid_t clock) {
+    timespec since{};
+    clock_gettime(clock, &since);
+    return std::int64_t{since.tv_sec} * 1'000'000 + since.tv_nsec / 1000;
+}
+
+boost::posix_time::ptime machineNow() {
+    return timeFromUnixMicroseconds(microsecondsOf(CLOCK_REALTIME));
+}
+
 /// Also while the machine sleeps: that is no jump of the clock.
 std::int64_t machineSteadyMicroseconds() {
-    timespec since{};
-    clock_gettime(CLOCK_BOOTTIME, &since);
-    return std::int64_t{since.tv_sec} * 1'000'000 + since.tv_nsec / 1000;
+    return microsecondsOf(CLOCK_BOOTTIME);
 }
 
 bool isMachineSynchronised() {
@@ -23,8 +32,7 @@ bool isMachineSynchronised() {
     return isKernelSure || access("/run/systemd/timesync/synchronized", F_OK) == 0;
 }
 
-const RecordingClock::Source kMachine{boost::posix_time::microsec_clock::universal_time,
-                                      machineSteadyMicroseconds, isMachineSynchronised};
+const RecordingClock::Source kMachine{machineNow, machineSteadyMicroseconds, isMachineSynchronised};
 
 std::atomic<const RecordingClock::Source*> current{&kMachine};
 
