@@ -73,7 +73,7 @@ bool RecordingTrack::timestampLessThan(unsigned int index, const ptime& t) const
 std::optional<ptime> RecordingTrack::findTimestamp(unsigned int index) const {
     const TrackLock lock(*_track);
     try {
-        return timeFromTicks(readHeader(index).ticks);
+        return timeFromTicks(readRecordHeader(*_track, index).ticks);
     } catch (const std::exception& error) {
         notePassedOver(index, error.what());
         return std::nullopt;

@@ -13,16 +13,17 @@ namespace drenn::multi_track_recorder {
 class FairMutex {
 public:
     void lock() {
-        if (holder_ != std::this_thread::get_id()) {
+        const std::thread::id self = std::this_thread::get_id();
+        if (holder_.load(std::memory_order_relaxed) != self) {
             const std::lock_guard<std::mutex> turn(next_);
             mutex_.lock();
-            holder_ = std::this_thread::get_id();
+            holder_.store(self, std::memory_order_relaxed);
         }
         ++depth_;
     }
     void unlock() {
         if (--depth_ == 0) {
-            holder_ = std::thread::id();
+            holder_.store(std::thread::id(), std::memory_order_relaxed);
             mutex_.unlock();
         }
     }
@@ -30,7 +31,7 @@ public:
 private:
     std::mutex next_; ///< Held by the one who waits for mutex_ and gets it next.
     std::mutex mutex_;
-    std::atomic<std::thread::id> holder_{}; ///< Only a thread itself stores its own id.
+    std::atomic<std::thread::id> holder_{}; ///< Compared with a thread's own id, which only itself stores.
     unsigned int depth_ = 0;                ///< Guarded by mutex_.
 };
 

@@ -105,8 +105,8 @@ std::uint32_t TrackImpl::Tell() const {
     return position_;
 }
 
+/// Within the content's lock.
 std::uint64_t TrackImpl::SerialAt(std::uint32_t index) const {
-    const std::lock_guard<std::mutex> lock(content_->mutex);
     const std::uint64_t size = content_->survivors.Size();
     if (index >= size) {
         throw std::out_of_range(Name() + " has no record " + std::to_string(index) + "; it has " +
@@ -120,9 +120,9 @@ void TrackImpl::Read(BlobRecord& record) {
     record.clear();
     RequireAttached();
     context_.RequireCard();
-    const std::uint64_t serial = SerialAt(position_);
+    const Place place = PlaceAt(position_);
     try {
-        ReadSerial(serial, record);
+        ReadPlace(place, record);
     } catch (const std::exception&) {
         record.clear();
         throw;
@@ -130,23 +130,23 @@ void TrackImpl::Read(BlobRecord& record) {
     ++position_;
 }
 
-TrackImpl::Place TrackImpl::PlaceOf(std::uint64_t serial) const {
+TrackImpl::Place TrackImpl::PlaceAt(std::uint32_t index) const {
     const std::lock_guard<std::mutex> lock(content_->mutex);
     Place place;
-    place.block = content_->FindPending(serial);
-    place.segment = place.block == nullptr ? content_->FindSegment(serial) : nullptr;
+    place.serial = SerialAt(index);
+    place.block = content_->FindPending(place.serial);
+    place.segment = place.block == nullptr ? content_->FindSegment(place.serial) : nullptr;
     if (place.block == nullptr && place.segment == nullptr) {
-        throw std::runtime_error(Name() + ": no segment has record " + std::to_string(serial));
+        throw std::runtime_error(Name() + ": no segment has record " + std::to_string(place.serial));
     }
     return place;
 }
 
-void TrackImpl::ReadSerial(std::uint64_t serial, BlobRecord& record) const {
-    const Place place = PlaceOf(serial);
+void TrackImpl::ReadPlace(const Place& place, BlobRecord& record) const {
     if (place.block != nullptr) {
-        place.block->Read(serial, record);
+        place.block->Read(place.serial, record);
     } else {
-        context_.cache.Get(*place.segment)->Read(content_->id, serial, record);
+        context_.cache.Get(*place.segment)->Read(content_->id, place.serial, record);
     }
 }
 
@@ -207,8 +207,8 @@ void TrackImpl::Append(const BlobRecord& record) {
 std::pair<std::uint32_t, std::uint32_t> TrackImpl::GetInfoRange() const {
     const Guard guard(*this);
     RequireAttached();
-    const std::uint64_t serial = SerialAt(position_);
     const std::lock_guard<std::mutex> lock(content_->mutex);
+    const std::uint64_t serial = SerialAt(position_);
     const auto& infos = content_->infos;
     const std::size_t info = content_->FindInfo(serial);
     const std::size_t next = info == infos.size() ? 0 : info + 1;
@@ -222,11 +222,10 @@ std::string TrackImpl::GetInfo() const {
     const Guard guard(*this);
     RequireAttached();
     context_.RequireCard();
-    const std::uint64_t serial = SerialAt(position_);
     InfoText info{0, nullptr, 0};
     {
         const std::lock_guard<std::mutex> lock(content_->mutex);
-        const std::size_t place = content_->FindInfo(serial);
+        const std::size_t place = content_->FindInfo(SerialAt(position_));
         if (place == content_->infos.size()) {
             return {};
         }
@@ -277,11 +276,10 @@ Track::Leading TrackImpl::GetLeading(std::uint32_t index) const {
     const Guard guard(*this);
     RequireAttached();
     context_.RequireCard();
-    const std::uint64_t serial = SerialAt(index);
-    const Place place = PlaceOf(serial);
+    const Place place = PlaceAt(index);
     const RecordEntry entry = place.block != nullptr
-                                  ? place.block->Entry(serial)
-                                  : context_.cache.Get(*place.segment)->Entry(content_->id, serial);
+                                  ? place.block->Entry(place.serial)
+                                  : context_.cache.Get(*place.segment)->Entry(content_->id, place.serial);
     return LeadingOf(entry);
 }
 
@@ -297,10 +295,9 @@ Track::KnownRecords TrackImpl::FindNear(std::uint32_t index,
     const Guard guard(*this);
     RequireAttached();
     context_.RequireCard();
-    const std::uint64_t serial = SerialAt(index);
-    const Place place = PlaceOf(serial);
+    const Place place = PlaceAt(index);
     const auto reader = place.block == nullptr ? context_.cache.Get(*place.segment) : nullptr;
-    const auto part = reader == nullptr ? nullptr : reader->PartOf(content_->id, serial).part;
+    const auto part = reader == nullptr ? nullptr : reader->PartOf(content_->id, place.serial).part;
     const SerialRange range =
         part == nullptr ? SerialRange{place.block->FirstSerial(), place.block->EndSerial()} : part->range;
     const std::lock_guard<std::mutex> lock(content_->mutex);

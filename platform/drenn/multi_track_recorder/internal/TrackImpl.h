@@ -64,13 +64,14 @@ private:
     void RequireAttached() const;
     void CheckSizes(const BlobRecord& record) const;
     void CheckFitsCard(const BlobRecord& record) const;
-    /// One of the two.
+    /// Where a record is: in one of the two.
     struct Place {
+        std::uint64_t serial = 0;
         std::shared_ptr<const PendingBlock> block;
         std::shared_ptr<Segment> segment;
     };
-    Place PlaceOf(std::uint64_t serial) const;
-    void ReadSerial(std::uint64_t serial, BlobRecord& record) const;
+    Place PlaceAt(std::uint32_t index) const;
+    void ReadPlace(const Place& place, BlobRecord& record) const;
     std::uint64_t SerialAt(std::uint32_t index) const;
     void Raise(std::uint32_t first, std::uint32_t last) const;
     void EraseSerials(SerialRange range);
