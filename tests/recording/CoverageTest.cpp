@@ -2,7 +2,10 @@
 
 #include <sdbus-c++/sdbus-c++.h>
 
+#include <algorithm>
+#include <map>
 #include <mutex>
+#include <random>
 
 #include "calvane/services/RecordingInformationImpl.h"
 #include "recording/RecorderFixture.h"
@@ -314,6 +317,47 @@ TEST_F(Coverage, AGapWithinASegmentIsNoDataAndOtherwiseNothingIsRead) {
     TrackOf(VIDEO_TRACK).getTrack()->eraseRange(90, 130);
     EXPECT_GT(stepAt(1500), boost::posix_time::seconds(100));
     EXPECT_EQ(StateAt(1500), "0000");
+}
+
+// Most questions about one time are answered by the records next to it.
+TEST_F(Coverage, OneTimeIsToldAsTheSpanAroundIt) {
+    std::mt19937 random(11);
+    const auto below = [&random](unsigned end) { return static_cast<unsigned>(random() % end); };
+    double time = 1;
+    while (time < 10000) {
+        const bool isReported = below(4) != 0;
+        if (isReported) {
+            Report(VIDEO_TRACK, time, true);
+        }
+        for (unsigned left = below(12); left != 0; --left) {
+            Write(VIDEO_TRACK, {time});
+            time += below(8) == 0 ? 300 + below(60) : 0.5 + below(4);
+        }
+        if (isReported && below(4) != 0) {
+            Report(VIDEO_TRACK, time, false);
+        }
+        time += below(3) * 20;
+        if (below(5) == 0) {
+            ProcessAt(time);
+            Restart();
+        }
+    }
+    ProcessAt(time);
+    const auto spans = Recorder().getCoverage(VIDEO_TRACK, At(0), At(time));
+    const std::vector<double> times = TimesOf(VIDEO_TRACK);
+    std::map<CoverageReason, int> seen;
+    for (int i = 0; i < 3000; ++i) {
+        const double record = times[below(static_cast<unsigned>(times.size()) - 20)];
+        const ptime t = At(std::abs(record + 0.1 * below(400) - 19.95));
+        const auto span =
+            std::find_if(spans.begin(), spans.end(), [&](const auto& each) { return t < each.end; });
+        ASSERT_NE(span, spans.end());
+        EXPECT_EQ(Recorder().getCoverage(VIDEO_TRACK, t, t).front().reason, span->reason) << t;
+        ++seen[span->reason];
+    }
+    EXPECT_GE(seen.size(), 3U);
+    EXPECT_GT(seen[CoverageReason::Data], 500);
+    EXPECT_GT(seen[CoverageReason::Stopped], 500);
 }
 
 TEST_F(Coverage, WhatIsHiddenIsNotTakenFromWhatTheStoreKnows) {

@@ -27,8 +27,9 @@ CoveragePage CoverageQuery::run(const ptime& from, const ptime& to, std::size_t 
     _from = from;
     _to = to;
     const std::vector<Stretch> stretches = divide(max);
-    if (from == to && isBetweenRecords(stretches.back(), from)) {
-        return {{{from, to, CoverageReason::Data}}, to, false};
+    if (const auto reason = from == to ? lookNear(stretches.back(), from) : std::nullopt) {
+        add(from, to, *reason);
+        return {std::move(_spans), to, false};
     }
     _track.getRecordingTimePeriod(_first, _last);
     for (const Stretch& stretch : stretches) {
@@ -45,19 +46,28 @@ CoveragePage CoverageQuery::run(const ptime& from, const ptime& to, std::size_t 
     return {std::move(_spans), next, next < to};
 }
 
-/// Whether records in front of this time and behind it are both of the stretch, and so near that they belong together
-/// whatever is usual. Then there is data, and most questions about one time need no closer look, or not even a read.
-bool CoverageQuery::isBetweenRecords(const Stretch& stretch, const ptime& t) const {
-    const auto isBetween = [&](const std::optional<RecordingTrack::Surroundings>& around) {
-        if (!around || !(around->step <= kLargestRecordGap)) { // Special durations are not, either.
-            return false;
-        }
-        // A record at the very time of an absent event is the last one of what ended then.
-        const bool isBegun = stretch.begin.is_special() || stretch.begin < around->before ||
-                             (stretch.begin == around->before && stretch.said == Said::Present);
-        return isBegun && (stretch.end.is_special() || around->behind <= stretch.end);
+/// What the records next to one time tell. There is data where they are both of the stretch, and so near that they belong
+/// together whatever is usual; there is none where the history says the same and nothing in front is near. So most
+/// questions need no closer look, or not even a read.
+std::optional<CoverageReason> CoverageQuery::lookNear(const Stretch& stretch, const ptime& t) const {
+    const bool isPresent = stretch.said == Said::Present;
+    // A record at the very time of an absent event is the last one of what ended then.
+    const auto isOfStretch = [&](const ptime& time) {
+        return stretch.begin.is_special() || stretch.begin < time || (stretch.begin == time && isPresent);
     };
-    return isBetween(_track.findKnownAround(t)) || isBetween(_track.findAround(t));
+    const auto isBetween = [&](const std::optional<RecordingTrack::Surroundings>& around) {
+        return around && around->step <= kLargestRecordGap && isOfStretch(around->before) &&
+               (stretch.end.is_special() || around->behind <= stretch.end);
+    };
+    if (isBetween(_track.findKnownAround(t))) {
+        return CoverageReason::Data;
+    }
+    const auto around = _track.findAround(t);
+    if (isBetween(around)) {
+        return CoverageReason::Data;
+    }
+    const bool isFar = around && (!isOfStretch(around->before) || t - around->before > kLargestRecordGap);
+    return isFar && !isPresent ? std::make_optional(stretch.reason) : std::nullopt;
 }
 
 CoverageReason CoverageQuery::whyErased() {

@@ -59,7 +59,7 @@ private:
     std::vector<HistoryEvent> eventsBetween(const Ptime& from, const Ptime& to, std::size_t max) const;
     std::optional<HistoryEvent> lastEvent(const Ptime& t, std::optional<HistoryEvent> last) const;
     std::optional<HistoryEvent> nextEvent(const Ptime& t, std::optional<HistoryEvent> next) const;
-    bool isBetweenRecords(const Stretch& stretch, const Ptime& t) const;
+    std::optional<CoverageReason> lookNear(const Stretch& stretch, const Ptime& t) const;
     CoverageReason whyErased();
     static void apply(Stretch& stretch, const HistoryEvent& event);
 
