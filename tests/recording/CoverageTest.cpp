@@ -172,6 +172,13 @@ TEST_F(Coverage, AClockThatJumpsForwardLeavesAGapThatSaysSo) {
     EXPECT_THAT(RecorderTest::Coverage(AUDIO_TRACK, 3700, 3900), ElementsAre("3700..3900 data"));
 }
 
+TEST_F(Coverage, AFewRecordsAllTellWhatIsUsual) {
+    Report(VIDEO_TRACK, 1, true);
+    Write(VIDEO_TRACK, {1, 10, 10.5, 11, 11.5, 12, 72}); // A slow start.
+    ProcessAt(72);
+    EXPECT_THAT(RecorderTest::Coverage(VIDEO_TRACK, 1, 70), ElementsAre("1..12 data", "12..70 unknown"));
+}
+
 TEST_F(Coverage, SummariesTellTheSpanOfWhatIsKept) {
     unsigned out[4] = {9, 9, 9, 9};
     EXPECT_EQ(Information().getRecordingSummary(&out[0], &out[1], &out[2], &out[3]), 0U);

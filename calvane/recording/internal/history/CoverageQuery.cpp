@@ -214,10 +214,11 @@ void CoverageQuery::addRuns(const std::vector<CoverageSpan>& runs, const ptime& 
 
 /// What is usually between two records near an index range: the median of some. Within the track's lock.
 boost::posix_time::time_duration CoverageQuery::usualInterval(unsigned int first, unsigned int last) {
-    constexpr unsigned int kSamples = 15;
+    constexpr unsigned int kMostSamples = 15;
+    const unsigned int samples = std::min(kMostSamples, last - first);
     std::vector<boost::posix_time::time_duration> intervals;
-    for (unsigned int sample = 0; sample < std::min(kSamples, last - first) && !_isStale; ++sample) {
-        const auto place = static_cast<unsigned int>(first + std::uint64_t{last - first} * sample / kSamples);
+    for (unsigned int sample = 0; sample < samples && !_isStale; ++sample) {
+        const auto place = static_cast<unsigned int>(first + std::uint64_t{last - first} * sample / samples);
         const auto one = _track.findTimestamp(place);
         const auto next = _track.findTimestamp(place + 1);
         if (one && next) {
