@@ -1,6 +1,10 @@
 #include "calvane/plugins/FileSink.h"
 
+#include <fcntl.h>
+#include <unistd.h>
+
 #include <cerrno>
+#include <cstddef>
 #include <memory>
 
 #include "calvane/config/IPluginConfiguration.h"
@@ -70,10 +74,11 @@ FileSink::FileSink(const IPluginConfiguration& config)
     if (fileName_.empty()) {
         ErrorInSetting(kFileNameKey, std::string("You must provide a valid setting for ") + kFileNameKey);
     }
-    stream_.rdbuf()->pubsetbuf(nullptr, 0); // What is kept in this process is lost with it, and unnoticed.
 }
 
-FileSink::~FileSink() = default;
+FileSink::~FileSink() {
+    Close();
+}
 
 void FileSink::OnBuffer(const Sink*, Buffer* buffer) {
     const std::unique_ptr<Buffer> owned(buffer);
@@ -99,33 +104,44 @@ bool FileSink::IsInRange() {
     if (startCount_ == endCount_ || (startCount_ < bufferCount_ && bufferCount_ < endCount_)) {
         return true;
     }
-    if (bufferCount_ > endCount_ && stream_.is_open()) {
-        stream_.close();
+    if (bufferCount_ > endCount_) {
+        Close();
     }
     return false;
 }
 
 void FileSink::Write(const Buffer& buffer) {
     OpenUnlessOpen();
-    stream_.write(reinterpret_cast<const char*>(buffer.GetData()),
-                  static_cast<std::streamsize>(buffer.GetLength()));
-    if (!stream_) {
-        logger->Error("Writing %u bytes to %s failed: %s", buffer.GetLength(), fileName_.c_str(),
-                      osa::ErrnoText(errno).c_str());
-        stream_.clear();
-        throw osa::Exception("Failed to write file " + fileName_);
+    std::size_t done = 0;
+    while (done < buffer.GetLength()) {
+        const ssize_t written = write(file_, buffer.GetData() + done, buffer.GetLength() - done);
+        if (written >= 0) {
+            done += static_cast<std::size_t>(written);
+        } else if (errno != EINTR) {
+            logger->Error("Writing %u bytes to %s failed: %s", buffer.GetLength(), fileName_.c_str(),
+                          osa::ErrnoText(errno).c_str());
+            throw osa::Exception("Failed to write file " + fileName_);
+        }
     }
 }
 
 void FileSink::OpenUnlessOpen() {
-    if (!stream_.is_open()) {
+    if (file_ < 0) {
         logger->Information("Opening file %s", fileName_.c_str());
-        stream_.clear();
-        stream_.open(fileName_, openMode_);
+        constexpr mode_t kForAll = 0666; // As far as the process's mask allows.
+        const int how = (openMode_ & std::ios_base::app) != 0 ? O_APPEND : O_TRUNC;
+        file_ = open(fileName_.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC | how, kForAll);
     }
-    if (!stream_) {
+    if (file_ < 0) {
         throw osa::Exception("Failed to open file " + fileName_);
     }
+}
+
+void FileSink::Close() {
+    if (file_ >= 0 && close(file_) != 0) {
+        logger->Error("Closing %s failed: %s", fileName_.c_str(), osa::ErrnoText(errno).c_str());
+    }
+    file_ = -1;
 }
 
 } // namespace quarn::calvane

@@ -1,6 +1,5 @@
 #pragma once
 
-#include <fstream>
 #include <ios>
 #include <string>
 
@@ -36,10 +35,11 @@ private:
     bool IsInRange();
     void Write(const Buffer& buffer);
     void OpenUnlessOpen();
+    void Close();
 
     const std::string fileName_;
-    std::ofstream stream_;
-    std::ios_base::openmode openMode_;
+    int file_ = -1; // What a stream keeps in this process is lost with it, and unnoticed.
+    const std::ios_base::openmode openMode_;
     const int startCount_;
     const int endCount_;
     long long bufferCount_ = 0; // 32 bits would last 25 days at 1,000 buffers a second.

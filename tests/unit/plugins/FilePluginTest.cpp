@@ -1,7 +1,12 @@
+#include <fcntl.h>
 #include <sys/resource.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
 #include <algorithm>
+#include <array>
 #include <atomic>
+#include <chrono>
 #include <csignal>
 #include <filesystem>
 #include <thread>
@@ -142,6 +147,42 @@ TEST_F(FilePluginTest, SinkClosesItsFileBehindItsRange) {
         sink->GetSink()->PushBuffer(MakeBuffer("x"));
         EXPECT_EQ(open, isOpen());
     }
+}
+
+// A signal cuts a write to a full pipe short, or off before its first byte.
+TEST_F(FilePluginTest, SinkWritesAllThoughSignalsInterruptIt) {
+    const std::string pipe = folder.Path("out");
+    ASSERT_EQ(0, mkfifo(pipe.c_str(), 0600));
+    const int end = open(pipe.c_str(), O_RDWR | O_NONBLOCK);
+    ASSERT_GE(end, 0);
+    struct sigaction interrupts {};
+    struct sigaction before {};
+    interrupts.sa_handler = [](int) {};
+    sigaction(SIGUSR1, &interrupts, &before);
+    std::string sent(2'000'000, ' ');
+    for (std::size_t i = 0; i != sent.size(); ++i) {
+        sent[i] = static_cast<char>(i % 251);
+    }
+    std::string received;
+    std::atomic<bool> written{false};
+    std::thread reader([&, writer = pthread_self()] {
+        std::array<char, 20'000> bytes{};
+        for (bool isLast = false; !isLast;) {
+            isLast = written;
+            for (ssize_t count = 1; count > 0;) {
+                pthread_kill(writer, SIGUSR1);
+                count = read(end, bytes.data(), bytes.size());
+                received.append(bytes.data(), static_cast<std::size_t>(std::max<ssize_t>(count, 0)));
+            }
+            std::this_thread::sleep_for(std::chrono::microseconds(100));
+        }
+    });
+    EXPECT_EQ("nothing was thrown", ThrownText([&] { Write<FileSink>({{"filename", pipe}}, {sent}); }));
+    written = true;
+    reader.join();
+    sigaction(SIGUSR1, &before, nullptr);
+    close(end);
+    EXPECT_TRUE(received == sent) << received.size() << " bytes of " << sent.size();
 }
 
 TEST_F(FilePluginTest, OverwritingSinkKeepsTheLatestWholeBuffer) {
