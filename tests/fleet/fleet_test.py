@@ -263,12 +263,12 @@ class ClockAndCardTest(FleetTest):
         device.set_policy(groups="".join(f"[{track}]\nhours = {hours}\n" for track in TRACKS))
         self.wait_with_log(device, lambda: "Took over" in device.uplink_log(), "the policy")
         told = anew()
-        device.set_clock(-2)  # while there is nothing to send,
+        device.set_clock(-4)  # while there is nothing to send, by more than it may lag,
         self.wait_with_log(device, lambda: anew() > told, "another new lane")
         time.sleep(0.5 * SLOWNESS)
         device.stop_uplink(signal.SIGKILL)
         told = anew()
-        device.set_clock(-4 - SLOWNESS)  # and while it does not run, by more than the pause.
+        device.set_clock(-6 - SLOWNESS)  # and while it does not run, by more than the pause.
         time.sleep(1)
         device.set_policy()
         device.start_uplink()

@@ -138,7 +138,12 @@ TEST_F(FilePluginTest, SinkClosesItsFileBehindItsRange) {
         const std::filesystem::directory_iterator descriptors("/proc/self/fd");
         return std::any_of(begin(descriptors), end(descriptors), [this](const auto& descriptor) {
             std::error_code gone; // That of the iterator itself, in the end.
-            return std::filesystem::read_symlink(descriptor, gone) == folder.Path("out");
+            if (std::filesystem::read_symlink(descriptor, gone) != folder.Path("out")) {
+                return false;
+            }
+            // Programs that the process starts do not get it.
+            EXPECT_EQ(FD_CLOEXEC, fcntl(std::stoi(descriptor.path().filename()), F_GETFD));
+            return true;
         });
     };
     const PluginPtr sink(new FileSink(
