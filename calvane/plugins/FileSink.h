@@ -38,7 +38,7 @@ private:
     void Close();
 
     const std::string fileName_;
-    int file_ = -1; // What a stream keeps in this process is lost with it, and unnoticed.
+    int file_ = -1; // Not a stream: what that buffers is lost when the process ends, and unnoticed.
     const std::ios_base::openmode openMode_;
     const int startCount_;
     const int endCount_;
