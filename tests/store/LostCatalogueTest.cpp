@@ -5,6 +5,7 @@
 #include "drenn/multi_track_recorder/internal/recovery/StoreRebuilding.h"
 #include "drenn/multi_track_recorder/internal/recovery/StoreVerifier.h"
 #include "quarn/core/LogCapture.h"
+#include "support/ThrownText.h"
 #include "support/store/NumberedStore.h"
 
 using namespace drenn::multi_track_recorder;
@@ -48,6 +49,24 @@ TEST(Trust, AStoreThatWasHalfMadeIsMadeByTheNextProcess) {
     }
 }
 
+// An earlier version made the catalogue at its place, and could be cut short.
+TEST(Trust, AnEmptyCatalogueWithoutDataIsMadeAnew) {
+    const quarn::core::LogCapture log(quarn::core::LogLevel::Off);
+    SimFileSystem disk;
+    { const Store made(disk, Workload::SmallStore()); }
+    disk.Remove("/card/data/store");
+    disk.Open("/card/database/catalogue", OpenMode::ReadWrite)->Truncate(0);
+    {
+        Store store(disk, Workload::SmallStore());
+        AppendText(*store.NewRecording()->newTrack(), "kept");
+    }
+    EXPECT_THAT(VerifyStore(disk, kStorage, kDatabase), IsEmpty());
+    disk.Remove("/card/data/store"); // With data, it is lost.
+    disk.Open("/card/database/catalogue", OpenMode::ReadWrite)->Truncate(0);
+    EXPECT_THAT(ThrownText<std::runtime_error>([&] { Store(disk, Workload::SmallStore()); }),
+                testing::HasSubstr("calvane-store rebuild"));
+}
+
 TEST(Trust, WhatWasErasedStaysSoThoughTheLogOfTheCatalogueIsDamaged) {
     const quarn::core::LogCapture log(quarn::core::LogLevel::Off);
     const std::string wal = "/card/database/catalogue-wal";
@@ -59,12 +78,15 @@ TEST(Trust, WhatWasErasedStaysSoThoughTheLogOfTheCatalogueIsDamaged) {
         track->setInfo(std::string("info 100"));
         AppendText(*track, NumberText(kRecords));
         store.Sync();
-        const auto size = static_cast<std::size_t>(disk.Open(wal, OpenMode::Read)->Size());
+        DiskImage before = disk.GetImage();
         track->eraseRange(10, 20);
         store.Sync();
         bad = disk.GetImage();
-        ASSERT_GT(Change(bad, wal).size(), size);
-        Change(bad, wal)[size + 100] ^= 1; // SQLite ends there.
+        const auto& old = Change(before, wal);
+        auto& after = Change(bad, wal);
+        const auto added = std::mismatch(old.begin(), old.end(), after.begin(), after.end()).second;
+        ASSERT_NE(added, after.end());
+        *added ^= 1; // SQLite ends there.
     }
     SimFileSystem damaged(bad);
     const Store store(damaged, Workload::SmallStore());

@@ -20,7 +20,7 @@ constexpr char kPragmas[] =
 constexpr char kReadPragmas[] =
     "PRAGMA locking_mode=EXCLUSIVE; PRAGMA mmap_size=0; PRAGMA temp_store=MEMORY; PRAGMA cell_size_check=ON;";
 constexpr char kBuildPragmas[] =
-    "PRAGMA locking_mode=EXCLUSIVE; PRAGMA journal_mode=MEMORY; PRAGMA synchronous=FULL; PRAGMA mmap_size=0;"
+    "PRAGMA locking_mode=EXCLUSIVE; PRAGMA journal_mode=MEMORY; PRAGMA synchronous=OFF; PRAGMA mmap_size=0;"
     "PRAGMA temp_store=MEMORY;";
 constexpr char kDamageTable[] =
     "CREATE TABLE IF NOT EXISTS damage(lane INTEGER, sequence INTEGER, first INTEGER, end INTEGER NOT NULL,"
@@ -48,6 +48,18 @@ constexpr char kTables[] =
 
 constexpr int kLogPages = 64; // 1/4 MiB.
 
+const char* SynchronousOf(Catalogue::Durability durability) {
+    switch (durability) {
+        case Catalogue::Durability::AtOnce:
+            return "PRAGMA synchronous=FULL";
+        case Catalogue::Durability::WithSyncLog:
+            return "PRAGMA synchronous=NORMAL";
+        case Catalogue::Durability::WithFile:
+            break;
+    }
+    return "PRAGMA synchronous=OFF";
+}
+
 } // namespace
 
 Catalogue::Catalogue(const std::string& path, const char* vfs, Mode mode)
@@ -62,6 +74,17 @@ Catalogue::Catalogue(const std::string& path, const char* vfs, Mode mode)
     if (HasTable("store")) {
         Upgrade();
     }
+}
+
+void Catalogue::Build(const std::string& path, const char* vfs,
+                      const std::function<void(Transaction&)>& fill) {
+    Catalogue catalogue(path, vfs, Mode::Build);
+    {
+        Transaction transaction(catalogue, Durability::WithFile);
+        fill(transaction);
+        transaction.Commit();
+    }
+    catalogue.database_.Execute("PRAGMA journal_mode=WAL"); // So that opening need not change it.
 }
 
 /// What earlier versions did not have. Without room they stay as they are.
@@ -186,8 +209,7 @@ Catalogue::Transaction::Transaction(Catalogue& catalogue, Durability durability)
         throw FileError("use the catalogue, whose log could not be synced", catalogue.database_.Path(), EIO);
     }
     // Each time: it cannot be changed within a transaction, and no transaction depends on how the last one ended.
-    catalogue_.database_.Execute(durability == Durability::AtOnce ? "PRAGMA synchronous=FULL"
-                                                                  : "PRAGMA synchronous=NORMAL");
+    catalogue_.database_.Execute(SynchronousOf(durability));
     catalogue_.database_.Execute("BEGIN IMMEDIATE");
 }
 

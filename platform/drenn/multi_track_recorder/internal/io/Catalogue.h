@@ -1,5 +1,6 @@
 #pragma once
 
+#include <functional>
 #include <memory>
 #include <mutex>
 #include <optional>
@@ -106,7 +107,7 @@ public:
     enum class Mode {
         OpenOrMake,
         ReadOnly, ///< With a SqliteVfs that is read-only.
-        Build ///< A new one in one transaction, without a log: it takes no more room than it has in the end.
+        Build     ///< By the function of that name only.
     };
     /// The version of the table `store` that this program writes; later ones are refused by RequireVersion.
     static constexpr std::uint32_t kVersion = 1;
@@ -125,7 +126,8 @@ public:
 
     enum class Durability {
         AtOnce,
-        WithSyncLog ///< Until then a power cut may take it back as a whole.
+        WithSyncLog, ///< Until then a power cut may take it back as a whole.
+        WithFile     ///< Of a catalogue that is being built.
     };
     /// Whether a transaction waits for SyncLog. If so, begins what that ends: see IFile::WriteOut.
     bool BeginSyncLog();
@@ -173,6 +175,11 @@ public:
         const std::unique_lock<std::mutex> lock_;
         bool committed_ = false;
     };
+
+    /// Makes a new one with what `fill` does in one transaction, without a log: it takes no more room than it has in the
+    /// end. Nothing of it is durable before the caller syncs the file and its folder.
+    static void Build(const std::string& path, const char* vfs,
+                      const std::function<void(Transaction&)>& fill);
 
 private:
     Statement& Prepared(const char* sql);

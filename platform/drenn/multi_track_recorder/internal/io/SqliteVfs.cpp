@@ -20,6 +20,9 @@ namespace {
 
 constexpr int kLongestPath = 4096; // PATH_MAX.
 constexpr int kSectorBytes = 4096; // What a power cut may tear apart is smaller on no card.
+// A log begins with so many zeros, which SQLite takes for its end: to make durable what is written within a file takes one flush of
+// the device, and two where the file grows.
+constexpr std::size_t kFirstLogBytes = 1U << 16U;
 
 std::string FolderOf(const std::string& path) {
     const size_t slash = path.rfind('/');
@@ -251,6 +254,10 @@ int Open(sqlite3_vfs* vfs, sqlite3_filename name, sqlite3_file* file, int flags,
                                             ? std::make_unique<NoFile>(name)
                                             : way.files.Open(name, mode);
         const bool deleteOnClose = (flags & SQLITE_OPEN_DELETEONCLOSE) != 0 && !way.isReadOnly;
+        if ((flags & SQLITE_OPEN_WAL) != 0 && create && !exists) {
+            const Bytes zeros(kFirstLogBytes);
+            opened->Write(0, zeros.data(), zeros.size());
+        }
         new (file) OpenFile{{&kMethods},   &way.files,        std::move(opened), name,
                             deleteOnClose, create && !exists, isDatabase,        false};
         if (flagsOut != nullptr) {

@@ -36,17 +36,6 @@ std::string ParentOf(const std::string& path) {
     return slash == 0 ? "/" : path.substr(0, slash);
 }
 
-void MakeFolders(IFileSystem& files, const StoreFolders& folders) {
-    std::set<std::string> parents; // Mostly one.
-    for (const std::string& folder : {folders.storage, folders.database}) {
-        files.MakeFolder(folder);
-        parents.insert(ParentOf(folder));
-    }
-    for (const std::string& parent : parents) {
-        files.SyncFolder(parent);
-    }
-}
-
 std::unique_ptr<IFolderLock> LockFolder(IFileSystem& files, const std::string& folder) {
     if (!files.Exists(folder)) {
         return nullptr;
@@ -86,24 +75,75 @@ void SyncLog(IFileSystem& files, const StoreFolders& folders) {
     }
 }
 
-StoreId IdentityOf(IFileSystem& files, const StoreFolders& folders, Catalogue& catalogue, bool hasIdentity) {
-    StoreId id = catalogue.GetId();
-    if (id == StoreId{}) {
-        if (hasIdentity || !ListSegments(files, folders.storage).empty()) {
-            throw std::runtime_error("The catalogue " + folders.Catalogue() + " is lost, but " +
-                                     folders.storage + " has data; calvane-store rebuild makes a new one");
-        }
-        id = RandomId();
-        Catalogue::Transaction transaction(catalogue);
-        transaction.Make(id);
-        transaction.Commit();
+std::string NewIdentity(const StoreFolders& folders) {
+    return folders.Identity() + ".new";
+}
+
+/// Under another name, and not durable.
+void WriteNewIdentity(IFileSystem& files, const StoreFolders& folders, const StoreId& id) {
+    Bytes bytes;
+    ByteWriter writer(bytes);
+    writer.Raw(kIdentityMagic, 8);
+    writer.U32(kIdentityVersion);
+    writer.Raw(id.data(), id.size());
+    writer.U64(ChecksumOf(bytes.data(), bytes.size(), 0));
+    const auto file = files.Open(NewIdentity(folders), OpenMode::Create);
+    file->Truncate(0);
+    file->Write(0, bytes.data(), bytes.size());
+}
+
+void PlaceNewIdentity(IFileSystem& files, const StoreFolders& folders) {
+    files.Rename(NewIdentity(folders), folders.Identity());
+    files.SyncFolder(folders.storage);
+}
+
+void SyncFile(IFileSystem& files, const std::string& path) {
+    files.Open(path, OpenMode::ReadWrite)->Sync();
+}
+
+/// Also what a power cut left of making it.
+bool IsToBeMade(IFileSystem& files, const StoreFolders& folders, const char* vfs) {
+    return ListSegments(files, folders.storage).empty() &&
+           (!HasDatabase(files, folders.Catalogue()) ||
+            Catalogue(folders.Catalogue(), vfs, Catalogue::Mode::OpenOrMake).GetId() == StoreId{});
+}
+
+/// Both files are whole and durable before they get their names, the catalogue first: with syncs that can come together.
+void MakeStore(IFileSystem& files, const StoreFolders& folders, const char* vfs) {
+    if (HasDatabase(files, folders.Catalogue())) {
+        RemoveDatabase(files, folders.Catalogue());
         files.SyncFolder(folders.database);
+    }
+    const StoreId id = RandomId();
+    const std::string catalogue = folders.Catalogue() + ".new";
+    RemoveDatabase(files, catalogue);
+    Catalogue::Build(catalogue, vfs, [&](Catalogue::Transaction& all) { all.Make(id); });
+    WriteNewIdentity(files, folders, id);
+    std::vector<std::function<void()>> syncs;
+    for (const std::string& file : {catalogue, NewIdentity(folders)}) {
+        syncs.emplace_back([&files, file] { SyncFile(files, file); });
+    }
+    for (const std::string& parent : std::set{ParentOf(folders.storage), ParentOf(folders.database)}) {
+        syncs.emplace_back([&files, parent] { files.SyncFolder(parent); });
+    }
+    files.Together(syncs);
+    files.Rename(catalogue, folders.Catalogue());
+    files.SyncFolder(folders.database);
+    PlaceNewIdentity(files, folders);
+}
+
+StoreId IdentityOf(IFileSystem& files, const StoreFolders& folders, Catalogue& catalogue, bool hasIdentity) {
+    const StoreId id = catalogue.GetId();
+    if (id == StoreId{}) {
+        throw std::runtime_error("The catalogue " + folders.Catalogue() + " is lost, but " + folders.storage +
+                                 " has data; calvane-store rebuild makes a new one");
     }
     if (!hasIdentity) {
         if (!catalogue.Load().segments.empty()) {
             throw std::runtime_error("The data of the store of " + folders.database + " is not at " +
                                      folders.storage + ": there is no " + folders.Identity());
         }
+        files.SyncFolder(folders.database); // Who made it may have been killed before that.
         WriteIdentity(files, folders, id);
     } else if (ReadIdentity(files, folders.Identity()) != id) {
         throw std::runtime_error(folders.storage + " and " + folders.database +
@@ -151,6 +191,17 @@ std::string FreeAsidePath(const IFileSystem& files, const std::string& file) {
     return free;
 }
 
+bool HasDatabase(const IFileSystem& files, const std::string& path) {
+    return std::any_of(kDatabaseFiles.begin(), kDatabaseFiles.end(),
+                       [&](const char* suffix) { return files.Exists(path + suffix); });
+}
+
+void RemoveDatabase(IFileSystem& files, const std::string& path) {
+    for (const char* suffix : kDatabaseFiles) {
+        files.Remove(path + suffix);
+    }
+}
+
 std::optional<SegmentKey> SegmentOf(const std::string& fileName) {
     SegmentKey key;
     if (fileName.size() != kNameBytes ||
@@ -194,21 +245,9 @@ StoreId ReadIdentity(IFileSystem& files, const std::string& path) {
 }
 
 void WriteIdentity(IFileSystem& files, const StoreFolders& folders, const StoreId& id) {
-    Bytes bytes;
-    ByteWriter writer(bytes);
-    writer.Raw(kIdentityMagic, 8);
-    writer.U32(kIdentityVersion);
-    writer.Raw(id.data(), id.size());
-    writer.U64(ChecksumOf(bytes.data(), bytes.size(), 0));
-    const std::string temporary = folders.Identity() + ".new";
-    {
-        const auto file = files.Open(temporary, OpenMode::Create);
-        file->Truncate(0);
-        file->Write(0, bytes.data(), bytes.size());
-        file->Sync();
-    }
-    files.Rename(temporary, folders.Identity());
-    files.SyncFolder(folders.storage);
+    WriteNewIdentity(files, folders, id);
+    SyncFile(files, NewIdentity(folders));
+    PlaceNewIdentity(files, folders);
 }
 
 StoreLock LockStore(IFileSystem& files, const StoreFolders& folders) {
@@ -220,15 +259,19 @@ StoreLock LockStore(IFileSystem& files, const StoreFolders& folders) {
 
 OpenedStore OpenStore(IFileSystem& files, const StoreFolders& folders, const char* vfs) {
     OpenedStore opened;
-    const bool hasIdentity = files.Exists(folders.Identity());
-    if (hasIdentity) {
-        files.MakeFolder(folders.database); // If it is lost, the catalogue is: that is said below.
-    } else {
-        MakeFolders(files, folders);
+    bool hasIdentity = files.Exists(folders.Identity());
+    if (!hasIdentity) {
+        files.MakeFolder(folders.storage);
     }
+    files.MakeFolder(
+        folders.database); // If it is lost and the identity is not, the catalogue is: that is said below.
     opened.lock = LockStore(files, folders);
     RequireKnownVersion(files, folders, hasIdentity);
     SyncLog(files, folders);
+    if (!hasIdentity && IsToBeMade(files, folders, vfs)) {
+        MakeStore(files, folders, vfs);
+        hasIdentity = true;
+    }
     opened.catalogue = std::make_shared<Catalogue>(folders.Catalogue(), vfs, Catalogue::Mode::OpenOrMake);
     opened.id = IdentityOf(files, folders, *opened.catalogue, hasIdentity);
     Recovery recovery(files, folders, opened.id, *opened.catalogue);

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <array>
 #include <map>
 #include <memory>
 #include <optional>
@@ -41,6 +42,13 @@ std::vector<SegmentKey> ListSegments(const IFileSystem& files, const std::string
 std::vector<std::string> ListAside(const IFileSystem& files, const StoreFolders& folders);
 /// Where a file can be set aside.
 std::string FreeAsidePath(const IFileSystem& files, const std::string& path);
+
+/// What SQLite adds to the name of a database for its files, in the order in which one is set aside: no log may meet a
+/// database that it does not belong to.
+inline constexpr std::array<const char*, 3> kDatabaseFiles = {"-wal", "-journal", ""};
+/// Whether any of them is there.
+bool HasDatabase(const IFileSystem& files, const std::string& path);
+void RemoveDatabase(IFileSystem& files, const std::string& path);
 
 /// The identity in the file `data/store`. Throws std::runtime_error when it is damaged, LaterVersionError.
 StoreId ReadIdentity(IFileSystem& files, const std::string& path);

@@ -194,9 +194,7 @@ std::uint64_t Rebuilder::Estimate() const {
 
 void Rebuilder::Write(const std::string& path) {
     const SqliteVfs vfs(files_);
-    {
-        Catalogue catalogue(path, vfs.Name(), Catalogue::Mode::Build);
-        Catalogue::Transaction transaction(catalogue);
+    Catalogue::Build(path, vfs.Name(), [this](Catalogue::Transaction& transaction) {
         transaction.Make(id_);
         for (const RecordingRow& recording : content_.recordings) {
             transaction.Restore(recording);
@@ -226,8 +224,8 @@ void Rebuilder::Write(const std::string& path) {
             const ErasedRanges erased = ErasedOf(track, {&content_.erased});
             transaction.SetErased(track.id, erased.FirstSerial(), erased.Ranges());
         }
-        transaction.Commit();
-    }
+    });
+    files_.Open(path, OpenMode::ReadWrite)->Sync();
     Check(path);
 }
 

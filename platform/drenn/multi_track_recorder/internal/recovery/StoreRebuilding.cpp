@@ -43,16 +43,10 @@ void RebuildIdentity(IFileSystem& files, const StoreFolders& folders, const Stor
                     : folders.storage + " and " + folders.database + " belong to different stores");
 }
 
-void RemoveDatabase(IFileSystem& files, const std::string& path) {
-    for (const char* suffix : {"", "-wal", "-journal"}) {
-        files.Remove(path + suffix);
-    }
-}
-
 /// The new catalogue takes the place of the old one, which is set aside: first its log, which must not meet the new one.
 void ReplaceCatalogue(IFileSystem& files, const StoreFolders& folders, const std::string& made) {
     const std::string aside = FreeAsidePath(files, folders.Catalogue());
-    for (const char* suffix : {"-wal", "-journal", ""}) {
+    for (const char* suffix : kDatabaseFiles) {
         if (files.Exists(folders.Catalogue() + suffix)) {
             files.Rename(folders.Catalogue() + suffix, aside + suffix);
             files.SyncFolder(folders.database);
