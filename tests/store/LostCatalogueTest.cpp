@@ -2,6 +2,8 @@
 
 #include <gmock/gmock.h>
 
+#include <algorithm>
+
 #include "drenn/multi_track_recorder/internal/recovery/StoreRebuilding.h"
 #include "drenn/multi_track_recorder/internal/recovery/StoreVerifier.h"
 #include "quarn/core/LogCapture.h"
@@ -23,6 +25,16 @@ void AppendNumbers(Track& track, unsigned int count) {
     for (unsigned int i = 0; i != count; ++i) {
         AppendText(track, NumberText(i));
     }
+}
+
+/// SQLite's log ends with the first bit that is new.
+void DamageWhatIsNew(DiskImage& image, DiskImage before) {
+    const std::string log = "/card/database/catalogue-wal";
+    const auto& old = Change(before, log);
+    auto& now = Change(image, log);
+    const auto added = std::mismatch(old.begin(), old.end(), now.begin(), now.end()).second;
+    ASSERT_NE(added, now.end());
+    *added ^= 1;
 }
 
 } // namespace
@@ -69,7 +81,6 @@ TEST(Trust, AnEmptyCatalogueWithoutDataIsMadeAnew) {
 
 TEST(Trust, WhatWasErasedStaysSoThoughTheLogOfTheCatalogueIsDamaged) {
     const quarn::core::LogCapture log(quarn::core::LogLevel::Off);
-    const std::string wal = "/card/database/catalogue-wal";
     SimFileSystem disk(OpenImage());
     DiskImage bad;
     {
@@ -78,15 +89,11 @@ TEST(Trust, WhatWasErasedStaysSoThoughTheLogOfTheCatalogueIsDamaged) {
         track->setInfo(std::string("info 100"));
         AppendText(*track, NumberText(kRecords));
         store.Sync();
-        DiskImage before = disk.GetImage();
+        const DiskImage before = disk.GetImage();
         track->eraseRange(10, 20);
         store.Sync();
         bad = disk.GetImage();
-        const auto& old = Change(before, wal);
-        auto& after = Change(bad, wal);
-        const auto added = std::mismatch(old.begin(), old.end(), after.begin(), after.end()).second;
-        ASSERT_NE(added, after.end());
-        *added ^= 1; // SQLite ends there.
+        DamageWhatIsNew(bad, before);
     }
     SimFileSystem damaged(bad);
     const Store store(damaged, Workload::SmallStore());
@@ -142,12 +149,11 @@ TEST(Trust, WhatWasErasedStaysSoWhereTheNextBlockIsInAnotherSegment) {
 
 TEST(Trust, TracksThatTheCatalogueHasLostComeBackWithoutWhatWasErased) {
     const quarn::core::LogCapture log(quarn::core::LogLevel::Off);
-    const std::string wal = "/card/database/catalogue-wal";
     SimFileSystem disk;
     DiskImage bad;
     {
         Store store(disk, Workload::SmallStore());
-        const auto known = static_cast<std::size_t>(disk.Open(wal, OpenMode::Read)->Size());
+        const DiskImage before = disk.GetImage();
         const auto recording = store.NewRecording();
         const auto track = recording->newTrack();
         AppendNumbers(*track, 30);
@@ -158,7 +164,7 @@ TEST(Trust, TracksThatTheCatalogueHasLostComeBackWithoutWhatWasErased) {
         AppendText(*track, NumberText(30));
         store.Sync();
         bad = disk.GetImage();
-        Change(bad, wal)[known + 100] ^= 1; // SQLite ends there.
+        DamageWhatIsNew(bad, before);
     }
     SimFileSystem damaged(bad);
     EXPECT_EQ(Readable(Store(damaged, Workload::SmallStore())), 21U);
