@@ -1,6 +1,8 @@
 """The answers of calvane-web --fleet: coverage and media as the cards have them, and errors."""
 import signal
+import socket
 import unittest
+from concurrent.futures import ThreadPoolExecutor
 
 from fleet_harness import FleetWebTest, microseconds
 from harness import Described, wait_until
@@ -70,6 +72,19 @@ class FleetApiTest(Described, FleetWebTest):
         web = self.device.start_web("--fleet", "--server", self.cluster.urls, *self.device.password_words("open sesame"))
         for path in ("devices", "coverage?devices=gate-1", "export?device=gate-1&from=-5s", "media?device=gate-1"):
             self.assert_error(web.get("/api/fleet/" + path), 401, "Log in")
+
+    def test_clients_that_break_off_do_no_harm(self):
+        """While a reader ends, the servers still send what it has asked for."""
+        def break_off(number):
+            for _ in range(60):
+                with socket.create_connection(self.web.address, 30) as client:
+                    client.sendall(f"GET /api/fleet/media?device=gate-{number % 2 + 1}&from=-8s HTTP/1.1\r\n"
+                                   f"Host: {self.web.host}\r\n\r\n".encode())
+                    self.assertIn(b" 200 ", client.recv(100))
+
+        with ThreadPoolExecutor(6) as clients:
+            list(clients.map(break_off, range(6)))
+        self.assertEqual(self.web.get("/healthz").status, 200)
 
     def test_servers_that_stall_are_told_of(self):
         self.assertEqual(self.web.get("/api/fleet/thumbnail", device="gate-2").status, 200)

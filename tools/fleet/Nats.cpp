@@ -4,6 +4,8 @@
 #include <array>
 #include <fstream>
 #include <future>
+#include <iterator>
+#include <utility>
 
 namespace calvane_fleet {
 namespace {
@@ -98,7 +100,7 @@ std::string Join(const std::vector<std::string>& servers) {
 struct NatsConnection::Subscription {
     std::string subject;
     std::function<void(natsMsg&)> onMessage;
-    natsSubscription* subscription = nullptr;
+    SubscriptionPtr subscription;
     std::promise<void> isOver; // No callback is running or will.
 };
 
@@ -130,17 +132,28 @@ void NatsConnection::Close() {
     natsConnection_Close(connection_);
     for (const auto& each : subscriptions_) {
         each->isOver.get_future().wait();
-        natsSubscription_Destroy(each->subscription);
     }
     subscriptions_.clear();
+    const std::lock_guard<std::mutex> lock(overMutex_);
+    over_.clear();
 }
 
 MessagePtr NatsConnection::Request(const std::string& subject, const std::string& question) {
+    std::vector<SubscriptionPtr> over;
+    {
+        const std::lock_guard<std::mutex> lock(overMutex_);
+        over.swap(over_);
+    }
     natsMsg* answer = nullptr;
     const natsStatus status =
         natsConnection_Request(&answer, connection_, subject.c_str(), question.data(),
                                static_cast<int>(question.size()), kAnswerTimeout.count());
     MessagePtr message(answer);
+    if (status != NATS_OK) { // Else the thread that has received the answer is past all that came before.
+        const std::lock_guard<std::mutex> lock(overMutex_);
+        std::move(over.begin(), over.end(), std::back_inserter(over_));
+        over.clear();
+    }
     if (status == NATS_NO_RESPONDERS) {
         throw NatsError("No server answers " + subject +
                         ": JetStream is off or without a leader, or it needs a domain");
@@ -172,12 +185,19 @@ void NatsConnection::Subscribe(const std::string& subject, std::function<void(na
         const MessagePtr owned(message);
         static_cast<Subscription*>(closure)->onMessage(*message);
     };
-    Check(natsConnection_Subscribe(&made->subscription, connection_, subject.c_str(), call, made.get()),
+    natsSubscription* subscription = nullptr;
+    Check(natsConnection_Subscribe(&subscription, connection_, subject.c_str(), call, made.get()),
           "Cannot subscribe to " + subject);
-    natsSubscription_SetOnCompleteCB(
-        made->subscription, [](void* closure) { static_cast<Subscription*>(closure)->isOver.set_value(); },
+    made->subscription.reset(subscription);
+    const natsStatus status = natsSubscription_SetOnCompleteCB(
+        subscription, [](void* closure) { static_cast<Subscription*>(closure)->isOver.set_value(); },
         made.get());
-    natsSubscription_SetPendingLimits(made->subscription, -1, -1);
+    if (status != NATS_OK) {
+        static_cast<void>(
+            made.release()); // The connection was lost meanwhile: nobody will tell when it is over.
+        Check(status, "Cannot subscribe to " + subject);
+    }
+    natsSubscription_SetPendingLimits(subscription, -1, -1);
     subscriptions_.push_back(std::move(made));
 }
 
@@ -185,9 +205,10 @@ void NatsConnection::Unsubscribe(const std::string& subject) {
     const auto found = std::find_if(subscriptions_.begin(), subscriptions_.end(),
                                     [&subject](const auto& each) { return each->subject == subject; });
     if (found != subscriptions_.end()) {
-        natsSubscription_Unsubscribe((*found)->subscription);
+        natsSubscription_Unsubscribe((*found)->subscription.get());
         (*found)->isOver.get_future().wait();
-        natsSubscription_Destroy((*found)->subscription);
+        const std::lock_guard<std::mutex> lock(overMutex_);
+        over_.push_back(std::move((*found)->subscription));
         subscriptions_.erase(found);
     }
 }

@@ -6,6 +6,7 @@
 #include <cstdint>
 #include <functional>
 #include <memory>
+#include <mutex>
 #include <nlohmann/json.hpp>
 #include <optional>
 #include <stdexcept>
@@ -41,6 +42,11 @@ struct MessageDestroyer {
     void operator()(natsMsg* message) const { natsMsg_Destroy(message); }
 };
 using MessagePtr = std::unique_ptr<natsMsg, MessageDestroyer>;
+
+struct SubscriptionDestroyer {
+    void operator()(natsSubscription* subscription) const { natsSubscription_Destroy(subscription); }
+};
+using SubscriptionPtr = std::unique_ptr<natsSubscription, SubscriptionDestroyer>;
 
 /// A connection that is not made again when it is lost: whoever has it makes another one, and asks where to go on.
 ///
@@ -83,6 +89,11 @@ private:
     const std::string prefix_;
     natsConnection* connection_ = nullptr;
     std::vector<std::unique_ptr<Subscription>> subscriptions_;
+
+    std::mutex overMutex_;
+    /// Those that are over. The client's receiving thread takes no reference (up to nats.c 3.5), and may still be about to put a
+    /// message into one: they are destroyed behind an answer that it has received since.
+    std::vector<SubscriptionPtr> over_;
 };
 
 } // namespace calvane_fleet
