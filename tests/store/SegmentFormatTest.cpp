@@ -55,6 +55,38 @@ Bytes MakeSegment(std::uint64_t& length) {
     return segment;
 }
 
+TEST(SegmentFormat, DirectoriesAreTheSameAgainAndNothingElseIsOne) {
+    LeadingBytes leading{};
+    leading.fill(0xFF);
+    const std::vector<BlockRef> blocks{{1, 300, 0, 4168},
+                                       {1, 300, 300, 92542, leading},
+                                       {1, 1, kMostSerial - 1, 0xFFFFFFFF, {1, 2, 3}},
+                                       {0xFFFFFFFF, 0xFFFFFFFF, 5, 0, leading},
+                                       {7, 0, 0, 1}};
+    const Bytes bytes = EncodeDirectory(blocks, kSalt);
+    const auto again = DecodeDirectory(bytes.data(), bytes.size());
+    ASSERT_TRUE(again && again->blocks.size() == blocks.size());
+    EXPECT_EQ(again->salt, kSalt);
+    for (std::size_t i = 0; i != blocks.size(); ++i) {
+        const BlockRef& a = again->blocks[i];
+        const BlockRef& b = blocks[i];
+        EXPECT_EQ(std::tie(a.track, a.count, a.firstSerial, a.offset, a.leading),
+                  std::tie(b.track, b.count, b.firstSerial, b.offset, b.leading));
+    }
+    std::vector<BlockRef> regular;
+    for (std::uint32_t i = 0; i != 1000; ++i) {
+        regular.push_back({1, 300, std::uint64_t{300} * i, 4168 + 88216 * i});
+        std::memcpy(&regular.back().leading[8], &i, sizeof i);
+    }
+    EXPECT_LT(EncodeDirectory(regular, kSalt).size(), regular.size() * 12);
+    for (std::size_t length = 0; length != bytes.size(); ++length) {
+        EXPECT_FALSE(DecodeDirectory(bytes.data(), length)) << length;
+        Bytes flipped = bytes;
+        flipped[length] ^= 4;
+        EXPECT_FALSE(DecodeDirectory(flipped.data(), flipped.size())) << length;
+    }
+}
+
 // Whatever instructions the processor has for it: cards go from device to device.
 TEST(SegmentFormat, ChecksumsAreTheSameOnAllProcessors) {
     Bytes bytes(5000);
@@ -148,7 +180,7 @@ TEST(SegmentFormat, PlacesBehind4GiBAreThemselves) {
     unsigned char first = 1;
     EXPECT_EQ(file->Read(0, &first, 1), 1U);
     EXPECT_EQ(first, 0); // It did not come round.
-    const auto directory = std::make_shared<SegmentDirectory>(kSalt);
+    const auto directory = std::make_shared<SegmentDirectory>(kSalt, false);
     directory->Add({3, 1, 10, static_cast<std::uint32_t>(offset)});
     const SegmentReader reader(file, path, directory);
     BlobRecord read;

@@ -112,7 +112,8 @@ public:
     /// the store.
     KnownRecords findKnown(const std::function<bool(const LeadingBytes&)>& isBefore) const;
     /// Goes on with such a search: the same, of the records that are read together with that at `index`, which costs hardly
-    /// more than reading its first bytes alone. If both are there, they are next to each other. `isBefore` is called with locks
+    /// more than reading its first bytes alone; or with one that is nearer to what is searched for, where the store knows of
+    /// such a one in the same segment. If both are there, they are next to each other. `isBefore` is called with locks
     /// held, and must not call the store; what it throws is passed on. Throws std::out_of_range for an index at or past the end,
     /// and what getLeading throws where one of those that are compared is damaged.
     KnownRecords findNear(unsigned int index, const std::function<bool(const Leading&)>& isBefore) const;

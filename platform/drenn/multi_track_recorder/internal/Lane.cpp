@@ -342,7 +342,8 @@ void Lane::Publish(const SegmentWriter::Placed& placed) {
         return;
     }
     if (block.Kind() == BlockKind::Records) {
-        writer_->Directory().Add({block.Track(), block.Count(), block.FirstSerial(), placed.offset});
+        writer_->Directory().Add(
+            {block.Track(), block.Count(), block.FirstSerial(), placed.offset, block.Hint().leading});
         const auto before = std::find_if(extents_.begin(), extents_.end(), [&](const ExtentRow& extent) {
             return extent.track == block.Track() && extent.firstSerial + extent.count == block.FirstSerial();
         });
@@ -392,6 +393,7 @@ void Lane::SealLocked() {
             transaction.AddExtent(extent);
         }
         transaction.AddHint(segment->key, *segment->salt, extents_);
+        transaction.AddDirectory(segment->key, EncodeDirectory(writer_->Directory().List(), *segment->salt));
         if (writer_->IsBroken() && segment->length > 0) {
             transaction.AddDamage(
                 {segment->key, segment->length, kLargestSegment, DamageRow::Kind::Unfinished});

@@ -1,5 +1,6 @@
 #include <algorithm>
 #include <stdexcept>
+#include <utility>
 
 #include "drenn/multi_track_recorder/Track.h"
 #include "drenn/multi_track_recorder/internal/PendingBlock.h"
@@ -12,8 +13,8 @@ namespace {
 constexpr std::size_t kMostOpen = 128;
 constexpr std::size_t kMostKept = 1U << 18U; // Of one record, by each thread that reads.
 constexpr std::size_t kMostParts = 16;       // 48 KiB of each open segment.
-constexpr std::size_t kMostCost = 1U << 18U; // In blocks of a directory, which take 24 bytes each: 6 MiB.
-constexpr std::size_t kCostOfOne = 16;       // What a directory takes beside its blocks.
+constexpr std::size_t kMostCost = 160'000;   // In blocks of a directory, which take 40 bytes each: 6 MiB.
+constexpr std::size_t kCostOfOne = 10;       // What a directory takes beside its blocks.
 constexpr std::uint64_t kLargestFooter = 16ULL << 20U;
 static_assert(kLargestPayload == Track::kMaxRecordBytes + 4 * Track::kMaxRecordBlobs);
 
@@ -29,7 +30,7 @@ std::shared_ptr<SegmentDirectory> ReadFooter(const IFile& file, std::uint64_t le
     if (!blocks) {
         return nullptr;
     }
-    auto directory = std::make_shared<SegmentDirectory>(salt);
+    auto directory = std::make_shared<SegmentDirectory>(salt, false);
     for (const BlockRef& block : *blocks) {
         directory->Add(block);
     }
@@ -37,6 +38,16 @@ std::shared_ptr<SegmentDirectory> ReadFooter(const IFile& file, std::uint64_t le
 }
 
 } // namespace
+
+SegmentDirectory::SegmentDirectory(const StoredDirectory& stored) : SegmentDirectory(stored.salt, true) {
+    for (auto first = stored.blocks.begin(); first != stored.blocks.end();) {
+        const auto end = std::find_if(first, stored.blocks.end(), [&first](const BlockRef& block) {
+            return block.track != first->track;
+        });
+        blocks_[first->track].assign(first, end); // No larger than it has to be.
+        first = end;
+    }
+}
 
 void SegmentDirectory::Add(const BlockRef& block) {
     const std::lock_guard<std::mutex> lock(mutex_);
@@ -55,6 +66,38 @@ std::optional<BlockRef> SegmentDirectory::Find(std::uint32_t track, std::uint64_
     const bool isThere =
         behind != list->second.begin() && serial - std::prev(behind)->firstSerial < std::prev(behind)->count;
     return isThere ? std::make_optional(*std::prev(behind)) : std::nullopt;
+}
+
+SegmentDirectory::Aim SegmentDirectory::AimAt(
+    std::uint32_t track, std::uint64_t serial, const Survivors& survivors,
+    const std::function<bool(const LeadingBytes&)>& isBefore) const {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    const auto list = blocks_.find(track);
+    if (!hasLeading_ || list == blocks_.end()) {
+        return {serial, std::nullopt};
+    }
+    const auto isKnown = [&survivors](const BlockRef& block) { return survivors.Has(block.firstSerial); };
+    auto low = list->second.begin(); // Known ones in front of here are before,
+    auto high = list->second.end();  // and known ones from here on are not.
+    while (low != high) {
+        const auto middle = low + (high - low) / 2;
+        const auto known = std::find_if(middle, high, isKnown);
+        if (known != high && isBefore(known->leading)) {
+            low = std::next(known);
+        } else {
+            high = middle;
+        }
+    }
+    const auto behind = std::find_if(low, list->second.end(), isKnown);
+    const bool hasBlock = low != list->second.begin() && isKnown(*std::prev(low));
+    if (!hasBlock || behind != low) {
+        return {serial, std::nullopt}; // Some of what lies between is not known.
+    }
+    const BlockRef& block = *std::prev(low);
+    const std::uint64_t last = block.firstSerial + block.count - 1;
+    const bool isBehind = serial >= last && behind != list->second.end();
+    return {std::clamp(serial, block.firstSerial, last),
+            isBehind ? std::make_optional(behind->firstSerial) : std::nullopt};
 }
 
 std::size_t SegmentDirectory::Blocks() const {
@@ -127,32 +170,52 @@ SegmentReader::Found SegmentReader::PartOf(std::uint32_t track, std::uint64_t se
     return PartOf(BlockOf(track, serial), serial);
 }
 
-/// The blocks in the directory are durable, so what their indexes hold does not change any more.
-SegmentReader::Found SegmentReader::PartOf(const BlockRef& block, std::uint64_t serial) const {
+SegmentReader::PartPlace SegmentReader::PlaceOf(const BlockRef& block, std::uint64_t serial) {
     const std::uint64_t begin =
         (serial - block.firstSerial) / IndexPart::kMostEntries * IndexPart::kMostEntries;
+    const std::uint64_t count = std::min<std::uint64_t>(IndexPart::kMostEntries, block.count - begin);
     const std::uint64_t offset = std::uint64_t{block.offset} + kBlockHeaderBytes + begin * kEntryBytes;
-    const std::size_t slot = offset / kEntryBytes * 0x9E3779B1U % kMostParts;
+    return {{block.firstSerial + begin, block.firstSerial + begin + count},
+            offset,
+            static_cast<std::size_t>(offset / kEntryBytes * 0x9E3779B1U % kMostParts)};
+}
+
+/// Under the lock.
+bool SegmentReader::HasPart(const PartPlace& place) const {
+    return !parts_.empty() && parts_[place.slot] != nullptr && parts_[place.slot]->offset == place.offset;
+}
+
+void SegmentReader::WillRead(std::uint32_t track, std::uint64_t serial) const {
+    const PartPlace place = PlaceOf(BlockOf(track, serial), serial);
+    const std::lock_guard<std::mutex> lock(mutex_);
+    if (!HasPart(place)) {
+        file_->WillRead(place.offset, (place.range.end - place.range.first) * kEntryBytes);
+    }
+}
+
+/// The blocks in the directory are durable, so what their indexes hold does not change any more.
+SegmentReader::Found SegmentReader::PartOf(const BlockRef& block, std::uint64_t serial) const {
+    const PartPlace place = PlaceOf(block, serial);
     {
         const std::lock_guard<std::mutex> lock(mutex_);
-        if (!parts_.empty() && parts_[slot] != nullptr && parts_[slot]->offset == offset) {
-            if (const auto entry = Decode(*parts_[slot], serial)) {
-                return {parts_[slot], *entry};
+        if (HasPart(place)) {
+            if (const auto entry = Decode(*parts_[place.slot], serial)) {
+                return {parts_[place.slot], *entry};
             }
         }
     }
     const std::shared_ptr<IndexPart> part(new IndexPart); // Not cleared: it is read into.
-    const std::uint64_t count = std::min<std::uint64_t>(IndexPart::kMostEntries, block.count - begin);
     const std::size_t bytes =
-        file_->Read(offset, part->entries.data(), static_cast<std::size_t>(count) * kEntryBytes);
+        file_->Read(place.offset, part->entries.data(),
+                    static_cast<std::size_t>(place.range.end - place.range.first) * kEntryBytes);
     part->track = block.track;
-    part->offset = offset;
-    part->range.first = block.firstSerial + begin;
+    part->offset = place.offset;
+    part->range.first = place.range.first;
     part->range.end = part->range.first + bytes / kEntryBytes;
     const RecordEntry entry = Entry(*part, serial);
     const std::lock_guard<std::mutex> lock(mutex_);
     parts_.resize(kMostParts);
-    parts_[slot] = part;
+    parts_[place.slot] = part;
     return {part, entry};
 }
 
@@ -189,6 +252,9 @@ std::shared_ptr<SegmentReader> SegmentCache::Get(const Segment& segment) {
                 return place->second->reader;
             }
             directory = place->second->directory;
+            if (segment.salt && *segment.salt != directory->Salt()) {
+                directory = nullptr; // What the catalogue has is another's.
+            }
         }
         folder = folder_;
         drops = drops_;
@@ -224,6 +290,25 @@ void SegmentCache::Unpin(const Segment& segment) {
     }
 }
 
+bool SegmentCache::BeginToLearn() {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    return !std::exchange(hasLearned_, true);
+}
+
+bool SegmentCache::Learn(SegmentKey key, std::shared_ptr<SegmentDirectory> directory) {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    const std::size_t cost = kCostOfOne + directory->Blocks();
+    if (cost_ + cost > kMostCost) {
+        return false;
+    }
+    if (places_.count(key) == 0) {
+        slots_.push_back({key, std::move(directory), nullptr, false, cost, {}});
+        places_.emplace(key, std::prev(slots_.end()));
+        cost_ += cost;
+    }
+    return true;
+}
+
 void SegmentCache::Drop(SegmentKey key) {
     const std::lock_guard<std::mutex> lock(mutex_);
     const auto place = places_.find(key);
@@ -240,6 +325,7 @@ void SegmentCache::DropAll() {
     places_.clear();
     open_.clear();
     cost_ = 0;
+    hasLearned_ = false;
 }
 
 void SegmentCache::Insert(const Segment& segment, std::shared_ptr<SegmentReader> reader, bool isPinned) {
@@ -331,7 +417,7 @@ std::shared_ptr<SegmentDirectory> SegmentCache::ReadDirectory(const Segment& seg
     if (auto directory = ReadFooter(file, segment.length, *walker.Salt())) {
         return directory;
     }
-    auto directory = std::make_shared<SegmentDirectory>(*walker.Salt());
+    auto directory = std::make_shared<SegmentDirectory>(*walker.Salt(), false);
     while (const auto block = walker.Find()) {
         if (block->kind == BlockKind::Records) {
             directory->Add({block->track, block->count, block->firstSerial, block->offset});

@@ -2,6 +2,7 @@
 
 #include <array>
 #include <atomic>
+#include <functional>
 #include <list>
 #include <map>
 #include <memory>
@@ -12,6 +13,7 @@
 #include <vector>
 
 #include "drenn/multi_track_recorder/BlobRecord.h"
+#include "drenn/multi_track_recorder/internal/Survivors.h"
 #include "drenn/multi_track_recorder/internal/io/Catalogue.h"
 #include "drenn/multi_track_recorder/internal/io/FileSystem.h"
 
@@ -22,18 +24,31 @@ namespace drenn::multi_track_recorder {
 /// Threads: any.
 class SegmentDirectory {
 public:
-    explicit SegmentDirectory(std::uint64_t salt) : salt_(salt) {}
+    /// `hasLeading`: of each block the first bytes are known.
+    SegmentDirectory(std::uint64_t salt, bool hasLeading) : salt_(salt), hasLeading_(hasLeading) {}
+    explicit SegmentDirectory(const StoredDirectory& stored);
 
     std::uint64_t Salt() const { return salt_; }
     void Add(const BlockRef& block);
     /// The block with this record.
     std::optional<BlockRef> Find(std::uint32_t track, std::uint64_t serial) const;
+    /// In a search through the records of a track, ordered by their first bytes: the record to look at, and if that is the
+    /// last of its block, the first of the next block.
+    struct Aim {
+        std::uint64_t serial = 0;
+        std::optional<std::uint64_t> next;
+    };
+    /// As near to `serial` as the block allows in which the search ends; that itself where the directory cannot tell. Blocks
+    /// whose first record is not among `survivors` are passed over.
+    Aim AimAt(std::uint32_t track, std::uint64_t serial, const Survivors& survivors,
+              const std::function<bool(const LeadingBytes&)>& isBefore) const;
     std::size_t Blocks() const;
     /// By track, then serial.
     std::vector<BlockRef> List() const;
 
 private:
     const std::uint64_t salt_;
+    const bool hasLeading_;
     mutable std::mutex mutex_;
     std::map<std::uint32_t, std::vector<BlockRef>> blocks_; ///< Of each track, in the order of serials.
 };
@@ -66,11 +81,21 @@ public:
     };
     /// The part with the entry of this record, and that.
     Found PartOf(std::uint32_t track, std::uint64_t serial) const;
+    /// Tells that the part with the entry of this record will be asked for.
+    void WillRead(std::uint32_t track, std::uint64_t serial) const;
     /// Of a record in the part.
     RecordEntry Entry(const IndexPart& part, std::uint64_t serial) const;
 
 private:
+    /// The part of a block's index with a record: which records it has, and where it is.
+    struct PartPlace {
+        SerialRange range;
+        std::uint64_t offset;
+        std::size_t slot; ///< In `parts_`.
+    };
+    static PartPlace PlaceOf(const BlockRef& block, std::uint64_t serial);
     BlockRef BlockOf(std::uint32_t track, std::uint64_t serial) const;
+    bool HasPart(const PartPlace& place) const;
     Found PartOf(const BlockRef& block, std::uint64_t serial) const;
     std::optional<RecordEntry> Decode(const IndexPart& part, std::uint64_t serial) const;
     [[noreturn]] void Fail(std::uint32_t track, std::uint64_t serial, const std::string& reason) const;
@@ -117,6 +142,10 @@ public:
     /// A segment that is being written; it stays until it is dropped.
     void Pin(const Segment& segment, std::shared_ptr<SegmentReader> reader);
     void Unpin(const Segment& segment);
+    /// True once, and again after DropAll: whoever gets it learns the directories that the catalogue has.
+    bool BeginToLearn();
+    /// Of a segment that is sealed, to be dropped before those that were used. False, without keeping it, when there is no room.
+    bool Learn(SegmentKey key, std::shared_ptr<SegmentDirectory> directory);
     void Drop(SegmentKey key);
     void DropAll();
 
@@ -156,6 +185,7 @@ private:
     std::unordered_map<SegmentKey, Slots::iterator, Hash> places_;
     std::list<Slots::iterator> open_; ///< Those that are open and not pinned, likewise.
     std::size_t cost_ = 0;            ///< Of slots that are not pinned.
+    bool hasLearned_ = false;
 };
 
 } // namespace drenn::multi_track_recorder

@@ -50,7 +50,7 @@ SegmentWriter::SegmentWriter(StoreContext& context, SegmentKey key)
       segment_(std::make_shared<Segment>(key, context.folders.PathOf(key))),
       file_(context.files.Open(segment_->path, OpenMode::CreateNew)),
       header_{key.lane, key.sequence, context.id, RandomSalt()},
-      directory_(std::make_shared<SegmentDirectory>(header_.salt)),
+      directory_(std::make_shared<SegmentDirectory>(header_.salt, true)),
       stagedEnd_(kSegmentHeaderBytes) {
     segment_->salt = header_.salt;
     context_.cache.Pin(*segment_, std::make_shared<SegmentReader>(file_, segment_->path, directory_));

@@ -23,6 +23,22 @@ std::shared_ptr<Catalogue> StoreContext::GetCatalogue() const {
     return catalogue_;
 }
 
+void StoreContext::LearnDirectories() {
+    if (!cache.BeginToLearn()) {
+        return;
+    }
+    try {
+        // They lie all over the file, and would be read page by page.
+        const auto file = files.Open(folders.Catalogue(), OpenMode::Read);
+        file->WillRead(0, file->Size());
+        GetCatalogue()->ForEachDirectory([this](SegmentKey key, const StoredDirectory& stored) {
+            return cache.Learn(key, std::make_shared<SegmentDirectory>(stored));
+        });
+    } catch (const std::runtime_error& error) {
+        logger.Warning("Cannot read where the blocks of segments are: %s", error.what());
+    }
+}
+
 void StoreContext::SetCatalogue(std::shared_ptr<Catalogue> catalogue) {
     const std::lock_guard<std::mutex> lock(catalogueMutex_);
     catalogue_ = std::move(catalogue);

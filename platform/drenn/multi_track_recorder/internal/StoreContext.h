@@ -42,6 +42,9 @@ public:
 
     /// Throws when it is closed because the card is away.
     std::shared_ptr<Catalogue> GetCatalogue() const;
+    /// The directories of all segments, as far as there is room for them, unless they are in the cache. May wait for a
+    /// transaction. What cannot be read of them is read from the segments.
+    void LearnDirectories();
     void SetCatalogue(std::shared_ptr<Catalogue> catalogue);
     /// One transaction, and what has to change in memory with it, which `change` does behind the commit. When
     /// there is no room, the reserve is given up for it.

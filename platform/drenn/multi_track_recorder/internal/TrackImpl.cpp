@@ -23,10 +23,6 @@ std::uint64_t BytesOf(const BlobRecord& record) {
     return bytes;
 }
 
-Track::Leading LeadingOf(const RecordEntry& entry) {
-    return {entry.firstBytes, entry.blobs == 0 ? 0 : entry.firstBlobBytes};
-}
-
 } // namespace
 
 TrackImpl::TrackImpl(StoreContext& context, Lane& lane, std::shared_ptr<TrackContent> content,
@@ -270,55 +266,6 @@ void TrackImpl::SetInfo(const std::string& text) {
         content_->infos.pop_back();
     }
     content_->infos.push_back({from, std::make_shared<const std::string>(text), InfoTag(from, text)});
-}
-
-Track::Leading TrackImpl::GetLeading(std::uint32_t index) const {
-    const Guard guard(*this);
-    RequireAttached();
-    context_.RequireCard();
-    const Place place = PlaceAt(index);
-    const RecordEntry entry = place.block != nullptr
-                                  ? place.block->Entry(place.serial)
-                                  : context_.cache.Get(*place.segment)->Entry(content_->id, place.serial);
-    return LeadingOf(entry);
-}
-
-Track::KnownRecords TrackImpl::FindKnown(const std::function<bool(const LeadingBytes&)>& isBefore) const {
-    const Guard guard(*this);
-    RequireAttached();
-    const std::lock_guard<std::mutex> lock(content_->mutex);
-    return content_->FindKnown(isBefore);
-}
-
-Track::KnownRecords TrackImpl::FindNear(std::uint32_t index,
-                                        const std::function<bool(const Track::Leading&)>& isBefore) const {
-    const Guard guard(*this);
-    RequireAttached();
-    context_.RequireCard();
-    const Place place = PlaceAt(index);
-    const auto reader = place.block == nullptr ? context_.cache.Get(*place.segment) : nullptr;
-    const auto part = reader == nullptr ? nullptr : reader->PartOf(content_->id, place.serial).part;
-    const SerialRange range =
-        part == nullptr ? SerialRange{place.block->FirstSerial(), place.block->EndSerial()} : part->range;
-    const std::lock_guard<std::mutex> lock(content_->mutex);
-    Track::KnownRecords found;
-    std::uint64_t low = content_->survivors.IndexOf(range.first);
-    std::uint64_t high = content_->survivors.IndexOf(range.end);
-    while (low != high) {
-        const std::uint64_t middle = low + (high - low) / 2;
-        const std::uint64_t at = content_->survivors.SerialAt(middle);
-        const Track::Leading leading =
-            LeadingOf(part == nullptr ? place.block->Entry(at) : reader->Entry(*part, at));
-        const Track::KnownRecord known{static_cast<unsigned int>(middle), leading.bytes};
-        if (isBefore(leading)) {
-            found.before = known;
-            low = middle + 1;
-        } else {
-            found.behind = known;
-            high = middle;
-        }
-    }
-    return found;
 }
 
 void TrackImpl::Raise(std::uint32_t first, std::uint32_t last) const {

@@ -73,6 +73,9 @@ private:
     Place PlaceAt(std::uint32_t index) const;
     void ReadPlace(const Place& place, BlobRecord& record) const;
     std::uint64_t SerialAt(std::uint32_t index) const;
+    Track::KnownRecords FindAmong(SerialRange range,
+                                  const std::function<bool(const Track::Leading&)>& isBefore,
+                                  const std::function<Track::Leading(std::uint64_t)>& leadingOf) const;
     void Raise(std::uint32_t first, std::uint32_t last) const;
     void EraseSerials(SerialRange range);
     void Remove(Catalogue::Transaction& transaction, SerialRange range);

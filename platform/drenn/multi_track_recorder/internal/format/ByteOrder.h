@@ -29,6 +29,13 @@ public:
         const auto* const first = static_cast<const unsigned char*>(bytes);
         bytes_.insert(bytes_.end(), first, first + length);
     }
+    /// Seven bits in a byte, the lowest first; the highest bit says that there are more.
+    void Varint(std::uint64_t value) {
+        for (; value >= 0x80; value >>= 7U) {
+            U8(static_cast<std::uint8_t>(value | 0x80U));
+        }
+        U8(static_cast<std::uint8_t>(value));
+    }
     /// Its length as 32 bits, then its bytes.
     void Text(const std::string& text) {
         U32(static_cast<std::uint32_t>(text.size()));
@@ -47,6 +54,18 @@ public:
     std::uint8_t U8() { return Number<std::uint8_t>(); }
     std::uint32_t U32() { return le32toh(Number<std::uint32_t>()); }
     std::uint64_t U64() { return le64toh(Number<std::uint64_t>()); }
+    std::uint64_t Varint() {
+        std::uint64_t value = 0;
+        for (unsigned int shift = 0; shift < 64; shift += 7) {
+            const std::uint8_t byte = U8();
+            value |= std::uint64_t{byte & 0x7FU} << shift;
+            if (byte < 0x80) {
+                return value;
+            }
+        }
+        good_ = false;
+        return 0;
+    }
     void Raw(void* bytes, std::size_t length) {
         if (Take(length)) {
             std::memcpy(bytes, next_ - length, length);

@@ -283,4 +283,88 @@ std::optional<std::vector<BlockRef>> DecodeFooter(const Bytes& footer, std::uint
     return directory;
 }
 
+namespace {
+
+/// From one number to the next, either way, as one that is small if the step is.
+std::uint64_t StepTo(std::uint64_t next, std::uint64_t before) {
+    const std::uint64_t step = next - before;
+    return step << 1U ^ (step >> 63U != 0 ? ~0ULL : 0);
+}
+
+std::uint64_t ByStep(std::uint64_t before, std::uint64_t step) {
+    return before + (step >> 1U ^ ((step & 1U) != 0 ? ~0ULL : 0));
+}
+
+/// A block in a directory.
+using Numbers = std::array<std::uint64_t, 6>;
+constexpr std::size_t kCountOf = 1;
+constexpr std::size_t kSerialOf = 2;
+
+Numbers NumbersOf(const BlockRef& block) {
+    ByteReader leading(block.leading.data(), block.leading.size());
+    const std::uint64_t first = leading.U64();
+    return {block.track, block.count, block.firstSerial, block.offset, first, leading.U64()};
+}
+
+BlockRef BlockOf(const Numbers& numbers) {
+    const auto [track, count, firstSerial, offset, first, second] = numbers;
+    BlockRef block{static_cast<std::uint32_t>(track), static_cast<std::uint32_t>(count), firstSerial,
+                   static_cast<std::uint32_t>(offset)};
+    const std::array<std::uint64_t, 2> leading{htole64(first), htole64(second)};
+    std::memcpy(block.leading.data(), leading.data(), block.leading.size());
+    return block;
+}
+
+/// What the next block would be if it were as regular as can be: numbers are kept as steps from there, which are small.
+Numbers Foretell(const BlockRef& before) {
+    Numbers numbers = NumbersOf(before);
+    numbers[kSerialOf] += numbers[kCountOf];
+    return numbers;
+}
+
+} // namespace
+
+Bytes EncodeDirectory(const std::vector<BlockRef>& blocks, std::uint64_t salt) {
+    Bytes out;
+    ByteWriter writer(out);
+    writer.U64(salt);
+    writer.U32(static_cast<std::uint32_t>(blocks.size()));
+    BlockRef before{};
+    for (const BlockRef& block : blocks) {
+        const Numbers foretold = Foretell(before);
+        const Numbers numbers = NumbersOf(block);
+        for (std::size_t i = 0; i != numbers.size(); ++i) {
+            writer.Varint(StepTo(numbers[i], foretold[i]));
+        }
+        before = block;
+    }
+    Seal(out, 0, salt);
+    return out;
+}
+
+std::optional<StoredDirectory> DecodeDirectory(const unsigned char* bytes, std::size_t length) {
+    constexpr std::size_t kHeadBytes = 12;
+    if (length < kHeadBytes + 8) {
+        return std::nullopt;
+    }
+    StoredDirectory directory;
+    ByteReader reader(bytes, length - 8);
+    directory.salt = reader.U64();
+    const std::uint32_t count = reader.U32();
+    if (!IsSealed(bytes, length, directory.salt) || count > reader.Left()) {
+        return std::nullopt;
+    }
+    directory.blocks.reserve(count);
+    BlockRef before{};
+    for (std::uint32_t i = 0; i != count; ++i) {
+        Numbers numbers = Foretell(before);
+        for (std::uint64_t& number : numbers) {
+            number = ByStep(number, reader.Varint());
+        }
+        before = BlockOf(numbers);
+        directory.blocks.push_back(before);
+    }
+    return reader.Good() && reader.Left() == 0 ? std::make_optional(std::move(directory)) : std::nullopt;
+}
+
 } // namespace drenn::multi_track_recorder

@@ -148,8 +148,17 @@ struct BlockRef {
     std::uint32_t count;
     std::uint64_t firstSerial;
     std::uint32_t offset;
+    LeadingBytes leading{}; ///< Of its first record; not in a footer.
 };
 Bytes EncodeFooter(const std::vector<BlockRef>& directory, std::uint64_t salt);
 std::optional<std::vector<BlockRef>> DecodeFooter(const Bytes& footer, std::uint64_t salt);
+
+/// The same with the first bytes of the blocks, in about a dozen bytes for each, as the catalogue keeps it.
+Bytes EncodeDirectory(const std::vector<BlockRef>& blocks, std::uint64_t salt);
+struct StoredDirectory {
+    std::uint64_t salt = 0;
+    std::vector<BlockRef> blocks;
+};
+std::optional<StoredDirectory> DecodeDirectory(const unsigned char* bytes, std::size_t length);
 
 } // namespace drenn::multi_track_recorder

@@ -16,6 +16,8 @@ class IFile {
 public:
     /// Reads up to `length` bytes; fewer only at the end of the file. Returns how many.
     virtual std::size_t Read(std::uint64_t offset, void* bytes, std::size_t length) const = 0;
+    /// Tells that this will be read: several such reads take as long as one. Never fails.
+    virtual void WillRead(std::uint64_t /*offset*/, std::uint64_t /*length*/) const {}
     /// Writes all of it or throws. What was written of it then is not known.
     virtual void Write(std::uint64_t offset, const void* bytes, std::size_t length) = 0;
     virtual void Truncate(std::uint64_t length) = 0;

@@ -150,6 +150,11 @@ public:
         }
     }
 
+    void WillRead(std::uint64_t offset, std::uint64_t length) const override {
+        posix_fadvise(descriptor_.Number(), static_cast<off_t>(offset), static_cast<off_t>(length),
+                      POSIX_FADV_WILLNEED);
+    }
+
     void Sync() override {
         if (fdatasync(descriptor_.Number()) != 0) {
             throw SyncError(path_, errno);

@@ -205,6 +205,25 @@ std::vector<ExtentRow> TakeRecords(const SegmentScan& scan, SegmentKey key, Next
     return extents;
 }
 
+std::vector<BlockRef> ListRecordBlocks(const IFile& file, const SegmentScan& scan) {
+    std::vector<BlockRef> blocks;
+    for (const ScannedBlock& block : scan.blocks) {
+        const BlockHeader& header = block.header;
+        if (header.kind != BlockKind::Records) {
+            continue;
+        }
+        blocks.push_back({header.track, header.count, header.firstSerial, header.offset});
+        std::array<unsigned char, kEntryBytes> first{};
+        file.Read(std::uint64_t{header.offset} + kBlockHeaderBytes, first.data(), first.size());
+        if (const auto entry = DecodeEntry(first.data(), scan.salt, header.firstSerial)) {
+            blocks.back().leading = entry->firstBytes;
+        }
+    }
+    std::stable_sort(blocks.begin(), blocks.end(),
+                     [](const BlockRef& a, const BlockRef& b) { return a.track < b.track; });
+    return blocks;
+}
+
 std::vector<MissingInfo> MissInfos(const SegmentScan& scan, const InfoTexts& known) {
     std::vector<MissingInfo> missing;
     std::map<std::uint32_t, std::uint32_t> lastMissed; // Tag by track: one line for all blocks of a text.

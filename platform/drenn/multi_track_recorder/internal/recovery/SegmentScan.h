@@ -46,6 +46,9 @@ struct SegmentScan {
     bool HoldsNothing() const { return blocks.empty() && firstBehind == size && faults.empty(); }
 };
 
+/// The blocks of records of a scan, by track, then serial, with the first bytes of those whose index can be read.
+std::vector<BlockRef> ListRecordBlocks(const IFile& file, const SegmentScan& scan);
+
 /// Behind the last serial that was given to each track.
 using NextSerials = std::map<std::uint32_t, std::uint64_t>;
 /// A track, and the serial from which a text of it holds.

@@ -14,10 +14,6 @@
 namespace drenn::multi_track_recorder {
 namespace {
 
-std::string Text(const SerialRange& range) {
-    return std::to_string(range.first) + " to " + std::to_string(range.end);
-}
-
 std::string TrackName(std::uint32_t track) {
     return "track " + std::to_string(track);
 }
@@ -104,6 +100,10 @@ private:
         for (const DamageRow& row : content_.damage) {
             damage_[row.segment].push_back(row);
         }
+        catalogue_.ForEachDirectory([this](SegmentKey key, const StoredDirectory& stored) {
+            directories_[key] = EncodeDirectory(stored.blocks, stored.salt);
+            return true;
+        });
     }
 
     void CheckSegments() {
@@ -194,7 +194,7 @@ private:
             Wrong(end < row.length ? 4 : 3, path + ": what is at byte " + std::to_string(end) + " of " +
                                                 std::to_string(row.length) + " does not check");
         }
-        CheckFooter(row, scan);
+        CheckLists(row, scan);
         CompareExtents(row.key, TakeBlocks(row.key, scan));
     }
 
@@ -205,26 +205,23 @@ private:
         });
     }
 
-    void CheckFooter(const SegmentRow& row, const SegmentScan& scan) {
-        if (!scan.hasFooter || scan.length != row.length) {
+    void CheckLists(const SegmentRow& row, const SegmentScan& scan) {
+        if (scan.length != row.length) {
             return;
         }
-        ++footers_;
-        std::map<std::uint32_t, std::vector<BlockRef>> blocks;
-        for (const ScannedBlock& block : scan.blocks) {
-            if (block.header.kind == BlockKind::Records) {
-                blocks[block.header.track].push_back(
-                    {block.header.track, block.header.count, block.header.firstSerial, block.header.offset});
+        const auto file = files_.Open(PathOf(row.key), OpenMode::Read);
+        const std::vector<BlockRef> blocks = ListRecordBlocks(*file, scan);
+        if (scan.hasFooter) {
+            ++footers_;
+            Bytes footer(static_cast<std::size_t>(scan.size - row.length)); // Bounded by the scan.
+            file->Read(row.length, footer.data(), footer.size());
+            if (EncodeFooter(blocks, scan.salt) != footer) {
+                Wrong(6, PathOf(row.key) + ": the footer has other blocks than the segment");
             }
         }
-        std::vector<BlockRef> directory;
-        for (const auto& [track, list] : blocks) {
-            directory.insert(directory.end(), list.begin(), list.end());
-        }
-        Bytes footer(static_cast<std::size_t>(scan.size - row.length)); // Bounded by the scan.
-        files_.Open(PathOf(row.key), OpenMode::Read)->Read(row.length, footer.data(), footer.size());
-        if (EncodeFooter(directory, scan.salt) != footer) {
-            Wrong(6, PathOf(row.key) + ": the footer has other blocks than the segment");
+        const auto directory = directories_.find(row.key);
+        if (directory != directories_.end() && directory->second != EncodeDirectory(blocks, scan.salt)) {
+            Wrong(6, PathOf(row.key) + ": the catalogue's directory has other blocks than the segment");
         }
     }
 
@@ -339,7 +336,8 @@ private:
                     continue;
                 }
                 if (row.range.first <= before) {
-                    Wrong(7, "the erased range " + Text(row.range) + " of " + TrackName(id) +
+                    Wrong(7, "the erased range " + std::to_string(row.range.first) + " to " +
+                                 std::to_string(row.range.end) + " of " + TrackName(id) +
                                  " overlaps or touches what is before it");
                 }
                 before = row.range.end;
@@ -460,6 +458,7 @@ private:
     std::map<std::uint32_t, std::uint32_t> newest_; ///< Sequence of the newest sealed segment of each lane.
     std::map<SegmentKey, std::vector<ExtentRow>> extents_;
     std::map<SegmentKey, std::vector<DamageRow>> damage_;
+    std::map<SegmentKey, Bytes> directories_;
     std::map<std::uint32_t, ErasedRanges> erased_; ///< As the catalogue has it.
     std::map<std::uint32_t, ErasedRanges> marked_; ///< As the segments have it.
     std::map<std::uint32_t, LaneState> states_;    ///< The newest of each lane.
