@@ -116,11 +116,16 @@ TEST(LookUp, PassesOverWhatIsErased) {
     SimFileSystem disk(Filled());
     Store store(disk, Options());
     const auto track = OnlyTrack(store);
-    track->eraseRange(3 * kBlock - 10, 3 * kBlock + 1); // With the first one of a block.
+    track->eraseRange(3 * kBlock - 10, 3 * kBlock + 1);       // With the first one of a block.
+    track->eraseRange(5 * kBlock - 11 - 50, 5 * kBlock - 11); // The end of a block.
     const unsigned int last = track->size() - 1;
+    const auto end = FindNear(store, last, NumberOf(5 * kBlock) - kPause / 2);
+    ASSERT_TRUE(end.before && end.behind);
+    EXPECT_EQ(NumberIn(end.before->leading), NumberOf(5 * kBlock - 51));
+    EXPECT_EQ(NumberIn(end.behind->leading), NumberOf(5 * kBlock));
     const auto beside = FindNear(store, last, NumberOf(6 * kBlock) - kPause / 2);
     ASSERT_TRUE(beside.before && beside.behind);
-    EXPECT_EQ(beside.behind->index, 6 * kBlock - 11);
+    EXPECT_EQ(beside.behind->index, 6 * kBlock - 61);
     EXPECT_EQ(NumberIn(beside.behind->leading), NumberOf(6 * kBlock));
     // What was not erased is found as without a directory: by going on from what is nearer each time.
     for (const unsigned int wanted : {3 * kBlock - 11, 3 * kBlock + 1, 3 * kBlock + 50}) {

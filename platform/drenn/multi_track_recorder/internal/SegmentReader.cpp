@@ -88,16 +88,15 @@ SegmentDirectory::Aim SegmentDirectory::AimAt(
             high = middle;
         }
     }
-    const auto behind = std::find_if(low, list->second.end(), isKnown);
-    const bool hasBlock = low != list->second.begin() && isKnown(*std::prev(low));
-    if (!hasBlock || behind != low) {
-        return {serial, std::nullopt}; // Some of what lies between is not known.
+    const bool hasNext = low != list->second.end();
+    if (low == list->second.begin() || (hasNext && !isKnown(*low))) {
+        return {serial, std::nullopt}; // It may end in records whose block is not known.
     }
     const BlockRef& block = *std::prev(low);
-    const std::uint64_t last = block.firstSerial + block.count - 1;
-    const bool isBehind = serial >= last && behind != list->second.end();
+    const std::uint64_t last =
+        survivors.SerialAt(survivors.IndexOf(block.firstSerial + block.count) - 1); // The first one survives.
     return {std::clamp(serial, block.firstSerial, last),
-            isBehind ? std::make_optional(behind->firstSerial) : std::nullopt};
+            hasNext && serial >= last ? std::make_optional(low->firstSerial) : std::nullopt};
 }
 
 std::size_t SegmentDirectory::Blocks() const {

@@ -33,7 +33,7 @@ public:
     /// The block with this record.
     std::optional<BlockRef> Find(std::uint32_t track, std::uint64_t serial) const;
     /// In a search through the records of a track, ordered by their first bytes: the record to look at, and if that is the
-    /// last of its block, the first of the next block.
+    /// last of its block that survives, the first of the next block.
     struct Aim {
         std::uint64_t serial = 0;
         std::optional<std::uint64_t> next;
