@@ -5,7 +5,7 @@
 #include <atomic>
 
 #include "drenn/multi_track_recorder/internal/SegmentReader.h"
-#include "drenn/multi_track_recorder/internal/io/SqliteVfs.h"
+#include "drenn/multi_track_recorder/internal/io/DirectoryFile.h"
 #include "drenn/multi_track_recorder/internal/recovery/StoreVerifier.h"
 #include "quarn/core/LogCapture.h"
 #include "support/store/NumberedStore.h"
@@ -68,19 +68,7 @@ Track::KnownRecords FindNear(const Store& store, unsigned int index, std::uint64
         index, [wanted](const Track::Leading& leading) { return NumberIn(leading.bytes) < wanted; });
 }
 
-void Change(SimFileSystem& disk, const std::string& sql) {
-    const SqliteVfs vfs(disk);
-    Database("/card/database/catalogue", vfs.Name()).Execute("PRAGMA locking_mode=EXCLUSIVE; " + sql);
-}
-
-std::uint64_t Count(SimFileSystem& disk, const std::string& from) {
-    const SqliteVfs vfs(disk);
-    Database catalogue("/card/database/catalogue", vfs.Name());
-    catalogue.Execute("PRAGMA locking_mode=EXCLUSIVE");
-    Statement row(catalogue, "SELECT count(*) FROM " + from);
-    row.Step();
-    return row.Number(0);
-}
+constexpr char kDirectories[] = "/card/database/directories";
 
 TEST(LookUp, ReadsNoMoreThanBothSidesOfAPause) {
     SimFileSystem disk(Filled());
@@ -143,26 +131,8 @@ TEST(LookUp, PassesOverWhatIsErased) {
     }
 }
 
-TEST(LookUp, DirectoriesAreForgottenWithTheirSegments) {
-    SimFileSystem disk;
-    StoreOptions options = Options();
-    options.segmentBytes = 8192;
-    {
-        Store store(disk, options);
-        const auto track = store.NewRecording()->newTrack();
-        Fill(store, track);
-        track->eraseRange(0, 4 * kBlock);
-        store.Keep();
-    }
-    { const Store forgets(disk, options); }
-    const std::uint64_t segments = Count(disk, "segments");
-    EXPECT_GT(segments, 2U);
-    EXPECT_LT(segments, std::uint64_t{kBlocks});
-    EXPECT_EQ(Count(disk, "directories"), segments);
-    EXPECT_EQ(Count(disk, "directories JOIN segments USING(lane, sequence)"), segments);
-}
-
-TEST(LookUp, ADirectoryOfAnotherSegmentIsNotBelieved) {
+// The file may be lost, torn, damaged or another's at any moment: what is found is the same.
+TEST(LookUp, NothingDependsOnDirectories) {
     const quarn::core::LogCapture log(quarn::core::LogLevel::Off);
     SimFileSystem disk;
     StoreOptions options = Options();
@@ -171,25 +141,87 @@ TEST(LookUp, ADirectoryOfAnotherSegmentIsNotBelieved) {
         Store store(disk, options);
         Fill(store, store.NewRecording()->newTrack());
     }
-    const auto readAll = [&] {
-        const Store store(disk, options);
-        for (unsigned int i = 0; i != kBlock * kBlocks; ++i) {
-            const auto found = FindNear(store, i, NumberOf(i));
-            EXPECT_TRUE(found.behind && found.behind->index >= i) << i;
-            EXPECT_EQ(NumberIn(OnlyTrack(store)->getLeading(i).bytes), NumberOf(i)) << i;
+    const DiskImage good = disk.GetImage();
+    const auto check = [&](SimFileSystem& changed) {
+        {
+            const Store store(changed, options);
+            for (unsigned int i = 0; i != kBlock * kBlocks; ++i) {
+                const auto found = FindNear(store, i, NumberOf(i));
+                EXPECT_TRUE(found.behind && found.behind->index >= i) << i;
+                EXPECT_EQ(NumberIn(OnlyTrack(store)->getLeading(i).bytes), NumberOf(i)) << i;
+            }
         }
+        EXPECT_THAT(VerifyStore(changed, kStorage, kDatabase), IsEmpty());
     };
-    readAll();
-    EXPECT_THAT(VerifyStore(disk, kStorage, kDatabase), IsEmpty());
-    Change(disk, "UPDATE directories SET blocks=(SELECT blocks FROM directories WHERE sequence=2)");
-    readAll();
-    EXPECT_THAT(VerifyStore(disk, kStorage, kDatabase),
+    check(disk);
+    const Bytes whole = *good.files.at(good.names.at(kDirectories));
+    ASSERT_GT(whole.size(), 300U);
+    const auto put = [&](const Bytes& bytes) {
+        SimFileSystem changed(good);
+        changed.Remove(kDirectories);
+        if (!bytes.empty()) {
+            changed.Open(kDirectories, OpenMode::CreateNew)->Write(0, bytes.data(), bytes.size());
+        }
+        check(changed);
+    };
+    put({}); // As an earlier version leaves it.
+    for (const std::size_t place : {0U, 5U, 9U, 13U, 20U, 60U}) {
+        Bytes bad = whole;
+        bad[place] ^= 1;
+        put(bad);
+        put(Bytes(whole.begin(), whole.begin() + static_cast<std::ptrdiff_t>(place + 1)));
+    }
+    SimFileSystem mixed(good);
+    std::vector<StoredDirectory> directories;
+    DirectoryFile file(mixed, kDirectories);
+    file.ForEach([&](SegmentKey, const StoredDirectory& stored) { directories.push_back(stored); });
+    ASSERT_GT(directories.size(), 3U);
+    for (std::uint32_t sequence = 1; sequence <= directories.size(); ++sequence) {
+        file.Append({2, sequence}, EncodeDirectory(directories[1].blocks, directories[0].salt));
+    }
+    {
+        SimFileSystem others(mixed.GetImage());
+        const Store store(others, options);
+        EXPECT_EQ(NumberIn(OnlyTrack(store)->getLeading(5).bytes), NumberOf(5));
+        for (unsigned int i = 0; i < kBlock * (kBlocks - 1); i += 50) { // The newest has the salt of its own.
+            EXPECT_TRUE(FindNear(store, i, NumberOf(i)).behind) << i;
+        }
+    }
+    EXPECT_THAT(VerifyStore(mixed, kStorage, kDatabase),
                 Contains(AllOf(HasSubstr("Invariant 6"), HasSubstr("directory"))));
-    Change(disk, "UPDATE directories SET blocks=substr(blocks, 1, 30)");
-    readAll();
-    Change(disk, "DROP TABLE directories"); // As an earlier version made it.
-    readAll();
-    EXPECT_THAT(VerifyStore(disk, kStorage, kDatabase), IsEmpty());
+}
+
+TEST(LookUp, TheFileOfDirectoriesGoesOnBehindWhatIsTornAndBeginsAnewWhenItIsFull) {
+    SimFileSystem disk;
+    disk.MakeFolder("/card");
+    DirectoryFile file(disk, "/card/directories");
+    const auto sequences = [&] {
+        std::vector<std::uint32_t> found;
+        file.ForEach([&](SegmentKey key, const StoredDirectory& stored) {
+            EXPECT_EQ(stored.salt, key.sequence);
+            found.push_back(key.sequence);
+        });
+        return found;
+    };
+    EXPECT_THAT(sequences(), IsEmpty());
+    std::vector<BlockRef> blocks(200'000, BlockRef{1, 7, 9, 11});
+    const auto append = [&](std::uint32_t sequence) {
+        file.Append({2, sequence}, EncodeDirectory(blocks, sequence));
+    };
+    append(0);
+    append(1);
+    const auto torn = disk.Open("/card/directories", OpenMode::ReadWrite);
+    torn->Truncate(torn->Size() - 3);
+    append(2);
+    append(3);
+    EXPECT_EQ(sequences(), (std::vector<std::uint32_t>{3, 2, 0})); // The newest first.
+    std::uint32_t next = 4;
+    for (std::uint64_t before = 0; before < torn->Size(); ++next) {
+        before = torn->Size();
+        append(next);
+    }
+    EXPECT_EQ(sequences(), std::vector<std::uint32_t>{next - 1});
+    EXPECT_LE(torn->Size(), DirectoryFile::kMostBytes / 4);
 }
 
 TEST(LookUp, DirectoriesThatAreLearnedTakeABoundedRoom) {

@@ -393,7 +393,6 @@ void Lane::SealLocked() {
             transaction.AddExtent(extent);
         }
         transaction.AddHint(segment->key, *segment->salt, extents_);
-        transaction.AddDirectory(segment->key, EncodeDirectory(writer_->Directory().List(), *segment->salt));
         if (writer_->IsBroken() && segment->length > 0) {
             transaction.AddDamage(
                 {segment->key, segment->length, kLargestSegment, DamageRow::Kind::Unfinished});
@@ -416,6 +415,8 @@ void Lane::SealLocked() {
     if (!writer_->IsBroken()) {
         try {
             writer_->WriteFooter();
+            context_.directories.Append(segment->key,
+                                        EncodeDirectory(writer_->Directory().List(), *segment->salt));
         } catch (const FileError&) {
             // Only opening it takes longer now.
         }

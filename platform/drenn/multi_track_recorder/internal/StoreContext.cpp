@@ -13,7 +13,8 @@ StoreContext::StoreContext(IFileSystem& fileSystem, const StoreOptions& storeOpt
       folders{options.storage, options.database},
       id(storeId),
       logger(*quarn::core::Logger::GetLogger("MultiTrackRecorder")),
-      cache(fileSystem, storeId) {}
+      cache(fileSystem, storeId),
+      directories(fileSystem, folders.Directories()) {}
 
 std::shared_ptr<Catalogue> StoreContext::GetCatalogue() const {
     const std::lock_guard<std::mutex> lock(catalogueMutex_);
@@ -28,13 +29,10 @@ void StoreContext::LearnDirectories() {
         return;
     }
     try {
-        // They lie all over the file, and would be read page by page.
-        const auto file = files.Open(folders.Catalogue(), OpenMode::Read);
-        file->WillRead(0, file->Size());
-        GetCatalogue()->ForEachDirectory([this](SegmentKey key, const StoredDirectory& stored) {
-            return cache.Learn(key, std::make_shared<SegmentDirectory>(stored));
+        directories.ForEach([this](SegmentKey key, const StoredDirectory& stored) {
+            cache.Learn(key, std::make_shared<SegmentDirectory>(stored));
         });
-    } catch (const std::runtime_error& error) {
+    } catch (const FileError& error) {
         logger.Warning("Cannot read where the blocks of segments are: %s", error.what());
     }
 }

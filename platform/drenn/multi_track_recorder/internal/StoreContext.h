@@ -10,6 +10,7 @@
 #include "drenn/multi_track_recorder/internal/SegmentReader.h"
 #include "drenn/multi_track_recorder/internal/StoreOptions.h"
 #include "drenn/multi_track_recorder/internal/io/Catalogue.h"
+#include "drenn/multi_track_recorder/internal/io/DirectoryFile.h"
 #include "drenn/multi_track_recorder/internal/io/FileError.h"
 #include "drenn/multi_track_recorder/internal/io/FileSystem.h"
 #include "drenn/multi_track_recorder/internal/recovery/Opening.h"
@@ -33,6 +34,7 @@ public:
     const StoreId id;
     quarn::core::Logger& logger;
     SegmentCache cache;
+    DirectoryFile directories;
     std::atomic<std::size_t> memory{0}; ///< Bytes of records that are not durable yet.
     /// Who appends when there are more waits for them to be written.
     std::atomic<std::size_t> mostMemory{std::size_t{32} * 1024 * 1024};
@@ -42,8 +44,8 @@ public:
 
     /// Throws when it is closed because the card is away.
     std::shared_ptr<Catalogue> GetCatalogue() const;
-    /// The directories of all segments, as far as there is room for them, unless they are in the cache. May wait for a
-    /// transaction. What cannot be read of them is read from the segments.
+    /// Reads the directories of all segments, as far as there is room for them, unless that was done. What cannot be read of them
+    /// is read from the segments.
     void LearnDirectories();
     void SetCatalogue(std::shared_ptr<Catalogue> catalogue);
     /// One transaction, and what has to change in memory with it, which `change` does behind the commit. When

@@ -29,10 +29,6 @@ constexpr char kDamageTable[] =
 constexpr char kHintTable[] =
     "CREATE TABLE IF NOT EXISTS hints(lane INTEGER, sequence INTEGER, salt BLOB NOT NULL,"
     " leading BLOB NOT NULL, PRIMARY KEY(lane, sequence)) WITHOUT ROWID;";
-// The directories of the segments' blocks: look-ups by time read them all at once, opening none.
-constexpr char kDirectoryTable[] =
-    "CREATE TABLE IF NOT EXISTS directories(lane INTEGER, sequence INTEGER, blocks BLOB NOT NULL,"
-    " PRIMARY KEY(lane, sequence)) WITHOUT ROWID;";
 
 constexpr char kTables[] =
     "CREATE TABLE store(id BLOB NOT NULL, version INTEGER NOT NULL);"
@@ -340,15 +336,6 @@ void Catalogue::Transaction::AddHint(SegmentKey segment, std::uint64_t salt,
         .Run();
 }
 
-void Catalogue::Transaction::AddDirectory(SegmentKey segment, const Bytes& directory) {
-    catalogue_.database_.Execute(kDirectoryTable); // An earlier version had none.
-    (*this)("INSERT OR REPLACE INTO directories VALUES(?, ?, ?)")
-        .Bind(segment.lane)
-        .Bind(segment.sequence)
-        .Bind(std::string(directory.begin(), directory.end()))
-        .Run();
-}
-
 void Catalogue::Transaction::AddInfo(const InfoRow& info) {
     (*this)("INSERT OR REPLACE INTO infos VALUES(?, ?, ?)")
         .Bind(info.track)
@@ -392,12 +379,6 @@ void Catalogue::Transaction::Forget(SegmentKey segment) {
     }
     if (catalogue_.HasTable("hints")) {
         (*this)("DELETE FROM hints WHERE lane=? AND sequence=?")
-            .Bind(segment.lane)
-            .Bind(segment.sequence)
-            .Run();
-    }
-    if (catalogue_.HasTable("directories")) {
-        (*this)("DELETE FROM directories WHERE lane=? AND sequence=?")
             .Bind(segment.lane)
             .Bind(segment.sequence)
             .Run();

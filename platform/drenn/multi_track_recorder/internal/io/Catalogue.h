@@ -121,9 +121,6 @@ public:
     /// Throws std::runtime_error when it holds what no store can have.
     CatalogueContent Load();
     std::string GetInfo(std::uint32_t track, std::uint64_t from);
-    /// Those that it has, of each lane the newest first, until `onDirectory` returns false. One that is not as this program
-    /// writes it is as if there were none.
-    void ForEachDirectory(const std::function<bool(SegmentKey, const StoredDirectory&)>& onDirectory);
     /// SQLite's own check; lines that say what is wrong.
     std::vector<std::string> Check();
 
@@ -159,8 +156,6 @@ public:
         void AddExtent(const ExtentRow& extent);
         /// What saves reading the segment's header and records when a time is looked for.
         void AddHint(SegmentKey segment, std::uint64_t salt, const std::vector<ExtentRow>& extents);
-        /// What saves reading the segment's footer: EncodeDirectory of its blocks of records.
-        void AddDirectory(SegmentKey segment, const Bytes& directory);
         void AddInfo(const InfoRow& info);
         void AddDamage(const DamageRow& damage);
         void SetNextSerial(std::uint32_t track, std::uint64_t serial);

@@ -122,23 +122,6 @@ CatalogueContent Catalogue::Load() {
     return content;
 }
 
-void Catalogue::ForEachDirectory(const std::function<bool(SegmentKey, const StoredDirectory&)>& onDirectory) {
-    const std::lock_guard<std::mutex> lock(mutex_);
-    if (!HasTable("directories")) {
-        return;
-    }
-    Statement row(database_,
-                  "SELECT lane, sequence, blocks FROM directories ORDER BY lane DESC, sequence DESC");
-    while (row.Step()) {
-        const std::string blocks = row.Text(2);
-        const auto directory =
-            DecodeDirectory(reinterpret_cast<const unsigned char*>(blocks.data()), blocks.size());
-        if (directory && !onDirectory({Small(row, 0), Small(row, 1)}, *directory)) {
-            return;
-        }
-    }
-}
-
 /// A hint that is not as this program writes it is as if there were none.
 void Catalogue::LoadHints(CatalogueContent& content) {
     auto segment = content.segments.begin();

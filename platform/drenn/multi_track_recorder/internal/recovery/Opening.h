@@ -19,6 +19,7 @@ struct StoreFolders {
 
     std::string Catalogue() const { return database + "/catalogue"; }
     std::string Identity() const { return storage + "/store"; }
+    std::string Directories() const { return database + "/directories"; }
     std::string Reserve() const { return database + "/reserve"; }
     std::string PathOf(SegmentKey segment) const;
 };

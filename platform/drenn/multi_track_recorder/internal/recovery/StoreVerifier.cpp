@@ -5,6 +5,7 @@
 #include <set>
 #include <stdexcept>
 
+#include "drenn/multi_track_recorder/internal/io/DirectoryFile.h"
 #include "drenn/multi_track_recorder/internal/io/FileError.h"
 #include "drenn/multi_track_recorder/internal/io/SqliteVfs.h"
 #include "drenn/multi_track_recorder/internal/recovery/Erasures.h"
@@ -100,10 +101,10 @@ private:
         for (const DamageRow& row : content_.damage) {
             damage_[row.segment].push_back(row);
         }
-        catalogue_.ForEachDirectory([this](SegmentKey key, const StoredDirectory& stored) {
-            directories_[key] = EncodeDirectory(stored.blocks, stored.salt);
-            return true;
-        });
+        DirectoryFile(files_, folders_.Directories())
+            .ForEach([this](SegmentKey key, const StoredDirectory& stored) {
+                directories_.emplace(key, stored); // The newest comes first.
+            });
     }
 
     void CheckSegments() {
@@ -209,19 +210,19 @@ private:
         if (scan.length != row.length) {
             return;
         }
-        const auto file = files_.Open(PathOf(row.key), OpenMode::Read);
-        const std::vector<BlockRef> blocks = ListRecordBlocks(*file, scan);
+        const auto blocks = ListRecordBlocks(*files_.Open(PathOf(row.key), OpenMode::Read), scan);
         if (scan.hasFooter) {
             ++footers_;
             Bytes footer(static_cast<std::size_t>(scan.size - row.length)); // Bounded by the scan.
-            file->Read(row.length, footer.data(), footer.size());
+            files_.Open(PathOf(row.key), OpenMode::Read)->Read(row.length, footer.data(), footer.size());
             if (EncodeFooter(blocks, scan.salt) != footer) {
                 Wrong(6, PathOf(row.key) + ": the footer has other blocks than the segment");
             }
         }
-        const auto directory = directories_.find(row.key);
-        if (directory != directories_.end() && directory->second != EncodeDirectory(blocks, scan.salt)) {
-            Wrong(6, PathOf(row.key) + ": the catalogue's directory has other blocks than the segment");
+        const auto listed = directories_.find(row.key);
+        if (listed != directories_.end() && listed->second.salt == scan.salt &&
+            EncodeDirectory(listed->second.blocks, scan.salt) != EncodeDirectory(blocks, scan.salt)) {
+            Wrong(6, PathOf(row.key) + ": its directory has other blocks than the segment");
         }
     }
 
@@ -458,7 +459,7 @@ private:
     std::map<std::uint32_t, std::uint32_t> newest_; ///< Sequence of the newest sealed segment of each lane.
     std::map<SegmentKey, std::vector<ExtentRow>> extents_;
     std::map<SegmentKey, std::vector<DamageRow>> damage_;
-    std::map<SegmentKey, Bytes> directories_;
+    std::map<SegmentKey, StoredDirectory> directories_;
     std::map<std::uint32_t, ErasedRanges> erased_; ///< As the catalogue has it.
     std::map<std::uint32_t, ErasedRanges> marked_; ///< As the segments have it.
     std::map<std::uint32_t, LaneState> states_;    ///< The newest of each lane.
