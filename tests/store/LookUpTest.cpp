@@ -6,6 +6,7 @@
 
 #include "drenn/multi_track_recorder/internal/SegmentReader.h"
 #include "drenn/multi_track_recorder/internal/io/DirectoryFile.h"
+#include "drenn/multi_track_recorder/internal/io/SqliteVfs.h"
 #include "drenn/multi_track_recorder/internal/recovery/StoreVerifier.h"
 #include "quarn/core/LogCapture.h"
 #include "support/store/NumberedStore.h"
@@ -186,6 +187,16 @@ TEST(LookUp, NothingDependsOnDirectories) {
         for (unsigned int i = 0; i < kBlock * (kBlocks - 1); i += 50) { // The newest has the salt of its own.
             EXPECT_TRUE(FindNear(store, i, NumberOf(i)).behind) << i;
         }
+    }
+    SimFileSystem bare(mixed.GetImage());
+    {
+        const SqliteVfs vfs(bare);
+        Database("/card/database/catalogue", vfs.Name())
+            .Execute("PRAGMA locking_mode=EXCLUSIVE; DROP TABLE hints");
+    }
+    const Store store(bare, options); // Nothing tells whose the directories are.
+    for (unsigned int i = 0; i != kBlock * kBlocks; ++i) {
+        EXPECT_TRUE(FindNear(store, i, NumberOf(i)).behind) << i;
     }
     EXPECT_THAT(VerifyStore(mixed, kStorage, kDatabase),
                 Contains(AllOf(HasSubstr("Invariant 6"), HasSubstr("directory"))));

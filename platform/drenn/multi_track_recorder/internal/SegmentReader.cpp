@@ -251,8 +251,8 @@ std::shared_ptr<SegmentReader> SegmentCache::Get(const Segment& segment) {
                 return place->second->reader;
             }
             directory = place->second->directory;
-            if (segment.salt && *segment.salt != directory->Salt()) {
-                directory = nullptr; // What the catalogue has is another's.
+            if (directory->HasLeading() && segment.salt != directory->Salt()) {
+                directory = nullptr; // One that was learned, and may be another's.
             }
         }
         folder = folder_;

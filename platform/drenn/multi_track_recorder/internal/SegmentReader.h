@@ -29,6 +29,7 @@ public:
     explicit SegmentDirectory(const StoredDirectory& stored);
 
     std::uint64_t Salt() const { return salt_; }
+    bool HasLeading() const { return hasLeading_; }
     void Add(const BlockRef& block);
     /// The block with this record.
     std::optional<BlockRef> Find(std::uint32_t track, std::uint64_t serial) const;
