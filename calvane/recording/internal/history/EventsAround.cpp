@@ -1,6 +1,7 @@
 #include "calvane/recording/internal/history/EventsAround.h"
 
 #include <algorithm>
+#include <iterator>
 #include <utility>
 
 #include "calvane/recording/internal/TrackLock.h"
@@ -12,7 +13,7 @@ using boost::posix_time::ptime;
 
 namespace {
 
-constexpr std::size_t kMostKept = 64; // Of each track: weeks, where recording goes on for hours.
+constexpr std::size_t kMostKept = 256; // Of each track: months, where recording goes on for hours.
 
 ptime timeOf(const std::optional<HistoryEvent>& event) {
     return event ? event->time : ptime();
@@ -26,11 +27,9 @@ EventsAround::Events EventsAround::find(const ptime& t, track_type type) {
         const std::lock_guard<std::mutex> lock(_mutex);
         if (_version == version) {
             std::vector<Stretch>& kept = _kept[type];
-            const auto found = std::find_if(kept.begin(), kept.end(),
-                                            [&](const Stretch& stretch) { return stretch.has(t); });
-            if (found != kept.end()) {
-                std::rotate(kept.begin(), found, std::next(found));
-                return kept.front().events;
+            const auto behind = firstAfter(kept, t);
+            if (behind != kept.begin() && std::prev(behind)->reaches(t)) {
+                return std::prev(behind)->events;
             }
         }
     }
@@ -61,8 +60,16 @@ void EventsAround::keep(const Stretch& stretch, track_type type, const Version& 
         _version = version;
     }
     std::vector<Stretch>& kept = _kept[type];
-    kept.resize(std::min(kept.size(), kMostKept - 1));
-    kept.insert(kept.begin(), stretch);
+    if (kept.size() == kMostKept) {
+        kept.clear();
+    }
+    kept.insert(firstAfter(kept, stretch.from), stretch);
+}
+
+std::vector<EventsAround::Stretch>::iterator EventsAround::firstAfter(std::vector<Stretch>& kept,
+                                                                      const ptime& t) {
+    return std::upper_bound(kept.begin(), kept.end(), t,
+                            [](const ptime& time, const Stretch& stretch) { return time < stretch.from; });
 }
 
 } // namespace quarn::calvane

@@ -13,7 +13,7 @@
 namespace quarn::calvane {
 
 /// What the history says around a time: HistoryReader::findLast and findNext. Clients ask for many times between the same
-/// two events, so the last answers are kept as long as the history stays as it is.
+/// two events, so answers are kept as long as the history stays as it is.
 ///
 /// Threads:  any, without locks of tracks held.
 /// Errors:   as HistoryReader.
@@ -37,18 +37,19 @@ private:
         Ptime from;
         Events events;
 
-        bool has(const Ptime& t) const { return from <= t && (!events.next || t < events.next->time); }
+        bool reaches(const Ptime& t) const { return !events.next || t < events.next->time; }
     };
     /// How often something was erased, and the size.
     using Version = std::pair<std::uint64_t, unsigned int>;
 
     Version versionOfHistory() const;
     void keep(const Stretch& stretch, track_type type, const Version& version);
+    static std::vector<Stretch>::iterator firstAfter(std::vector<Stretch>& kept, const Ptime& t);
 
     const RecordingTrack& _history;
     std::mutex _mutex;                                // Taken for work in memory only.
     Version _version;                                 // Of what is kept.
-    std::map<track_type, std::vector<Stretch>> _kept; // Used last in front.
+    std::map<track_type, std::vector<Stretch>> _kept; // By `from`.
 };
 
 } // namespace quarn::calvane
