@@ -110,6 +110,7 @@ void RecordingTrack::awaitWriter() const {
 void RecordingTrack::setLatestToNewestRecord() {
     const TrackLock lock(*_track);
     ++_erasings;
+    ++_losses;
     const unsigned int size = _track->size();
     const std::optional<unsigned int> newest = findLastReadableIndex(size);
     if (newest || size == 0) { // Where no record can be read the card may be just going.
@@ -220,6 +221,7 @@ void RecordingTrack::notifyRecordingDataPresentChange(const ptime& t, bool prese
 
 void RecordingTrack::onEraseRangeSignal(unsigned int first, unsigned int last) {
     ++_erasings;
+    _sizeAtErasing = _track->size();
     _hidden = last <= _hidden ? _hidden - (last - first) : std::min(first, _hidden);
     forgetSeen(first, last);
     if (_trackType == kHistoryTrack) {

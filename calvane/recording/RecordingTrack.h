@@ -75,6 +75,9 @@ public:
     bool timestampLessThan(unsigned int index, const Ptime& t) const;
     /// The times of the first and the last record that can be read; false, and nothing set, if there are none.
     bool getRecordingTimePeriod(Ptime& first, Ptime& last) const;
+    /// The same; it reads nothing where it has been asked before and no record has come or gone since. For telling what is
+    /// there: who erases looks for himself, since the card may just be going.
+    bool getKnownTimePeriod(Ptime& first, Ptime& last) const;
     /// The first record of exactly this time, otherwise the first of those of the last time before it.
     unsigned int getTrackIndex(const Ptime& t) const;
     /// The same; before all data it is 0, behind all data the last index.
@@ -148,11 +151,19 @@ private:
     struct Place {
         std::int64_t ticks;
         unsigned int index;
+        unsigned int losses = 0; ///< `_losses` when it was read.
     };
     /// A record that can be read.
     struct Stamp {
         unsigned int index;
         Ptime time;
+    };
+    /// The times of the first and the last record that can be read, with what they hold for.
+    struct Period {
+        std::uint64_t erasings;
+        unsigned int size;
+        Ptime first;
+        Ptime last;
     };
 
     void requireNothingBehind(const Ptime& t) const;
@@ -172,6 +183,7 @@ private:
     bool lookAt(Bracket& bracket, double place) const;
     std::vector<Place>::iterator firstSeenNotBefore(std::int64_t ticks) const;
     void noteSeen(const Bracket& found) const;
+    std::optional<Bracket> findSeenGap(const Ptime& t) const;
     void forgetSeen(unsigned int first, unsigned int last);
     bool adoptTrack(drenn::multi_track_recorder::Recording& recording);
     void reportErased(unsigned int first, unsigned int last) const;
@@ -186,12 +198,15 @@ private:
     Ptime _latestTimestamp; // Guarded by _latestMutex, which is held for nothing else.
     boost::shared_ptr<drenn::multi_track_recorder::Track> _track;
     boost::signals2::connection _eraseRangeConnection;
-    // By time. Only where searches begin to look: what they find is checked, since records are erased and lost. Guarded by
-    // the track's lock.
+    // By time. Where searches begin to look: what they find is checked, since records are erased and lost. Guarded by the
+    // track's lock.
     mutable std::vector<Place> _seen;
     mutable std::set<std::string> _passedOver; // What the log has been told. Guarded by the track's lock.
     unsigned int _hidden = 0;                  // So many of the oldest records. Guarded by the track's lock.
     std::uint64_t _erasings = 0;               // Likewise.
+    unsigned int _losses = 0;              // How often records may have been lost with the card. Likewise.
+    unsigned int _sizeAtErasing = 0;       // With what was just about to be erased. Likewise.
+    mutable std::optional<Period> _period; // Found last. Likewise.
     std::atomic<std::uint64_t> _writtenRecords{0};
     std::atomic<std::uint64_t> _writtenBytes{0};
     std::atomic<std::uint64_t> _refusedRecords{0};

@@ -255,17 +255,37 @@ void RecordingTrack::noteSeen(const Bracket& found) const {
         const auto behind = firstSeenNotBefore(place.ticks);
         if (behind == _seen.end() || behind->ticks != place.ticks) {
             _seen.insert(behind, place);
+        } else {
+            *behind = place;
         }
     };
-    note({found.lowTicks, found.low});
+    note({found.lowTicks, found.low, _losses});
     if (isGap) {
-        note({found.highTicks, found.high});
+        note({found.highTicks, found.high, _losses});
     }
 }
 
-/// Within the lock.
+/// Within the lock: the gap that the time lies in, if a search ended there.
+std::optional<RecordingTrack::Bracket> RecordingTrack::findSeenGap(const ptime& t) const {
+    if (t.is_special()) {
+        return std::nullopt;
+    }
+    const std::int64_t wanted = ticksFromTime(t);
+    const auto high = firstSeenNotBefore(wanted);
+    if (high == _seen.begin() || high == _seen.end()) {
+        return std::nullopt;
+    }
+    const Place& low = *std::prev(high);
+    const bool isGap = low.index + 1 == high->index && low.index >= _hidden;
+    const bool isAsRead = low.losses == _losses && high->losses == _losses;
+    return isGap && isAsRead
+               ? std::make_optional(Bracket{wanted, low.index, high->index, low.ticks, high->ticks})
+               : std::nullopt;
+}
+
+/// Within the lock. With the one behind them, so that two are not next to each other because of an erasure that may yet fail.
 void RecordingTrack::forgetSeen(unsigned int first, unsigned int last) {
-    const auto isErased = [&](const Place& seen) { return first <= seen.index && seen.index < last; };
+    const auto isErased = [&](const Place& seen) { return first <= seen.index && seen.index <= last; };
     _seen.erase(std::remove_if(_seen.begin(), _seen.end(), isErased), _seen.end());
     for (Place& seen : _seen) {
         seen.index -= seen.index < last ? 0 : last - first;
@@ -340,7 +360,10 @@ std::optional<RecordingTrack::Surroundings> RecordingTrack::findKnownAround(cons
 
 std::optional<RecordingTrack::Surroundings> RecordingTrack::findAround(const ptime& t) const {
     const TrackLock lock(*_track);
-    const std::optional<Bracket> found = findReadableNeighbours(t);
+    std::optional<Bracket> found = findSeenGap(t);
+    if (!found) {
+        found = findReadableNeighbours(t);
+    }
     if (!found) {
         return std::nullopt;
     }

@@ -143,4 +143,19 @@ bool RecordingTrack::getRecordingTimePeriod(ptime& first, ptime& last) const {
     return true;
 }
 
+bool RecordingTrack::getKnownTimePeriod(ptime& first, ptime& last) const {
+    const TrackLock lock(*_track);
+    const unsigned int size = _track->size();
+    if (_period && _period->erasings == _erasings && _period->size == size) {
+        first = _period->first;
+        last = _period->last;
+        return true;
+    }
+    const bool isThere = getRecordingTimePeriod(first, last);
+    if (isThere && size != _sizeAtErasing) { // Otherwise it may be of records that are gone in a moment.
+        _period = {_erasings, size, first, last};
+    }
+    return isThere;
+}
+
 } // namespace quarn::calvane

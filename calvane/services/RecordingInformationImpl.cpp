@@ -97,7 +97,7 @@ unsigned int RecordingInformationImpl::getTrackSummary(unsigned int trackType, u
     }
     ptime first;
     ptime last;
-    if (session.card().track(static_cast<track_type>(trackType)).getRecordingTimePeriod(first, last)) {
+    if (session.card().track(static_cast<track_type>(trackType)).getKnownTimePeriod(first, last)) {
         updateRange(first, last, *firstSec, *firstUsec, *lastSec, *lastUsec);
     }
     return 0;

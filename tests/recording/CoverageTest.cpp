@@ -326,6 +326,33 @@ TEST_F(Coverage, AGapWithinASegmentIsNoDataAndOtherwiseNothingIsRead) {
     EXPECT_EQ(StateAt(1500), "0000");
 }
 
+TEST_F(Coverage, AGapThatWasFoundLiesBetweenTheRecordsOfNow) {
+    Write(VIDEO_TRACK, {1, 2, 3, 4, 1001, 1002, 2001, 2002});
+    const auto around = [](double time) {
+        const auto found = TrackOf(VIDEO_TRACK).findAround(At(time));
+        return found ? Number(SecondsOf(found->before)) + " " + Number(SecondsOf(found->behind)) : "";
+    };
+    const auto erase = [](unsigned first, unsigned last) {
+        TrackOf(VIDEO_TRACK).getTrack()->eraseRange(first, last);
+    };
+    for (int times = 0; times < 2; ++times) {
+        EXPECT_EQ(around(500), "4 1001");
+        EXPECT_EQ(around(1001), "1001 1001");
+        EXPECT_EQ(around(1500), "1002 2001");
+    }
+    erase(0, 1);
+    EXPECT_EQ(around(500), "4 1001");
+    erase(3, 5); // What was between two gaps.
+    EXPECT_EQ(around(1500), "4 2001");
+    EXPECT_EQ(around(500), "4 2001");
+    erase(2, 3);
+    EXPECT_EQ(around(500), "3 2001");
+    erase(2, 3);
+    EXPECT_EQ(around(500), "3 2002");
+    TrackOf(VIDEO_TRACK).hideBefore(At(100));
+    EXPECT_EQ(around(500), "");
+}
+
 // Most questions about one time are answered by the records next to it.
 TEST_F(Coverage, OneTimeIsToldAsTheSpanAroundIt) {
     std::mt19937 random(11);

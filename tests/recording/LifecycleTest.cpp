@@ -248,6 +248,9 @@ TEST_F(Lifecycle, LookUpsBelieveNothingOfRecordsThatWereLostWithTheCard) {
     AwaitLine(capture, "The card is back; recording goes on");
     Write(VIDEO_TRACK, {50, 60, 70, 80, 90});
     ASSERT_THAT(TimesOf(VIDEO_TRACK), ElementsAre(1, 2, 3, 4, 5, 50, 60, 70, 80, 90));
+    const auto around = TrackOf(VIDEO_TRACK).findAround(At(7.5));
+    ASSERT_TRUE(around);
+    EXPECT_EQ(around->behind, At(50));
     EXPECT_EQ(TrackOf(VIDEO_TRACK).getTrackIndex(At(7.5)), 4U);
     EXPECT_EQ(TrackOf(VIDEO_TRACK).getTrackIndex(At(55)), 5U);
 }

@@ -284,6 +284,31 @@ TEST_F(Track, TheLimitOfTimeErasesWhatIsOlder) {
     EXPECT_EQ(SizeOf(VIDEO_TRACK), 1U);
 }
 
+TEST_F(Track, APeriodThatIsAskedForAgainIsTheOneOfNow) {
+    ptime first;
+    ptime last;
+    const auto period = [&] {
+        EXPECT_TRUE(TrackOf(VIDEO_TRACK).getKnownTimePeriod(first, last));
+        return std::pair(SecondsOf(first), SecondsOf(last));
+    };
+    Write(VIDEO_TRACK, {1, 2, 3});
+    EXPECT_EQ(period(), std::pair(1.0, 3.0));
+    Write(VIDEO_TRACK, {4});
+    EXPECT_EQ(period(), std::pair(1.0, 4.0));
+    TrackOf(VIDEO_TRACK).hideBefore(At(1.5));
+    EXPECT_EQ(period(), std::pair(2.0, 4.0));
+    TrackOf(VIDEO_TRACK).hideBefore(ptime());
+    EXPECT_EQ(period(), std::pair(1.0, 4.0));
+    // As many as before, but others. Whoever asks while they are being erased sees them still.
+    const boost::signals2::scoped_connection asker =
+        TrackOf(VIDEO_TRACK).getTrack()->connectToEraseRangeSignal([&](unsigned, unsigned) {
+            EXPECT_EQ(period(), std::pair(1.0, 4.0));
+        });
+    TrackOf(VIDEO_TRACK).getTrack()->eraseRange(0, 1);
+    Write(VIDEO_TRACK, {5});
+    EXPECT_EQ(period(), std::pair(2.0, 5.0));
+}
+
 TEST_F(Track, PeriodsAndFollowingDataSpanTheTracks) {
     ptime first;
     ptime last;

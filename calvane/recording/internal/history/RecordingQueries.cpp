@@ -21,7 +21,7 @@ bool RecordingQueries::getRecordingTimePeriod(ptime& first, ptime& last) const {
     for (const auto& [type, track] : _card.dataTracks()) {
         ptime trackFirst;
         ptime trackLast;
-        if (track->getRecordingTimePeriod(trackFirst, trackLast)) {
+        if (track->getKnownTimePeriod(trackFirst, trackLast)) {
             updateEarliest(first, trackFirst);
             updateLatest(last, trackLast);
         }
